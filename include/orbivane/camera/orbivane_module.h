@@ -1,0 +1,108 @@
+// One sensor module of a panoramic camera: its name (its identity), mounting
+// rotation, geometry, shader chain, reference picture, and what reaches its
+// recording system. Copies are deep: a copy owns its own geometry and linkage,
+// shares the (immutable) picture, and keeps only a weak reference to its
+// neighbour module.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "orbivane/camera/orbivane_linkage.h"
+#include "orbivane/camera/quarn_connection.h"
+#include "orbivane/export.h"
+#include "orbivane/geometry/geometry.h"
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/shader.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/optional.h"
+
+namespace CameraDescription {
+
+class ORBIVANE_EXPORT OrbivaneModule {
+ public:
+  explicit OrbivaneModule(std::wstring name = std::wstring());
+  OrbivaneModule(const OrbivaneModule& other);
+  OrbivaneModule& operator=(const OrbivaneModule& other);
+  OrbivaneModule(OrbivaneModule&& other) noexcept;
+  OrbivaneModule& operator=(OrbivaneModule&& other) noexcept;
+  ~OrbivaneModule();
+
+  const std::wstring& name() const { return name_; }
+  void setName(std::wstring name) { name_ = std::move(name); }
+
+  // Mounting rotation in degrees, clockwise; blur scores and displays undo it.
+  std::int32_t rotation() const { return rotation_; }
+  void setRotation(std::int32_t degrees) { rotation_ = degrees; }
+
+  // The geometry, or null when the module has none. setGeometry counts the
+  // geometry revision up.
+  const OrbivaneGeometry::Geometry* geometry() const { return geometry_.geometry.get(); }
+  OrbivaneGeometry::Geometry* geometry() { return geometry_.geometry.get(); }
+  void setGeometry(std::unique_ptr<OrbivaneGeometry::Geometry> geometry);
+  std::uint32_t geometryRevision() const { return geometry_.revision; }
+  // The geometry when it is a MatrixGeometry, else null.
+  const OrbivaneGeometry::MatrixGeometry* matrixGeometry() const;
+  OrbivaneGeometry::MatrixGeometry* matrixGeometry();
+
+  const OrbivaneLinkage* linkage() const { return geometry_.linkage.get(); }
+  void setLinkage(std::unique_ptr<OrbivaneLinkage> linkage) { geometry_.linkage = std::move(linkage); }
+
+  const std::list<OrbivaneGeometry::Shader>& shaders() const { return content_.shaders; }
+  std::list<OrbivaneGeometry::Shader>& shaders() { return content_.shaders; }
+  void setShaders(std::list<OrbivaneGeometry::Shader> shaders) { content_.shaders = std::move(shaders); }
+
+  const std::shared_ptr<Image::UniversalImageInterface>& image() const { return content_.image; }
+  void setImage(std::shared_ptr<Image::UniversalImageInterface> image) { content_.image = std::move(image); }
+  // Where the picture came from (a file path, empty if unknown).
+  const std::string& imagePath() const { return content_.imagePath; }
+  void setImagePath(std::string path) { content_.imagePath = std::move(path); }
+
+  // The module's channel on its recording system.
+  std::int32_t channel() const { return channel_; }
+  void setChannel(std::int32_t channel) { channel_ = channel; }
+
+  // The next module of the stitching chain; the module does not keep it alive.
+  std::shared_ptr<OrbivaneModule> neighbour() const { return neighbour_.lock(); }
+  void setNeighbour(const std::shared_ptr<OrbivaneModule>& neighbour) { neighbour_ = neighbour; }
+  long neighbourUseCount() const { return neighbour_.use_count(); }
+
+  const Utils::Optional<Quarn::QuarnConnection>& connection() const { return connection_; }
+  void setConnection(Utils::Optional<Quarn::QuarnConnection> connection) { connection_ = std::move(connection); }
+
+  // Whether the lens is a fisheye that projects a circle onto the sensor.
+  bool fisheye() const { return fisheye_; }
+  void setFisheye(bool fisheye) { fisheye_ = fisheye; }
+
+  // The module's own grey threshold for finding its lens circle, if it has one.
+  Utils::Optional<std::int16_t> fisheyeThreshold() const;
+  void setFisheyeThreshold(Utils::Optional<std::int16_t> threshold);
+
+ private:
+  struct GeometryRecord {
+    std::uint32_t revision = 0;
+    std::unique_ptr<OrbivaneGeometry::Geometry> geometry;
+    std::unique_ptr<OrbivaneLinkage> linkage;
+  };
+  struct Content {
+    std::list<OrbivaneGeometry::Shader> shaders;
+    std::shared_ptr<Image::UniversalImageInterface> image;
+    std::string imagePath;
+  };
+
+  void copyFrom(const OrbivaneModule& other);
+
+  std::wstring name_;
+  std::int32_t rotation_ = 0;
+  GeometryRecord geometry_;
+  Content content_;
+  std::int32_t channel_ = 0;
+  std::weak_ptr<OrbivaneModule> neighbour_;
+  Utils::Optional<Quarn::QuarnConnection> connection_;
+  bool fisheye_ = false;
+  std::unique_ptr<std::int16_t> fisheyeThreshold_;
+};
+
+}  // namespace CameraDescription

@@ -1,0 +1,170 @@
+// Pictures to and from OpenCV matrices and files, and the turning rule.
+#include "orbivane/image/image_conversion.h"
+
+#include <sys/stat.h>
+
+#include <cmath>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/image/yuv_image.h"
+#include "utils/atomic_file.h"
+
+namespace Image {
+
+cv::Mat toMat(const UniversalImageInterface& image) {
+  if (const auto* rgb = dynamic_cast<const RGBImageInterface*>(&image)) {
+    const int mapping = rgb->mapping();
+    const int bpp = RGBImageInterface::bytesPerPixel(mapping);
+    if (rgb->empty()) return cv::Mat();
+    const cv::Mat view(rgb->height(), rgb->width(), CV_8UC(bpp), const_cast<std::uint8_t*>(rgb->data()),
+                       rgb->stride());
+    cv::Mat out;
+    switch (mapping) {
+      case kMappingBGR:
+        return view.clone();
+      case kMappingBGRA:
+        cv::cvtColor(view, out, cv::COLOR_BGRA2BGR);
+        return out;
+      case kMappingRGB:
+        cv::cvtColor(view, out, cv::COLOR_RGB2BGR);
+        return out;
+      case kMappingRGBA:
+        cv::cvtColor(view, out, cv::COLOR_RGBA2BGR);
+        return out;
+      case kMappingARGB: {
+        out.create(view.rows, view.cols, CV_8UC3);
+        const int from_to[] = {3, 0, 2, 1, 1, 2};  // B, G, R out of A, R, G, B
+        cv::mixChannels(&view, 1, &out, 1, from_to, 3);
+        return out;
+      }
+      default:
+        break;
+    }
+  }
+  if (const auto* yuv = dynamic_cast<const YUVImage*>(&image)) {
+    return toMat(*yuv->toRGB(kMappingBGR));
+  }
+  throw std::invalid_argument("toMat: picture kind not known to the image model");
+}
+
+cv::Mat toMat(const std::shared_ptr<UniversalImageInterface>& image) {
+  if (!image) throw std::invalid_argument("toMat: no picture (null pointer)");
+  return toMat(*image);
+}
+
+std::shared_ptr<RGBImage> fromMat(const cv::Mat& mat) {
+  if (mat.depth() != CV_8U || (mat.channels() != 1 && mat.channels() != 3 && mat.channels() != 4)) {
+    throw std::invalid_argument("fromMat: expected an 8-bit matrix with 1, 3 or 4 channels, got " +
+                                cv::typeToString(mat.type()));
+  }
+  if (mat.dims > 2) throw std::invalid_argument("fromMat: expected a two-dimensional matrix");
+  cv::Mat source = mat;
+  if (mat.channels() == 1) cv::cvtColor(mat, source, cv::COLOR_GRAY2BGR);
+  const int mapping = source.channels() == 4 ? kMappingBGRA : kMappingBGR;
+  if (source.empty()) return std::make_shared<RGBImage>(source.cols, source.rows, mapping);
+  return std::make_shared<RGBImage>(source.cols, source.rows, mapping, source.data, source.step[0]);
+}
+
+Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::string& path) {
+  struct stat info {};
+  if (path.empty() || ::stat(path.c_str(), &info) != 0) {
+    return Utils::failure("cannot read picture '" + path + "': no such file");
+  }
+  if (S_ISDIR(info.st_mode)) return Utils::failure("cannot read picture '" + path + "': it is a folder");
+  cv::Mat mat;
+  try {
+    mat = cv::imread(path, cv::IMREAD_UNCHANGED);
+  } catch (const cv::Exception& e) {
+    return Utils::failure("cannot read picture '" + path + "': " + e.what());
+  }
+  if (mat.empty()) {
+    return Utils::failure("cannot read picture '" + path + "': not a picture that can be decoded (corrupt or unknown format)");
+  }
+  if (mat.depth() == CV_16U) {
+    mat.convertTo(mat, CV_8U, 1.0 / 257.0);
+  } else if (mat.depth() != CV_8U) {
+    cv::Mat scaled;
+    cv::normalize(mat, scaled, 0, 255, cv::NORM_MINMAX, CV_8U);
+    mat = scaled;
+  }
+  if (mat.channels() == 2) {  // grey with alpha: keep the grey
+    cv::Mat grey;
+    cv::extractChannel(mat, grey, 0);
+    mat = grey;
+  }
+  auto image = fromMat(mat);
+  image->setTimestamp(static_cast<std::int64_t>(info.st_mtime) * 1000);
+  return image;
+}
+
+Utils::ReturnState<bool, std::string> saveMat(const cv::Mat& mat, const std::string& path) {
+  if (mat.empty()) return Utils::failure("cannot write picture '" + path + "': the picture is empty");
+  const std::size_t dot = path.find_last_of('.');
+  const std::size_t slash = path.find_last_of('/');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) {
+    return Utils::failure("cannot write picture '" + path + "': the name has no extension (such as .png)");
+  }
+  std::vector<unsigned char> bytes;
+  try {
+    if (!cv::imencode(path.substr(dot), mat, bytes)) {
+      return Utils::failure("cannot write picture '" + path + "': encoding failed");
+    }
+  } catch (const cv::Exception& e) {
+    return Utils::failure("cannot write picture '" + path + "': " + e.err);
+  }
+  return Utils::writeFileAtomically(path, std::string(bytes.begin(), bytes.end()));
+}
+
+Utils::ReturnState<bool, std::string> saveImage(const UniversalImageInterface& image, const std::string& path) {
+  const auto* rgb = dynamic_cast<const RGBImage*>(&image);
+  if (rgb != nullptr && rgb->channels() == 4 && !rgb->empty()) {  // keep the alpha channel
+    const auto bgra = rgb->converted(kMappingBGRA);
+    const cv::Mat view(bgra->height(), bgra->width(), CV_8UC4, bgra->data(), bgra->stride());
+    return saveMat(view, path);
+  }
+  return saveMat(toMat(image), path);
+}
+
+Turn turnFor(double degrees) {
+  if (!std::isfinite(degrees)) return Turn::kNone;
+  double r = std::fmod(degrees, 360.0);
+  if (r < 0.0) r += 360.0;
+  if (r < 45.0 || r > 315.0) return Turn::kKeep;
+  if (std::fabs(r - 180.0) < 45.0) return Turn::kHalf;
+  if (std::fabs(r - 90.0) < 45.0) return Turn::kQuarterClockwise;
+  if (std::fabs(r - 270.0) < 45.0) return Turn::kQuarterCounterClockwise;
+  return Turn::kNone;
+}
+
+void turnByRotation(const cv::Mat& source, cv::Mat& turned, double degrees) {
+  switch (turnFor(degrees)) {
+    case Turn::kKeep:
+      source.copyTo(turned);
+      return;
+    case Turn::kHalf:
+      cv::flip(source, turned, -1);
+      return;
+    case Turn::kQuarterClockwise: {
+      cv::Mat t;
+      cv::transpose(source, t);
+      cv::flip(t, turned, 1);
+      return;
+    }
+    case Turn::kQuarterCounterClockwise: {
+      cv::Mat t;
+      cv::transpose(source, t);
+      cv::flip(t, turned, 0);
+      return;
+    }
+    case Turn::kNone:
+      return;
+  }
+}
+
+}  // namespace Image

@@ -1,0 +1,60 @@
+// orbivane-calibrate: runs the library's calibrators on real files.
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include <unistd.h>
+
+#include <opencv2/core/utility.hpp>
+
+#include "command_line.h"
+
+namespace {
+
+// Shader files are looked up, among others, in %ProgramData%\Hollbrink\Shaders\.
+// Point ProgramData at the shaders that come with this program, unless the
+// user has set it.
+void pointAtBundledShaders(const char* argv0) {
+  if (std::getenv("ProgramData") != nullptr) return;
+  std::string self;
+  char buffer[4096];
+  const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+  if (n > 0) {
+    buffer[n] = '\0';
+    self = buffer;
+  } else {
+    self = argv0;
+  }
+  const std::size_t slash = self.find_last_of('/');
+  const std::string beside = (slash == std::string::npos ? std::string(".") : self.substr(0, slash)) + "/../share/orbivane";
+  const std::string chosen = ::access((beside + "/Hollbrink/Shaders").c_str(), R_OK) == 0
+                                 ? beside
+                                 : std::string(ORBIVANE_INSTALL_DATADIR) + "/orbivane";
+  ::setenv("ProgramData", chosen.c_str(), 0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  pointAtBundledShaders(argv[0]);
+  cv::setNumThreads(static_cast<int>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN))));
+
+  CLI::App app{"orbivane-calibrate: calibrates multi-sensor panoramic cameras from real pictures"};
+  app.set_version_flag("--version", std::string("orbivane-calibrate ") + ORBIVANE_VERSION);
+  app.require_subcommand(1);
+  Tool::addCameraCommands(app);
+  Tool::addBlurCommand(app);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  } catch (const Tool::CommandError& e) {
+    std::cerr << "orbivane-calibrate: " << e.what() << std::endl;
+    return 1;
+  } catch (const std::exception& e) {
+    std::cerr << "orbivane-calibrate: " << e.what() << std::endl;
+    return 1;
+  }
+  return 0;
+}
