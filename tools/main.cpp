@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <opencv2/core/utility.hpp>
+#include <opencv2/core/utils/logger.hpp>
 
 #include "command_line.h"
 
@@ -37,6 +38,8 @@ void pointAtBundledShaders(const char* argv0) {
 
 int main(int argc, char** argv) {
   pointAtBundledShaders(argv[0]);
+  // Errors reach the user as one clear line; OpenCV's own warnings would only repeat them.
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
   cv::setNumThreads(static_cast<int>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN))));
 
   CLI::App app{"orbivane-calibrate: calibrates multi-sensor panoramic cameras from real pictures"};

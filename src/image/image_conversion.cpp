@@ -84,7 +84,7 @@ Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::
     return Utils::failure("cannot read picture '" + path + "': " + e.what());
   }
   if (mat.empty()) {
-    return Utils::failure("cannot read picture '" + path + "': not a picture that can be decoded (corrupt or unknown format)");
+    return Utils::failure("cannot read picture '" + path + "': it cannot be decoded (corrupt or unknown format)");
   }
   if (mat.depth() == CV_16U) {
     mat.convertTo(mat, CV_8U, 1.0 / 257.0);

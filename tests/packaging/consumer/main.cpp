@@ -1,0 +1,18 @@
+// A host application that links the installed library.
+#include <iostream>
+
+#include <orbivane/calibration.h>
+
+int main() {
+  CameraDescription::Orbivane camera;
+  CameraDescription::OrbivaneModule module(L"front");
+  module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::translation(0.25f, 0.0f)));
+  camera.addModule(module);
+  const auto found = CameraDescription::findModule(camera, L"front");
+  const auto shader = OrbivaneGeometry::clipMatrixShader(found->matrixGeometry()->matrix());
+  auto picture = std::make_shared<Image::RGBImage>(64, 48, Image::kMappingBGR);
+  const int score = BlurDetection::estimateBlur(picture, 0);
+  if (!found || *shader.parameter("f_clipMatrix_m02") != "0.250000" || score != 0) return 1;
+  std::cout << "consumer ok" << std::endl;
+  return 0;
+}

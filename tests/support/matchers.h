@@ -1,0 +1,56 @@
+// Matchers with named tolerances, so accuracy tests read like their claim:
+//   EXPECT_THAT(found, MatrixNear(truth, 1e-6));
+//   EXPECT_THAT(found, HomographyNear(truth, 0.05, 1280, 720));
+//   EXPECT_THAT(picture, PictureNear(expected, 2));
+#pragma once
+
+#include <cmath>
+
+#include <gmock/gmock.h>
+#include <opencv2/core.hpp>
+
+#include "orbivane/utils/matrix4x4.h"
+
+namespace Testing {
+
+// Every element within `tolerance` of the truth.
+MATCHER_P2(MatrixNear, truth, tolerance, "every element within " + ::testing::PrintToString(tolerance)) {
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) {
+      const double d = std::fabs(double(arg.get(r, c)) - double(truth.get(r, c)));
+      if (!(d <= tolerance)) {
+        *result_listener << "element (" << r << ", " << c << ") is " << arg.get(r, c) << ", expected "
+                         << truth.get(r, c);
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// Mean corner error in pixels of a width x height picture mapped by two 3x3
+// homographies.
+double cornerError(const cv::Matx33d& found, const cv::Matx33d& truth, int width, int height);
+
+MATCHER_P4(HomographyNear, truth, pixels, width, height,
+           "maps the picture's corners within " + ::testing::PrintToString(pixels) + " px of the truth") {
+  const double e = cornerError(arg, truth, width, height);
+  *result_listener << "mean corner error " << e << " px";
+  return e <= pixels;
+}
+
+// Same size and type, and no element differs by more than `levels`.
+MATCHER_P2(PictureNear, expected, levels, "every pixel within " + ::testing::PrintToString(levels) + " levels") {
+  if (arg.size() != expected.size() || arg.type() != expected.type()) {
+    *result_listener << "size or type differs";
+    return false;
+  }
+  cv::Mat diff;
+  cv::absdiff(arg, expected, diff);
+  double worst = 0;
+  cv::minMaxLoc(diff.reshape(1), nullptr, &worst);
+  *result_listener << "largest difference " << worst;
+  return worst <= levels;
+}
+
+}  // namespace Testing

@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# The command-line host end to end: exit codes, one-line errors, the blur score
+# against Debian's python3-opencv as an independent oracle, camera files, and
+# what the library does with OrbivaneCalibration.cfg when it is loaded.
+set -u
+tool=$1
+data=$2
+failures=0
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+expect_eq() { [ "$1" == "$2" ] || fail "$3: got '$1', expected '$2'"; }
+
+oracle_blur() {  # picture, rotation (multiple of 90)
+  /usr/bin/python3 - "$1" "$2" <<'PY'
+import sys, cv2, numpy as np
+im = cv2.imread(sys.argv[1]); rot = int(sys.argv[2]) % 360
+im = {0: im, 90: cv2.rotate(im, cv2.ROTATE_90_CLOCKWISE), 180: cv2.rotate(im, cv2.ROTATE_180),
+      270: cv2.rotate(im, cv2.ROTATE_90_COUNTERCLOCKWISE)}[rot]
+g = cv2.cvtColor(im, cv2.COLOR_BGR2GRAY)
+lap = cv2.Laplacian(g, cv2.CV_64F, ksize=3)
+n = np.float32(g.shape[0]); m = np.ones(g.shape, np.uint8)
+for i in range(g.shape[0]):
+    f = np.float32(i)
+    if np.float32(0.66) * n < f < np.float32(0.68) * n or np.float32(0.49) * n < f < np.float32(0.51) * n:
+        m[i] = 0
+_, sd = cv2.meanStdDev(lap, mask=m)
+print(int(sd[0][0] * sd[0][0]))
+PY
+}
+
+cd "$work" || exit 1
+
+# --help and --version
+"$tool" --help | grep -q "blur" || fail "--help does not list the blur command"
+"$tool" --version | grep -q "^orbivane-calibrate [0-9]" || fail "--version"
+
+# blur against the oracle
+for picture in baboon.jpg building.jpg; do
+  for rotation in 0 90 180 270; do
+    ours=$("$tool" blur "$data/$picture" --rotation "$rotation" | tail -n 1)
+    theirs=$(oracle_blur "$data/$picture" "$rotation")
+    expect_eq "$ours" "$theirs" "blur $picture at $rotation"
+  done
+done
+
+# failures: non-zero status and one line on standard error
+"$tool" blur "$work/missing.png" >/dev/null 2>err.txt && fail "a missing picture must fail"
+expect_eq "$(wc -l <err.txt)" "1" "one error line for a missing picture"
+grep -q "missing.png" err.txt || fail "the error names the missing file"
+printf 'garbage' >broken.png
+"$tool" blur broken.png >/dev/null 2>err.txt && fail "a corrupt picture must fail"
+grep -q "cannot be decoded" err.txt || fail "corrupt picture message: $(cat err.txt)"
+"$tool" blur "$data/baboon.jpg" --rotation 45 >/dev/null 2>err.txt && fail "45 degrees must fail"
+grep -q "between two quarter turns" err.txt || fail "45 degrees message: $(cat err.txt)"
+"$tool" nonsense >/dev/null 2>&1 && fail "an unknown command must fail"
+
+# camera validate
+cp "$data/fruits.jpg" fruits.jpg
+cat >camera.json <<'JSON'
+{"format": "orbivane-camera", "version": 1, "name": "two",
+ "modules": [{"name": "left", "image": "fruits.jpg",
+              "geometry": {"type": "matrix", "matrix": [0.5,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]}},
+             {"name": "right", "geometry": {"type": "matrix", "matrix": [0.5,0,0,0.5, 0,1,0,0, 0,0,1,0, 0,0,0,1]}}]}
+JSON
+out=$("$tool" camera validate camera.json) || fail "camera validate of a good file"
+echo "$out" | grep -q "2 module(s)" || fail "summary counts modules: $out"
+echo "$out" | grep -q "left: matrix geometry covering x 0..0.5" || fail "summary of left: $out"
+echo "$out" | grep -q "picture 512x480" || fail "summary shows the picture size: $out"
+sed 's/"image"/"imagee"/' camera.json >bad.json
+"$tool" camera validate bad.json >/dev/null 2>err.txt && fail "an unknown key must fail"
+grep -q "bad.json" err.txt && grep -q "/modules/0" err.txt && grep -q "unknown key 'imagee'" err.txt ||
+  fail "unknown key message: $(cat err.txt)"
+
+# The configuration file at load time: an empty file gets the default text,
+# a missing one is not created, an active logger writes its file.
+mkdir empty missing active
+: >empty/OrbivaneCalibration.cfg
+(cd empty && "$tool" --version >/dev/null)
+expected=$(printf '{\n\t"Logger" :\n\t[\n\t\t\t{\n\t\t\t"Name" : "MatrixBasedMatchToBackground",\n\t\t\t"Active" : false,\n\t\t\t"File" : "common.log",\n\t\t\t"LogLevel" : "info",\n\t\t\t},\n\t\t\t{\n\t\t\t"Name" : "FisheyeCalibration",\n\t\t\t"Active" : false,\n\t\t\t"File" : "common.log",\n\t\t\t"LogLevel" : "info",\n\t\t\t},\n\t]\n}')
+[ "$(cat empty/OrbivaneCalibration.cfg)" == "$expected" ] || fail "default configuration text"
+[ "$(tail -c 1 empty/OrbivaneCalibration.cfg)" == "}" ] || fail "no line end after the closing brace"
+(cd missing && "$tool" --version >/dev/null)
+[ ! -e missing/OrbivaneCalibration.cfg ] || fail "a missing configuration must not be created"
+printf '{ "Logger" : [ { "Name" : "FisheyeCalibration", "Active" : true, "File" : "fish.log", "LogLevel" : "info" } ] }' \
+  >active/OrbivaneCalibration.cfg
+(cd active && "$tool" --version >/dev/null)
+[ -e active/fish.log ] || fail "an active logger opens its file at load time"
+
+if [ "$failures" -ne 0 ]; then
+  echo "$failures check(s) failed"
+  exit 1
+fi
+echo "all command-line checks passed"
