@@ -1,6 +1,7 @@
 // Reading and writing camera description files (JSON).
 #include "orbivane/camera/camera_file.h"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <set>
@@ -343,8 +344,19 @@ std::string cameraToJson(const Orbivane& camera, const std::string& baseDirector
   if (!camera.name().empty()) root["name"] = Utils::toUtf8(camera.name());
   if (!camera.panoramaSize().empty()) root["panoramaSize"] = {camera.panoramaSize().width, camera.panoramaSize().height};
   json modules = json::array();
+  std::set<std::wstring> names;
   for (const auto& module : camera.modules()) {
     if (!module) continue;
+    // Write only what loadCameraFile reads back.
+    if (module->name().empty()) throw std::invalid_argument("a module has an empty name");
+    if (!names.insert(module->name()).second) {
+      throw std::invalid_argument("two modules are named '" + Utils::toUtf8(module->name()) + "'");
+    }
+    const auto next = module->neighbour();
+    if (next && std::find(camera.modules().begin(), camera.modules().end(), next) == camera.modules().end()) {
+      throw std::invalid_argument("the neighbour of module '" + Utils::toUtf8(module->name()) +
+                                  "' is not part of the camera");
+    }
     json m;
     m["name"] = Utils::toUtf8(module->name());
     if (!module->imagePath().empty()) {

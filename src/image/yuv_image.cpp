@@ -1,5 +1,5 @@
-// Planar YUV picture; conversions use OpenCV's full-range BT.601 colour
-// transform with box-averaged chroma and bilinear chroma upsampling.
+// Planar YUV picture; conversions use OpenCV's full-range BT.601 (JPEG)
+// transform, YCrCb, with box-averaged chroma and bilinear chroma upsampling.
 #include "orbivane/image/yuv_image.h"
 
 #include <cstring>
@@ -82,9 +82,10 @@ std::shared_ptr<YUVImage> YUVImage::fromRGB(const RGBImageInterface& rgb, int su
   auto out = std::make_shared<YUVImage>(rgb.width(), rgb.height(), subsampling);
   if (rgb.empty()) return out;
   cv::Mat yuv;
-  cv::cvtColor(toMat(rgb), yuv, cv::COLOR_BGR2YUV);
-  cv::Mat planes[3];
-  cv::split(yuv, planes);
+  cv::cvtColor(toMat(rgb), yuv, cv::COLOR_BGR2YCrCb);
+  cv::Mat ycrcb[3];
+  cv::split(yuv, ycrcb);
+  cv::Mat planes[3] = {ycrcb[0], ycrcb[2], ycrcb[1]};  // Y, U (Cb), V (Cr)
   const int cw = out->planeWidth(1);
   const int ch = out->planeHeight(1);
   for (int p = 0; p < 3; ++p) {
@@ -113,9 +114,10 @@ std::shared_ptr<RGBImage> YUVImage::toRGB(int mapping) const {
       planes[p] = plane;
     }
   }
-  cv::Mat yuv, bgr;
-  cv::merge(planes, 3, yuv);
-  cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR);
+  cv::Mat ycrcb, bgr;
+  const cv::Mat ordered[3] = {planes[0], planes[2], planes[1]};  // Y, Cr, Cb
+  cv::merge(ordered, 3, ycrcb);
+  cv::cvtColor(ycrcb, bgr, cv::COLOR_YCrCb2BGR);
   auto out = fromMat(bgr);
   if (mapping != kMappingBGR) out = out->converted(mapping);
   out->setTimestamp(timestamp());

@@ -31,46 +31,51 @@ std::string toUtf8(const std::wstring& text) {
 }
 
 std::wstring fromUtf8(const std::string& text) {
+  // Invalid input (stray continuation bytes, cut-off sequences, overlong
+  // forms, surrogates, code points above U+10FFFF) becomes U+FFFD, and
+  // decoding goes on with the next byte.
+  constexpr wchar_t kReplacement = static_cast<wchar_t>(0xFFFD);
   std::wstring out;
   out.reserve(text.size());
-  std::size_t i = 0;
   const std::size_t n = text.size();
+  std::size_t i = 0;
   while (i < n) {
     const auto b = static_cast<unsigned char>(text[i]);
-    std::uint32_t c = 0;
-    int extra = 0;
     if (b < 0x80) {
-      c = b;
-    } else if ((b & 0xE0) == 0xC0) {
-      c = b & 0x1F, extra = 1;
+      out += static_cast<wchar_t>(b);
+      ++i;
+      continue;
+    }
+    int extra = 0;
+    std::uint32_t c = 0;
+    std::uint32_t smallest = 0;
+    if ((b & 0xE0) == 0xC0) {
+      extra = 1, c = b & 0x1Fu, smallest = 0x80;
     } else if ((b & 0xF0) == 0xE0) {
-      c = b & 0x0F, extra = 2;
+      extra = 2, c = b & 0x0Fu, smallest = 0x800;
     } else if ((b & 0xF8) == 0xF0) {
-      c = b & 0x07, extra = 3;
+      extra = 3, c = b & 0x07u, smallest = 0x10000;
     } else {
-      out += static_cast<wchar_t>(0xFFFD);
+      out += kReplacement;
       ++i;
       continue;
     }
-    if (i + static_cast<std::size_t>(extra) >= n) {  // sequence cut off at the end
-      out += static_cast<wchar_t>(0xFFFD);
-      break;
+    // Read as many continuation bytes as the lead byte announces; a sequence
+    // cut short (by the end or another byte) is replaced as a whole.
+    int read = 0;
+    while (read < extra && i + 1 + static_cast<std::size_t>(read) < n) {
+      const auto cont = static_cast<unsigned char>(text[i + 1 + static_cast<std::size_t>(read)]);
+      if ((cont & 0xC0) != 0x80) break;
+      c = (c << 6) | (cont & 0x3Fu);
+      ++read;
     }
-    bool valid = true;
-    for (int k = 1; k <= extra; ++k) {
-      const auto cont = static_cast<unsigned char>(text[i + static_cast<std::size_t>(k)]);
-      if ((cont & 0xC0) != 0x80) {
-        valid = false;
-        break;
-      }
-      c = (c << 6) | (cont & 0x3F);
-    }
-    if (!valid) {
-      out += static_cast<wchar_t>(0xFFFD);
-      ++i;
+    if (read < extra) {
+      out += kReplacement;
+      i += 1 + static_cast<std::size_t>(read);
       continue;
     }
-    out += static_cast<wchar_t>(c);
+    const bool legal = c >= smallest && c <= 0x10FFFF && !(c >= 0xD800 && c <= 0xDFFF);
+    out += legal ? static_cast<wchar_t>(c) : kReplacement;
     i += static_cast<std::size_t>(extra) + 1;
   }
   return out;

@@ -1,7 +1,8 @@
 // A multi-sensor panoramic camera: its modules in the camera's own order.
 // Copying a camera copies every module (so a copy's modules can be changed
 // without touching the source's) and re-points each module's neighbour
-// reference at the copy's own module of that name.
+// reference that leads into the source camera at the copy's module in the
+// same place; a neighbour outside the camera stays as it was.
 #pragma once
 
 #include <memory>
