@@ -16,5 +16,10 @@ struct CommandError : std::runtime_error {
 
 void addCameraCommands(CLI::App& app);
 void addBlurCommand(CLI::App& app);
+void addFisheyeCommand(CLI::App& app);
+void addResolutionCommand(CLI::App& app);
+void addSensorCommand(CLI::App& app);
+void addNeighbourCommand(CLI::App& app);
+void addAutoclipCommand(CLI::App& app);
 
 }  // namespace Tool

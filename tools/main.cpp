@@ -47,6 +47,11 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   Tool::addCameraCommands(app);
   Tool::addBlurCommand(app);
+  Tool::addFisheyeCommand(app);
+  Tool::addResolutionCommand(app);
+  Tool::addSensorCommand(app);
+  Tool::addNeighbourCommand(app);
+  Tool::addAutoclipCommand(app);
 
   try {
     app.parse(argc, argv);

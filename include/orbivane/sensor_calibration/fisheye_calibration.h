@@ -1,0 +1,53 @@
+// Fisheye centring: finds the bright lens circle in a picture of a fisheye
+// module, reports its centre and radius (pixels of the picture, pixel (0, 0)
+// centred on (0, 0)), draws it into the picture, and moves the module's
+// sensor window so that the circle sits in the middle of the window.
+// Logs on the logger "FisheyeCalibration".
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "orbivane/camera/orbivane_module.h"
+#include "orbivane/export.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/return_state.h"
+
+namespace SensorCalibration {
+
+class ORBIVANE_EXPORT FisheyeCalibration {
+ public:
+  struct CalibrationResults {
+    std::shared_ptr<Image::UniversalImageInterface> image;  // the input with the circle drawn in
+    float x = -1.0f;       // circle centre, pixels from the left edge; -1 without a valid circle
+    float y = -1.0f;       // pixels from the top edge; -1 without a valid circle
+    float radius = -1.0f;  // pixels; -1 without a valid circle
+  };
+
+  // Grey threshold 97 (says so on standard error).
+  explicit FisheyeCalibration(const CameraDescription::OrbivaneModule& module);
+  FisheyeCalibration(const CameraDescription::OrbivaneModule& module, int threshold);
+  virtual ~FisheyeCalibration();
+  FisheyeCalibration(const FisheyeCalibration&) = delete;
+  FisheyeCalibration& operator=(const FisheyeCalibration&) = delete;
+
+  int threshold() const;
+
+  // Finds the circle; never fails (an implausible circle gives -1 values).
+  CalibrationResults calculateCalibration(std::shared_ptr<Image::UniversalImageInterface> image);
+
+  // Moves the sensor window so that the last circle found comes to the middle
+  // of the picture, plus (x, y) sensor pixels. The new position is snapped to
+  // the steps toward plus infinity; a position beyond the limits is refused.
+  Utils::ReturnState<bool, std::string> apply(short x, short y);
+
+  // Puts the window back where the last apply found it; true at once when no
+  // apply moved it.
+  bool restore();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace SensorCalibration

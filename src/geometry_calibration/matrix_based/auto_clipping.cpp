@@ -1,0 +1,249 @@
+// Automatic clipping: builds the value map of the selected mode, searches it
+// for the best rectangle and turns that into offsets, gaps and a picture.
+#include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
+
+#include <cmath>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <string>
+
+#include <opencv2/core.hpp>
+#include <spdlog/logger.h>
+
+#include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
+#include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
+#include "logging/logger_setup.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+namespace {
+
+// The search steps of both passes (raster elements).
+constexpr int kStartStep = 16;
+constexpr int kMinStep = 1;
+// The iteration limit of the geometry-mode search.
+constexpr std::size_t kGeometryModeMaxIterations = 1000000;
+
+}  // namespace
+
+struct AutoClipping::Impl {
+  std::shared_ptr<CameraDescription::Orbivane> camera;
+  std::shared_ptr<spdlog::logger> logger = Utils::calibratorLogger("AutoClipping");
+  bool processed = false;
+  bool valueMode = false;
+  bool geometryMode = false;
+
+  // Value-mode input.
+  cv::Mat values;  // CV_32F, rows x cols
+  float weight = 1.0f;
+  std::size_t maxIterations = 0;
+
+  // Geometry-mode input.
+  bool requireOverlap = false;
+  bool keepAspect = false;
+  float threshold = 0.5f;
+
+  // Results.
+  std::vector<float> offset;
+  std::vector<int> gaps;
+  cv::Rect rect;
+  cv::Mat coverage;
+  cv::Mat inspection;
+  std::string error;
+  std::vector<std::string> skipped;
+
+  // Workspaces kept between passes (a pass over a 4K raster allocates less).
+  cv::Mat valueMap;
+  cv::Mat wellCovered;
+  cv::Mat integral;
+
+  bool fail(const std::string& message) {
+    error = message;
+    logger->error("{}", message);
+    return false;
+  }
+
+  void clearResults() {
+    offset.clear();
+    gaps.clear();
+    rect = cv::Rect();
+    coverage.release();
+    inspection.release();
+    error.clear();
+    skipped.clear();
+  }
+
+  // The coverage of the camera's modules; false (with the reason) when there
+  // is nothing to cover with.
+  bool buildCoverage() {
+    if (!camera) return fail("AutoClipping: no camera description");
+    if (camera->modules().empty()) return fail("AutoClipping: the camera has no modules");
+    const auto footprints = AutoClippingCoverage::collectFootprints(*camera, skipped);
+    for (const std::string& line : skipped) logger->warn("{}", line);
+    if (footprints.empty()) return fail("AutoClipping: no module of the camera can be projected onto the panorama");
+    const cv::Size raster = AutoClippingCoverage::rasterSize(camera->panoramaSize(), footprints);
+    AutoClippingCoverage::accumulateCoverage(footprints, raster, coverage);
+    logger->info("AutoClipping: coverage of {} module(s) on a {}x{} raster", footprints.size(), raster.width,
+                 raster.height);
+    return true;
+  }
+
+  bool search(std::size_t limit) {
+    const auto found = AutoClippingSearch::findMaxValueRect(valueMap, kMinStep, kStartStep, limit, integral);
+    if (!found) {
+      return fail("AutoClipping: no rectangle found within the iteration limit of " + std::to_string(limit));
+    }
+    rect = *found;
+    return true;
+  }
+
+  void finish() {
+    offset = AutoClippingCoverage::offsetsOf(rect, coverage.size());
+    gaps = AutoClippingCoverage::listGaps(wellCovered, rect);
+    inspection = AutoClippingCoverage::drawInspection(coverage, wellCovered, rect);
+    logger->info("AutoClipping: rectangle x {} y {} width {} height {}, offsets {} {} {} {}, {} hole(s)", rect.x,
+                 rect.y, rect.width, rect.height, offset[0], offset[1], offset[2], offset[3], gaps.size() / 5);
+    processed = true;
+  }
+
+  bool valuePass() {
+    if (values.empty()) {
+      // Searching an empty value map reports the input error.
+      cv::Mat none;
+      AutoClippingSearch::findMaxValueRect(values, kMinStep, kStartStep, maxIterations, none);
+      return fail("AutoClipping: the value map is empty");
+    }
+    if (!cv::checkRange(values)) return fail("AutoClipping: the value map holds values that are not finite (NaN)");
+    if (!std::isfinite(weight) || weight < 0.0f) {
+      return fail("AutoClipping: the weight must be a finite number of at least 0");
+    }
+    if (!buildCoverage()) return false;
+    AutoClippingCoverage::valueModeMap(coverage, values, weight, valueMap);
+    AutoClippingCoverage::wellCoveredMask(coverage, AutoClippingCoverage::kValueModeCovered, wellCovered);
+    if (cv::countNonZero(wellCovered) == 0) return fail("AutoClipping: the modules do not cover the panorama");
+    if (!search(maxIterations)) return false;
+    finish();
+    return true;
+  }
+
+  bool geometryPass() {
+    if (!std::isfinite(threshold) || threshold <= 0.0f || threshold > 1.0f) {
+      return fail("AutoClipping: the coverage threshold must lie in (0, 1]");
+    }
+    if (!buildCoverage()) return false;
+    AutoClippingCoverage::wellCoveredMask(coverage, (requireOverlap ? 1.0f : 0.0f) + threshold, wellCovered);
+    if (cv::countNonZero(wellCovered) == 0) {
+      return fail(requireOverlap ? "AutoClipping: no part of the panorama is covered by two modules"
+                                 : "AutoClipping: the modules do not cover the panorama");
+    }
+    AutoClippingCoverage::geometryModeMap(wellCovered, valueMap);
+    if (!search(kGeometryModeMaxIterations)) return false;
+    if (keepAspect) {
+      const double aspect = double(coverage.cols) / coverage.rows;
+      rect = AutoClippingCoverage::fitAspect(rect, aspect, integral);
+    }
+    finish();
+    return true;
+  }
+};
+
+AutoClipping::AutoClipping(std::shared_ptr<CameraDescription::Orbivane> camera) : impl_(std::make_unique<Impl>()) {
+  impl_->camera = std::move(camera);
+}
+
+AutoClipping::~AutoClipping() = default;
+
+bool AutoClipping::config(std::vector<float> values, const unsigned& cols, const unsigned& rows, const float& weight,
+                          const size_t& maxIterations) {
+  const std::vector<float> consumed = std::move(values);
+  const std::uint64_t expected = std::uint64_t(cols) * rows;
+  const bool sizeFits = consumed.size() == expected && cols <= unsigned(std::numeric_limits<int>::max()) &&
+                        rows <= unsigned(std::numeric_limits<int>::max());
+  if (!sizeFits || maxIterations == 0) {
+    impl_->valueMode = false;
+    impl_->geometryMode = false;
+    impl_->values.release();
+    if (!sizeFits) {
+      impl_->error = "AutoClipping: " + std::to_string(consumed.size()) + " values given for " +
+                     std::to_string(cols) + " x " + std::to_string(rows);
+    } else {
+      impl_->error = "AutoClipping: the iteration limit must be above 0";
+    }
+    impl_->logger->error("{}", impl_->error);
+    return false;
+  }
+  impl_->values.create(int(rows), int(cols), CV_32F);
+  for (std::size_t i = 0; i < consumed.size(); ++i) {
+    impl_->values.at<float>(int(i / cols), int(i % cols)) = consumed[i];
+  }
+  impl_->weight = weight;
+  impl_->maxIterations = maxIterations;
+  impl_->valueMode = true;
+  impl_->geometryMode = false;
+  impl_->error.clear();
+  return true;
+}
+
+bool AutoClipping::config(const bool& requireOverlap, const bool& keepAspect, const float& threshold) {
+  impl_->requireOverlap = requireOverlap;
+  impl_->keepAspect = keepAspect;
+  impl_->threshold = threshold;
+  impl_->geometryMode = true;
+  impl_->valueMode = false;
+  impl_->error.clear();
+  return true;
+}
+
+bool AutoClipping::process() {
+  impl_->processed = false;
+  impl_->clearResults();
+  bool done = false;
+  try {
+    if (impl_->valueMode) {
+      done = impl_->valuePass();
+    } else if (impl_->geometryMode) {
+      done = impl_->geometryPass();
+    } else {
+      impl_->fail("AutoClipping: process() needs a successful config() first");
+    }
+  } catch (const std::exception& e) {
+    // OpenCV's checks or an allocation that fails end the pass, not the host.
+    impl_->processed = false;
+    done = impl_->fail(std::string("AutoClipping: ") + e.what());
+  }
+  if (!done) {
+    // Nothing half-done stays behind; error() and skippedModules() say why.
+    impl_->rect = cv::Rect();
+    impl_->coverage.release();
+    impl_->inspection.release();
+  }
+  return done;
+}
+
+bool AutoClipping::isProcessed() const { return impl_->processed; }
+
+std::vector<float> AutoClipping::offset() { return impl_->offset; }
+
+std::vector<int> AutoClipping::checkGap() { return impl_->gaps; }
+
+cv::Rect AutoClipping::rectangle() const { return impl_->rect; }
+
+cv::Size AutoClipping::coverageSize() const { return impl_->coverage.size(); }
+
+cv::Mat AutoClipping::coverage() const { return impl_->coverage.clone(); }
+
+cv::Mat AutoClipping::inspectionPicture() const { return impl_->inspection.clone(); }
+
+std::string AutoClipping::error() const { return impl_->error; }
+
+std::vector<std::string> AutoClipping::skippedModules() const { return impl_->skipped; }
+
+Utils::Optional<cv::Rect> AutoClipping::findMaxValueRect(const cv::Mat& mat, int minStep, int startStep,
+                                                         std::size_t maxIterations) {
+  return AutoClippingSearch::findMaxValueRect(mat, minStep, startStep, maxIterations);
+}
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,224 @@
+// Coverage and value maps of automatic clipping, and what is read back from
+// the rectangle found in them.
+#include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/utils/wide_text.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+namespace AutoClippingCoverage {
+
+std::vector<Footprint> collectFootprints(const CameraDescription::Orbivane& camera, std::vector<std::string>& skipped) {
+  std::vector<Footprint> footprints;
+  for (const auto& module : camera.modules()) {
+    if (!module) continue;
+    const std::string name = Utils::toUtf8(module->name());
+    const OrbivaneGeometry::MatrixGeometry* geometry = module->matrixGeometry();
+    if (geometry == nullptr) {
+      skipped.push_back("Module " + name + " has no Matrix Geometry.. Skipping pmodule");
+      continue;
+    }
+    const Utils::Matrix4x4 matrix = geometry->matrix();
+    const double det = matrix.isFinite() ? cv::determinant(OrbivaneGeometry::planarHomography(matrix)) : NAN;
+    if (!std::isfinite(det) || std::fabs(det) < 1e-12) {
+      skipped.push_back("Module " + name + " has a singular or non-finite matrix.. Skipping pmodule");
+      continue;
+    }
+    const auto quad = OrbivaneGeometry::moduleSurfaceQuad(matrix);
+    const auto reasonable = [](const Utils::SurfacePoint& p) {
+      return std::isfinite(p.x) && std::isfinite(p.y) && std::fabs(p.x) < kFarAway && std::fabs(p.y) < kFarAway;
+    };
+    if (!quad || !std::all_of(quad->corners.begin(), quad->corners.end(), reasonable)) {
+      skipped.push_back("Module " + name + " does not project its picture onto the surface.. Skipping pmodule");
+      continue;
+    }
+    Footprint footprint;
+    footprint.name = module->name();
+    footprint.quad = *quad;
+    if (module->image() && !module->image()->empty()) {
+      footprint.picture = cv::Size(module->image()->width(), module->image()->height());
+    }
+    footprints.push_back(std::move(footprint));
+  }
+  return footprints;
+}
+
+cv::Size rasterSize(const Utils::Size& panoramaSize, const std::vector<Footprint>& footprints) {
+  double width = kDefaultRasterWidth;
+  double height = kDefaultRasterWidth * 9.0 / 16.0;
+  if (!panoramaSize.empty()) {
+    width = panoramaSize.width;
+    height = panoramaSize.height;
+  } else {
+    double pixelsAcross = 0.0;  // sum over modules of picture pixels per surface unit, horizontally
+    double pixelsDown = 0.0;    // and vertically
+    for (const Footprint& f : footprints) {
+      const double dx = double(f.quad.right()) - f.quad.left();
+      const double dy = double(f.quad.bottom()) - f.quad.top();
+      if (f.picture.empty() || !(dx > 1e-6) || !(dy > 1e-6) || !std::isfinite(dx) || !std::isfinite(dy)) continue;
+      pixelsAcross += f.picture.width / dx;
+      pixelsDown += f.picture.height / dy;
+    }
+    if (pixelsAcross > 0.0 && pixelsDown > 0.0 && std::isfinite(pixelsAcross) && std::isfinite(pixelsDown)) {
+      height = kDefaultRasterWidth * pixelsDown / pixelsAcross;
+    }
+  }
+  const double longest = std::max(width, height);
+  if (longest > kMaxRasterSide) {
+    width *= kMaxRasterSide / longest;
+    height *= kMaxRasterSide / longest;
+  }
+  const auto side = [](double v) { return static_cast<int>(std::clamp(std::lround(v), 1L, long(kMaxRasterSide))); };
+  return cv::Size(side(width), side(height));
+}
+
+void accumulateCoverage(const std::vector<Footprint>& footprints, cv::Size raster, cv::Mat& coverage) {
+  cv::Mat sum(raster, CV_32F, cv::Scalar(0));
+  cv::Mat mask;
+  cv::Mat warped;
+  for (const Footprint& f : footprints) {
+    const cv::Size picture =
+        f.picture.empty() ? cv::Size(kMaskSideWithoutPicture, kMaskSideWithoutPicture) : f.picture;
+    mask.create(picture, CV_8U);
+    mask.setTo(cv::Scalar(255));
+    // The picture's pixels as squares: its area runs from -0.5 to size - 0.5
+    // in pixel coordinates, which is texture 0..1.
+    const float w = static_cast<float>(picture.width) - 0.5f;
+    const float h = static_cast<float>(picture.height) - 0.5f;
+    const std::array<cv::Point2f, 4> from = {cv::Point2f(-0.5f, -0.5f), cv::Point2f(w, -0.5f), cv::Point2f(w, h),
+                                             cv::Point2f(-0.5f, h)};
+    std::array<cv::Point2f, 4> to;
+    for (std::size_t i = 0; i < 4; ++i) {
+      // Raster element X spans X / W .. (X + 1) / W: surface x lands on x * W - 0.5.
+      to[i] = cv::Point2f(f.quad.corners[i].x * static_cast<float>(raster.width) - 0.5f,
+                          f.quad.corners[i].y * static_cast<float>(raster.height) - 0.5f);
+    }
+    const cv::Mat transform = cv::getPerspectiveTransform(from.data(), to.data());
+    cv::warpPerspective(mask, warped, transform, raster, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::addWeighted(sum, 1.0, warped, 1.0, 0.0, sum, CV_32F);
+  }
+  sum.convertTo(coverage, CV_32F, kEightBitScale);
+}
+
+void valueModeMap(const cv::Mat& coverage, const cv::Mat& values, float weight, cv::Mat& map) {
+  cv::Mat resized;
+  if (values.size() == coverage.size()) {
+    resized = values;
+  } else {
+    cv::resize(values, resized, coverage.size(), 0, 0, cv::INTER_LINEAR);
+  }
+  map.create(coverage.size(), CV_32F);
+  for (int y = 0; y < coverage.rows; ++y) {
+    const float* c = coverage.ptr<float>(y);
+    const float* v = resized.ptr<float>(y);
+    float* out = map.ptr<float>(y);
+    for (int x = 0; x < coverage.cols; ++x) {
+      const float covered = std::min(std::max(c[x], 0.0f), 1.0f);
+      out[x] = covered * (v[x] + weight) - weight;
+    }
+  }
+}
+
+void wellCoveredMask(const cv::Mat& coverage, float needed, cv::Mat& mask) {
+  cv::compare(coverage, cv::Scalar(needed - kCoverageTolerance), mask, cv::CMP_GE);
+}
+
+void geometryModeMap(const cv::Mat& wellCovered, cv::Mat& map) {
+  map.create(wellCovered.size(), CV_32F);
+  for (int y = 0; y < wellCovered.rows; ++y) {
+    const std::uint8_t* good = wellCovered.ptr<std::uint8_t>(y);
+    float* out = map.ptr<float>(y);
+    for (int x = 0; x < wellCovered.cols; ++x) out[x] = good[x] ? 1.0f : -kGeometryHolePenalty;
+  }
+}
+
+cv::Rect fitAspect(const cv::Rect& rect, double aspect, const cv::Mat& integral) {
+  if (rect.width <= 0 || rect.height <= 0 || !(aspect > 0.0) || !std::isfinite(aspect)) return rect;
+  cv::Rect fitted = rect;
+  const bool tooWide = rect.width > rect.height * aspect;
+  if (tooWide) {
+    fitted.width = std::clamp(static_cast<int>(std::lround(rect.height * aspect)), 1, rect.width);
+  } else {
+    fitted.height = std::clamp(static_cast<int>(std::lround(rect.width / aspect)), 1, rect.height);
+  }
+  const int slack = tooWide ? rect.width - fitted.width : rect.height - fitted.height;
+  const int middle = slack / 2;
+  double bestSum = 0.0;
+  int bestShift = middle;
+  bool found = false;
+  for (int shift = 0; shift <= slack; ++shift) {
+    cv::Rect candidate = fitted;
+    (tooWide ? candidate.x : candidate.y) += shift;
+    const double sum = AutoClippingSearch::rectangleSum(integral, candidate);
+    if (!found || sum > bestSum || (sum == bestSum && std::abs(shift - middle) < std::abs(bestShift - middle))) {
+      found = true;
+      bestSum = sum;
+      bestShift = shift;
+    }
+  }
+  (tooWide ? fitted.x : fitted.y) += bestShift;
+  return fitted;
+}
+
+std::vector<int> listGaps(const cv::Mat& wellCovered, const cv::Rect& rect) {
+  std::vector<int> gaps;
+  const cv::Rect inside = rect & cv::Rect(0, 0, wellCovered.cols, wellCovered.rows);
+  if (inside.empty()) return gaps;
+  cv::Mat holes;
+  cv::compare(wellCovered(inside), cv::Scalar(0), holes, cv::CMP_EQ);
+  if (cv::countNonZero(holes) == 0) return gaps;
+  cv::Mat labels;
+  cv::Mat stats;
+  cv::Mat centroids;
+  const int count = cv::connectedComponentsWithStats(holes, labels, stats, centroids, 8, CV_32S);
+  std::vector<std::array<int, 5>> found;
+  for (int label = 1; label < count; ++label) {
+    found.push_back({stats.at<int>(label, cv::CC_STAT_LEFT) + inside.x, stats.at<int>(label, cv::CC_STAT_TOP) + inside.y,
+                     stats.at<int>(label, cv::CC_STAT_WIDTH), stats.at<int>(label, cv::CC_STAT_HEIGHT),
+                     stats.at<int>(label, cv::CC_STAT_AREA)});
+  }
+  std::sort(found.begin(), found.end(), [](const std::array<int, 5>& a, const std::array<int, 5>& b) {
+    if (a[4] != b[4]) return a[4] > b[4];
+    if (a[1] != b[1]) return a[1] < b[1];
+    return a[0] < b[0];
+  });
+  if (found.size() > kMaxGaps) found.resize(kMaxGaps);
+  for (const auto& gap : found) gaps.insert(gaps.end(), gap.begin(), gap.end());
+  return gaps;
+}
+
+std::vector<float> offsetsOf(const cv::Rect& rect, cv::Size raster) {
+  const double w = raster.width;
+  const double h = raster.height;
+  return {static_cast<float>(rect.x / w), static_cast<float>(rect.y / h),
+          static_cast<float>(1.0 - (rect.x + rect.width) / w), static_cast<float>(1.0 - (rect.y + rect.height) / h)};
+}
+
+cv::Mat drawInspection(const cv::Mat& coverage, const cv::Mat& wellCovered, const cv::Rect& rect) {
+  cv::Mat grey;
+  coverage.convertTo(grey, CV_8U, 110.0);
+  cv::Mat picture;
+  cv::cvtColor(grey, picture, cv::COLOR_GRAY2BGR);
+  for (int y = 0; y < picture.rows; ++y) {
+    const std::uint8_t* good = wellCovered.ptr<std::uint8_t>(y);
+    cv::Vec3b* out = picture.ptr<cv::Vec3b>(y);
+    for (int x = 0; x < picture.cols; ++x) {
+      if (!good[x]) out[x] = cv::Vec3b(out[x][0] / 2, out[x][1] / 2, 170);
+    }
+  }
+  cv::rectangle(picture, rect, cv::Scalar(0, 255, 0), 2, cv::LINE_8);
+  return picture;
+}
+
+}  // namespace AutoClippingCoverage
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,38 @@
+// The exported neighbour-stitching calibrator; the work is done by
+// NeighbourStitcher.
+#include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
+
+#include "geometry_calibration/matrix_based/neighbour_neighbour_stitcher.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+NeighbourNeighbour::NeighbourNeighbour(const CameraDescription::Orbivane& camera,
+                                       std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images,
+                                       int levels, int iterations, float step)
+    : impl_(std::make_unique<NeighbourStitcher>(camera, std::move(images), levels, iterations, step)),
+      levels_(levels),
+      iterations_(iterations),
+      step_(step) {}
+
+NeighbourNeighbour::~NeighbourNeighbour() = default;
+
+CameraDescription::Orbivane NeighbourNeighbour::calibrate(std::list<std::wstring> modules, std::wstring reference) {
+  return impl_->calibrate(modules, reference);
+}
+
+std::pair<float, float> NeighbourNeighbour::calibratePair(std::wstring first, std::wstring second, bool apply) {
+  return impl_->calibratePair(first, second, apply);
+}
+
+void NeighbourNeighbour::registerStatusCallback(
+    std::function<void(int, int, std::string, GeometryCalibration::AdvStepInfo)> callback) {
+  impl_->setStatusCallback(std::move(callback));
+}
+
+const std::list<NeighbourNeighbour::PairTranslation>& NeighbourNeighbour::translations() const {
+  return impl_->translations();
+}
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,79 @@
+// The working record behind NeighbourNeighbour: the camera copy it corrects,
+// the pictures, the logger and the status callback, and the walk along the
+// chain. Kept apart from the exported class so that its steps (one pair, the
+// carrying of a correction down the chain, the final adjustment) can be
+// exercised on their own.
+#pragma once
+
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <spdlog/logger.h>
+
+#include "geometry_calibration/matrix_based/translation_aligner.h"
+#include "orbivane/camera/orbivane.h"
+#include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
+#include "orbivane/geometry_calibration/status_callback.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/matrix4x4.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+class NeighbourStitcher {
+ public:
+  using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+  NeighbourStitcher(const CameraDescription::Orbivane& camera, Images images, int levels, int iterations,
+                    float step);
+
+  // Aligns `second` to `first`; returns (dx, dy) in surface units (the units
+  // of `first`'s rectangle). With `apply`, second's matrix M becomes
+  // T(dx, dy) x M. Throws std::out_of_range for a name without a module or
+  // without a picture.
+  std::pair<float, float> calibratePair(const std::wstring& first, const std::wstring& second, bool apply);
+
+  // Moves every listed module from position `from` on by the surface
+  // translation (dx, dy): M becomes T x M.
+  void shiftModules(const std::vector<std::wstring>& names, std::size_t from, float dx, float dy);
+
+  // The final adjustment (see neighbour_neighbour.h): `before` holds the
+  // listed modules' matrices as they were before the walk (nothing for a
+  // module without a matrix geometry).
+  void adjustChain(const std::vector<std::wstring>& names, const std::vector<Utils::Optional<Utils::Matrix4x4>>& before,
+                   const std::wstring& reference);
+
+  CameraDescription::Orbivane calibrate(const std::list<std::wstring>& modules, const std::wstring& reference);
+
+  void setStatusCallback(StatusCallback callback) { callback_ = std::move(callback); }
+
+  const CameraDescription::Orbivane& camera() const { return camera_; }
+  const std::list<NeighbourNeighbour::PairTranslation>& translations() const { return translations_; }
+  // The aligner's outcome for the last pair (pixels of the first picture).
+  const TranslationResult& lastAlignment() const { return lastAlignment_; }
+
+  // The anchor weight of position i in a chain of n modules.
+  static double anchorWeight(std::size_t i, std::size_t n);
+
+ private:
+  void report(const std::string& text, const std::wstring& module, const std::wstring& reference,
+              const std::map<std::string, double>& values);
+
+  CameraDescription::Orbivane camera_;
+  Images images_;
+  std::shared_ptr<spdlog::logger> logger_;
+  StatusCallback callback_;
+  TranslationAligner aligner_;
+  std::list<NeighbourNeighbour::PairTranslation> translations_;
+  TranslationResult lastAlignment_;
+  int step_ = 0;
+  int totalSteps_ = 0;
+};
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

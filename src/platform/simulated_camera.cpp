@@ -1,0 +1,354 @@
+// The simulated camera: state in a JSON file or in memory, sensor frames
+// rendered from the scene description (and cached), window crops.
+#include "orbivane/platform/simulated_camera.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <list>
+#include <map>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/image/image_conversion.h"
+#include "platform/scene_renderer.h"
+#include "utils/atomic_file.h"
+
+namespace Quarn {
+namespace {
+
+using json = nlohmann::json;
+constexpr const char* kFormat = "orbivane-simulated-camera";
+constexpr const char* kMemoryPrefix = "memory:";
+
+json sceneToJson(const SimulatedScene& s) {
+  return {{"kind", s.kind},         {"width", s.width},         {"height", s.height},
+          {"centre", {s.centreX, s.centreY}},                   {"radius", s.radius},
+          {"vignetting", s.vignetting},                         {"corner", {s.cornerX, s.cornerY}},
+          {"spacing", {s.spacingX, s.spacingY}},                {"markRadius", s.markRadius},
+          {"rotation", s.rotation}, {"blur", s.blur},           {"noise", s.noise},
+          {"seed", s.seed},         {"imagePath", s.imagePath}};
+}
+
+SimulatedScene sceneFromJson(const json& j) {
+  SimulatedScene s;
+  s.kind = j.value("kind", s.kind);
+  s.width = j.value("width", s.width);
+  s.height = j.value("height", s.height);
+  if (j.contains("centre")) {
+    s.centreX = j.at("centre").at(0).get<double>();
+    s.centreY = j.at("centre").at(1).get<double>();
+  }
+  s.radius = j.value("radius", s.radius);
+  s.vignetting = j.value("vignetting", s.vignetting);
+  if (j.contains("corner")) {
+    s.cornerX = j.at("corner").at(0).get<double>();
+    s.cornerY = j.at("corner").at(1).get<double>();
+  }
+  if (j.contains("spacing")) {
+    s.spacingX = j.at("spacing").at(0).get<double>();
+    s.spacingY = j.at("spacing").at(1).get<double>();
+  }
+  s.markRadius = j.value("markRadius", s.markRadius);
+  s.rotation = j.value("rotation", s.rotation);
+  s.blur = j.value("blur", s.blur);
+  s.noise = j.value("noise", s.noise);
+  s.seed = j.value("seed", s.seed);
+  s.imagePath = j.value("imagePath", s.imagePath);
+  return s;
+}
+
+json windowToJson(const SimulatedWindow& w) {
+  return {{"x", w.x},       {"y", w.y},       {"width", w.width}, {"height", w.height}, {"xMin", w.xMin},
+          {"xMax", w.xMax}, {"xStep", w.xStep}, {"yMin", w.yMin}, {"yMax", w.yMax},     {"yStep", w.yStep}};
+}
+
+SimulatedWindow windowFromJson(const json& j) {
+  SimulatedWindow w;
+  w.x = j.value("x", w.x);
+  w.y = j.value("y", w.y);
+  w.width = j.value("width", w.width);
+  w.height = j.value("height", w.height);
+  w.xMin = j.value("xMin", w.xMin);
+  w.xMax = j.value("xMax", w.xMax);
+  w.xStep = j.value("xStep", w.xStep);
+  w.yMin = j.value("yMin", w.yMin);
+  w.yMax = j.value("yMax", w.yMax);
+  w.yStep = j.value("yStep", w.yStep);
+  return w;
+}
+
+json faultsToJson(const SimulatedFaults& f) {
+  return {{"connectRefused", f.connectRefused},       {"sensorInfoEmpty", f.sensorInfoEmpty},
+          {"sensorInfoFailing", f.sensorInfoFailing}, {"writeFailing", f.writeFailing},
+          {"writeTimeout", f.writeTimeout},           {"writeTimeoutMs", f.writeTimeoutMs}};
+}
+
+SimulatedFaults faultsFromJson(const json& j) {
+  SimulatedFaults f;
+  f.connectRefused = j.value("connectRefused", f.connectRefused);
+  f.sensorInfoEmpty = j.value("sensorInfoEmpty", f.sensorInfoEmpty);
+  f.sensorInfoFailing = j.value("sensorInfoFailing", f.sensorInfoFailing);
+  f.writeFailing = j.value("writeFailing", f.writeFailing);
+  f.writeTimeout = j.value("writeTimeout", f.writeTimeout);
+  f.writeTimeoutMs = j.value("writeTimeoutMs", f.writeTimeoutMs);
+  return f;
+}
+
+// Rendered frames by scene description; scenes rarely change, rendering a
+// large frame is not free.
+Utils::ReturnState<cv::Mat, std::string> renderScene(const SimulatedScene& scene) {
+  static std::mutex cacheMutex;
+  static std::list<std::pair<std::string, cv::Mat>> cache;
+  const std::string key = sceneToJson(scene).dump();
+  {
+    std::lock_guard<std::mutex> lock(cacheMutex);
+    for (const auto& entry : cache) {
+      if (entry.first == key) return entry.second;
+    }
+  }
+  cv::Mat frame;
+  if (scene.kind == "image") {
+    auto picture = Image::loadImage(scene.imagePath);
+    if (!picture) return Utils::failure(picture.error());
+    frame = Image::toMat(picture.value());
+  } else if (scene.width <= 0 || scene.height <= 0 || scene.width > 20000 || scene.height > 20000) {
+    return Utils::failure("scene size " + std::to_string(scene.width) + "x" + std::to_string(scene.height) +
+                          " is out of range (1 to 20000 pixels)");
+  } else if (!std::isfinite(scene.centreX + scene.centreY + scene.radius + scene.vignetting + scene.cornerX +
+                            scene.cornerY + scene.spacingX + scene.spacingY + scene.markRadius + scene.rotation +
+                            scene.blur + scene.noise)) {
+    return Utils::failure("scene values must be finite numbers");
+  } else if (scene.kind == "fisheye") {
+    frame = renderLensCircle({scene.width, scene.height}, {scene.centreX, scene.centreY}, scene.radius,
+                             scene.vignetting, scene.blur, scene.noise, scene.seed);
+  } else if (scene.kind == "target") {
+    frame = renderThreeCircleTarget({scene.width, scene.height}, {scene.cornerX, scene.cornerY}, scene.spacingX,
+                                    scene.spacingY, scene.markRadius, scene.rotation, scene.blur, scene.noise,
+                                    scene.seed);
+  } else {
+    return Utils::failure("unknown scene kind '" + scene.kind + "' (fisheye, target or image)");
+  }
+  std::lock_guard<std::mutex> lock(cacheMutex);
+  cache.emplace_front(key, frame);
+  if (cache.size() > 6) cache.pop_back();
+  return frame;
+}
+
+int roundDownTo(int value, int step) { return step > 0 ? value - value % step : value; }
+
+void sleepFor(int ms) {
+  if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+std::map<std::string, std::shared_ptr<SimulatedCamera>>& memoryCameras() {
+  static std::map<std::string, std::shared_ptr<SimulatedCamera>> cameras;
+  return cameras;
+}
+std::mutex& memoryCamerasMutex() {
+  static std::mutex m;
+  return m;
+}
+
+}  // namespace
+
+SimulatedCamera::SimulatedCamera(std::string address)
+    : address_(std::move(address)), inMemory_(address_.rfind(kMemoryPrefix, 0) == 0) {}
+
+SimulatedCamera::~SimulatedCamera() = default;
+
+Utils::ReturnState<std::shared_ptr<SimulatedCamera>, std::string> SimulatedCamera::open(const std::string& address) {
+  if (address.empty()) return Utils::failure("the simulated camera needs an address: a state file or memory:NAME");
+  if (address.rfind(kMemoryPrefix, 0) == 0) {
+    std::lock_guard<std::mutex> lock(memoryCamerasMutex());
+    auto& slot = memoryCameras()[address];
+    if (!slot) slot = std::make_shared<SimulatedCamera>(address);
+    return slot;
+  }
+  return std::make_shared<SimulatedCamera>(address);
+}
+
+std::string SimulatedCamera::toJson(const std::vector<SimulatedModule>& modules) {
+  json list = json::array();
+  for (const auto& m : modules) {
+    list.push_back({{"id", m.id},
+                    {"latencyMs", m.latencyMs},
+                    {"scene", sceneToJson(m.scene)},
+                    {"window", windowToJson(m.window)},
+                    {"faults", faultsToJson(m.faults)}});
+  }
+  return json{{"format", kFormat}, {"version", 1}, {"modules", list}}.dump(2) + "\n";
+}
+
+Utils::ReturnState<std::vector<SimulatedModule>, std::string> SimulatedCamera::fromJson(const std::string& text) {
+  try {
+    const json root = json::parse(text);
+    if (root.value("format", std::string()) != kFormat) {
+      return Utils::failure(std::string("not a simulated camera state (format is not \"") + kFormat + "\")");
+    }
+    std::vector<SimulatedModule> modules;
+    for (const json& m : root.at("modules")) {
+      SimulatedModule module;
+      module.id = m.at("id").get<std::string>();
+      module.latencyMs = m.value("latencyMs", 0);
+      if (m.contains("scene")) module.scene = sceneFromJson(m.at("scene"));
+      if (m.contains("window")) module.window = windowFromJson(m.at("window"));
+      if (m.contains("faults")) module.faults = faultsFromJson(m.at("faults"));
+      modules.push_back(std::move(module));
+    }
+    return modules;
+  } catch (const json::exception& e) {
+    return Utils::failure(std::string("simulated camera state: ") + e.what());
+  }
+}
+
+Utils::ReturnState<std::vector<SimulatedModule>, std::string> SimulatedCamera::load() const {
+  if (inMemory_) return memory_;
+  std::ifstream probe(address_);
+  if (!probe) return std::vector<SimulatedModule>{};
+  auto text = Utils::readWholeFile(address_);
+  if (!text) return Utils::failure(text.error());
+  auto modules = fromJson(text.value());
+  if (!modules) return Utils::failure(address_ + ": " + modules.error());
+  return modules;
+}
+
+Utils::ReturnState<bool, std::string> SimulatedCamera::store(const std::vector<SimulatedModule>& modules) {
+  if (inMemory_) {
+    memory_ = modules;
+    return true;
+  }
+  return Utils::writeFileAtomically(address_, toJson(modules));
+}
+
+Utils::ReturnState<SimulatedModule, std::string> SimulatedCamera::find(const std::string& id) const {
+  auto modules = load();
+  if (!modules) return Utils::failure(modules.error());
+  for (const auto& m : modules.value()) {
+    if (m.id == id) return m;
+  }
+  return Utils::failure("the simulated camera " + address_ + " has no module '" + id + "'");
+}
+
+Utils::ReturnState<bool, std::string> SimulatedCamera::addModule(SimulatedModule module) {
+  if (module.id.empty()) return Utils::failure("a simulated module needs an id");
+  auto frame = renderScene(module.scene);
+  if (!frame) return Utils::failure(frame.error());
+  const int fw = frame.value().cols, fh = frame.value().rows;
+  SimulatedWindow& w = module.window;
+  if (w.width <= 0) w.width = std::max(1, fw * 3 / 4);
+  if (w.height <= 0) w.height = std::max(1, fh * 3 / 4);
+  if (w.xStep <= 0 || w.yStep <= 0) return Utils::failure("window steps must be positive");
+  if (w.xMin == 0 && w.xMax == 0) {
+    w.xMax = roundDownTo(std::max(0, (fw - w.width) / 2), w.xStep);
+    w.xMin = -w.xMax;
+  }
+  if (w.yMin == 0 && w.yMax == 0) {
+    w.yMax = roundDownTo(std::max(0, (fh - w.height) / 2), w.yStep);
+    w.yMin = -w.yMax;
+  }
+  if (w.xMin > w.xMax || w.yMin > w.yMax) return Utils::failure("window limits are reversed");
+  return setModule(module);
+}
+
+Utils::ReturnState<bool, std::string> SimulatedCamera::setModule(const SimulatedModule& module) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto modules = load();
+  if (!modules) return Utils::failure(modules.error());
+  auto& list = modules.value();
+  auto it = std::find_if(list.begin(), list.end(), [&](const SimulatedModule& m) { return m.id == module.id; });
+  if (it == list.end()) {
+    list.push_back(module);
+  } else {
+    *it = module;
+  }
+  return store(list);
+}
+
+Utils::ReturnState<SimulatedModule, std::string> SimulatedCamera::module(const std::string& id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return find(id);
+}
+
+Utils::ReturnState<std::vector<std::string>, std::string> SimulatedCamera::moduleIds() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto modules = load();
+  if (!modules) return Utils::failure(modules.error());
+  std::vector<std::string> ids;
+  for (const auto& m : modules.value()) ids.push_back(m.id);
+  return ids;
+}
+
+Utils::ReturnState<bool, std::string> SimulatedCamera::connect(const std::string& id) const {
+  auto m = module(id);
+  if (!m) return Utils::failure(m.error());
+  sleepFor(m.value().latencyMs);
+  if (m.value().faults.connectRefused) return Utils::failure("connection refused by simulated module '" + id + "'");
+  return true;
+}
+
+Utils::ReturnState<CamerasensorInfoData, std::string> SimulatedCamera::sensorInfo(const std::string& id) const {
+  auto found = module(id);
+  if (!found) return Utils::failure(found.error());
+  const SimulatedModule& m = found.value();
+  sleepFor(m.latencyMs);
+  if (m.faults.sensorInfoFailing) return Utils::failure("simulated module '" + id + "' cannot report its sensor");
+  if (m.faults.sensorInfoEmpty) return CamerasensorInfoData{};
+  const SimulatedWindow& w = m.window;
+  return CamerasensorInfoData{{w.x, w.y, w.xMin, w.xMax, w.xStep, w.yMin, w.yMax, w.yStep}};
+}
+
+Utils::ReturnState<EmptyReturn, std::string> SimulatedCamera::moveWindow(const std::string& id, int x, int y) {
+  auto found = module(id);
+  if (!found) return Utils::failure(found.error());
+  SimulatedModule m = found.value();
+  sleepFor(m.latencyMs);
+  if (m.faults.writeTimeout) {
+    sleepFor(m.faults.writeTimeoutMs);
+    return Utils::failure("simulated module '" + id + "' did not answer the window write");
+  }
+  if (m.faults.writeFailing) return Utils::failure("simulated module '" + id + "' refused the window write");
+  const SimulatedWindow& w = m.window;
+  if (x < w.xMin || x > w.xMax || y < w.yMin || y > w.yMax) {
+    return Utils::failure("window position (" + std::to_string(x) + ", " + std::to_string(y) + ") is outside [" +
+                          std::to_string(w.xMin) + ", " + std::to_string(w.xMax) + "] x [" + std::to_string(w.yMin) +
+                          ", " + std::to_string(w.yMax) + "]");
+  }
+  if ((w.xStep > 0 && x % w.xStep != 0) || (w.yStep > 0 && y % w.yStep != 0)) {
+    return Utils::failure("window position (" + std::to_string(x) + ", " + std::to_string(y) +
+                          ") is not on the steps " + std::to_string(w.xStep) + ", " + std::to_string(w.yStep));
+  }
+  m.window.x = x;
+  m.window.y = y;
+  auto stored = setModule(m);
+  if (!stored) return Utils::failure(stored.error());
+  return EmptyReturn{};
+}
+
+Utils::ReturnState<cv::Mat, std::string> SimulatedCamera::sensorFrame(const std::string& id) const {
+  auto m = module(id);
+  if (!m) return Utils::failure(m.error());
+  return renderScene(m.value().scene);
+}
+
+Utils::ReturnState<cv::Mat, std::string> SimulatedCamera::capture(const std::string& id) const {
+  auto found = module(id);
+  if (!found) return Utils::failure(found.error());
+  const SimulatedModule& m = found.value();
+  sleepFor(m.latencyMs);
+  auto frame = renderScene(m.scene);
+  if (!frame) return Utils::failure(frame.error());
+  const cv::Mat& f = frame.value();
+  const SimulatedWindow& w = m.window;
+  if (w.width <= 0 || w.height <= 0) return Utils::failure("simulated module '" + id + "' has an empty window");
+  cv::Mat picture(w.height, w.width, f.type(), cv::Scalar::all(0));
+  const cv::Rect window((f.cols - w.width) / 2 + w.x, (f.rows - w.height) / 2 + w.y, w.width, w.height);
+  const cv::Rect onFrame = window & cv::Rect(0, 0, f.cols, f.rows);
+  if (onFrame.area() > 0) f(onFrame).copyTo(picture(onFrame - window.tl()));
+  return picture;
+}
+
+}  // namespace Quarn

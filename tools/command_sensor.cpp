@@ -1,0 +1,251 @@
+// "sensor ...": the sensor window of a simulated camera and the fisheye closed
+// loop against it.
+//   sensor create STATE.json --module NAME --scene fisheye|target|IMAGE [...]
+//   sensor read STATE.json --module NAME [--json]
+//   sensor write STATE.json --module NAME --x X --y Y
+//   sensor capture STATE.json --module NAME OUT.png
+//   sensor centre STATE.json --module NAME [--threshold T] [--json]
+//   sensor restore STATE.json --module NAME
+// "centre" keeps the window it started from in STATE.json.restore.json so
+// that a later "restore" puts it back.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "command_line.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/sensor_calibration/fisheye_calibration.h"
+#include "orbivane/sensor_calibration/sensor_shifter.h"
+
+namespace Tool {
+namespace {
+
+struct SensorArgs {
+  std::string state;
+  std::string module;
+  std::string scene = "fisheye";
+  std::vector<int> size{1920, 1080};
+  std::vector<double> centre;
+  double radius = 0;
+  std::vector<int> window;
+  int step = 2;
+  double blur = 1.0, noise = 2.0;
+  int x = 0, y = 0;
+  int threshold = 97;
+  std::string out;
+  bool json = false;
+};
+
+SensorArgs& args() {
+  static SensorArgs a;
+  return a;
+}
+
+std::shared_ptr<Quarn::SimulatedCamera> openCamera() {
+  auto camera = Quarn::SimulatedCamera::open(args().state);
+  if (!camera) throw CommandError(camera.error());
+  auto module = camera.value()->module(args().module);
+  if (!module) throw CommandError(module.error());
+  return camera.value();
+}
+
+std::shared_ptr<CameraDescription::OrbivaneModule> moduleFor() {
+  auto module = std::make_shared<CameraDescription::OrbivaneModule>(
+      std::wstring(args().module.begin(), args().module.end()));
+  Quarn::QuarnConnection c;
+  c.backend = "simulated";
+  c.address = args().state;
+  c.device = args().module;
+  module->setConnection(c);
+  return module;
+}
+
+void writeTextAtomically(const std::string& path, const std::string& text) {
+  const std::string temporary = path + ".tmp";
+  {
+    std::ofstream f(temporary, std::ios::binary | std::ios::trunc);
+    f << text;
+    if (!f.flush()) throw CommandError("cannot write '" + temporary + "'");
+  }
+  std::error_code ec;
+  std::filesystem::rename(temporary, path, ec);
+  if (ec) throw CommandError("cannot write '" + path + "': " + ec.message());
+}
+
+std::string restorePath() { return args().state + ".restore.json"; }
+
+void printWindow(const std::shared_ptr<Quarn::SimulatedCamera>& camera) {
+  const auto w = camera->module(args().module).value().window;
+  if (args().json) {
+    std::cout << nlohmann::json{{"x", w.x},       {"y", w.y},       {"xMin", w.xMin}, {"xMax", w.xMax},
+                                {"xStep", w.xStep}, {"yMin", w.yMin}, {"yMax", w.yMax}, {"yStep", w.yStep},
+                                {"width", w.width}, {"height", w.height}}
+                     .dump()
+              << std::endl;
+  } else {
+    std::cout << "window " << w.x << " " << w.y << " (" << w.width << "x" << w.height << "), x " << w.xMin << ".."
+              << w.xMax << " step " << w.xStep << ", y " << w.yMin << ".." << w.yMax << " step " << w.yStep
+              << std::endl;
+  }
+}
+
+void create() {
+  const SensorArgs& a = args();
+  Quarn::SimulatedModule m;
+  m.id = a.module;
+  if (a.scene == "fisheye" || a.scene == "target") {
+    m.scene.kind = a.scene;
+    if (a.size.size() != 2 || a.size[0] <= 0 || a.size[1] <= 0) throw CommandError("--size needs WIDTH HEIGHT");
+    m.scene.width = a.size[0];
+    m.scene.height = a.size[1];
+    m.scene.centreX = a.size[0] / 2.0;
+    m.scene.centreY = a.size[1] / 2.0;
+    m.scene.radius = a.size[1] * 0.4;
+    m.scene.cornerX = a.size[0] * 0.25;
+    m.scene.cornerY = a.size[1] * 0.25;
+    m.scene.spacingX = a.size[0] * 0.5;
+    m.scene.spacingY = a.size[1] * 0.4;
+  } else {
+    m.scene.kind = "image";
+    m.scene.imagePath = std::filesystem::absolute(a.scene).string();
+  }
+  if (!a.centre.empty()) {
+    if (a.centre.size() != 2) throw CommandError("--centre needs X Y");
+    m.scene.centreX = m.scene.cornerX = a.centre[0];
+    m.scene.centreY = m.scene.cornerY = a.centre[1];
+  }
+  if (a.radius > 0) m.scene.radius = a.radius;
+  m.scene.blur = a.blur;
+  m.scene.noise = a.noise;
+  if (!a.window.empty()) {
+    if (a.window.size() != 2) throw CommandError("--window needs WIDTH HEIGHT");
+    m.window.width = a.window[0];
+    m.window.height = a.window[1];
+  }
+  if (a.step <= 0) throw CommandError("--step must be positive");
+  m.window.xStep = m.window.yStep = a.step;
+  auto camera = Quarn::SimulatedCamera::open(a.state);
+  if (!camera) throw CommandError(camera.error());
+  auto added = camera.value()->addModule(m);
+  if (!added) throw CommandError(added.error());
+  printWindow(camera.value());
+}
+
+void capture() {
+  auto camera = openCamera();
+  auto picture = camera->capture(args().module);
+  if (!picture) throw CommandError(picture.error());
+  auto saved = Image::saveMat(picture.value(), args().out);
+  if (!saved) throw CommandError(saved.error());
+  std::cout << "wrote " << args().out << std::endl;
+}
+
+void write() {
+  openCamera();
+  SensorCalibration::SensorShifter::SensorInfo info;
+  info.x = args().x;
+  info.y = args().y;
+  std::ostringstream err;
+  auto* old = std::cerr.rdbuf(err.rdbuf());
+  SensorCalibration::SensorShifter::writeSensorShift(moduleFor(), info);
+  std::cerr.rdbuf(old);
+  if (!err.str().empty()) throw CommandError(err.str().substr(0, err.str().find('\n')));
+  printWindow(openCamera());
+}
+
+void centre() {
+  auto camera = openCamera();
+  const auto before = camera->module(args().module).value().window;
+  auto picture = camera->capture(args().module);
+  if (!picture) throw CommandError(picture.error());
+  auto module = moduleFor();
+  SensorCalibration::FisheyeCalibration calibration(*module, args().threshold);
+  const auto found = calibration.calculateCalibration(Image::fromMat(picture.value()));
+  if (found.radius < 0) throw CommandError("no plausible lens circle in the module's picture");
+  const auto applied = calibration.apply(0, 0);
+  if (!applied) throw CommandError(applied.error());
+  writeTextAtomically(restorePath(), nlohmann::json{{"module", args().module}, {"x", before.x}, {"y", before.y}}.dump());
+  auto after = camera->capture(args().module);
+  if (!after) throw CommandError(after.error());
+  const auto check = calibration.calculateCalibration(Image::fromMat(after.value()));
+  const auto w = camera->module(args().module).value().window;
+  if (args().json) {
+    std::cout << nlohmann::json{{"before", {found.x, found.y}}, {"after", {check.x, check.y}},
+                                {"radius", check.radius}, {"window", {w.x, w.y}}}
+                     .dump()
+              << std::endl;
+  } else {
+    std::cout << "circle at " << found.x << " " << found.y << " moved to " << check.x << " " << check.y
+              << ", window now " << w.x << " " << w.y << std::endl;
+  }
+}
+
+void restore() {
+  auto camera = openCamera();
+  std::ifstream f(restorePath());
+  if (!f) throw CommandError("nothing to restore: '" + restorePath() + "' does not exist");
+  nlohmann::json saved;
+  try {
+    f >> saved;
+  } catch (const nlohmann::json::exception& e) {
+    throw CommandError("'" + restorePath() + "': " + e.what());
+  }
+  if (saved.value("module", std::string()) != args().module) {
+    throw CommandError("'" + restorePath() + "' belongs to module '" + saved.value("module", std::string()) + "'");
+  }
+  auto moved = camera->moveWindow(args().module, saved.value("x", 0), saved.value("y", 0));
+  if (!moved) throw CommandError(moved.error());
+  std::remove(restorePath().c_str());
+  printWindow(camera);
+}
+
+CLI::App* withStateAndModule(CLI::App* sensor, const std::string& name, const std::string& help) {
+  CLI::App* cmd = sensor->add_subcommand(name, help);
+  cmd->add_option("STATE", args().state, "Simulated camera state file")->required();
+  cmd->add_option("--module", args().module, "Module id")->required();
+  return cmd;
+}
+
+}  // namespace
+
+void addSensorCommand(CLI::App& app) {
+  CLI::App* sensor = app.add_subcommand("sensor", "Sensor windows of a simulated camera");
+  sensor->require_subcommand(1);
+  SensorArgs& a = args();
+  CLI::App* c = withStateAndModule(sensor, "create", "Add or replace a simulated module");
+  c->add_option("--scene", a.scene, "fisheye, target or a picture file")->capture_default_str();
+  c->add_option("--size", a.size, "Sensor frame WIDTH HEIGHT of a rendered scene")->expected(2);
+  c->add_option("--centre", a.centre, "Lens circle centre (fisheye) or corner mark (target) X Y")->expected(2);
+  c->add_option("--radius", a.radius, "Lens circle radius in pixels");
+  c->add_option("--window", a.window, "Sensor window WIDTH HEIGHT")->expected(2);
+  c->add_option("--step", a.step, "Window step in sensor pixels")->capture_default_str();
+  c->add_option("--blur", a.blur, "Blur sigma of a rendered scene")->capture_default_str();
+  c->add_option("--noise", a.noise, "Noise sigma of a rendered scene")->capture_default_str();
+  c->callback(create);
+  CLI::App* r = withStateAndModule(sensor, "read", "Print the sensor window");
+  r->add_flag("--json", a.json, "Print one JSON object");
+  r->callback([] { printWindow(openCamera()); });
+  CLI::App* w = withStateAndModule(sensor, "write", "Move the sensor window (clamped and rounded to the steps)");
+  w->add_option("--x", a.x, "Window x")->required();
+  w->add_option("--y", a.y, "Window y")->required();
+  w->add_flag("--json", a.json, "Print one JSON object");
+  w->callback(write);
+  CLI::App* p = withStateAndModule(sensor, "capture", "Write the sensor window's picture");
+  p->add_option("OUT", a.out, "Picture file")->required();
+  p->callback(capture);
+  CLI::App* f = withStateAndModule(sensor, "centre", "Centre the lens circle in the sensor window");
+  f->add_option("--threshold", a.threshold, "Grey threshold of the lens circle")->capture_default_str();
+  f->add_flag("--json", a.json, "Print one JSON object");
+  f->callback(centre);
+  CLI::App* b = withStateAndModule(sensor, "restore", "Put the window back where centre found it");
+  b->add_flag("--json", a.json, "Print one JSON object");
+  b->callback(restore);
+}
+
+}  // namespace Tool
