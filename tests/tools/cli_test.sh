@@ -73,6 +73,35 @@ sed 's/"image"/"imagee"/' camera.json >bad.json
 grep -q "bad.json" err.txt && grep -q "/modules/0" err.txt && grep -q "unknown key 'imagee'" err.txt ||
   fail "unknown key message: $(cat err.txt)"
 
+# autoclip: two modules side by side cover everything; a missing seam keeps
+# the larger side.
+check_rect() {  # json, expected width as a share of the map
+  /usr/bin/python3 -c "
+import json, sys
+r = json.loads(sys.argv[1]); x, y, w, h = r['rect']; W, H = r['size']
+sys.exit(0 if x == 0 and y == 0 and h == H - 1 and abs(w - float(sys.argv[2]) * W) <= 2 else 1)" "$1" "$2"
+}
+out=$("$tool" autoclip camera.json --json | tail -n 1)
+check_rect "$out" 1.0 || fail "autoclip of two halves: $out"
+sed 's/0.5,0,0,0.5, 0,1,0,0/0.4,0,0,0.6, 0,1,0,0/' camera.json >seam.json
+out=$("$tool" autoclip seam.json --json --picture seam.png | tail -n 1)
+check_rect "$out" 0.5 || fail "autoclip with a missing seam: $out"
+[ -s seam.png ] || fail "autoclip --picture writes the inspection picture"
+
+# The fisheye closed loop on a simulated camera: an off-centre lens circle is
+# centred by moving the sensor window, and restore puts the window back.
+"$tool" sensor create state.json --module A --scene fisheye --size 1280 960 --centre 700 430 --radius 400 \
+  --window 1024 768 --step 2 >/dev/null || fail "sensor create"
+"$tool" sensor capture state.json --module A before.png >/dev/null || fail "sensor capture"
+"$tool" sensor centre state.json --module A >/dev/null || fail "sensor centre"
+"$tool" sensor capture state.json --module A after.png >/dev/null || fail "sensor capture after centring"
+centre=$("$tool" fisheye after.png --json | tail -n 1)
+/usr/bin/python3 -c "import json,sys; c=json.loads(sys.argv[1])['centre']; sys.exit(0 if abs(c[0]-512)<=1.5 and abs(c[1]-384)<=1.5 else 1)" \
+  "$centre" || fail "the circle is centred after 'sensor centre': $centre"
+"$tool" sensor restore state.json --module A >/dev/null || fail "sensor restore"
+"$tool" sensor capture state.json --module A restored.png >/dev/null
+cmp -s before.png restored.png || fail "restore brings back the first picture"
+
 # The configuration file at load time: an empty file gets the default text,
 # a missing one is not created, an active logger writes its file.
 mkdir empty missing active

@@ -2,6 +2,7 @@
 // for the best rectangle and turns that into offsets, gaps and a picture.
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <exception>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 #include <spdlog/logger.h>
 
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
@@ -25,6 +27,10 @@ constexpr int kStartStep = 16;
 constexpr int kMinStep = 1;
 // The iteration limit of the geometry-mode search.
 constexpr std::size_t kGeometryModeMaxIterations = 1000000;
+
+// How many separate well-covered regions the geometry-mode search tries on
+// their own, largest first.
+constexpr int kGeometryModeRegions = 8;
 
 }  // namespace
 
@@ -90,12 +96,54 @@ struct AutoClipping::Impl {
     return true;
   }
 
-  bool search(std::size_t limit) {
-    const auto found = AutoClippingSearch::findMaxValueRect(valueMap, kMinStep, kStartStep, limit, integral);
+  bool search(std::size_t limit, int startStep) {
+    const auto found = AutoClippingSearch::findMaxValueRect(valueMap, kMinStep, startStep, limit, integral);
     if (!found) {
       return fail("AutoClipping: no rectangle found within the iteration limit of " + std::to_string(limit));
     }
     rect = *found;
+    return true;
+  }
+
+  // The rectangle search only moves edges a little at a time from the whole
+  // map, so a hole that cuts the panorama in two (a missing seam) would trap
+  // it. The geometry pass therefore also searches each separate well-covered
+  // region on its own (its bounding box), and keeps the rectangle of greatest
+  // value; the whole map is tried first and wins ties.
+  bool geometrySearch() {
+    std::vector<cv::Rect> windows{cv::Rect(0, 0, valueMap.cols, valueMap.rows)};
+    cv::Mat labels, stats, centroids;
+    const int count = cv::connectedComponentsWithStats(wellCovered, labels, stats, centroids, 8, CV_32S);
+    std::vector<std::pair<int, cv::Rect>> regions;
+    for (int i = 1; i < count; ++i) {
+      regions.emplace_back(stats.at<int>(i, cv::CC_STAT_AREA),
+                           cv::Rect(stats.at<int>(i, cv::CC_STAT_LEFT), stats.at<int>(i, cv::CC_STAT_TOP),
+                                    stats.at<int>(i, cv::CC_STAT_WIDTH), stats.at<int>(i, cv::CC_STAT_HEIGHT)));
+    }
+    std::stable_sort(regions.begin(), regions.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    if (regions.size() > 1) {
+      for (std::size_t i = 0; i < regions.size() && i < kGeometryModeRegions; ++i) windows.push_back(regions[i].second);
+    }
+    bool found = false;
+    double best = 0.0;
+    cv::Mat scratch;
+    for (const cv::Rect& window : windows) {
+      const cv::Mat part = valueMap(window);
+      const auto r = AutoClippingSearch::findMaxValueRect(part, kMinStep, kStartStep, kGeometryModeMaxIterations, scratch);
+      if (!r) continue;
+      const cv::Rect placed(r->x + window.x, r->y + window.y, r->width, r->height);
+      const double value = cv::sum(valueMap(placed))[0];
+      if (!found || value > best) {
+        found = true;
+        best = value;
+        rect = placed;
+      }
+    }
+    if (!found) {
+      return fail("AutoClipping: no rectangle found within the iteration limit of " +
+                  std::to_string(kGeometryModeMaxIterations));
+    }
+    cv::integral(valueMap, integral, CV_64F);
     return true;
   }
 
@@ -123,7 +171,7 @@ struct AutoClipping::Impl {
     AutoClippingCoverage::valueModeMap(coverage, values, weight, valueMap);
     AutoClippingCoverage::wellCoveredMask(coverage, AutoClippingCoverage::kValueModeCovered, wellCovered);
     if (cv::countNonZero(wellCovered) == 0) return fail("AutoClipping: the modules do not cover the panorama");
-    if (!search(maxIterations)) return false;
+    if (!search(maxIterations, kStartStep)) return false;
     finish();
     return true;
   }
@@ -139,7 +187,7 @@ struct AutoClipping::Impl {
                                  : "AutoClipping: the modules do not cover the panorama");
     }
     AutoClippingCoverage::geometryModeMap(wellCovered, valueMap);
-    if (!search(kGeometryModeMaxIterations)) return false;
+    if (!geometrySearch()) return false;
     if (keepAspect) {
       const double aspect = double(coverage.cols) / coverage.rows;
       rect = AutoClippingCoverage::fitAspect(rect, aspect, integral);

@@ -413,6 +413,22 @@ TEST(AutoClippingGeometryMode, GeometryModeReportsTheKnownHole) {
   EXPECT_EQ(clipping.checkGap().size(), 5u);
 }
 
+TEST(AutoClippingGeometryMode, AMissingSeamCutsThePanoramaToItsLargerSide) {
+  // A gap from x = 0.5 to 0.6 over the whole height: no rectangle that
+  // spans it is well covered, so the larger side (the left half) is kept.
+  const auto camera = cameraOf({{L"left", boxMatrix(0, 0, 0.5f, 1)}, {L"right", boxMatrix(0.6f, 0, 1, 1)}});
+  AutoClipping clipping(camera);
+  ASSERT_TRUE(clipping.config(false, false, 0.5f));
+  ASSERT_TRUE(clipping.process());
+  const cv::Rect r = clipping.rectangle();
+  EXPECT_EQ(r.x, 0);
+  EXPECT_EQ(r.y, 0);
+  EXPECT_EQ(r.height, 199);
+  EXPECT_NEAR(r.width, 200, 1);
+  EXPECT_TRUE(clipping.checkGap().empty());
+  EXPECT_NEAR(clipping.offset()[2], 0.5f, 1.5f / 400);
+}
+
 TEST(AutoClippingRaster, WithoutPanoramaSizeThePicturesGiveTheAspect) {
   const cv::Mat fruits = Testing::loadSample("fruits.jpg");
   auto camera = halvesCamera();
