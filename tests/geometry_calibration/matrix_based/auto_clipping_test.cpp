@@ -55,9 +55,9 @@ struct ModuleSpec {
 std::shared_ptr<Orbivane> cameraOf(const std::vector<ModuleSpec>& modules, Utils::Size panorama = {400, 200}) {
   auto camera = std::make_shared<Orbivane>();
   camera->setPanoramaSize(panorama);
-  for (const ModuleSpec& spec : modules) {
-    OrbivaneModule module(spec.name);
-    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(spec.matrix));
+  for (const ModuleSpec& entry : modules) {
+    OrbivaneModule module(entry.name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(entry.matrix));
     camera->addModule(module);
   }
   return camera;
