@@ -21,5 +21,7 @@ void addResolutionCommand(CLI::App& app);
 void addSensorCommand(CLI::App& app);
 void addNeighbourCommand(CLI::App& app);
 void addAutoclipCommand(CLI::App& app);
+void addShaderSearchCommands(CLI::App& app);
+void addMatchToTargetCommand(CLI::App& app);
 
 }  // namespace Tool

@@ -6,6 +6,8 @@
 //   sensor capture STATE.json --module NAME OUT.png
 //   sensor centre STATE.json --module NAME [--threshold T] [--json]
 //   sensor restore STATE.json --module NAME
+//   sensor overlap STATE.json --modules A,B [--overlap PX] [--camera CAMERA.json]
+//                  [--search SHARE] [--picture OUT.png] [--json]
 // "centre" keeps the window it started from in STATE.json.restore.json so
 // that a later "restore" puts it back.
 #include <cstdio>
@@ -18,10 +20,12 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/simulated_camera.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
+#include "orbivane/utils/wide_text.h"
 
 namespace Tool {
 namespace {
@@ -40,6 +44,12 @@ struct SensorArgs {
   int threshold = 97;
   std::string out;
   bool json = false;
+  std::vector<int> crop;
+  std::vector<std::string> modules;
+  double overlap = -1.0;
+  double search = 0.5;
+  std::string camera;
+  std::string picture;
 };
 
 SensorArgs& args() {
@@ -55,16 +65,17 @@ std::shared_ptr<Quarn::SimulatedCamera> openCamera() {
   return camera.value();
 }
 
-std::shared_ptr<CameraDescription::OrbivaneModule> moduleFor() {
-  auto module = std::make_shared<CameraDescription::OrbivaneModule>(
-      std::wstring(args().module.begin(), args().module.end()));
+std::shared_ptr<CameraDescription::OrbivaneModule> moduleFor(const std::string& id) {
+  auto module = std::make_shared<CameraDescription::OrbivaneModule>(Utils::fromUtf8(id));
   Quarn::QuarnConnection c;
   c.backend = "simulated";
   c.address = args().state;
-  c.device = args().module;
+  c.device = id;
   module->setConnection(c);
   return module;
 }
+
+std::shared_ptr<CameraDescription::OrbivaneModule> moduleFor() { return moduleFor(args().module); }
 
 void writeTextAtomically(const std::string& path, const std::string& text) {
   const std::string temporary = path + ".tmp";
@@ -119,6 +130,14 @@ void create() {
     if (a.centre.size() != 2) throw CommandError("--centre needs X Y");
     m.scene.centreX = m.scene.cornerX = a.centre[0];
     m.scene.centreY = m.scene.cornerY = a.centre[1];
+  }
+  if (!a.crop.empty()) {
+    if (m.scene.kind != "image") throw CommandError("--crop needs a picture as --scene");
+    if (a.crop.size() != 4) throw CommandError("--crop needs X Y WIDTH HEIGHT");
+    m.scene.cropX = a.crop[0];
+    m.scene.cropY = a.crop[1];
+    m.scene.cropWidth = a.crop[2];
+    m.scene.cropHeight = a.crop[3];
   }
   if (a.radius > 0) m.scene.radius = a.radius;
   m.scene.blur = a.blur;
@@ -205,6 +224,69 @@ void restore() {
   printWindow(camera);
 }
 
+// Balances the overlap of two simulated modules; --camera lends them the
+// geometry and linkage of the camera file's modules of the same names.
+void overlap() {
+  const SensorArgs& a = args();
+  if (a.modules.size() != 2) throw CommandError("--modules needs two module ids: LEFT,RIGHT");
+  auto camera = Quarn::SimulatedCamera::open(a.state);
+  if (!camera) throw CommandError(camera.error());
+  std::shared_ptr<CameraDescription::OrbivaneModule> pair[2];
+  Utils::Optional<CameraDescription::Orbivane> description;
+  if (!a.camera.empty()) {
+    CameraDescription::CameraFileOptions options;
+    options.loadImages = false;
+    auto loaded = CameraDescription::loadCameraFile(a.camera, options);
+    if (!loaded) throw CommandError(loaded.error());
+    description = std::move(loaded).value();
+  }
+  for (int i = 0; i < 2; ++i) {
+    auto simulated = camera.value()->module(a.modules[i]);
+    if (!simulated) throw CommandError(simulated.error());
+    pair[i] = moduleFor(a.modules[i]);
+    if (description) {
+      auto described = description->findModule(Utils::fromUtf8(a.modules[i]));
+      if (!described) throw CommandError("the camera file '" + a.camera + "' has no module '" + a.modules[i] + "'");
+      if (auto* geometry = described->geometry()) pair[i]->setGeometry(geometry->clone());
+      if (auto* linkage = described->linkage()) pair[i]->setLinkage(linkage->clone());
+      pair[i]->setShaders(described->shaders());
+    }
+  }
+  SensorCalibration::SensorShifter::OverlapOptions options;
+  options.wantedPixels = a.overlap;
+  options.searchShare = a.search;
+  std::ostringstream err;
+  auto* old = std::cerr.rdbuf(err.rdbuf());
+  auto result = SensorCalibration::SensorShifter::overlapCalibration(pair[0], pair[1], options);
+  std::cerr.rdbuf(old);
+  if (!result) throw CommandError(result.error());
+  const auto& r = result.value();
+  if (!a.picture.empty()) {
+    auto shown = SensorCalibration::SensorShifter::overlapImg(pair[0], pair[1], r.wanted);
+    if (!shown) throw CommandError("the overlap picture could not be drawn");
+    auto saved = Image::saveImage(*shown, a.picture);
+    if (!saved) throw CommandError(saved.error());
+  }
+  if (a.json) {
+    std::cout << nlohmann::json{{"left", a.modules[0]},
+                                {"right", a.modules[1]},
+                                {"wanted", r.wanted},
+                                {"before", r.before.overlap},
+                                {"after", r.after.overlap},
+                                {"dy", r.after.y},
+                                {"score", r.after.score},
+                                {"windows", {{r.leftWindow.x, r.leftWindow.y}, {r.rightWindow.x, r.rightWindow.y}}},
+                                {"moves", r.moves},
+                                {"reached", r.reached}}
+                     .dump()
+              << std::endl;
+  } else {
+    std::printf("overlap %.2f px -> %.2f px (wanted %.2f px)%s; windows %s x %d, %s x %d; %d move(s)\n",
+                r.before.overlap, r.after.overlap, r.wanted, r.reached ? "" : ", not reached", a.modules[0].c_str(),
+                r.leftWindow.x, a.modules[1].c_str(), r.rightWindow.x, r.moves);
+  }
+}
+
 CLI::App* withStateAndModule(CLI::App* sensor, const std::string& name, const std::string& help) {
   CLI::App* cmd = sensor->add_subcommand(name, help);
   cmd->add_option("STATE", args().state, "Simulated camera state file")->required();
@@ -223,6 +305,7 @@ void addSensorCommand(CLI::App& app) {
   c->add_option("--size", a.size, "Sensor frame WIDTH HEIGHT of a rendered scene")->expected(2);
   c->add_option("--centre", a.centre, "Lens circle centre (fisheye) or corner mark (target) X Y")->expected(2);
   c->add_option("--radius", a.radius, "Lens circle radius in pixels");
+  c->add_option("--crop", a.crop, "Part X Y WIDTH HEIGHT of the picture that is the sensor frame")->expected(4);
   c->add_option("--window", a.window, "Sensor window WIDTH HEIGHT")->expected(2);
   c->add_option("--step", a.step, "Window step in sensor pixels")->capture_default_str();
   c->add_option("--blur", a.blur, "Blur sigma of a rendered scene")->capture_default_str();
@@ -246,6 +329,16 @@ void addSensorCommand(CLI::App& app) {
   CLI::App* b = withStateAndModule(sensor, "restore", "Put the window back where centre found it");
   b->add_flag("--json", a.json, "Print one JSON object");
   b->callback(restore);
+  CLI::App* o = sensor->add_subcommand("overlap", "Move two neighbouring windows until their pictures overlap as wanted");
+  o->add_option("STATE", a.state, "Simulated camera state file")->required();
+  o->add_option("--modules", a.modules, "LEFT,RIGHT module ids")->delimiter(',')->required();
+  o->add_option("--overlap", a.overlap, "Wanted overlap in pixels of the left picture (default: the linkage's share)");
+  o->add_option("--camera", a.camera, "Camera file lending the modules geometry and linkage");
+  o->add_option("--search", a.search, "Share of the left picture searched for the overlap (0..1]")
+      ->capture_default_str();
+  o->add_option("--picture", a.picture, "Write the overlap picture");
+  o->add_flag("--json", a.json, "Print one JSON object");
+  o->callback(overlap);
 }
 
 }  // namespace Tool

@@ -52,6 +52,8 @@ int main(int argc, char** argv) {
   Tool::addSensorCommand(app);
   Tool::addNeighbourCommand(app);
   Tool::addAutoclipCommand(app);
+  Tool::addShaderSearchCommands(app);
+  Tool::addMatchToTargetCommand(app);
 
   try {
     app.parse(argc, argv);

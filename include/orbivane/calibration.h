@@ -39,13 +39,16 @@
 
 #include "orbivane/geometry_calibration/adv_step_info.h"
 #include "orbivane/geometry_calibration/geometry_calibration_inferface.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
+#include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 
 #include "orbivane/blur_detection/estimate_blur.h"
 
 #include "orbivane/platform/camera_backend.h"
+#include "orbivane/platform/image_shading.h"
 #include "orbivane/platform/quarn_records.h"
 #include "orbivane/platform/quarn_session.h"
 #include "orbivane/platform/simulated_camera.h"

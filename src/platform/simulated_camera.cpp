@@ -30,7 +30,8 @@ json sceneToJson(const SimulatedScene& s) {
           {"vignetting", s.vignetting},                         {"corner", {s.cornerX, s.cornerY}},
           {"spacing", {s.spacingX, s.spacingY}},                {"markRadius", s.markRadius},
           {"rotation", s.rotation}, {"blur", s.blur},           {"noise", s.noise},
-          {"seed", s.seed},         {"imagePath", s.imagePath}};
+          {"seed", s.seed},         {"imagePath", s.imagePath},
+          {"crop", {s.cropX, s.cropY, s.cropWidth, s.cropHeight}}};
 }
 
 SimulatedScene sceneFromJson(const json& j) {
@@ -58,6 +59,12 @@ SimulatedScene sceneFromJson(const json& j) {
   s.noise = j.value("noise", s.noise);
   s.seed = j.value("seed", s.seed);
   s.imagePath = j.value("imagePath", s.imagePath);
+  if (j.contains("crop")) {
+    s.cropX = j.at("crop").at(0).get<int>();
+    s.cropY = j.at("crop").at(1).get<int>();
+    s.cropWidth = j.at("crop").at(2).get<int>();
+    s.cropHeight = j.at("crop").at(3).get<int>();
+  }
   return s;
 }
 
@@ -115,6 +122,18 @@ Utils::ReturnState<cv::Mat, std::string> renderScene(const SimulatedScene& scene
     auto picture = Image::loadImage(scene.imagePath);
     if (!picture) return Utils::failure(picture.error());
     frame = Image::toMat(picture.value());
+    if (scene.cropWidth > 0 || scene.cropHeight > 0 || scene.cropX != 0 || scene.cropY != 0) {
+      const cv::Rect crop(scene.cropX, scene.cropY, scene.cropWidth > 0 ? scene.cropWidth : frame.cols - scene.cropX,
+                          scene.cropHeight > 0 ? scene.cropHeight : frame.rows - scene.cropY);
+      if (crop.x < 0 || crop.y < 0 || crop.width <= 0 || crop.height <= 0 || crop.x + crop.width > frame.cols ||
+          crop.y + crop.height > frame.rows) {
+        return Utils::failure("the crop " + std::to_string(crop.x) + "," + std::to_string(crop.y) + " " +
+                              std::to_string(crop.width) + "x" + std::to_string(crop.height) + " is not inside the " +
+                              std::to_string(frame.cols) + "x" + std::to_string(frame.rows) + " picture '" +
+                              scene.imagePath + "'");
+      }
+      frame = frame(crop).clone();
+    }
   } else if (scene.width <= 0 || scene.height <= 0 || scene.width > 20000 || scene.height > 20000) {
     return Utils::failure("scene size " + std::to_string(scene.width) + "x" + std::to_string(scene.height) +
                           " is out of range (1 to 20000 pixels)");

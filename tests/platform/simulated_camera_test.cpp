@@ -101,6 +101,38 @@ TEST(SimulatedCameraTest, BadScenesAreRefused) {
   EXPECT_FALSE(camera.value()->module("x"));
 }
 
+TEST(SimulatedCameraTest, CroppedPicturesAreTheirFramesAndRoundTrip) {
+  Testing::TemporaryDirectory dir;
+  auto camera = SimulatedCamera::open(dir.file("state.json"));
+  ASSERT_TRUE(camera);
+  SimulatedModule m = baboonModule();
+  m.scene.cropX = 100;
+  m.scene.cropY = 50;
+  m.scene.cropWidth = 320;
+  m.scene.cropHeight = 300;
+  ASSERT_TRUE(camera.value()->addModule(m));
+  const cv::Mat photo = Testing::loadSample("baboon.jpg");
+  auto frame = camera.value()->sensorFrame("left");
+  ASSERT_TRUE(frame);
+  EXPECT_THAT(frame.value(), Testing::PictureNear(photo(cv::Rect(100, 50, 320, 300)), 0));
+  // Window 256 x 256 in the middle of the 320 x 300 frame: photo (132, 72).
+  auto picture = camera.value()->capture("left");
+  ASSERT_TRUE(picture);
+  EXPECT_THAT(picture.value(), Testing::PictureNear(photo(cv::Rect(132, 72, 256, 256)), 0));
+  auto again = SimulatedCamera::open(dir.file("state.json")).value()->module("left");
+  ASSERT_TRUE(again);
+  EXPECT_EQ(std::vector<int>({again.value().scene.cropX, again.value().scene.cropY, again.value().scene.cropWidth,
+                              again.value().scene.cropHeight}),
+            std::vector<int>({100, 50, 320, 300}));
+
+  // A crop reaching off the picture is refused with the picture's size.
+  m.id = "off";
+  m.scene.cropX = 300;
+  auto refused = camera.value()->addModule(m);
+  ASSERT_FALSE(refused);
+  EXPECT_NE(refused.error().find("512x512"), std::string::npos) << refused.error();
+}
+
 TEST(SceneRendererTest, LensCircleAndTargetLieWhereTheyAreTold) {
   const cv::Mat lens = Quarn::renderLensCircle({400, 300}, {210.3, 140.7}, 100.0, 0.5, 1.0, 2.0, 7);
   ASSERT_EQ(lens.size(), cv::Size(400, 300));

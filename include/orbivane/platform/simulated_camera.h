@@ -34,7 +34,8 @@ namespace Quarn {
 struct SimulatedScene {
   // "fisheye": a bright lens circle with vignetting on a dark surround;
   // "target": three dark round marks at the corners of a right angle on a
-  // bright ground; "image": a picture file (frame size = the picture's).
+  // bright ground; "image": a picture file, or a crop of it (frame size =
+  // the picture's or the crop's).
   std::string kind = "fisheye";
   int width = 1920;   // sensor frame size in pixels (rendered scenes)
   int height = 1080;
@@ -56,8 +57,14 @@ struct SimulatedScene {
   double blur = 1.0;
   double noise = 2.0;
   std::uint32_t seed = 1;
-  // image: the picture file.
+  // image: the picture file, and the part of it that is the sensor frame
+  // (pixels; a width or height of 0 takes the whole picture). Two modules
+  // cropped from one wide picture see the same scene with a known overlap.
   std::string imagePath;
+  int cropX = 0;
+  int cropY = 0;
+  int cropWidth = 0;
+  int cropHeight = 0;
 };
 
 struct SimulatedWindow {

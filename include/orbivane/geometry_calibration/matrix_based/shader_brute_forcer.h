@@ -1,0 +1,130 @@
+// Shader parameter search: finds a module's lens distortion parameters by
+// rendering its picture through its shader chain for every point of a grid
+// and comparing edge images with the module's region of a reference picture.
+//
+// Reference preparation: the surface is a quarter of the reference's width
+// and height (each shifted right by 2 bits); the module's picture is rendered
+// at that size (orbivane/platform/image_shading.h: the rendering frames the
+// module's footprint). The module's rectangle on the reference is the
+// bounding box (left, top, right, bottom) of where the module's matrix puts
+// its unit square (orbivane/geometry/surface_projection.h), in the
+// reference's normalised coordinates; in pixels x = int(cols * left),
+// y = int(rows * top), width = int(cols * (right - left)), height =
+// int(rows * (bottom - top)), truncated toward zero. Parts of it outside the
+// reference are black. Its edge image (linear resize to the rendered size,
+// grey, histogram equalisation, Laplacian 16S aperture 3, absolute value) is
+// what every rendering's edge image is compared with.
+//
+// The walk: the parameter list in order, the first entry outermost. A range
+// yields min, min + step, ... (single-precision accumulation) while below
+// max; "i_ps_distortion_ext_pwp" yields 2..20. Each outermost value is
+// printed on standard output. Each evaluation writes the values ("%f") into
+// the module's shader (the shader whose UID is the geometry's shaderId(),
+// known from the shader files; "Shader not found", std::runtime_error,
+// otherwise), renders the grey picture, and scores the mean absolute
+// difference of the edge images (renderings whose edge image has a mean
+// below 1.0 are skipped). " #" is printed every 10000 scored evaluations.
+// The ten smallest distinct errors are kept; an equal error keeps the result
+// that comes first in grid order, whatever the number of threads.
+//
+// Evaluations run on all cores (TBB): one shading object per thread, found by
+// thread id under a lock; the best list under a second lock; an atomic
+// evaluation counter. The grey rendering is the renderer's grey output (the
+// grey working picture sampled bilinearly; it agrees with the colour
+// rendering converted to grey to within half a level on average, a few levels
+// at the sharpest edges); the edge steps from there on are exact.
+//
+// Sharding: setShard(i, n) walks only the i-th of n contiguous ranges of the
+// outermost parameter's values; the shards' results merged with
+// mergeResults are exactly the whole search's.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "orbivane/camera/orbivane.h"
+#include "orbivane/export.h"
+#include "orbivane/geometry_calibration/status_callback.h"
+#include "orbivane/image/universal_image_interface.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+class ShaderSearch;
+
+class ORBIVANE_EXPORT ShaderBruteForcer {
+ public:
+  struct MinMaxStep {
+    float min = 0.0f;
+    float max = 0.0f;
+    float step = 0.0f;
+    // 2 for the correction parameters, 1 for the shifts; carried, not read.
+    int kind = 0;
+  };
+  using ParameterList = std::list<std::pair<std::string, MinMaxStep>>;
+
+  struct Result {
+    float error = 0.0f;                       // mean absolute edge difference, grey levels
+    std::uint64_t gridIndex = 0;              // place in the walk's order over the whole grid
+    std::map<std::string, float> parameters;  // shader parameter name -> value
+  };
+
+  // The fixed grid: F 0.05..0.8 step 0.05, H 0.05..0.8 step 0.1, V 0.05..0.8
+  // step 0.05, x and y shift -0.3..0.3 step 0.05 (304,200 points).
+  ShaderBruteForcer(const CameraDescription::Orbivane& camera,
+                    std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images);
+  // Another parameter list (tests, coarse searches).
+  ShaderBruteForcer(const CameraDescription::Orbivane& camera,
+                    std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images,
+                    ParameterList parameters);
+  virtual ~ShaderBruteForcer();
+  ShaderBruteForcer(const ShaderBruteForcer&) = delete;
+  ShaderBruteForcer& operator=(const ShaderBruteForcer&) = delete;
+
+  // Up to ten copies of the camera, by rising error, whose module `module`
+  // carries one of the best parameter sets. Unknown module or picture names
+  // throw std::out_of_range("invalid map<K, T> key"). A module without a
+  // matrix-representable geometry, a reference below 4x4 pixels or a module
+  // rectangle without pixels give an empty list (logged).
+  virtual std::list<CameraDescription::Orbivane> searchForBestParameters(std::wstring module, std::wstring reference);
+
+  // Only the `index`-th (from 0) of `count` contiguous ranges of the
+  // outermost values; (0, 1) is the whole grid. Throws std::invalid_argument
+  // unless 0 <= index < count.
+  void setShard(int index, int count);
+  // Threads for the evaluations; 0 (the default) uses every core.
+  void setThreadCount(int threads);
+  // Progress: (evaluations done, evaluations of this search or shard,
+  // "Searching Shader Parameters", {}), on the calling thread.
+  void registerStatusCallback(StatusCallback callback);
+
+  // The last search's best results, by rising error, and how many
+  // evaluations were scored.
+  const std::list<Result>& results() const;
+  std::uint64_t evaluationCount() const;
+
+  static ParameterList defaultParameterList();
+  // The values a list entry takes, in walk order.
+  static std::vector<float> parameterValues(const std::string& name, const MinMaxStep& range);
+  // Points of the whole grid.
+  static std::uint64_t gridSize(const ParameterList& parameters);
+  // Shard results merged into what the whole search keeps.
+  static std::list<Result> mergeResults(const std::list<std::list<Result>>& shards);
+  // A copy of the camera whose module carries the values in its shader (the
+  // geometry's shaderId(); appended with the shader file's defaults when the
+  // chain lacks it). Throws like searchForBestParameters.
+  static CameraDescription::Orbivane cameraWithParameters(const CameraDescription::Orbivane& camera,
+                                                          const std::wstring& module,
+                                                          const std::map<std::string, float>& parameters);
+
+ private:
+  std::unique_ptr<ShaderSearch> impl_;
+};
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

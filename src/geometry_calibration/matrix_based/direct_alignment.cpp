@@ -1,0 +1,339 @@
+// Inverse-compositional Gauss-Newton alignment with gain and offset.
+#include "geometry_calibration/matrix_based/direct_alignment.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <mutex>
+
+#include <opencv2/imgproc.hpp>
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+namespace {
+
+constexpr double kSmoothing = 0.7;  // pixels, finest level, both pictures
+constexpr int kCoarsestSide = 32;   // the coarsest level keeps at least this many pixels a side
+
+int parameterCount(AlignmentMotion motion) {
+  switch (motion) {
+    case AlignmentMotion::kTranslation:
+      return 2;
+    case AlignmentMotion::kAffine:
+      return 6;
+    case AlignmentMotion::kHomography:
+      break;
+  }
+  return 8;
+}
+
+// Sums of one pass; combined over the stripes of a parallel loop.
+struct Sums {
+  double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0;
+  std::array<double, 8> jI{}, j1{}, jT{};
+  std::array<double, 36> h{};  // upper triangle of the Hessian, row by row
+  void add(const Sums& o) {
+    n += o.n;
+    sI += o.sI;
+    sT += o.sT;
+    sII += o.sII;
+    sTT += o.sTT;
+    sIT += o.sIT;
+    for (int k = 0; k < 8; ++k) {
+      jI[k] += o.jI[k];
+      j1[k] += o.j1[k];
+      jT[k] += o.jT[k];
+    }
+    for (int k = 0; k < 36; ++k) h[k] += o.h[k];
+  }
+};
+
+bool finite(const cv::Matx33d& h) {
+  for (int k = 0; k < 9; ++k)
+    if (!std::isfinite(h.val[k])) return false;
+  return true;
+}
+
+cv::Matx33d scaling(double s) { return cv::Matx33d(s, 0, 0, 0, s, 0, 0, 0, 1); }
+
+}  // namespace
+
+double cornerDisplacement(const cv::Matx33d& h, const cv::Rect2d& rect) {
+  double worst = 0.0;
+  const cv::Point2d corners[4] = {rect.tl(), {rect.x + rect.width, rect.y}, rect.br(), {rect.x, rect.y + rect.height}};
+  for (const auto& c : corners) {
+    const cv::Vec3d p = h * cv::Vec3d(c.x, c.y, 1.0);
+    if (!(std::fabs(p[2]) > 1e-12)) return HUGE_VAL;
+    worst = std::max(worst, std::hypot(p[0] / p[2] - c.x, p[1] / p[2] - c.y));
+  }
+  return std::isfinite(worst) ? worst : HUGE_VAL;
+}
+
+DirectAlignment::DirectAlignment(AlignmentOptions options) : options_(options) {}
+
+void DirectAlignment::buildPyramid(const cv::Mat& fixed, const cv::Mat& moving, const cv::Mat& movingMask,
+                                   cv::Rect region, int levels, bool gradients) {
+  levels_.assign(static_cast<std::size_t>(levels), Level());
+  for (int l = 0; l < levels; ++l) {
+    Level& level = levels_[static_cast<std::size_t>(l)];
+    if (l == 0) {
+      fixed.convertTo(level.fixed, CV_32F);
+      moving.convertTo(level.moving, CV_32F);
+      cv::GaussianBlur(level.fixed, level.fixed, cv::Size(5, 5), kSmoothing, kSmoothing, cv::BORDER_REPLICATE);
+      cv::GaussianBlur(level.moving, level.moving, cv::Size(5, 5), kSmoothing, kSmoothing, cv::BORDER_REPLICATE);
+      if (movingMask.empty()) {
+        level.mask = cv::Mat(moving.size(), CV_8U, cv::Scalar(255));
+      } else {
+        cv::erode(movingMask, level.mask, cv::Mat(), cv::Point(-1, -1), 2, cv::BORDER_CONSTANT, cv::Scalar(0));
+      }
+      level.region = region;
+      level.scale = 1.0;
+    } else {
+      const Level& finer = levels_[static_cast<std::size_t>(l - 1)];
+      cv::pyrDown(finer.fixed, level.fixed);
+      cv::pyrDown(finer.moving, level.moving);
+      cv::Mat eroded;
+      cv::erode(finer.mask, eroded, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)), cv::Point(-1, -1), 1,
+                cv::BORDER_CONSTANT, cv::Scalar(0));
+      cv::resize(eroded, level.mask, level.moving.size(), 0, 0, cv::INTER_NEAREST);
+      level.scale = finer.scale * 0.5;
+      const int x0 = (finer.region.x + 1) / 2, y0 = (finer.region.y + 1) / 2;
+      const int x1 = std::min(level.fixed.cols, (finer.region.x + finer.region.width) / 2);
+      const int y1 = std::min(level.fixed.rows, (finer.region.y + finer.region.height) / 2);
+      level.region = cv::Rect(x0, y0, std::max(0, x1 - x0), std::max(0, y1 - y0));
+    }
+    if (gradients) {
+      static const cv::Mat derivative = (cv::Mat_<float>(1, 5) << 1.f / 12, -8.f / 12, 0.f, 8.f / 12, -1.f / 12);
+      static const cv::Mat one = (cv::Mat_<float>(1, 1) << 1.f);
+      // sepFilter2D correlates: out(x) = (f(x-2) - 8 f(x-1) + 8 f(x+1) - f(x+2)) / 12.
+      cv::sepFilter2D(level.fixed, level.gradX, CV_32F, derivative, one, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
+      cv::sepFilter2D(level.fixed, level.gradY, CV_32F, one, derivative, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
+    }
+  }
+}
+
+AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
+                                         cv::Vec<double, 8>* gradient, bool buildHessian) {
+  AlignmentResult result;
+  result.warp = warp;
+  const cv::Rect region = level.region;
+  if (region.empty()) return result;
+  // Warp in this level's pixels.
+  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);
+  const double cx = region.x + 0.5 * (region.width - 1), cy = region.y + 0.5 * (region.height - 1);
+  const double sc = 0.5 * std::max(region.width, region.height);
+  const int count = parameterCount(options_.motion);
+  const bool wantJacobian = gradient != nullptr;
+  const int cols = level.moving.cols, rows = level.moving.rows;
+
+  Sums total;
+  std::mutex lock;
+  cv::parallel_for_(cv::Range(region.y, region.y + region.height), [&](const cv::Range& range) {
+    Sums sums;
+    std::array<float, 8> j{};
+    for (int y = range.start; y < range.end; ++y) {
+      const float* T = level.fixed.ptr<float>(y);
+      const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
+      const float* GY = wantJacobian ? level.gradY.ptr<float>(y) : nullptr;
+      const double yn = (y - cy) / sc;
+      double rowN = 0, rowI = 0, rowT = 0, rowII = 0, rowTT = 0, rowIT = 0;
+      std::array<double, 8> rowJI{}, rowJ1{}, rowJT{};
+      for (int x = region.x; x < region.x + region.width; ++x) {
+        const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
+        const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
+        const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
+        if (!(Z > 1e-9)) continue;
+        const double px = X / Z, py = Y / Z;
+        if (!(px >= 0.0) || !(py >= 0.0) || px >= cols - 1 || py >= rows - 1) continue;
+        const int ix = static_cast<int>(px), iy = static_cast<int>(py);
+        const uchar* m0 = level.mask.ptr<uchar>(iy) + ix;
+        const uchar* m1 = level.mask.ptr<uchar>(iy + 1) + ix;
+        if (!(m0[0] && m0[1] && m1[0] && m1[1])) continue;
+        const float fx = static_cast<float>(px - ix), fy = static_cast<float>(py - iy);
+        const float* r0 = level.moving.ptr<float>(iy) + ix;
+        const float* r1 = level.moving.ptr<float>(iy + 1) + ix;
+        const float top = r0[0] + fx * (r0[1] - r0[0]);
+        const float bottom = r1[0] + fx * (r1[1] - r1[0]);
+        const float I = top + fy * (bottom - top);
+        const float t = T[x];
+        rowN += 1.0;
+        rowI += I;
+        rowT += t;
+        rowII += double(I) * I;
+        rowTT += double(t) * t;
+        rowIT += double(I) * t;
+        if (!wantJacobian) continue;
+        const float xn = static_cast<float>((x - cx) / sc);
+        const float ynf = static_cast<float>(yn);
+        const float gx = GX[x] * static_cast<float>(sc), gy = GY[x] * static_cast<float>(sc);
+        if (count == 2) {
+          j[0] = gx;
+          j[1] = gy;
+        } else {
+          j[0] = gx * xn;
+          j[1] = gx * ynf;
+          j[2] = gx;
+          j[3] = gy * xn;
+          j[4] = gy * ynf;
+          j[5] = gy;
+          if (count == 8) {
+            const float s = -(gx * xn + gy * ynf);
+            j[6] = s * xn;
+            j[7] = s * ynf;
+          }
+        }
+        for (int k = 0; k < count; ++k) {
+          rowJI[k] += j[k] * I;
+          rowJ1[k] += j[k];
+          rowJT[k] += j[k] * t;
+        }
+        if (buildHessian) {
+          int idx = 0;
+          for (int a = 0; a < count; ++a)
+            for (int b = a; b < count; ++b) sums.h[idx++] += double(j[a]) * j[b];
+        }
+      }
+      sums.n += rowN;
+      sums.sI += rowI;
+      sums.sT += rowT;
+      sums.sII += rowII;
+      sums.sTT += rowTT;
+      sums.sIT += rowIT;
+      for (int k = 0; k < count; ++k) {
+        sums.jI[k] += rowJI[k];
+        sums.j1[k] += rowJ1[k];
+        sums.jT[k] += rowJT[k];
+      }
+    }
+    std::lock_guard<std::mutex> guard(lock);
+    total.add(sums);
+  });
+
+  result.validPixels = static_cast<int>(total.n);
+  if (total.n < options_.minimumPixels) return result;
+  const double n = total.n;
+  const double mI = total.sI / n, mT = total.sT / n;
+  const double vI = total.sII / n - mI * mI, vT = total.sTT / n - mT * mT, cIT = total.sIT / n - mI * mT;
+  if (!(vI > 1e-3) || !(vT > 1e-3)) return result;  // no texture to align on
+  // fixed ~ g * moving + b
+  const double g = cIT / vI;
+  const double b = mT - g * mI;
+  result.gain = g;
+  result.offset = b;
+  result.correlation = cIT / std::sqrt(vI * vT);
+  result.meanSquaredResidual = std::max(0.0, vT - cIT * cIT / vI);
+  if (gradient) {
+    *gradient = cv::Vec<double, 8>::all(0.0);
+    for (int k = 0; k < count; ++k) (*gradient)[k] = g * total.jI[k] + b * total.j1[k] - total.jT[k];
+  }
+  if (hessian && buildHessian) {
+    *hessian = cv::Matx<double, 8, 8>::zeros();
+    int idx = 0;
+    for (int a = 0; a < count; ++a)
+      for (int c = a; c < count; ++c) {
+        (*hessian)(a, c) = total.h[idx];
+        (*hessian)(c, a) = total.h[idx];
+        ++idx;
+      }
+  }
+  result.ok = true;
+  return result;
+}
+
+AlignmentResult DirectAlignment::evaluate(const cv::Mat& fixed, const cv::Mat& moving, const cv::Mat& movingMask,
+                                          const cv::Matx33d& warp, cv::Rect region) {
+  AlignmentResult failed;
+  failed.warp = warp;
+  if (fixed.empty() || moving.empty() || fixed.channels() != 1 || moving.channels() != 1 || !finite(warp))
+    return failed;
+  region &= cv::Rect(0, 0, fixed.cols, fixed.rows);
+  if (region.empty()) region = cv::Rect(0, 0, fixed.cols, fixed.rows);
+  buildPyramid(fixed, moving, movingMask, region, 1, false);
+  return measure(levels_[0], warp, nullptr, nullptr, false);
+}
+
+AlignmentResult DirectAlignment::align(const cv::Mat& fixed, const cv::Mat& moving, const cv::Mat& movingMask,
+                                       const cv::Matx33d& start, cv::Rect region) {
+  AlignmentResult failed;
+  failed.warp = start;
+  if (fixed.empty() || moving.empty() || fixed.channels() != 1 || moving.channels() != 1 || !finite(start) ||
+      !(cv::determinant(start) > 0.0))
+    return failed;
+  if (!movingMask.empty() && (movingMask.size() != moving.size() || movingMask.type() != CV_8U)) return failed;
+  const cv::Rect whole(0, 0, fixed.cols, fixed.rows);
+  region = region.empty() ? whole : (region & whole);
+  if (region.width < 8 || region.height < 8) return failed;
+
+  int levels = std::max(1, options_.levels);
+  while (levels > 1 && std::min(region.width, region.height) / (1 << (levels - 1)) < kCoarsestSide) --levels;
+  buildPyramid(fixed, moving, movingMask, region, levels, true);
+
+  const int count = parameterCount(options_.motion);
+  cv::Matx33d warp = start;
+  bool anyLevel = false;
+  for (int l = levels - 1; l >= 0; --l) {
+    const Level& level = levels_[static_cast<std::size_t>(l)];
+    if (level.region.width < 4 || level.region.height < 4) continue;
+    const double cx = level.region.x + 0.5 * (level.region.width - 1);
+    const double cy = level.region.y + 0.5 * (level.region.height - 1);
+    const double sc = 0.5 * std::max(level.region.width, level.region.height);
+    // Normalised level coordinates: n = N * (level pixel).
+    const cv::Matx33d N(1.0 / sc, 0, -cx / sc, 0, 1.0 / sc, -cy / sc, 0, 0, 1);
+    const cv::Matx33d toLevel = scaling(level.scale);
+    const cv::Matx33d fromNormalised = toLevel.inv() * N.inv();  // normalised -> full-resolution pixels
+    const cv::Matx33d toNormalised = N * toLevel;
+    const cv::Rect2d corners(-0.5 * level.region.width / sc, -0.5 * level.region.height / sc,
+                             level.region.width / sc, level.region.height / sc);
+
+    cv::Matx<double, 8, 8> hessian;
+    cv::Matx<double, 8, 8> inverse;
+    bool haveHessian = false;
+    for (int it = 0; it < options_.iterations; ++it) {
+      cv::Vec<double, 8> gradient;
+      const AlignmentResult m = measure(level, warp, &hessian, &gradient, !haveHessian);
+      if (!m.ok) break;
+      if (!haveHessian) {
+        cv::Mat h(count, count, CV_64F), hinv;
+        for (int a = 0; a < count; ++a)
+          for (int c = 0; c < count; ++c) h.at<double>(a, c) = hessian(a, c);
+        if (cv::invert(h, hinv, cv::DECOMP_CHOLESKY) == 0) break;
+        inverse = cv::Matx<double, 8, 8>::zeros();
+        for (int a = 0; a < count; ++a)
+          for (int c = 0; c < count; ++c) inverse(a, c) = hinv.at<double>(a, c);
+        haveHessian = true;
+      }
+      cv::Vec<double, 8> p;
+      for (int a = 0; a < count; ++a) {
+        double s = 0.0;
+        for (int c = 0; c < count; ++c) s += inverse(a, c) * gradient[c];
+        p[a] = s;
+      }
+      cv::Matx33d delta = cv::Matx33d::eye();
+      if (count == 2) {
+        delta(0, 2) = p[0];
+        delta(1, 2) = p[1];
+      } else {
+        delta = cv::Matx33d(1 + p[0], p[1], p[2], p[3], 1 + p[4], p[5], count == 8 ? p[6] : 0.0,
+                            count == 8 ? p[7] : 0.0, 1.0);
+      }
+      if (!finite(delta) || !(cv::determinant(delta) > 1e-6)) break;
+      // W <- W o D^-1, with D acting on normalised coordinates.
+      const cv::Matx33d next = warp * fromNormalised * delta.inv() * toNormalised;
+      if (!finite(next) || !(cv::determinant(next) > 0.0)) break;
+      warp = next * (1.0 / next(2, 2));
+      anyLevel = true;
+      if (cornerDisplacement(delta, corners) * sc < options_.minimumStep) break;
+    }
+  }
+  if (!anyLevel) return failed;
+  AlignmentResult result = measure(levels_[0], warp, nullptr, nullptr, false);
+  result.warp = warp;
+  if (!result.ok) {
+    failed.validPixels = result.validPixels;
+    return failed;
+  }
+  return result;
+}
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,87 @@
+// The exported target-matching calibrator; the work is done by its state.
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+
+#include "geometry_calibration/matrix_based/match_to_target_state.h"
+#include "orbivane/sensor_calibration/final_matrix.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+MatchToTarget::MatchToTarget(const CameraDescription::Orbivane& camera,
+                             std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images)
+    : state_(new MatchToTargetState(camera, std::move(images))) {}
+
+MatchToTarget::~MatchToTarget() { delete state_; }
+
+CameraDescription::Orbivane MatchToTarget::calibrate(std::list<std::wstring> modules, std::wstring target) {
+  return state_->calibrate(*this, modules, target);
+}
+
+void MatchToTarget::setCalibrationMode(const CalibrateMode& mode) { state_->mode = mode; }
+MatchToTarget::CalibrateMode MatchToTarget::calibrationMode() const { return state_->mode; }
+
+void MatchToTarget::setGridEnabled(const bool& enabled) { state_->gridEnabled = enabled; }
+
+void MatchToTarget::initGrid(const int& columns, const int& rows, const std::wstring& module) {
+  state_->grids[module] = Utils::UVGrid(columns, rows);
+}
+
+Utils::UVGrid MatchToTarget::getGrid(const std::wstring& module) const {
+  const auto it = state_->grids.find(module);
+  return it == state_->grids.end() ? Utils::UVGrid() : it->second;
+}
+
+void MatchToTarget::setM2nMaxIteration(const std::uint64_t& limit) {
+  state_->m2nLimit = limit;
+  state_->m2nCountdown = limit;
+}
+std::uint64_t MatchToTarget::m2nMaxIteration() const { return state_->m2nLimit; }
+
+void MatchToTarget::setM2bMaxIteration(const std::uint64_t& limit) { state_->m2bLimit = limit; }
+std::uint64_t MatchToTarget::m2bMaxIteration() const { return state_->m2bLimit; }
+
+void MatchToTarget::allowScale(const float& scale) { state_->allowedScale = scale; }
+
+void MatchToTarget::registerStatusCallback(
+    std::function<void(int, int, std::string, GeometryCalibration::AdvStepInfo)> callback) {
+  state_->callback = std::move(callback);
+}
+
+void MatchToTarget::abort() { state_->abort.store(true); }
+
+std::map<std::wstring, float> MatchToTarget::error() const { return state_->errors; }
+
+float MatchToTarget::error(const std::wstring& module) const {
+  const auto it = state_->errors.find(module);
+  return it == state_->errors.end() ? kFailedError : it->second;
+}
+
+std::vector<std::shared_ptr<Image::UniversalImageInterface>> MatchToTarget::imgsWorkingCopy(
+    const std::wstring& module) const {
+  const auto it = state_->workingCopies.find(module);
+  return it == state_->workingCopies.end() ? std::vector<std::shared_ptr<Image::UniversalImageInterface>>()
+                                           : it->second;
+}
+
+Utils::Matrix4x4 MatchToTarget::transformToWorkSystem(const std::wstring& module,
+                                                      const Utils::Matrix4x4& matrix) const {
+  return state_->toWorkSystem(module, matrix);
+}
+
+Utils::Matrix4x4 MatchToTarget::transformToResulte(const std::wstring& module, const Utils::Matrix4x4& matrix) const {
+  return state_->toResult(module, matrix);
+}
+
+Utils::Matrix4x4 MatchToTarget::calculateFinMatrix(const CameraDescription::Orbivane& camera,
+                                                   const std::wstring& module) {
+  return calculateFinMatrix(CameraDescription::findModule(camera, module));
+}
+
+Utils::Matrix4x4 MatchToTarget::calculateFinMatrix(std::shared_ptr<const CameraDescription::OrbivaneModule> module) {
+  if (!module) return Utils::Matrix4x4::identity();
+  const auto final = SensorCalibration::finalMatrix(*module);
+  return final ? *final : Utils::Matrix4x4::identity();
+}
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

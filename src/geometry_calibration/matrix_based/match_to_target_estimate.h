@@ -1,0 +1,69 @@
+// What the estimators of target matching share: the pictures they work on,
+// the result record they return to the driver, the difference error by which
+// results are scored, and the sub-pixel refinement by direct alignment.
+//
+// All estimators work in the work system of a module: the target's picture
+// scaled by the work scale, and the module's picture warped onto it by the
+// module's current placement (so the current placement is the identity).
+// Homographies map module work pixels to target work pixels.
+#pragma once
+
+#include <atomic>
+#include <cfloat>
+#include <cstdint>
+#include <memory>
+
+#include <opencv2/core.hpp>
+#include <spdlog/logger.h>
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+// The largest finite float: the error of a failed estimate, never accepted.
+constexpr float kFailedError = FLT_MAX;
+
+struct EstimateResult {
+  cv::Matx33f homography = cv::Matx33f::eye();  // module work pixels -> target work pixels
+  // Feature matcher: feature pairs the homography was estimated from;
+  // optical flow: flow samples kept; grid estimator: grid points moved;
+  // iterative estimator: matching rounds run. 0 for a failed estimate.
+  std::int32_t value = 0;
+  float error = kFailedError;  // percent of target pixels that differ (see differenceError), or kFailedError
+};
+
+// The pictures of one module in its work system. `module` and `target` are
+// BGR 8-bit of the same size; `moduleMask` marks where the warped module
+// picture has content (non-zero).
+struct WorkPictures {
+  cv::Mat module, target, moduleMask;
+  cv::Mat moduleGrey, targetGrey;  // filled by prepareGrey()
+  void prepareGrey();
+};
+
+// Context every estimator receives from the driver.
+struct EstimatorContext {
+  std::shared_ptr<spdlog::logger> logger;
+  const std::atomic<bool>* abort = nullptr;  // the calibrator's abort flag (may be null)
+  bool aborted() const { return abort != nullptr && abort->load(); }
+};
+
+// The share of differing pixels after warping: the module picture is warped
+// with `h` onto the target's frame (linear interpolation, black border), the
+// warped picture is subtracted from the target (saturating), the difference
+// turned grey and thresholded at 1 grey level, and the error is the mean of
+// the binary picture as a percentage (0: nowhere is the target brighter than
+// the warped module by more than one level; 100: everywhere). kFailedError
+// for empty pictures or a non-finite homography.
+float differenceError(const cv::Mat& module, const cv::Mat& target, const cv::Matx33d& h);
+
+// Refines `estimate` (module work -> target work pixels) at the pictures' full
+// resolution by direct alignment (homography with gain and offset) and
+// returns the better of the estimate and the refined homography, judged by
+// the mean squared residual after gain and offset; `improved` tells which.
+cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& estimate, bool* improved = nullptr,
+                             int levels = 3);
+
+bool isUsableHomography(const cv::Matx33d& h);
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,100 @@
+// The private state behind MatchToTarget and its driver loop: the camera
+// copy it corrects, the pictures, the settings, the per-module work systems,
+// working copies, estimator results and grids.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <spdlog/logger.h>
+
+#include "geometry_calibration/matrix_based/match_to_target_estimate.h"
+#include "orbivane/camera/orbivane.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/geometry_calibration/status_callback.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/matrix4x4.h"
+#include "orbivane/utils/uv_grid.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+// A module's work system: the four planar homographies of one run.
+//   forward:  W = forwardLeft x M x forwardRight   (module matrix -> work homography)
+//   backward: M = backwardLeft x W x backwardRight (work homography -> module matrix)
+// backwardLeft takes target work pixels to the surface (M_t T_t S^-1),
+// backwardRight takes module texture coordinates to module work pixels
+// (G T_m^-1, G = the pre-warp); the forward pair are their inverses.
+struct WorkSystem {
+  cv::Matx33d forwardLeft = cv::Matx33d::eye(), forwardRight = cv::Matx33d::eye();
+  cv::Matx33d backwardLeft = cv::Matx33d::eye(), backwardRight = cv::Matx33d::eye();
+};
+
+class MatchToTargetState {
+ public:
+  using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+  using Mode = MatchToTarget::CalibrateMode;
+
+  MatchToTargetState(const CameraDescription::Orbivane& camera, Images images);
+
+  // The driver; `self` is the public object, through which mode 3 recurses.
+  CameraDescription::Orbivane calibrate(MatchToTarget& self, const std::list<std::wstring>& modules,
+                                        const std::wstring& target);
+
+  // Step rules, public so that they can be checked on their own.
+  // Progress total and first "current" of a run over `names`.
+  void setUpProgress(const std::list<std::wstring>& names);
+  // The work scale for a module whose homography into the target's pixels
+  // has the upper-left block (a, b; c, d). Overwrites the allowed scale with
+  // 1.2 in mode 2 and in mode 0 with the grid enabled.
+  float workScale(double a, double b, double c, double d);
+  // Normalises the errors map in place as the mode asks.
+  void normaliseErrors();
+  // The accept-or-reject rule for a result against the best error so far.
+  static bool acceptable(const EstimateResult& result, float best);
+
+  // Reads the distortion-method flag from the camera's shaders.
+  static bool distortionMethodFlag(const CameraDescription::Orbivane& camera);
+
+  Utils::Matrix4x4 toWorkSystem(const std::wstring& module, const Utils::Matrix4x4& matrix) const;
+  Utils::Matrix4x4 toResult(const std::wstring& module, const Utils::Matrix4x4& matrix) const;
+
+  // Increments the progress and calls the callback, if any.
+  void report(const std::string& text, AdvStepInfo info = AdvStepInfo());
+
+  // Members in the documented order.
+  std::atomic<bool> abort{false};
+  CameraDescription::Orbivane camera;
+  Images images;
+  std::shared_ptr<spdlog::logger> logger;
+  bool distortionMethod = false;
+  Mode mode = MatchToTarget::kFeatureMatching;
+  std::wstring target;
+  std::map<std::wstring, float> errors;
+  float allowedScale = 0.0f;
+  std::int32_t progressTotal = 0;
+  std::int32_t progressCurrent = 0;
+  StatusCallback callback;
+  std::map<std::wstring, WorkSystem> workSystems;
+  std::map<std::wstring, std::vector<std::shared_ptr<Image::UniversalImageInterface>>> workingCopies;
+  std::uint64_t m2bLimit = 5;
+  std::uint64_t m2nLimit = 1;
+  std::uint64_t m2nCountdown = 1;
+  std::map<std::wstring, EstimateResult> results;  // the last accepted or rejected estimate per module
+  bool gridEnabled = false;
+  std::map<std::wstring, Utils::UVGrid> grids;
+  std::map<std::wstring, std::vector<cv::Point2f>> gridDisplacements;  // per grid point, target work pixels
+
+ private:
+  // One module of the loop (steps 3 to 10); false when it was skipped.
+  bool calibrateModule(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar);
+};
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

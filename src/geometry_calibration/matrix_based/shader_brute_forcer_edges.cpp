@@ -1,0 +1,137 @@
+// Edge images and the fused evaluation pass of the shader parameter search.
+#include "geometry_calibration/matrix_based/shader_brute_forcer_edges.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include <immintrin.h>
+
+#include <opencv2/imgproc.hpp>
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+namespace {
+
+// One row of the Laplacian [2 0 2; 0 -8 0; 2 0 2] over equalised rows with a
+// one-pixel border: |L| saturated to 255, summed, and its absolute difference
+// to the reference row summed.
+__attribute__((target_clones("avx2", "default"))) void laplacianRow(const std::uint8_t* above,
+                                                                     const std::uint8_t* centre,
+                                                                     const std::uint8_t* below,
+                                                                     const std::uint8_t* reference, int width,
+                                                                     std::uint32_t& edgeSum,
+                                                                     std::uint32_t& differenceSum) {
+  std::uint32_t edges = 0, differences = 0;
+  for (int x = 0; x < width; ++x) {
+    const int corners = int(above[x]) + int(above[x + 2]) + int(below[x]) + int(below[x + 2]);
+    const int laplacian = 2 * corners - 8 * int(centre[x + 1]);
+    const int magnitude = std::min(std::abs(laplacian), 255);
+    edges += static_cast<std::uint32_t>(magnitude);
+    differences += static_cast<std::uint32_t>(std::abs(magnitude - int(reference[x])));
+  }
+  edgeSum = edges;
+  differenceSum = differences;
+}
+
+// The table look-up of one row, 64 bytes at a time (two-table byte permutes).
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void lookUpWide(const std::uint8_t* in, std::uint8_t* out,
+                                                                        int width, const std::uint8_t table[256]) {
+  const __m512i t0 = _mm512_loadu_si512(table), t1 = _mm512_loadu_si512(table + 64);
+  const __m512i t2 = _mm512_loadu_si512(table + 128), t3 = _mm512_loadu_si512(table + 192);
+  int x = 0;
+  for (; x + 64 <= width; x += 64) {
+    const __m512i index = _mm512_loadu_si512(in + x);
+    const __m512i low = _mm512_permutex2var_epi8(t0, index, t1);
+    const __m512i high = _mm512_permutex2var_epi8(t2, index, t3);
+    _mm512_storeu_si512(out + x, _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), low, high));
+  }
+  for (; x < width; ++x) out[x] = table[in[x]];
+}
+
+void lookUp(const std::uint8_t* in, std::uint8_t* out, int width, const std::uint8_t table[256]) {
+  static const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                           __builtin_cpu_supports("avx512vbmi");
+  if (wide) {
+    lookUpWide(in, out, width, table);
+    return;
+  }
+  for (int x = 0; x < width; ++x) out[x] = table[in[x]];
+}
+
+}  // namespace
+
+cv::Mat edgeImageOfGrey(const cv::Mat& grey) {
+  cv::Mat equalised, laplacian, edges;
+  cv::equalizeHist(grey, equalised);
+  cv::Laplacian(equalised, laplacian, CV_16S, 3, 1.0, 0.0, cv::BORDER_REFLECT_101);
+  cv::convertScaleAbs(laplacian, edges, 1.0, 0.0);
+  return edges;
+}
+
+cv::Mat edgeImageOfColour(const cv::Mat& bgr, cv::Size size) {
+  cv::Mat resized, grey;
+  cv::resize(bgr, resized, size, 0, 0, cv::INTER_LINEAR);
+  cv::cvtColor(resized, grey, cv::COLOR_BGR2GRAY);
+  return edgeImageOfGrey(grey);
+}
+
+void equalisationTable(const int histogram[256], int total, std::uint8_t table[256]) {
+  int i = 0;
+  while (i < 255 && histogram[i] == 0) ++i;
+  if (histogram[i] == total) {
+    for (int j = 0; j < 256; ++j) table[j] = static_cast<std::uint8_t>(i);
+    return;
+  }
+  const float scale = 255.0f / float(total - histogram[i]);
+  int sum = 0;
+  for (table[i++] = 0; i < 256; ++i) {
+    sum += histogram[i];
+    table[i] = cv::saturate_cast<std::uint8_t>(float(sum) * scale);
+  }
+}
+
+EdgeScore edgeScore(const cv::Mat& grey, const int histogram[256], const cv::Mat& reference, EdgeBuffers& buffers) {
+  const int width = reference.cols, height = reference.rows;
+  EdgeScore score;
+  if (width <= 0 || height <= 0) return score;
+  const double count = double(width) * double(height);
+  if (width < 2 || height < 2) {
+    // Too small for the one-pixel reflection: OpenCV's own sequence.
+    const cv::Mat edges = edgeImageOfGrey(grey(cv::Rect(0, 0, width, height)));
+    cv::Mat difference;
+    cv::absdiff(edges, reference, difference);
+    score.mean = cv::mean(edges)[0];
+    score.error = static_cast<float>(cv::mean(difference)[0]);
+    return score;
+  }
+  std::uint8_t table[256];
+  equalisationTable(histogram, width * height, table);
+  const int padded = width + 2;
+  buffers.equalised.resize(static_cast<std::size_t>(padded) * static_cast<std::size_t>(height + 2));
+  std::uint8_t* e = buffers.equalised.data();
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* g = grey.ptr<std::uint8_t>(y);
+    std::uint8_t* row = e + static_cast<std::size_t>(y + 1) * std::size_t(padded);
+    lookUp(g, row + 1, width, table);
+    row[0] = row[2];
+    row[width + 1] = row[width - 1];
+  }
+  std::copy_n(e + 2 * padded, padded, e);
+  std::copy_n(e + std::size_t(height - 1) * std::size_t(padded), padded, e + std::size_t(height + 1) * std::size_t(padded));
+  std::uint64_t edgeTotal = 0, differenceTotal = 0;
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* above = e + std::size_t(y) * std::size_t(padded);
+    std::uint32_t edges = 0, differences = 0;
+    laplacianRow(above, above + padded, above + 2 * padded, reference.ptr<std::uint8_t>(y), width, edges,
+                 differences);
+    edgeTotal += edges;
+    differenceTotal += differences;
+  }
+  score.mean = double(edgeTotal) / count;
+  score.error = static_cast<float>(double(differenceTotal) / count);
+  return score;
+}
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,43 @@
+// The edge images the shader parameter search compares, and the fused
+// evaluation pass. An edge image is: grey, histogram equalisation, Laplacian
+// (16-bit signed, aperture 3, scale 1, offset 0, reflect-101 border) and the
+// absolute value saturated to 8 bits. The fused pass gives exactly what
+// OpenCV's sequence (equalizeHist, Laplacian, convertScaleAbs, mean, absdiff,
+// mean) gives, in one pass over the picture after a table look-up.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/core/mat.hpp>
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+// The reference's edge image: `bgr` (8-bit, 3 channels) resized to `size`
+// with linear interpolation, then the steps above.
+cv::Mat edgeImageOfColour(const cv::Mat& bgr, cv::Size size);
+// The steps above from an 8-bit grey picture.
+cv::Mat edgeImageOfGrey(const cv::Mat& grey);
+
+struct EdgeScore {
+  double mean = 0.0;   // mean of the picture's edge image
+  float error = 0.0f;  // mean absolute difference to the reference's edge image
+};
+
+// Reused between evaluations of one thread.
+struct EdgeBuffers {
+  std::vector<std::uint8_t> equalised;  // (rows + 2) x (columns + 2), reflect-101 border
+};
+
+// The score of a grey picture (the first reference.cols columns of `grey`
+// count; `histogram` is theirs) against the reference edge image of the same
+// size.
+EdgeScore edgeScore(const cv::Mat& grey, const int histogram[256], const cv::Mat& reference, EdgeBuffers& buffers);
+
+// The histogram-equalisation table of a histogram of `total` pixels, as
+// OpenCV's equalizeHist builds it.
+void equalisationTable(const int histogram[256], int total, std::uint8_t table[256]);
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

@@ -1,0 +1,107 @@
+// Inside of the shader parameter search: the best list, the grid walk and
+// the parallel evaluation.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core/mat.hpp>
+#include <spdlog/logger.h>
+
+#include "orbivane/geometry/shader_directories.h"
+#include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
+#include "orbivane/utils/uv_grid.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+
+// The ten best results: the smallest distinct errors, each with the result
+// that comes first in grid order. The outcome does not depend on the order
+// of insertion, so parallel evaluations and merged shards agree with the
+// sequential walk (where an equal error keeps the earlier result).
+class BestList {
+ public:
+  using Result = ShaderBruteForcer::Result;
+  explicit BestList(std::size_t capacity = 10) : capacity_(capacity) {}
+
+  // Returns whether the result was kept. Non-finite errors are not.
+  bool insert(const Result& result);
+  std::list<Result> ordered() const;
+  std::size_t size() const { return entries_.size(); }
+
+ private:
+  std::size_t capacity_;
+  std::map<float, Result> entries_;
+};
+
+// Writes each value into the shader as "%f" text.
+void writeParameters(OrbivaneGeometry::Shader& shader, const std::map<std::string, float>& parameters);
+
+// The camera copy of ShaderBruteForcer::cameraWithParameters; `known` are the
+// shader files by UID.
+CameraDescription::Orbivane cameraWithParameters(const CameraDescription::Orbivane& camera, const std::wstring& module,
+                                                 const std::map<std::string, float>& parameters,
+                                                 const std::map<std::string, OrbivaneGeometry::ShaderFile>& known);
+
+class ShaderSearch {
+ public:
+  using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+  ShaderSearch(const CameraDescription::Orbivane& camera, Images images, ShaderBruteForcer::ParameterList parameters);
+  ~ShaderSearch();
+
+  std::list<CameraDescription::Orbivane> search(const std::wstring& module, const std::wstring& reference);
+
+  void setShard(int index, int count);
+  void setThreadCount(int threads) { threads_ = threads < 0 ? 0 : threads; }
+  void setStatusCallback(StatusCallback callback) { callback_ = std::move(callback); }
+  const std::list<ShaderBruteForcer::Result>& results() const { return results_; }
+  std::uint64_t evaluationCount() const { return counter_.load(); }
+
+ private:
+  struct ThreadState;
+  struct Leaf {
+    std::uint64_t index = 0;
+    std::map<std::string, float> parameters;
+  };
+
+  void evaluate(const Leaf& leaf);
+  ThreadState& threadState();
+  void flush(std::vector<Leaf>& pending);
+
+  CameraDescription::Orbivane camera_;
+  Images images_;
+  ShaderBruteForcer::ParameterList parameters_;
+  int shardIndex_ = 0;
+  int shardCount_ = 1;
+  int threads_ = 0;
+  StatusCallback callback_;
+  std::shared_ptr<spdlog::logger> logger_;
+
+  // State of one search.
+  std::list<OrbivaneGeometry::Shader> chain_;   // the module's chain with the searched shader in it
+  std::string shaderUid_;
+  bool shaderKnown_ = false;
+  Utils::Optional<Utils::UVGrid> grid_;
+  std::shared_ptr<Image::UniversalImageInterface> moduleImage_;
+  std::shared_ptr<Image::UniversalImageInterface> surface_;
+  cv::Mat referenceEdges_;
+  std::uint64_t done_ = 0, total_ = 0;
+
+  std::mutex statesMutex_;
+  std::map<std::thread::id, std::unique_ptr<ThreadState>> states_;
+  std::mutex bestMutex_;
+  BestList best_;
+  std::atomic<std::uint64_t> counter_{0};
+  std::list<ShaderBruteForcer::Result> results_;
+};
+
+}  // namespace MatrixBased
+}  // namespace GeometryCalibration

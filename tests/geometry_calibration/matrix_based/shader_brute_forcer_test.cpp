@@ -1,0 +1,308 @@
+// The shader parameter search on real pictures with references rendered by
+// our own renderer at known parameters, on reduced grids.
+#include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "geometry_calibration/matrix_based/shader_brute_forcer_edges.h"
+#include "geometry_calibration/matrix_based/shader_brute_forcer_search.h"
+#include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/image_shading.h"
+#include "support/sample_data.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using GeometryCalibration::MatrixBased::BestList;
+using GeometryCalibration::MatrixBased::ShaderBruteForcer;
+using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+// Our shader files in a folder that ProgramData points at, for one test.
+class ShaderFolder {
+ public:
+  ShaderFolder() {
+    const char* old = std::getenv("ProgramData");
+    if (old != nullptr) old_ = old;
+    had_ = old != nullptr;
+    const char* env = std::getenv("ORBIVANE_SHADER_SOURCE_DIR");
+    const fs::path source = env ? fs::path(env) : fs::path(__FILE__).parent_path().parent_path().parent_path().parent_path() / "shaders";
+    const fs::path target = fs::path(folder_.path()) / "Hollbrink" / "Shaders";
+    fs::create_directories(target);
+    for (const auto& entry : fs::directory_iterator(source)) {
+      if (entry.path().extension() == ".shader") fs::copy_file(entry.path(), target / entry.path().filename());
+    }
+    ::setenv("ProgramData", folder_.path().c_str(), 1);
+  }
+  ~ShaderFolder() {
+    if (had_) {
+      ::setenv("ProgramData", old_.c_str(), 1);
+    } else {
+      ::unsetenv("ProgramData");
+    }
+  }
+
+ private:
+  Testing::TemporaryDirectory folder_;
+  std::string old_;
+  bool had_ = false;
+};
+
+std::string text(float v) {
+  char t[32];
+  std::snprintf(t, sizeof t, "%f", double(v));
+  return t;
+}
+
+OrbivaneGeometry::Shader lens(const std::map<std::string, float>& values) {
+  std::map<std::string, std::string> texts;
+  for (const auto& v : values) texts[v.first] = text(v.second);
+  return OrbivaneGeometry::Shader(ImageSource::kLensDistortionShaderUid, texts);
+}
+
+// A module showing a photograph over the whole surface, and a 640x480
+// reference rendered from it with `truth` (so renderings are 160x120).
+struct Scene {
+  CameraDescription::Orbivane camera;
+  Images images;
+};
+
+Scene scene(const std::map<std::string, float>& truth, const char* photo = "fruits.jpg",
+            std::string shaderId = ImageSource::kLensDistortionShaderUid) {
+  Scene s;
+  cv::Mat m;
+  cv::resize(Testing::loadSample(photo), m, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+  const auto picture = Image::fromMat(m);
+  ImageSource::ImageShading shading;
+  shading.SetShader({lens(truth)});
+  CameraDescription::OrbivaneModule module(L"M");
+  auto geometry = std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4());
+  geometry->setShaderId(shaderId);
+  module.setGeometry(std::move(geometry));
+  module.setShaders({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4())});
+  s.camera.addModule(module);
+  s.images[L"M"] = picture;
+  s.images[L"reference"] = shading.Apply(picture);
+  return s;
+}
+
+ShaderBruteForcer::ParameterList reducedGrid() {
+  return {{"f_TCorrection_F", {0.1f, 0.5f, 0.15f, 2}},          // 0.1 0.25 0.4
+          {"f_TCorrection_H", {0.35f, 0.7f, 0.15f, 2}},         // 0.35 0.5 0.65
+          {"f_TCorrection_V", {0.35f, 0.7f, 0.15f, 2}},         // 0.35 0.5 0.65
+          {"f_ps_distortion_ext_xshift", {-0.1f, 0.15f, 0.1f, 1}},  // -0.1 0 0.1
+          {"f_ps_distortion_ext_yshift", {-0.1f, 0.15f, 0.1f, 1}}};
+}
+
+std::map<std::string, float> gridPoint(int f, int h, int v, int x, int y) {
+  std::map<std::string, float> p;
+  const int positions[] = {f, h, v, x, y};
+  int i = 0;
+  for (const auto& entry : reducedGrid()) {
+    p[entry.first] = ShaderBruteForcer::parameterValues(entry.first, entry.second)[std::size_t(positions[i++])];
+  }
+  return p;
+}
+
+std::list<ShaderBruteForcer::Result> quietSearch(ShaderBruteForcer& forcer, std::list<CameraDescription::Orbivane>* cameras = nullptr,
+                                                 std::string* output = nullptr) {
+  testing::internal::CaptureStdout();
+  auto found = forcer.searchForBestParameters(L"M", L"reference");
+  const std::string printed = testing::internal::GetCapturedStdout();
+  if (output) *output = printed;
+  if (cameras) *cameras = found;
+  return forcer.results();
+}
+
+TEST(ShaderBruteForcerGrid, FixedGridCountsAndRanges) {
+  const auto list = ShaderBruteForcer::defaultParameterList();
+  std::vector<std::size_t> counts;
+  for (const auto& entry : list) counts.push_back(ShaderBruteForcer::parameterValues(entry.first, entry.second).size());
+  EXPECT_THAT(counts, testing::ElementsAre(15, 8, 15, 13, 13));
+  EXPECT_EQ(ShaderBruteForcer::gridSize(list), 304200u);
+  const auto shifts = ShaderBruteForcer::parameterValues("f_ps_distortion_ext_xshift", list.back().second);
+  EXPECT_FLOAT_EQ(shifts.front(), -0.3f);
+  EXPECT_NEAR(shifts.back(), 0.3f, 1e-6f);
+  EXPECT_LT(shifts.back(), 0.3f);  // reached only within rounding
+  EXPECT_NEAR(ShaderBruteForcer::parameterValues("f_TCorrection_H", {0.05f, 0.8f, 0.1f, 2}).back(), 0.75f, 1e-6f);
+  EXPECT_THAT(ShaderBruteForcer::parameterValues("i_ps_distortion_ext_pwp", {}),
+              testing::ElementsAre(2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20));
+  EXPECT_TRUE(ShaderBruteForcer::parameterValues("f_TCorrection_F", {0.5f, 0.5f, 0.1f, 2}).empty());
+  EXPECT_TRUE(ShaderBruteForcer::parameterValues("f_TCorrection_F", {0.6f, 0.5f, 0.1f, 2}).empty());
+}
+
+TEST(ShaderBruteForcerGrid, BestListKeepsTenDistinctErrorsAndTheEarlierOfEqualOnes) {
+  // Equal errors in any order keep the lowest grid index; only ten distinct errors stay.
+  std::vector<ShaderBruteForcer::Result> results;
+  for (std::uint64_t i = 0; i < 30; ++i) results.push_back({float(i % 12), 100 - i, {{"p", float(i)}}});
+  for (int order = 0; order < 2; ++order) {
+    BestList best;
+    if (order == 1) std::reverse(results.begin(), results.end());
+    for (const auto& r : results) best.insert(r);
+    const auto kept = best.ordered();
+    ASSERT_EQ(kept.size(), 10u);
+    float expectedError = 0;
+    for (const auto& r : kept) {
+      EXPECT_EQ(r.error, expectedError++);
+      // Error e came from i = e, e + 12 and e + 24 (below 30); the largest i has the lowest index.
+      const std::uint64_t e = std::uint64_t(r.error);
+      EXPECT_EQ(r.gridIndex, e + 24 < 30 ? 76 - e : 88 - e);
+    }
+  }
+  BestList few;
+  few.insert({2.0f, 5, {}});
+  few.insert({2.0f, 3, {}});
+  few.insert({1.0f, 9, {}});
+  few.insert({std::nanf(""), 1, {}});
+  EXPECT_EQ(few.size(), 2u);
+  EXPECT_EQ(few.ordered().back().gridIndex, 3u);
+}
+
+TEST(ShaderBruteForcerEdges, FusedScoreEqualsOpenCvSequence) {
+  for (const char* name : {"baboon.jpg", "building.jpg"}) {
+    cv::Mat bgr, grey;
+    cv::resize(Testing::loadSample(name), bgr, cv::Size(203, 117), 0, 0, cv::INTER_AREA);
+    cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+    const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Testing::loadSample("fruits.jpg"), grey.size());
+    int histogram[256] = {0};
+    for (int y = 0; y < grey.rows; ++y) {
+      for (int x = 0; x < grey.cols; ++x) ++histogram[grey.at<std::uint8_t>(y, x)];
+    }
+    GeometryCalibration::MatrixBased::EdgeBuffers buffers;
+    const auto score = GeometryCalibration::MatrixBased::edgeScore(grey, histogram, reference, buffers);
+    cv::Mat equalised, laplacian, edges, difference;
+    cv::equalizeHist(grey, equalised);
+    cv::Laplacian(equalised, laplacian, CV_16S, 3, 1.0, 0.0, cv::BORDER_REFLECT_101);
+    cv::convertScaleAbs(laplacian, edges);
+    cv::absdiff(edges, reference, difference);
+    EXPECT_EQ(score.mean, cv::mean(edges)[0]) << name;
+    EXPECT_EQ(score.error, static_cast<float>(cv::mean(difference)[0])) << name;
+  }
+}
+
+TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards) {
+  ShaderFolder shaders;
+  const auto truth = gridPoint(1, 2, 0, 2, 1);
+  const Scene s = scene(truth);
+  ShaderBruteForcer whole(s.camera, s.images, reducedGrid());
+  std::list<CameraDescription::Orbivane> cameras;
+  std::string printed;
+  const auto results = quietSearch(whole, &cameras, &printed);
+  ASSERT_EQ(results.size(), 10u);
+  EXPECT_EQ(results.front().parameters, truth);
+  EXPECT_LT(results.front().error, results.back().error);
+  EXPECT_EQ(whole.evaluationCount(), 243u);
+  // Outermost values, progress marks and the ranking on standard output.
+  EXPECT_THAT(printed, testing::HasSubstr("0.1\n"));
+  EXPECT_THAT(printed, testing::HasSubstr(" #"));
+  EXPECT_THAT(printed, testing::HasSubstr("Best 0 Error: "));
+  EXPECT_THAT(printed, testing::HasSubstr("Best 9 Error: "));
+  // The cameras, best first, carry the values in the module's shader.
+  ASSERT_EQ(cameras.size(), 10u);
+  const auto& chain = cameras.front().findModule(L"M")->shaders();
+  ASSERT_EQ(chain.size(), 2u);
+  EXPECT_EQ(chain.back().uid(), ImageSource::kLensDistortionShaderUid);
+  EXPECT_EQ(*chain.back().parameter("f_TCorrection_F"), text(truth.at("f_TCorrection_F")));
+  EXPECT_EQ(*chain.back().parameter("f_ps_distortion_ext_xshift"), text(truth.at("f_ps_distortion_ext_xshift")));
+  EXPECT_EQ(s.camera.findModule(L"M")->shaders().size(), 1u);  // the caller's camera is untouched
+
+  ShaderBruteForcer single(s.camera, s.images, reducedGrid());
+  single.setThreadCount(1);
+  const auto alone = quietSearch(single);
+  std::list<std::list<ShaderBruteForcer::Result>> shards;
+  for (int i = 0; i < 3; ++i) {
+    ShaderBruteForcer part(s.camera, s.images, reducedGrid());
+    part.setShard(i, 3);
+    part.setThreadCount(2);
+    shards.push_back(quietSearch(part));
+    EXPECT_EQ(part.evaluationCount(), 81u);
+  }
+  const auto merged = ShaderBruteForcer::mergeResults(shards);
+  for (const auto* other : {&alone, &merged}) {
+    ASSERT_EQ(other->size(), results.size());
+    auto a = results.begin();
+    for (auto b = other->begin(); b != other->end(); ++a, ++b) {
+      EXPECT_EQ(a->error, b->error);
+      EXPECT_EQ(a->gridIndex, b->gridIndex);
+      EXPECT_EQ(a->parameters, b->parameters);
+    }
+  }
+}
+
+TEST(ShaderBruteForcerSearch, OffGridTruthGivesTheNearestPointOrANeighbour) {
+  ShaderFolder shaders;
+  std::map<std::string, float> truth{{"f_TCorrection_F", 0.31f},
+                                     {"f_TCorrection_H", 0.56f},
+                                     {"f_TCorrection_V", 0.40f},
+                                     {"f_ps_distortion_ext_xshift", 0.03f},
+                                     {"f_ps_distortion_ext_yshift", -0.07f}};
+  const Scene s = scene(truth, "baboon.jpg");
+  ShaderBruteForcer forcer(s.camera, s.images, reducedGrid());
+  const auto results = quietSearch(forcer);
+  ASSERT_FALSE(results.empty());
+  for (const auto& entry : reducedGrid()) {
+    const float found = results.front().parameters.at(entry.first);
+    const float step = entry.second.step;
+    EXPECT_LE(std::fabs(found - truth.at(entry.first)), 1.5f * step) << entry.first << " found " << found;
+  }
+}
+
+TEST(ShaderBruteForcerSearch, BadInputFailsClearlyOrGivesNothing) {
+  ShaderFolder shaders;
+  const Scene s = scene(gridPoint(0, 0, 0, 0, 0));
+  {
+    ShaderBruteForcer forcer(s.camera, s.images, reducedGrid());
+    for (const auto& names : {std::make_pair(L"X", L"reference"), std::make_pair(L"M", L"nothing")}) {
+      try {
+        forcer.searchForBestParameters(names.first, names.second);
+        ADD_FAILURE() << "no exception";
+      } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "invalid map<K, T> key");
+      }
+    }
+  }
+  {
+    const Scene unknown = scene(gridPoint(0, 0, 0, 0, 0), "fruits.jpg", "0BADF00D");
+    ShaderBruteForcer forcer(unknown.camera, unknown.images, reducedGrid());
+    testing::internal::CaptureStdout();
+    try {
+      forcer.searchForBestParameters(L"M", L"reference");
+      ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Shader not found");
+    }
+    testing::internal::GetCapturedStdout();
+  }
+  {
+    auto empty = reducedGrid();
+    std::next(empty.begin(), 2)->second.max = 0.2f;  // below its min
+    ShaderBruteForcer forcer(s.camera, s.images, empty);
+    std::list<CameraDescription::Orbivane> cameras;
+    EXPECT_TRUE(quietSearch(forcer, &cameras).empty());
+    EXPECT_TRUE(cameras.empty());
+    EXPECT_EQ(forcer.evaluationCount(), 0u);
+  }
+  {
+    Images tiny = s.images;
+    tiny[L"reference"] = Image::fromMat(cv::Mat(3, 3, CV_8UC3, cv::Scalar(90, 120, 200)));
+    ShaderBruteForcer forcer(s.camera, tiny, reducedGrid());
+    EXPECT_TRUE(quietSearch(forcer).empty());
+  }
+  {
+    // A black picture renders without edges: every evaluation is skipped.
+    Images flat = s.images;
+    flat[L"M"] = Image::fromMat(cv::Mat(480, 640, CV_8UC3, cv::Scalar(0, 0, 0)));
+    ShaderBruteForcer forcer(s.camera, flat, reducedGrid());
+    EXPECT_TRUE(quietSearch(forcer).empty());
+    EXPECT_EQ(forcer.evaluationCount(), 0u);
+  }
+  ShaderBruteForcer forcer(s.camera, s.images, reducedGrid());
+  EXPECT_THROW(forcer.setShard(3, 3), std::invalid_argument);
+}
+
+}  // namespace

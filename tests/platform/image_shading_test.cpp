@@ -1,0 +1,226 @@
+// The image-shading renderer against hand-computed warps on real pictures.
+#include "orbivane/platform/image_shading.h"
+
+#include <cmath>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/image/image_conversion.h"
+#include "platform/distortion_model.h"
+#include "platform/image_shading_access.h"
+#include "support/matchers.h"
+#include "support/sample_data.h"
+
+namespace {
+
+using ImageSource::ImageShading;
+using OrbivaneGeometry::Shader;
+
+std::shared_ptr<Image::UniversalImageInterface> picture(const char* name, cv::Size size) {
+  cv::Mat m;
+  cv::resize(Testing::loadSample(name), m, size, 0, 0, cv::INTER_AREA);
+  return Image::fromMat(m);
+}
+
+Shader lens(std::map<std::string, std::string> values) { return Shader(ImageSource::kLensDistortionShaderUid, values); }
+
+cv::Mat render(ImageShading& shading, const std::shared_ptr<Image::UniversalImageInterface>& image,
+               Utils::Optional<Utils::Size> size = std::nullopt) {
+  return Image::toMat(shading.Apply(image, size));
+}
+
+double meanDifference(const cv::Mat& a, const cv::Mat& b) {
+  cv::Mat d;
+  cv::absdiff(a, b, d);
+  return cv::mean(d.reshape(1))[0];
+}
+
+TEST(ImageShading, IdentityChainAndRegularGridLeaveThePictureUnchanged) {
+  const auto image = picture("fruits.jpg", cv::Size(320, 240));
+  ImageShading shading;
+  shading.SetShader({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4()), lens({})});
+  shading.SetUVGrid(Utils::UVGrid(4, 3));
+  EXPECT_THAT(render(shading, image), Testing::PictureNear(Image::toMat(image), 0));
+  // A translated and scaled module only moves its footprint: the framed rendering is the same.
+  Utils::Matrix4x4 placed;
+  placed.set(0, 0, 0.25f);
+  placed.set(1, 1, 0.5f);
+  placed.set(0, 3, 0.6f);
+  placed.set(1, 3, 0.2f);
+  shading.SetShader({OrbivaneGeometry::clipMatrixShader(placed)});
+  EXPECT_THAT(render(shading, image), Testing::PictureNear(Image::toMat(image), 1));
+}
+
+TEST(ImageShading, PerspectiveClipMatrixIsTheHomographyOfItsParameters) {
+  const auto image = picture("building.jpg", cv::Size(320, 240));
+  const cv::Matx33d h(0.8, 0.15, 0.1, -0.05, 0.9, 0.05, 0.2, 0.1, 1.0);
+  const Utils::Matrix4x4 matrix = OrbivaneGeometry::matrixFromPlanarHomography(h);
+  ImageShading shading;
+  shading.SetShader({OrbivaneGeometry::clipMatrixShader(matrix)});
+  const cv::Size out(300, 200);
+  const cv::Mat ours = render(shading, image, Utils::Size{out.width, out.height});
+
+  // By hand: output pixel -> footprint point -> texture (inverse homography) -> picture pixel.
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(matrix);
+  ASSERT_TRUE(quad);
+  float left = 1e9f, top = 1e9f, right = -1e9f, bottom = -1e9f;
+  for (const auto& c : quad->corners) {
+    left = std::min(left, c.x), right = std::max(right, c.x), top = std::min(top, c.y), bottom = std::max(bottom, c.y);
+  }
+  const cv::Matx33d frame((right - left) / out.width, 0, left, 0, (bottom - top) / out.height, top, 0, 0, 1);
+  const cv::Matx33d toPicture = OrbivaneGeometry::textureToPixels(320, 240) * h.inv() * frame;
+  cv::Mat expected;
+  cv::warpPerspective(Image::toMat(image), expected, cv::Mat(toPicture), out, cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                      cv::BORDER_CONSTANT);
+  int compared = 0, worst = 0;
+  double total = 0;
+  for (int y = 0; y < out.height; ++y) {
+    for (int x = 0; x < out.width; ++x) {
+      const cv::Vec3d p = toPicture * cv::Vec3d(x, y, 1);
+      const double px = p[0] / p[2], py = p[1] / p[2];
+      if (px < 1 || py < 1 || px > 318 || py > 238) continue;  // away from the picture's edge
+      ++compared;
+      for (int k = 0; k < 3; ++k) {
+        const int d = std::abs(int(ours.at<cv::Vec3b>(y, x)[k]) - int(expected.at<cv::Vec3b>(y, x)[k]));
+        worst = std::max(worst, d);
+        total += d;
+      }
+    }
+  }
+  EXPECT_GT(compared, out.area() / 2);
+  // Both sample at 1/32 pixel; at the sharpest edges that is a few levels.
+  EXPECT_LE(worst, 4);
+  EXPECT_LT(total / (3.0 * compared), 0.2);
+  // The footprint's corners outside the module are black.
+  EXPECT_EQ(ours.at<cv::Vec3b>(out.height - 1, 0), cv::Vec3b(0, 0, 0));
+}
+
+TEST(ImageShading, DisplacedGridPointMovesOnlyTheFourCellsAroundIt) {
+  const auto image = picture("baboon.jpg", cv::Size(320, 240));
+  ImageShading shading;
+  Utils::UVGrid grid(4, 4);
+  shading.SetUVGrid(grid);
+  const cv::Mat regular = render(shading, image);
+  grid.setPoint(2, 2, {0.56f, 0.53f});
+  shading.SetUVGrid(grid);
+  const cv::Mat moved = render(shading, image);
+  const cv::Rect cells(80, 60, 160, 120);  // cells (1..2, 1..2)
+  cv::Mat outside = cv::Mat::ones(regular.size(), CV_8U);
+  outside(cells).setTo(0);
+  cv::Mat d;
+  cv::absdiff(regular, moved, d);
+  double worstOutside = 0;
+  for (int y = 0; y < d.rows; ++y) {
+    for (int x = 0; x < d.cols; ++x) {
+      if (outside.at<std::uint8_t>(y, x)) {
+        const cv::Vec3b v = d.at<cv::Vec3b>(y, x);
+        worstOutside = std::max({worstOutside, double(v[0]), double(v[1]), double(v[2])});
+      }
+    }
+  }
+  EXPECT_EQ(worstOutside, 0.0);
+  EXPECT_GT(meanDifference(regular(cells), moved(cells)), 5.0);
+  // The grid point draws the texture coordinate it names: picture pixel (179.2, 127.2).
+  cv::Mat sample;
+  cv::getRectSubPix(Image::toMat(image), cv::Size(1, 1), cv::Point2f(0.56f * 320, 0.53f * 240), sample);
+  EXPECT_THAT(moved(cv::Rect(160, 120, 1, 1)), Testing::PictureNear(sample, 3));
+}
+
+TEST(ImageShading, LensDistortionFollowsItsFormulaAndEveryParameterShows) {
+  const auto image = picture("fruits.jpg", cv::Size(320, 240));
+  const std::map<std::string, std::string> base{{"f_TCorrection_F", "0.3"},
+                                                {"f_TCorrection_H", "0.45"},
+                                                {"f_TCorrection_V", "0.55"},
+                                                {"f_ps_distortion_ext_xshift", "0.05"},
+                                                {"f_ps_distortion_ext_yshift", "-0.05"},
+                                                {"i_ps_distortion_ext_pwp", "2"},
+                                                {"i_ps_distortion_ext_method", "0"}};
+  ImageShading shading;
+  shading.SetShader({lens(base)});
+  const cv::Mat ours = render(shading, image);
+  // The formula written out independently: c, d, q, k and the source point.
+  cv::Mat mapX(240, 320, CV_32F), mapY(240, 320, CV_32F);
+  for (int y = 0; y < 240; ++y) {
+    for (int x = 0; x < 320; ++x) {
+      const double cx = 0.55, cy = 0.45, dx = 2 * (x / 320.0 - cx), dy = 2 * (y / 240.0 - cy);
+      const double k = 1 + 0.3 * (dx * dx + dy * dy) / 2;
+      mapX.at<float>(y, x) = float((cx + 0.95 * dx * k / 2) * 320);
+      mapY.at<float>(y, x) = float((cy + 1.05 * dy * k / 2) * 240);
+    }
+  }
+  cv::Mat expected;
+  cv::remap(Image::toMat(image), expected, mapX, mapY, cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+  EXPECT_LT(meanDifference(ours, expected), 0.5);
+
+  for (const auto& change : std::map<std::string, std::string>{{"f_TCorrection_F", "0.35"},
+                                                               {"f_TCorrection_H", "0.55"},
+                                                               {"f_TCorrection_V", "0.6"},
+                                                               {"f_ps_distortion_ext_xshift", "0.1"},
+                                                               {"f_ps_distortion_ext_yshift", "0.0"},
+                                                               {"i_ps_distortion_ext_pwp", "4"},
+                                                               {"i_ps_distortion_ext_method", "1"}}) {
+    auto changed = base;
+    changed[change.first] = change.second;
+    shading.SetShader({lens(changed)});
+    EXPECT_GT(meanDifference(render(shading, image), ours), 2.0) << change.first;
+  }
+  auto broken = base;
+  broken["f_TCorrection_F"] = "nan";
+  EXPECT_THROW(shading.SetShader({lens(broken)}), std::invalid_argument);
+}
+
+TEST(ImageShading, GreyRenderingAgreesWithTheColourOneAndBetweenPaths) {
+  const auto image = picture("home.jpg", cv::Size(640, 480));
+  ImageShading shading;
+  shading.SetShader({lens({{"f_TCorrection_F", "0.4"}, {"f_TCorrection_H", "0.3"}, {"i_ps_distortion_ext_pwp", "3"}})});
+  const cv::Size size(160, 120);  // a reduced working picture (factor 4)
+  cv::Mat colourGrey;
+  cv::cvtColor(render(shading, image, Utils::Size{size.width, size.height}), colourGrey, cv::COLOR_BGR2GRAY);
+  auto& renderer = ImageSource::ImageShadingAccess::renderer(shading);
+  cv::Mat grey, plainGrey;
+  int histogram[256], plainHistogram[256];
+  renderer.renderGrey(image, size, grey, histogram);
+  const bool vectorised = ImageSource::ShaderRenderer::vectorised();
+  ImageSource::ShaderRenderer::setVectorised(false);
+  renderer.renderGrey(image, size, plainGrey, plainHistogram);
+  ImageSource::ShaderRenderer::setVectorised(vectorised);
+  const cv::Mat g = grey(cv::Rect(0, 0, size.width, size.height));
+  // The colour path samples at 1/32 pixel and rounds each channel: a few levels at sharp edges.
+  EXPECT_THAT(g, Testing::PictureNear(colourGrey, 6));
+  EXPECT_LT(meanDifference(g, colourGrey), 0.5);
+  EXPECT_THAT(g, Testing::PictureNear(plainGrey(cv::Rect(0, 0, size.width, size.height)), 1));
+  cv::Mat counted;
+  const int channels[] = {0}, bins[] = {256};
+  const float range[] = {0, 256};
+  const float* ranges[] = {range};
+  cv::calcHist(&g, 1, channels, cv::Mat(), counted, 1, bins, ranges);
+  for (int i = 0; i < 256; ++i) EXPECT_EQ(histogram[i], int(counted.at<float>(i))) << "bin " << i;
+}
+
+TEST(ImageShading, SurfaceSizeAndMisuse) {
+  const auto image = picture("baboon.jpg", cv::Size(200, 100));
+  ImageShading shading;
+  EXPECT_THROW(shading.Apply(Utils::Size{10, 10}), std::logic_error);
+  EXPECT_THROW(shading.Apply(nullptr), std::invalid_argument);
+  shading.SetSurface(image);
+  const auto surfaceSized = shading.Apply(picture("fruits.jpg", cv::Size(64, 48)));
+  EXPECT_EQ(surfaceSized->width(), 200);
+  EXPECT_EQ(surfaceSized->height(), 100);
+  // Apply(size) renders the surface picture itself.
+  const auto halved = shading.Apply(Utils::Size{100, 50});
+  ImageShading other;
+  EXPECT_THAT(Image::toMat(halved), Testing::PictureNear(render(other, image, Utils::Size{100, 50}), 0));
+  EXPECT_EQ(halved->width(), 100);
+  EXPECT_TRUE(shading.Apply(image, Utils::Size{0, 10})->empty());
+  // A singular clip matrix places nothing: black, not a crash.
+  Utils::Matrix4x4 singular;
+  singular.set(0, 0, 0.0f);
+  shading.SetShader({OrbivaneGeometry::clipMatrixShader(singular)});
+  EXPECT_EQ(cv::countNonZero(Image::toMat(shading.Apply(image)).reshape(1)), 0);
+}
+
+}  // namespace

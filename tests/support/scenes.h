@@ -1,0 +1,49 @@
+// Synthetic target-matching scenes from real photographs: a target picture
+// and module pictures that show the same scene through a known homography
+// (optionally with a smooth non-rigid warp on top), with a brightness and
+// contrast change and sensor noise.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+namespace Testing {
+
+// A photograph scaled to cover `size` with room around it (the scene the
+// target and the modules see); the target is its centre crop.
+struct Scene {
+  cv::Mat picture;        // BGR, larger than the target
+  cv::Point2d targetOrigin;  // where the target's pixel (0, 0) sits in `picture`
+  cv::Mat target;         // BGR, the centre crop
+};
+Scene makeScene(const std::string& sample, cv::Size targetSize, double margin = 0.25);
+
+// Where a module pixel is seen on the target: truth(x) + bump(truth(x)),
+// bump(p) = amplitude * (sin(2 pi (p.y / period + 0.1)), sin(2 pi (p.x / period + 0.3))).
+struct ModuleTruth {
+  cv::Matx33d homography = cv::Matx33d::eye();  // module pixels -> target pixels
+  double amplitude = 0.0;                        // pixels of the non-rigid bump
+  double period = 1.0;                           // pixels
+  cv::Point2d map(cv::Point2d modulePixel) const;
+};
+
+// Renders the module picture of `size` that sees the scene through `truth`,
+// then applies out = gain * in + offset and Gaussian noise of `noise` grey
+// levels (independent per channel).
+cv::Mat renderModule(const Scene& scene, const ModuleTruth& truth, cv::Size size, double gain, double offset,
+                     double noise, std::uint64_t seed);
+
+// A misalignment of the size real modules have: rotation up to `degrees`,
+// scale and shear up to `percent` %, shift up to `shift` of the picture,
+// mild perspective. Maps module pixels (of `moduleSize`) to target pixels
+// (of `targetSize`) around the identity placement of the two pictures.
+cv::Matx33d realisticMisalignment(cv::RNG& rng, cv::Size moduleSize, cv::Size targetSize, double degrees = 3.0,
+                                  double percent = 3.0, double shift = 0.1);
+
+// Mean distance, in target pixels, between where `truth` and `found` put the
+// four corners of a module picture of `moduleSize`.
+double cornerError(const cv::Matx33d& truth, const cv::Matx33d& found, cv::Size moduleSize);
+
+}  // namespace Testing

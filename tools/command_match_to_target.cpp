@@ -1,0 +1,165 @@
+// "match-to-target CAMERA.json --target NAME --out OUT.json": aligns modules
+// to a target module's picture and writes the corrected camera file.
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "command_line.h"
+#include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/utils/wide_text.h"
+#include "progress.h"
+
+namespace Tool {
+namespace {
+
+using GeometryCalibration::MatrixBased::MatchToTarget;
+
+struct MatchOptions {
+  std::string camera;
+  std::string target;
+  std::vector<std::string> modules;
+  int mode = 0;
+  std::string grid;
+  std::uint64_t m2b = 5;
+  std::uint64_t m2n = 1;
+  float allowScale = 0.0f;
+  std::string out;
+  bool json = false;
+};
+
+volatile std::sig_atomic_t interrupted = 0;
+extern "C" void onInterrupt(int) { interrupted = 1; }
+
+void runMatch(const MatchOptions& options) {
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  const CameraDescription::Orbivane& camera = loaded.value();
+
+  const std::wstring target = Utils::fromUtf8(options.target);
+  const auto targetModule = camera.findModule(target);
+  if (!targetModule) throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
+  if (!targetModule->image()) throw CommandError("target module '" + options.target + "' has no picture");
+
+  std::list<std::wstring> names;
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
+  images[target] = targetModule->image();
+  if (options.modules.empty()) {
+    for (const auto& module : camera.modules())
+      if (module->name() != target) names.push_back(module->name());
+  } else {
+    for (const auto& name : options.modules) {
+      const std::wstring wide = Utils::fromUtf8(name);
+      if (!camera.findModule(wide)) throw CommandError("unknown module '" + name + "' in " + options.camera);
+      names.push_back(wide);
+    }
+  }
+  for (const auto& name : names) {
+    const auto module = camera.findModule(name);
+    if (module && module->image()) images[name] = module->image();
+  }
+
+  int columns = 0, rows = 0;
+  if (!options.grid.empty()) {
+    const std::size_t x = options.grid.find('x');
+    try {
+      if (x == std::string::npos) throw std::invalid_argument("no x");
+      columns = std::stoi(options.grid.substr(0, x));
+      rows = std::stoi(options.grid.substr(x + 1));
+    } catch (const std::exception&) {
+      throw CommandError("--grid expects COLSxROWS, e.g. 4x3, got '" + options.grid + "'");
+    }
+    if (columns < 1 || rows < 1 || columns > 256 || rows > 256)
+      throw CommandError("--grid needs 1..256 columns and rows, got '" + options.grid + "'");
+    if (options.mode != 0) throw CommandError("--grid works in mode 0 only");
+  }
+
+  MatchToTarget calibrator(camera, std::move(images));
+  calibrator.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
+  calibrator.setM2bMaxIteration(options.m2b);
+  calibrator.setM2nMaxIteration(options.m2n);
+  calibrator.allowScale(options.allowScale);
+  if (columns > 0) {
+    calibrator.setGridEnabled(true);
+    for (const auto& name : names) calibrator.initGrid(columns, rows, name);
+  }
+  Progress progress("target matching");
+  calibrator.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
+    progress.update(step, total, text);
+  });
+
+  // Ctrl-C: the handler only sets a flag; a watcher turns it into abort().
+  interrupted = 0;
+  std::atomic<bool> done{false};
+  const auto previous = std::signal(SIGINT, onInterrupt);
+  std::thread watcher([&] {
+    while (!done) {
+      if (interrupted) {
+        calibrator.abort();
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  });
+  CameraDescription::Orbivane result;
+  try {
+    result = calibrator.calibrate(names, target);
+  } catch (...) {
+    done = true;
+    watcher.join();
+    std::signal(SIGINT, previous);
+    throw;
+  }
+  done = true;
+  watcher.join();
+  std::signal(SIGINT, previous);
+  progress.finish();
+
+  const auto saved = CameraDescription::saveCameraFile(result, options.out);
+  if (!saved) throw CommandError(saved.error());
+  nlohmann::json errors = nlohmann::json::object();
+  for (const auto& [name, value] : calibrator.error()) {
+    std::cout << Utils::toUtf8(name) << ": error " << value << "\n";
+    errors[Utils::toUtf8(name)] = value;
+  }
+  if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
+  std::cout << "wrote " << options.out << std::endl;
+  if (options.json) std::cout << nlohmann::json{{"errors", errors}}.dump() << std::endl;
+}
+
+}  // namespace
+
+void addMatchToTargetCommand(CLI::App& app) {
+  CLI::App* command = app.add_subcommand(
+      "match-to-target", "Align modules to a target module's picture and write the corrected camera file");
+  static MatchOptions options;
+  command->add_option("CAMERA", options.camera, "Camera file (JSON) with the modules' pictures")->required();
+  command->add_option("--target", options.target, "The module whose picture the others are aligned to")->required();
+  command->add_option("--modules", options.modules, "Modules to align, separated by commas (default: all others)")
+      ->delimiter(',');
+  command->add_option("--mode", options.mode,
+                      "0 features + refinement, 1 keep (measure only), 2 optical flow, 3 iterative")
+      ->check(CLI::Range(0, 3))
+      ->capture_default_str();
+  command->add_option("--grid", options.grid, "Also refine a COLSxROWS UV grid per module (mode 0)");
+  command->add_option("--m2b", options.m2b, "Matching rounds per module in mode 3")
+      ->check(CLI::Range(1, 100))
+      ->capture_default_str();
+  command->add_option("--m2n", options.m2n, "Runs in a row in mode 3")->check(CLI::Range(1, 100))->capture_default_str();
+  command->add_option("--allow-scale", options.allowScale,
+                      "Work scale: > 0 fixed, < 0 the target's own resolution, 0 from the placement")
+      ->capture_default_str();
+  command->add_option("--out", options.out, "Where to write the corrected camera file")->required();
+  command->add_flag("--json", options.json, "Print the errors as one JSON object on the last line");
+  command->callback([] { runMatch(options); });
+}
+
+}  // namespace Tool

@@ -1,0 +1,272 @@
+// "shader-search CAMERA.json --module NAME --reference IMAGE --out-dir DIR":
+// searches a module's lens distortion parameters on the fixed grid and
+// writes the ten best camera files. "--shard I/N" searches only part of the
+// grid and writes a shard file instead; "shader-merge" joins shard files
+// into the result of the whole search.
+//
+// Shard file (JSON, DIR/shard-I-of-N.json):
+//   {"format": "orbivane-shader-shard", "version": 1, "module": NAME,
+//    "shard": [I, N], "gridSize": G,
+//    "best": [{"error": e, "index": k, "parameters": {name: value, ...}}, ...]}
+// where k is the result's place in the whole grid's walk order, so merged
+// shards keep ties exactly as the whole search does.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "command_line.h"
+#include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/utils/wide_text.h"
+#include "progress.h"
+
+namespace Tool {
+namespace {
+
+using GeometryCalibration::MatrixBased::ShaderBruteForcer;
+
+struct SearchOptions {
+  std::string camera;
+  std::string module;
+  std::string reference;
+  std::string outDir;
+  std::string shard;
+  bool json = false;
+};
+
+struct MergeOptions {
+  std::string camera;
+  std::vector<std::string> shards;
+  std::string outDir;
+  bool json = false;
+};
+
+// Written beside the target, then renamed over it: the file appears whole or not at all.
+void writeAtomically(const std::string& path, const std::string& text) {
+  const std::string temporary = path + ".partial";
+  {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.flush();
+    if (!out) throw CommandError("cannot write " + temporary);
+  }
+  std::error_code error;
+  std::filesystem::rename(temporary, path, error);
+  if (error) {
+    std::filesystem::remove(temporary, error);
+    throw CommandError("cannot write " + path);
+  }
+}
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw CommandError("cannot read shard file " + path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+nlohmann::json parametersJson(const std::map<std::string, float>& parameters) {
+  nlohmann::json out = nlohmann::json::object();
+  for (const auto& p : parameters) out[p.first] = p.second;
+  return out;
+}
+
+// Writes the cameras best first (best-0.json, best-1.json, ...) and prints the ranking.
+void writeResults(const CameraDescription::Orbivane& camera, const std::string& module,
+                  const std::list<ShaderBruteForcer::Result>& results, const std::string& outDir, bool json) {
+  std::filesystem::create_directories(outDir);
+  nlohmann::json best = nlohmann::json::array();
+  int place = 0;
+  for (const auto& result : results) {
+    const auto withValues = ShaderBruteForcer::cameraWithParameters(camera, Utils::fromUtf8(module), result.parameters);
+    const std::string path = outDir + "/best-" + std::to_string(place) + ".json";
+    const auto saved = CameraDescription::saveCameraFile(withValues, path);
+    if (!saved) throw CommandError(saved.error());
+    std::cout << "wrote " << path << " (error " << result.error << ")\n";
+    best.push_back({{"error", result.error}, {"parameters", parametersJson(result.parameters)}});
+    ++place;
+  }
+  if (results.empty()) std::cout << "no rendering could be scored: nothing written\n";
+  std::cout << std::flush;
+  if (json) std::cout << nlohmann::json{{"best", best}}.dump() << std::endl;
+}
+
+std::pair<int, int> parseShard(const std::string& text) {
+  const std::size_t slash = text.find('/');
+  try {
+    if (slash == std::string::npos) throw std::invalid_argument(text);
+    std::size_t used = 0;
+    const int index = std::stoi(text.substr(0, slash), &used);
+    if (used != slash) throw std::invalid_argument(text);
+    const std::string rest = text.substr(slash + 1);
+    const int count = std::stoi(rest, &used);
+    if (used != rest.size() || count < 1 || index < 0 || index >= count) throw std::invalid_argument(text);
+    return {index, count};
+  } catch (const std::exception&) {
+    throw CommandError("--shard '" + text + "': expected I/N with 0 <= I < N");
+  }
+}
+
+void runSearch(const SearchOptions& options) {
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  const CameraDescription::Orbivane& camera = loaded.value();
+  const std::wstring module = Utils::fromUtf8(options.module);
+  const auto found = camera.findModule(module);
+  if (!found) throw CommandError("unknown module '" + options.module + "' in " + options.camera);
+  if (!found->image()) throw CommandError("module '" + options.module + "' has no picture in " + options.camera);
+
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
+  images[module] = found->image();
+  // The reference: a module of the camera by name, or a picture file.
+  const std::wstring reference = Utils::fromUtf8(options.reference);
+  const auto referenceModule = camera.findModule(reference);
+  if (referenceModule && referenceModule->image()) {
+    images[reference] = referenceModule->image();
+  } else {
+    auto picture = Image::loadImage(options.reference);
+    if (!picture) throw CommandError(picture.error());
+    images[reference] = picture.value();
+  }
+
+  ShaderBruteForcer forcer(camera, images);
+  int shardIndex = 0, shardCount = 1;
+  if (!options.shard.empty()) {
+    std::tie(shardIndex, shardCount) = parseShard(options.shard);
+    forcer.setShard(shardIndex, shardCount);
+  }
+  Progress progress("shader search");
+  forcer.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
+    progress.update(step, total, text);
+  });
+  try {
+    forcer.searchForBestParameters(module, reference);
+  } catch (const std::out_of_range& e) {
+    throw CommandError(std::string("shader search: ") + e.what());
+  } catch (const std::runtime_error& e) {
+    throw CommandError(std::string("shader search: ") + e.what() + " (module '" + options.module +
+                       "' names shader '" +
+                       (found->geometry() ? found->geometry()->shaderId() : std::string()) + "')");
+  }
+  progress.finish();
+  std::cout << "\n" << forcer.evaluationCount() << " renderings scored\n";
+
+  if (options.shard.empty()) {
+    writeResults(camera, options.module, forcer.results(), options.outDir, options.json);
+    return;
+  }
+  nlohmann::json best = nlohmann::json::array();
+  for (const auto& result : forcer.results()) {
+    best.push_back(
+        {{"error", result.error}, {"index", result.gridIndex}, {"parameters", parametersJson(result.parameters)}});
+  }
+  const nlohmann::json shard{{"format", "orbivane-shader-shard"},
+                             {"version", 1},
+                             {"module", options.module},
+                             {"shard", {shardIndex, shardCount}},
+                             {"gridSize", ShaderBruteForcer::gridSize(ShaderBruteForcer::defaultParameterList())},
+                             {"best", best}};
+  std::filesystem::create_directories(options.outDir);
+  const std::string path = options.outDir + "/shard-" + std::to_string(shardIndex) + "-of-" +
+                           std::to_string(shardCount) + ".json";
+  writeAtomically(path, shard.dump(2) + "\n");
+  std::cout << "wrote " << path << std::endl;
+  if (options.json) {
+    nlohmann::json plain = nlohmann::json::array();
+    for (const auto& entry : best) plain.push_back({{"error", entry["error"]}, {"parameters", entry["parameters"]}});
+    std::cout << nlohmann::json{{"best", plain}}.dump() << std::endl;
+  }
+}
+
+void runMerge(const MergeOptions& options) {
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  std::string module;
+  int count = 0;
+  std::vector<bool> seen;
+  std::list<std::list<ShaderBruteForcer::Result>> shards;
+  for (const auto& path : options.shards) {
+    nlohmann::json shard;
+    try {
+      shard = nlohmann::json::parse(readText(path));
+      if (shard.at("format") != "orbivane-shader-shard" || shard.at("version") != 1) {
+        throw CommandError(path + ": not a shader search shard file");
+      }
+      const std::string name = shard.at("module");
+      const int index = shard.at("shard").at(0), n = shard.at("shard").at(1);
+      if (module.empty()) {
+        module = name;
+        count = n;
+        seen.assign(std::size_t(std::max(n, 0)), false);
+      }
+      if (name != module) throw CommandError(path + ": shard of module '" + name + "', others are of '" + module + "'");
+      if (n != count || index < 0 || index >= n) throw CommandError(path + ": shard " + std::to_string(index) + "/" + std::to_string(n) + " does not fit the others (" + std::to_string(count) + " shards)");
+      if (seen[std::size_t(index)]) throw CommandError(path + ": shard " + std::to_string(index) + " given twice");
+      seen[std::size_t(index)] = true;
+      std::list<ShaderBruteForcer::Result> results;
+      for (const auto& entry : shard.at("best")) {
+        ShaderBruteForcer::Result r;
+        r.error = entry.at("error");
+        r.gridIndex = entry.at("index");
+        for (const auto& p : entry.at("parameters").items()) r.parameters[p.key()] = p.value().get<float>();
+        results.push_back(std::move(r));
+      }
+      shards.push_back(std::move(results));
+    } catch (const nlohmann::json::exception& e) {
+      throw CommandError(path + ": " + e.what());
+    } catch (const std::runtime_error& e) {
+      if (dynamic_cast<const CommandError*>(&e)) throw;
+      throw CommandError(path + ": " + e.what());
+    }
+  }
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    if (!seen[i]) throw CommandError("shard " + std::to_string(i) + "/" + std::to_string(count) + " is missing");
+  }
+  try {
+    writeResults(loaded.value(), module, ShaderBruteForcer::mergeResults(shards), options.outDir, options.json);
+  } catch (const std::out_of_range& e) {
+    throw CommandError("shader merge: module '" + module + "': " + e.what());
+  } catch (const std::runtime_error& e) {
+    if (dynamic_cast<const CommandError*>(&e)) throw;
+    throw CommandError(std::string("shader merge: ") + e.what());
+  }
+}
+
+}  // namespace
+
+void addShaderSearchCommands(CLI::App& app) {
+  CLI::App* search = app.add_subcommand(
+      "shader-search", "Search a module's lens distortion parameters and write the ten best camera files");
+  static SearchOptions searchOptions;
+  search->add_option("CAMERA", searchOptions.camera, "Camera file (JSON) with the module's picture")->required();
+  search->add_option("--module", searchOptions.module, "Module whose shader is searched")->required();
+  search->add_option("--reference", searchOptions.reference, "Reference: a module of the camera or a picture file")
+      ->required();
+  search->add_option("--out-dir", searchOptions.outDir, "Folder for best-0.json .. best-9.json (or the shard file)")
+      ->required();
+  search->add_option("--shard", searchOptions.shard,
+                     "Search only part I of N (0 <= I < N) of the outermost parameter's values; writes a shard file");
+  search->add_flag("--json", searchOptions.json, "Print {\"best\": [{\"error\", \"parameters\"}, ...]} last");
+  search->callback([] { runSearch(searchOptions); });
+
+  CLI::App* merge = app.add_subcommand("shader-merge", "Join shader-search shard files into the whole search's result");
+  static MergeOptions mergeOptions;
+  merge->add_option("CAMERA", mergeOptions.camera, "The camera file the shards searched")->required();
+  merge->add_option("SHARDS", mergeOptions.shards, "Every shard file of the search")->required();
+  merge->add_option("--out-dir", mergeOptions.outDir, "Folder for best-0.json .. best-9.json")->required();
+  merge->add_flag("--json", mergeOptions.json, "Print {\"best\": [{\"error\", \"parameters\"}, ...]} last");
+  merge->callback([] { runMerge(mergeOptions); });
+}
+
+}  // namespace Tool
