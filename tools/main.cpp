@@ -40,7 +40,6 @@ int main(int argc, char** argv) {
   pointAtBundledShaders(argv[0]);
   // Errors reach the user as one clear line; OpenCV's own warnings would only repeat them.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
-  cv::setNumThreads(static_cast<int>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN))));
 
   CLI::App app{"orbivane-calibrate: calibrates multi-sensor panoramic cameras from real pictures"};
   app.set_version_flag("--version", std::string("orbivane-calibrate ") + ORBIVANE_VERSION);
