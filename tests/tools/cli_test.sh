@@ -88,6 +88,47 @@ out=$("$tool" autoclip seam.json --json --picture seam.png | tail -n 1)
 check_rect "$out" 0.5 || fail "autoclip with a missing seam: $out"
 [ -s seam.png ] || fail "autoclip --picture writes the inspection picture"
 
+# neighbour and match-to-target on pictures with a known misplacement.
+/usr/bin/python3 - "$data" <<'PY'
+import sys, json, cv2, numpy as np
+src = cv2.imread(sys.argv[1] + '/building.jpg')
+# Two 320x240 crops; the right one sits 3 px further right than its nominal placement.
+cv2.imwrite('left.png', src[100:340, 100:420]); cv2.imwrite('right.png', src[100:340, 343:663])
+json.dump({"format": "orbivane-camera", "version": 1, "modules": [
+  {"name": "L", "image": "left.png", "geometry": {"type": "matrix", "matrix": [0.5,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]}},
+  {"name": "R", "image": "right.png", "geometry": {"type": "matrix", "matrix": [0.5,0,0,0.375, 0,1,0,0, 0,0,1,0, 0,0,0,1]}}]},
+  open('pair.json', 'w'))
+# A module picture showing the target through a known homography H (module pixels to target pixels).
+t = src[50:410, 100:580]
+H = np.array([[1.02, 0.03, -8.0], [-0.02, 0.99, 5.0], [1e-5, 0, 1]])
+cv2.imwrite('target.png', t)
+cv2.imwrite('module.png', cv2.warpPerspective(t, np.linalg.inv(H), (480, 360), flags=cv2.INTER_CUBIC,
+                                              borderMode=cv2.BORDER_REFLECT))
+identity = [1,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]
+json.dump({"format": "orbivane-camera", "version": 1, "modules": [
+  {"name": "T", "image": "target.png", "geometry": {"type": "matrix", "matrix": identity}},
+  {"name": "M", "image": "module.png", "geometry": {"type": "matrix", "matrix": identity}}]}, open('mt.json', 'w'))
+PY
+out=$("$tool" neighbour pair.json --modules L,R --out pair-out.json --json 2>/dev/null | tail -n 1)
+/usr/bin/python3 -c "
+import json, sys
+t = json.loads(sys.argv[1])['translations'][0]
+sys.exit(0 if abs(t['dx'] - 3 / 320 * 0.5) < 2e-5 and abs(t['dy']) < 2e-5 else 1)" "$out" ||
+  fail "neighbour finds the 3 px offset: $out"
+[ -s pair-out.json ] || fail "neighbour writes the corrected camera"
+out=$("$tool" match-to-target mt.json --target T --modules M --out mt-out.json --json 2>/dev/null | tail -n 1)
+echo "$out" | grep -q '"M"' || fail "match-to-target prints the module's error: $out"
+/usr/bin/python3 -c "
+import json, numpy as np
+m = json.load(open('mt-out.json'))['modules'][1]['geometry']['matrix']
+found = np.array([[m[0], m[1], m[3]], [m[4], m[5], m[7]], [m[12], m[13], m[15]]])
+S = np.diag([1 / 480, 1 / 360, 1])
+truth = S @ np.array([[1.02, 0.03, -8.0], [-0.02, 0.99, 5.0], [1e-5, 0, 1]]) @ np.linalg.inv(S)
+corners = np.array([[0, 0, 1], [1, 0, 1], [1, 1, 1], [0, 1, 1]]).T
+a = found @ corners; b = truth @ corners
+error = np.abs(a[:2] / a[2] - b[:2] / b[2]) * np.array([[480], [360]])
+raise SystemExit(0 if error.max() < 0.1 else 1)" || fail "match-to-target recovers the known homography"
+
 # The fisheye closed loop on a simulated camera: an off-centre lens circle is
 # centred by moving the sensor window, and restore puts the window back.
 "$tool" sensor create state.json --module A --scene fisheye --size 1280 960 --centre 700 430 --radius 400 \
