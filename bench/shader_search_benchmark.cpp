@@ -223,6 +223,12 @@ int main(int argc, char** argv) {
     std::printf("best: error %.4f, the reference's grid point %s\n",
                 forcer.results().empty() ? -1.0 : double(forcer.results().front().error),
                 found ? "found first" : "NOT FIRST");
+    // The whole ranking, so that runs of different builds can be compared.
+    int place = 0;
+    for (const auto& result : forcer.results()) {
+      std::printf("  %d: error %.6f at grid point %llu\n", place++, double(result.error),
+                  static_cast<unsigned long long>(result.gridIndex));
+    }
     gridOk = seconds <= 30.0 && found;
   }
   const auto ratios = Bench::runAndCompare(

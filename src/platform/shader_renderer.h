@@ -3,6 +3,8 @@
 // working size (colour, and grey with a zero border and each 2x2 neighbourhood
 // packed in one element for the vectorised sampler), and the texture coordinate of
 // every output pixel (clip matrix and UV grid, before the lens distortion).
+// Both are immutable once built, so renderers of several threads can share
+// them (shareCache).
 #pragma once
 
 #include <cstdint>
@@ -33,17 +35,28 @@ class ShaderRenderer {
   cv::Mat renderColour(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
 
   // The grey rendering at `size` into `grey` (CV_8UC1; its columns may be
-  // padded to a multiple of 8: only the first size.width count) and the
-  // histogram of its size.width x size.height pixels. Vectorised where the
-  // processor has AVX2; the plain path gives the same bytes.
+  // padded to a multiple of 16: only the first size.width count) and the
+  // histogram of its size.width x size.height pixels. The grey working
+  // picture is sampled bilinearly at 1/32 pixel with 5-bit weights in whole
+  // numbers (as the colour rendering's remap does), so the plain and the
+  // vectorised samplers give the same bytes.
   void renderGrey(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size, cv::Mat& grey,
                   int histogram[256]);
+
+  // Takes over the other renderer's working picture and coordinates (shared,
+  // not copied) when it renders with the same chain geometry; a renderer per
+  // thread then prepares nothing itself.
+  void shareCache(const ShaderRenderer& other);
 
   const LensDistortion& distortion() const { return distortion_; }
 
   // Whether the vectorised sampler is used; tests switch it off to compare.
   static bool vectorised();
   static void setVectorised(bool on);
+  // The sampler in use: 0 plain, 1 AVX2, 2 AVX-512; setting asks for at
+  // most that level (what the processor has).
+  static int samplerLevel();
+  static void setSamplerLevel(int level);
 
  private:
   struct Source {
@@ -56,20 +69,20 @@ class ShaderRenderer {
   };
   struct Coordinates {
     cv::Size size;
-    int stride = 0;                 // floats a row, a multiple of 8
-    std::vector<float> u, v;        // texture coordinate of each output pixel
-    std::vector<std::int32_t> mask; // -1 where the pixel shows the module, 0 where it is black
+    int stride = 0;                    // floats a row, a multiple of 16
+    std::vector<float> u2, v2;         // twice the texture coordinate of each output pixel (0 in padding)
+    std::vector<std::int32_t> mask;    // -1 where the pixel shows the module, 0 where it is black
+    std::vector<int> first, last;      // per row: the pixels showing the module are within [first, last)
   };
 
-  const Source& source(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
-  const Coordinates& coordinates(cv::Size size);
+  std::shared_ptr<const Source> source(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
+  std::shared_ptr<const Coordinates> coordinates(cv::Size size);
 
   cv::Matx33d homography_;        // texture -> surface
   Utils::Optional<Utils::UVGrid> grid_;
   LensDistortion distortion_;
-  Source source_;
-  Coordinates coordinates_;
-  bool coordinatesValid_ = false;
+  std::shared_ptr<const Source> source_;
+  std::shared_ptr<const Coordinates> coordinates_;  // null when the geometry changed
 };
 
 }  // namespace ImageSource

@@ -201,6 +201,91 @@ TEST(ImageShading, GreyRenderingAgreesWithTheColourOneAndBetweenPaths) {
   for (int i = 0; i < 256; ++i) EXPECT_EQ(histogram[i], int(counted.at<float>(i))) << "bin " << i;
 }
 
+// The grey rendering of `shading` at `size` by the renderer's current sampler.
+struct GreyRendering {
+  cv::Mat grey;  // size.width columns
+  std::vector<int> histogram;
+};
+GreyRendering renderGreyWith(ImageShading& shading, const std::shared_ptr<Image::UniversalImageInterface>& image,
+                             cv::Size size) {
+  cv::Mat padded;
+  int histogram[256];
+  ImageSource::ImageShadingAccess::renderer(shading).renderGrey(image, size, padded, histogram);
+  return {padded(cv::Rect(0, 0, size.width, size.height)).clone(), std::vector<int>(histogram, histogram + 256)};
+}
+
+TEST(ImageShading, VectorisedGreySamplerGivesExactlyThePlainBytes) {
+  const auto image = picture("home.jpg", cv::Size(640, 480));
+  const cv::Matx33d perspective(0.8, 0.15, 0.1, -0.05, 0.9, 0.05, 0.2, 0.1, 1.0);
+  const std::vector<std::list<Shader>> chains{
+      // Mild and strong radial corrections with shifts: runs of neighbouring and of scattered samples.
+      {lens({{"f_TCorrection_F", "0.1"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.3"},
+             {"f_ps_distortion_ext_xshift", "-0.1"}})},
+      {lens({{"f_TCorrection_F", "0.75"}, {"f_TCorrection_H", "0.75"}, {"f_TCorrection_V", "0.75"},
+             {"f_ps_distortion_ext_xshift", "0.3"}, {"f_ps_distortion_ext_yshift", "-0.3"}})},
+      // Division, an odd power, and a perspective footprint whose rows only partly show the module.
+      {OrbivaneGeometry::clipMatrixShader(OrbivaneGeometry::matrixFromPlanarHomography(perspective)),
+       lens({{"f_TCorrection_F", "0.5"}, {"i_ps_distortion_ext_pwp", "5"}, {"i_ps_distortion_ext_method", "1"},
+             {"f_ps_distortion_ext_yshift", "0.2"}})}};
+  const int level = ImageSource::ShaderRenderer::samplerLevel();
+  ImageSource::ShaderRenderer::setSamplerLevel(2);
+  const int best = ImageSource::ShaderRenderer::samplerLevel();  // what this processor has
+  for (std::size_t i = 0; i < chains.size(); ++i) {
+    for (const cv::Size size : {cv::Size(160, 120), cv::Size(203, 117)}) {  // a width with a partial block
+      ImageShading shading;
+      shading.SetShader(chains[i]);
+      ImageSource::ShaderRenderer::setSamplerLevel(0);
+      const GreyRendering plain = renderGreyWith(shading, image, size);
+      for (int vector = 1; vector <= best; ++vector) {  // AVX2, then AVX-512 where present
+        ImageSource::ShaderRenderer::setSamplerLevel(vector);
+        const GreyRendering fast = renderGreyWith(shading, image, size);
+        EXPECT_EQ(cv::countNonZero(fast.grey != plain.grey), 0)
+            << "chain " << i << " at " << size << " level " << vector;
+        EXPECT_EQ(fast.histogram, plain.histogram) << "chain " << i << " level " << vector;
+      }
+      ImageSource::ShaderRenderer::setSamplerLevel(level);
+      cv::Mat counted;
+      const int channels[] = {0}, bins[] = {256};
+      const float range[] = {0, 256};
+      const float* ranges[] = {range};
+      cv::calcHist(&plain.grey, 1, channels, cv::Mat(), counted, 1, bins, ranges);
+      for (int b = 0; b < 256; ++b) {
+        ASSERT_EQ(plain.histogram[std::size_t(b)], int(counted.at<float>(b))) << "bin " << b;
+      }
+      // The renderings are real pictures, not black.
+      EXPECT_GT(cv::countNonZero(plain.grey), size.area() / 3) << "chain " << i;
+    }
+  }
+}
+
+TEST(ImageShading, SharedPreparationRendersLikeAnOwnOne) {
+  const auto image = picture("fruits.jpg", cv::Size(640, 480));
+  const cv::Size size(160, 120);
+  const std::list<Shader> chain{lens({{"f_TCorrection_F", "0.35"}, {"f_ps_distortion_ext_xshift", "0.1"}})};
+  ImageShading first, second, own;
+  first.SetShader(chain);
+  renderGreyWith(first, image, size);  // prepares picture and coordinates
+  second.SetShader(chain);
+  ImageSource::ImageShadingAccess::renderer(second).shareCache(ImageSource::ImageShadingAccess::renderer(first));
+  own.SetShader(chain);
+  EXPECT_EQ(cv::countNonZero(renderGreyWith(second, image, size).grey != renderGreyWith(own, image, size).grey), 0);
+
+  // Another clip matrix: the shared coordinates must not be used.
+  Utils::Matrix4x4 placed;
+  placed.set(0, 0, 0.5f);
+  placed.set(0, 1, 0.2f);
+  const std::list<Shader> sheared{OrbivaneGeometry::clipMatrixShader(placed), chain.front()};
+  second.SetShader(sheared);
+  own.SetShader(sheared);
+  const GreyRendering shearedShared = renderGreyWith(second, image, size);
+  EXPECT_EQ(cv::countNonZero(shearedShared.grey != renderGreyWith(own, image, size).grey), 0);
+  ImageShading late;
+  late.SetShader(sheared);
+  ImageSource::ImageShadingAccess::renderer(late).shareCache(ImageSource::ImageShadingAccess::renderer(first));
+  EXPECT_EQ(cv::countNonZero(renderGreyWith(late, image, size).grey != shearedShared.grey), 0);
+  EXPECT_GT(cv::countNonZero(shearedShared.grey == 0), size.area() / 10);  // the sheared footprint's black corners
+}
+
 TEST(ImageShading, SurfaceSizeAndMisuse) {
   const auto image = picture("baboon.jpg", cv::Size(200, 100));
   ImageShading shading;

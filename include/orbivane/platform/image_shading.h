@@ -31,10 +31,11 @@
 // output is the footprint point (left + x / W * width, top + y / H * height)
 // (pixel (0, 0) centred on the corner, as in surface_projection.h); points
 // outside the module's unit square, and source coordinates outside the
-// picture, are black. The source is sampled bilinearly; when the output is
-// much smaller than the picture, the picture is first reduced by the whole
-// factor floor(min(picture width / W, picture height / H)) with area
-// averaging, so the rendering does not alias.
+// picture, are black. The source is sampled bilinearly at 1/32 pixel with
+// whole-number weights (as OpenCV's remap does); when the output is much
+// smaller than the picture, the picture is first reduced by the whole factor
+// floor(min(picture width / W, picture height / H)) with area averaging, so
+// the rendering does not alias.
 //
 // Surface and size: SetSurface sets the surface picture. Its size is the
 // output size of Apply(image) when no size is given, and Apply(size) renders
@@ -45,7 +46,9 @@
 // of the last picture it rendered (keyed by the shared pointer) and the
 // coordinates of the last chain geometry and output size, so rendering the
 // same picture again with new distortion values only redoes the distortion.
-// One object must not be used from two threads at once; use one per thread.
+// These are immutable once made, so the library lets the shading objects of
+// several threads share one object's. One object must not be used from two
+// threads at once; use one per thread.
 #pragma once
 
 #include <list>

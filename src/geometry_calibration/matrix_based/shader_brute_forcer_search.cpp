@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <stdexcept>
 
 #include <tbb/blocked_range.h>
@@ -138,32 +139,56 @@ ShaderSearch::ThreadState& ShaderSearch::threadState() {
     state->shading.SetShader(state->chain);
     state->shading.SetSurface(surface_);
     if (grid_) state->shading.SetUVGrid(*grid_);
+    if (prototype_) {
+      ImageSource::ImageShadingAccess::renderer(state->shading)
+          .shareCache(ImageSource::ImageShadingAccess::renderer(*prototype_));
+    }
     slot = std::move(state);
   }
   return *slot;
 }
 
-void ShaderSearch::evaluate(const Leaf& leaf) {
+std::map<std::string, float> ShaderSearch::parametersAt(std::uint64_t index) const {
+  std::map<std::string, float> set;
+  for (std::size_t i = values_.size(); i-- > 0;) {
+    const std::uint64_t count = values_[i].size();
+    set[names_[i]] = values_[i][std::size_t(index % count)];
+    index /= count;
+  }
+  return set;
+}
+
+void ShaderSearch::evaluate(std::uint64_t index) {
   ThreadState& state = threadState();
-  writeParameters(*state.shader, leaf.parameters);
+  std::uint64_t rest = index;
+  for (std::size_t i = values_.size(); i-- > 0;) {
+    const std::uint64_t count = values_[i].size();
+    state.shader->setParameter(names_[i], texts_[i][std::size_t(rest % count)]);
+    rest /= count;
+  }
   state.shading.SetShader(state.chain);
   ImageSource::ImageShadingAccess::renderer(state.shading)
       .renderGrey(moduleImage_, referenceEdges_.size(), state.grey, state.histogram);
   const EdgeScore score = edgeScore(state.grey, state.histogram, referenceEdges_, state.buffers);
   if (!(score.mean >= 1.0)) return;  // an empty rendering
-  {
+  // Most evaluations cannot enter the full list; the bound only falls, so a
+  // stale value lets a few more through to the exact test under the lock.
+  if (!(score.error > rejectAbove_.load(std::memory_order_relaxed))) {
     std::lock_guard<std::mutex> lock(bestMutex_);
-    best_.insert({score.error, leaf.index, leaf.parameters});
+    if (!best_.rejects(score.error)) {
+      best_.insert({score.error, index, parametersAt(index)});
+      if (best_.full()) rejectAbove_.store(best_.largest(), std::memory_order_relaxed);
+    }
   }
   if (counter_.fetch_add(1) % 10000 == 0) std::cout << " #" << std::flush;
 }
 
-void ShaderSearch::flush(std::vector<Leaf>& pending) {
+void ShaderSearch::flush(std::vector<std::uint64_t>& pending) {
   if (pending.empty()) return;
   if (!shaderKnown_) throw std::runtime_error("Shader not found");
   tbb::task_arena arena(threads_ > 0 ? threads_ : tbb::task_arena::automatic);
   arena.execute([&] {
-    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, pending.size(), 8),
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, pending.size(), 4),
                       [&](const tbb::blocked_range<std::size_t>& range) {
                         for (std::size_t i = range.begin(); i != range.end(); ++i) evaluate(pending[i]);
                       });
@@ -177,6 +202,8 @@ void ShaderSearch::flush(std::vector<Leaf>& pending) {
 std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& module, const std::wstring& reference) {
   results_.clear();
   best_ = BestList();
+  rejectAbove_ = std::numeric_limits<float>::infinity();
+  prototype_.reset();
   counter_ = 0;
   done_ = total_ = 0;
   states_.clear();
@@ -217,11 +244,12 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   surface_ = std::make_shared<Image::RGBImage>(surfaceSize.width, surfaceSize.height, Image::kMappingBGR);
   cv::Size rendered;
   {
-    ImageSource::ImageShading shading;
-    shading.SetShader(chain_);
-    shading.SetSurface(surface_);
-    if (grid_) shading.SetUVGrid(*grid_);
-    const auto picture = shading.Apply(moduleImage_, surfaceSize);
+    // Kept: every thread's shading object takes over its working picture and coordinates.
+    prototype_ = std::make_unique<ImageSource::ImageShading>();
+    prototype_->SetShader(chain_);
+    prototype_->SetSurface(surface_);
+    if (grid_) prototype_->SetUVGrid(*grid_);
+    const auto picture = prototype_->Apply(moduleImage_, surfaceSize);
     rendered = cv::Size(picture->width(), picture->height());
   }
 
@@ -248,20 +276,30 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   }
   const cv::Rect rect(static_cast<int>(x), static_cast<int>(y), static_cast<int>(w), static_cast<int>(h));
   // 4. Its edge image; parts outside the reference are black.
-  cv::Mat cut = cv::Mat::zeros(rect.size(), CV_8UC3);
   const cv::Rect inside = rect & cv::Rect(0, 0, referenceMat.cols, referenceMat.rows);
-  if (!inside.empty()) referenceMat(inside).copyTo(cut(inside - rect.tl()));
+  cv::Mat cut;
+  if (inside == rect && referenceMat.type() == CV_8UC3) {
+    cut = referenceMat(rect);  // wholly inside: read in place
+  } else {
+    cut = cv::Mat::zeros(rect.size(), CV_8UC3);
+    if (!inside.empty()) referenceMat(inside).copyTo(cut(inside - rect.tl()));
+  }
   referenceEdges_ = edgeImageOfColour(cut, rendered);
   logger_->info("Module {}: rectangle {}x{} at ({}, {}) on the reference, rendering {}x{}", name, rect.width,
                 rect.height, rect.x, rect.y, rendered.width, rendered.height);
 
   // The walk.
-  std::vector<std::string> names;
-  std::vector<std::vector<float>> values;
+  names_.clear();
+  values_.clear();
+  texts_.clear();
   for (const auto& entry : parameters_) {
-    names.push_back(entry.first);
-    values.push_back(ShaderBruteForcer::parameterValues(entry.first, entry.second));
+    names_.push_back(entry.first);
+    values_.push_back(ShaderBruteForcer::parameterValues(entry.first, entry.second));
+    texts_.emplace_back();
+    for (const float value : values_.back()) texts_.back().push_back(formatted(value));
   }
+  const auto& names = names_;
+  const auto& values = values_;
   std::size_t outerBegin = 0, outerEnd = 0;
   if (!values.empty()) {
     const std::size_t n = values[0].size();
@@ -273,12 +311,12 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
     total_ = 1;
   }
 
-  std::vector<Leaf> pending;
+  std::vector<std::uint64_t> pending;
   pending.reserve(kBatch);
   std::function<void(std::size_t, std::map<std::string, float>, std::uint64_t)> walk =
       [&](std::size_t position, std::map<std::string, float> set, std::uint64_t index) {
         if (position == names.size()) {
-          pending.push_back({index, std::move(set)});
+          pending.push_back(index);
           if (pending.size() >= kBatch) flush(pending);
           return;
         }
@@ -297,6 +335,7 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   walk(0, {}, 0);
   flush(pending);
   states_.clear();
+  prototype_.reset();
 
   // The result.
   results_ = best_.ordered();

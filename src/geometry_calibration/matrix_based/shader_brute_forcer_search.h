@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <iterator>
+#include <limits>
 #include <list>
 #include <map>
 #include <memory>
@@ -17,6 +19,7 @@
 
 #include "orbivane/geometry/shader_directories.h"
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
+#include "orbivane/platform/image_shading.h"
 #include "orbivane/utils/uv_grid.h"
 
 namespace GeometryCalibration {
@@ -35,6 +38,12 @@ class BestList {
   bool insert(const Result& result);
   std::list<Result> ordered() const;
   std::size_t size() const { return entries_.size(); }
+  // Whether a result of this error cannot be kept: the list is full and
+  // every kept error is smaller.
+  bool rejects(float error) const { return capacity_ == 0 || (full() && largest() < error); }
+  bool full() const { return capacity_ > 0 && entries_.size() >= capacity_; }
+  // The largest kept error; the list must not be empty.
+  float largest() const { return std::prev(entries_.end())->first; }
 
  private:
   std::size_t capacity_;
@@ -67,14 +76,11 @@ class ShaderSearch {
 
  private:
   struct ThreadState;
-  struct Leaf {
-    std::uint64_t index = 0;
-    std::map<std::string, float> parameters;
-  };
-
-  void evaluate(const Leaf& leaf);
+  // The grid point of a place in the walk's order.
+  std::map<std::string, float> parametersAt(std::uint64_t index) const;
+  void evaluate(std::uint64_t index);
   ThreadState& threadState();
-  void flush(std::vector<Leaf>& pending);
+  void flush(std::vector<std::uint64_t>& pending);
 
   CameraDescription::Orbivane camera_;
   Images images_;
@@ -93,12 +99,23 @@ class ShaderSearch {
   std::shared_ptr<Image::UniversalImageInterface> moduleImage_;
   std::shared_ptr<Image::UniversalImageInterface> surface_;
   cv::Mat referenceEdges_;
+  // The renderer that prepared the search: its working picture and
+  // coordinates are shared with every thread's shading object.
+  std::unique_ptr<ImageSource::ImageShading> prototype_;
+  // The walk's values by list position, and each as the "%f" text written
+  // into the shader.
+  std::vector<std::string> names_;
+  std::vector<std::vector<float>> values_;
+  std::vector<std::vector<std::string>> texts_;
   std::uint64_t done_ = 0, total_ = 0;
 
   std::mutex statesMutex_;
   std::map<std::thread::id, std::unique_ptr<ThreadState>> states_;
   std::mutex bestMutex_;
   BestList best_;
+  // The largest kept error once the list is full (infinity before): an
+  // evaluation above it is not kept, so it need not take the lock.
+  std::atomic<float> rejectAbove_{std::numeric_limits<float>::infinity()};
   std::atomic<std::uint64_t> counter_{0};
   std::list<ShaderBruteForcer::Result> results_;
 };

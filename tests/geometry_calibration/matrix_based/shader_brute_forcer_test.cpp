@@ -163,6 +163,26 @@ TEST(ShaderBruteForcerGrid, BestListKeepsTenDistinctErrorsAndTheEarlierOfEqualOn
   EXPECT_EQ(few.ordered().back().gridIndex, 3u);
 }
 
+TEST(ShaderBruteForcerGrid, BestListRejectsOnlyWhatItCouldNotKeep) {
+  // The search skips the lock for results the list rejects: a rejected result must never be one it keeps.
+  BestList best;
+  for (std::uint64_t i = 0; i < 10; ++i) {
+    EXPECT_FALSE(best.rejects(100.0f)) << "not full yet";
+    best.insert({float(i) + 1.0f, 50 + i, {}});
+  }
+  ASSERT_TRUE(best.full());
+  EXPECT_EQ(best.largest(), 10.0f);
+  EXPECT_TRUE(best.rejects(10.5f));
+  EXPECT_FALSE(best.rejects(10.0f));  // an equal error with an earlier grid point replaces
+  EXPECT_FALSE(best.rejects(0.5f));
+  for (const float error : {10.5f, 10.0f, 0.5f}) {
+    BestList copy = best;
+    const bool kept = copy.insert({error, 3, {}});
+    EXPECT_EQ(kept, !best.rejects(error)) << error;
+  }
+  EXPECT_TRUE(BestList(0).rejects(1.0f));
+}
+
 TEST(ShaderBruteForcerEdges, FusedScoreEqualsOpenCvSequence) {
   for (const char* name : {"baboon.jpg", "building.jpg"}) {
     cv::Mat bgr, grey;

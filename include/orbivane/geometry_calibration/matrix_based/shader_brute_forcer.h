@@ -28,8 +28,10 @@
 // that comes first in grid order, whatever the number of threads.
 //
 // Evaluations run on all cores (TBB): one shading object per thread, found by
-// thread id under a lock; the best list under a second lock; an atomic
-// evaluation counter. The grey rendering is the renderer's grey output (the
+// thread id under a lock, all sharing the working picture and coordinates the
+// preparation made; the best list under a second lock, which an evaluation
+// the full list could not keep does not take; an atomic evaluation counter.
+// The grey rendering is the renderer's grey output (the
 // grey working picture sampled bilinearly; it agrees with the colour
 // rendering converted to grey to within half a level on average, a few levels
 // at the sharpest edges); the edge steps from there on are exact.
