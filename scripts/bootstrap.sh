@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs every Debian 12 package the project needs: toolchain, libraries,
-# test and benchmark frameworks, and the sample pictures and videos the tests
-# and the demo use. Runs as root, or through sudo when it is available.
+# test and benchmark frameworks, the sample pictures and videos the tests and
+# the demo use, and the browser that checks the demo's report. Runs as root,
+# or through sudo when it is available.
 set -euo pipefail
 
 packages=(
@@ -11,6 +12,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev libtbb-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   opencv-doc opencv-data python3-opencv python3-numpy
+  chromium fonts-dejavu-core
 )
 
 if [ "$(id -u)" -eq 0 ]; then

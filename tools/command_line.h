@@ -6,6 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "orbivane/utils/size.h"
+
 namespace Tool {
 
 // A failure the user must see: printed as one line on standard error, and
@@ -23,5 +25,14 @@ void addNeighbourCommand(CLI::App& app);
 void addAutoclipCommand(CLI::App& app);
 void addShaderSearchCommands(CLI::App& app);
 void addMatchToTargetCommand(CLI::App& app);
+void addPanoramaCommand(CLI::App& app);
+void addDemoCommand(CLI::App& app);
+
+// Writes text beside the file, then renames it over it (the old file stays
+// whole until the new one is complete).
+void writeTextAtomically(const std::string& path, const std::string& text);
+
+// "1920x600" -> {1920, 600}; anything else is a CommandError.
+Utils::Size parsePictureSize(const std::string& text);
 
 }  // namespace Tool

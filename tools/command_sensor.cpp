@@ -77,18 +77,6 @@ std::shared_ptr<CameraDescription::OrbivaneModule> moduleFor(const std::string& 
 
 std::shared_ptr<CameraDescription::OrbivaneModule> moduleFor() { return moduleFor(args().module); }
 
-void writeTextAtomically(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream f(temporary, std::ios::binary | std::ios::trunc);
-    f << text;
-    if (!f.flush()) throw CommandError("cannot write '" + temporary + "'");
-  }
-  std::error_code ec;
-  std::filesystem::rename(temporary, path, ec);
-  if (ec) throw CommandError("cannot write '" + path + "': " + ec.message());
-}
-
 std::string restorePath() { return args().state + ".restore.json"; }
 
 void printWindow(const std::shared_ptr<Quarn::SimulatedCamera>& camera) {

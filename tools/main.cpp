@@ -53,6 +53,8 @@ int main(int argc, char** argv) {
   Tool::addAutoclipCommand(app);
   Tool::addShaderSearchCommands(app);
   Tool::addMatchToTargetCommand(app);
+  Tool::addPanoramaCommand(app);
+  Tool::addDemoCommand(app);
 
   try {
     app.parse(argc, argv);

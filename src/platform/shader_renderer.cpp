@@ -251,9 +251,24 @@ void ShaderRenderer::setGrid(const Utils::UVGrid& grid) {
   }
 }
 
+void ShaderRenderer::setHomography(const cv::Matx33d& homography) {
+  if (homography != homography_) {
+    homography_ = homography;
+    coordinates_.reset();
+  }
+}
+
+void ShaderRenderer::setFrame(const Utils::Optional<cv::Rect2d>& frame) {
+  if (frame != frame_) {
+    frame_ = frame;
+    coordinates_.reset();
+  }
+}
+
 void ShaderRenderer::shareCache(const ShaderRenderer& other) {
   if (other.source_) source_ = other.source_;
-  if (other.coordinates_ && other.homography_ == homography_ && sameGrid(other.grid_, grid_)) {
+  if (other.coordinates_ && other.homography_ == homography_ && other.frame_ == frame_ &&
+      sameGrid(other.grid_, grid_)) {
     coordinates_ = other.coordinates_;
   }
 }
@@ -327,6 +342,12 @@ std::shared_ptr<const ShaderRenderer::Coordinates> ShaderRenderer::coordinates(c
     top = std::min(top, y);
     bottom = std::max(bottom, y);
   }
+  if (ok && frame_) {
+    left = frame_->x;
+    top = frame_->y;
+    right = frame_->x + frame_->width;
+    bottom = frame_->y + frame_->height;
+  }
   ok = ok && std::isfinite(left) && std::isfinite(right) && std::isfinite(top) && std::isfinite(bottom);
   if (ok) {
     const cv::Matx33d inverse = h.inv();
@@ -364,28 +385,45 @@ std::shared_ptr<const ShaderRenderer::Coordinates> ShaderRenderer::coordinates(c
   return coordinates_;
 }
 
-cv::Mat ShaderRenderer::renderColour(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size) {
-  if (size.width <= 0 || size.height <= 0 || image->empty()) return cv::Mat();
-  const std::shared_ptr<const Source> s = source(image, size);
-  const std::shared_ptr<const Coordinates> c = coordinates(size);
-  cv::Mat mapX(size, CV_32FC1), mapY(size, CV_32FC1);
+void ShaderRenderer::fillMaps(const Coordinates& c, cv::Size original, int factor, cv::Mat& mapX,
+                              cv::Mat& mapY) const {
+  const cv::Size size = c.size;
+  mapX.create(size, CV_32FC1);
+  mapY.create(size, CV_32FC1);
   for (int y = 0; y < size.height; ++y) {
     float* mx = mapX.ptr<float>(y);
     float* my = mapY.ptr<float>(y);
-    const std::size_t row = static_cast<std::size_t>(y) * static_cast<std::size_t>(c->stride);
+    const std::size_t row = static_cast<std::size_t>(y) * static_cast<std::size_t>(c.stride);
     for (int x = 0; x < size.width; ++x) {
       mx[x] = my[x] = -10.0f;  // black
-      if (c->mask[row + std::size_t(x)] == 0) continue;
-      const cv::Point2f t = distortion_.map(0.5f * c->u2[row + std::size_t(x)], 0.5f * c->v2[row + std::size_t(x)]);
+      if (c.mask[row + std::size_t(x)] == 0) continue;
+      const cv::Point2f t = distortion_.map(0.5f * c.u2[row + std::size_t(x)], 0.5f * c.v2[row + std::size_t(x)]);
       // The grey sampler's position, without its border pixel.
-      const float px = (t.x * float(s->original.width) - 0.5f * float(s->factor - 1)) / float(s->factor);
-      const float py = (t.y * float(s->original.height) - 0.5f * float(s->factor - 1)) / float(s->factor);
+      const float px = (t.x * float(original.width) - 0.5f * float(factor - 1)) / float(factor);
+      const float py = (t.y * float(original.height) - 0.5f * float(factor - 1)) / float(factor);
       if (std::isfinite(px) && std::isfinite(py) && std::fabs(px) < 1e6f && std::fabs(py) < 1e6f) {
         mx[x] = px;
         my[x] = py;
       }
     }
   }
+}
+
+void ShaderRenderer::pictureMaps(cv::Size picture, cv::Size size, cv::Mat& mapX, cv::Mat& mapY) {
+  if (size.width <= 0 || size.height <= 0) {
+    mapX.release();
+    mapY.release();
+    return;
+  }
+  fillMaps(*coordinates(size), picture, 1, mapX, mapY);
+}
+
+cv::Mat ShaderRenderer::renderColour(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size) {
+  if (size.width <= 0 || size.height <= 0 || image->empty()) return cv::Mat();
+  const std::shared_ptr<const Source> s = source(image, size);
+  const std::shared_ptr<const Coordinates> c = coordinates(size);
+  cv::Mat mapX, mapY;
+  fillMaps(*c, s->original, s->factor, mapX, mapY);
   cv::Mat out;
   cv::remap(s->colour, out, mapX, mapY, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
   return out;

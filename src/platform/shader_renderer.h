@@ -30,6 +30,18 @@ class ShaderRenderer {
   // distortion; see ImageShading::SetShader.
   void setShaders(const std::list<OrbivaneGeometry::Shader>& shaders);
   void setGrid(const Utils::UVGrid& grid);
+  // Replaces the chain's texture-to-surface homography (the panorama draws a
+  // module through its final matrix, not its clip matrix alone); the next
+  // setShaders sets it back to the clip matrix.
+  void setHomography(const cv::Matx33d& homography);
+  // The part of the surface the output frames (surface units: left, top,
+  // width, height); nothing frames the module's footprint.
+  void setFrame(const Utils::Optional<cv::Rect2d>& frame);
+
+  // Where each output pixel of a `size` rendering of a picture of `picture`
+  // pixels reads the picture (CV_32FC1 maps for cv::remap, in picture pixels;
+  // -10 where the output shows no part of the module).
+  void pictureMaps(cv::Size picture, cv::Size size, cv::Mat& mapX, cv::Mat& mapY);
 
   // The colour rendering (BGR, 8 bits) of `image` at `size`.
   cv::Mat renderColour(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
@@ -78,7 +90,11 @@ class ShaderRenderer {
   std::shared_ptr<const Source> source(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
   std::shared_ptr<const Coordinates> coordinates(cv::Size size);
 
+  // Fills the remap maps for a picture of `original` pixels reduced by `factor`.
+  void fillMaps(const Coordinates& c, cv::Size original, int factor, cv::Mat& mapX, cv::Mat& mapY) const;
+
   cv::Matx33d homography_;        // texture -> surface
+  Utils::Optional<cv::Rect2d> frame_;
   Utils::Optional<Utils::UVGrid> grid_;
   LensDistortion distortion_;
   std::shared_ptr<const Source> source_;

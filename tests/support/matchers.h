@@ -11,6 +11,13 @@
 
 #include "orbivane/utils/matrix4x4.h"
 
+// Failure messages name a picture's size and type, not its every pixel.
+namespace cv {
+inline void PrintTo(const Mat& m, std::ostream* os) {
+  *os << "cv::Mat " << m.cols << "x" << m.rows << " type " << m.type();
+}
+}  // namespace cv
+
 namespace Testing {
 
 // Every element within `tolerance` of the truth.

@@ -1,0 +1,191 @@
+// The demo's virtual camera; see demo_scene.h.
+#include "demo_scene.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <stdexcept>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/camera/orbivane_linkage.h"
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/image/image_conversion.h"
+
+namespace Tool {
+namespace Demo {
+namespace {
+
+constexpr int kModules = 5;
+constexpr double kPi = 3.14159265358979323846;
+// Each module spans this share of the panorama's width and height; the
+// outer modules end 1% inside its edges.
+constexpr double kModuleWidth = 0.24;
+constexpr double kModuleHeight = 0.92;
+
+// Mounting of each module: turn (degrees), keystone (perspective term of the
+// texture's x), exposure gain.
+struct Mounting {
+  double turn, keystone, gain;
+};
+const Mounting kMounting[kModules] = {
+    {-1.2, 0.06, 0.92}, {0.8, 0.03, 1.05}, {0.0, 0.0, 1.0}, {-0.6, -0.03, 0.95}, {1.0, -0.06, 1.08}};
+
+// Assembly misalignment of each module in its own texture units: shift,
+// turn (degrees) and scale.
+struct Misalignment {
+  double dx, dy, turn, scale;
+};
+const Misalignment kMisalignment[kModules] = {{0.030, -0.020, 1.5, 1.02},
+                                              {-0.025, 0.015, -1.0, 0.985},
+                                              {0.015, 0.025, 0.7, 1.015},
+                                              {-0.020, -0.030, -1.4, 1.0},
+                                              {0.035, 0.010, 1.1, 0.98}};
+
+cv::Matx33d translation(double x, double y) { return {1, 0, x, 0, 1, y, 0, 0, 1}; }
+cv::Matx33d scaling(double x, double y) { return {x, 0, 0, 0, y, 0, 0, 0, 1}; }
+cv::Matx33d turn(double degrees) {
+  const double a = degrees * kPi / 180.0;
+  return {std::cos(a), -std::sin(a), 0, std::sin(a), std::cos(a), 0, 0, 0, 1};
+}
+
+// Texture -> surface of module i: centred on its place, turned in pixel space
+// (so the turn is a true rotation on the wide panorama), with a keystone that
+// keeps the texture's middle in place.
+cv::Matx33d trueHomography(int i, cv::Size panorama, bool straight) {
+  const double step = (0.98 - kModuleWidth) / (kModules - 1);
+  const double centreX = 0.01 + kModuleWidth / 2 + step * i;
+  const cv::Matx33d toPixels = scaling(panorama.width, panorama.height);
+  const cv::Matx33d keystone(1, 0, 0, 0, 1, 0, straight ? 0.0 : kMounting[i].keystone, 0, 1);
+  const cv::Matx33d local = toPixels.inv() * translation(centreX * panorama.width, 0.5 * panorama.height) *
+                            turn(straight ? 0.0 : kMounting[i].turn) * toPixels *
+                            scaling(kModuleWidth, kModuleHeight) * keystone * translation(-0.5, -0.5);
+  return local;
+}
+
+cv::Matx33d misalign(const cv::Matx33d& truth, int i) {
+  const Misalignment& m = kMisalignment[i];
+  return truth * translation(0.5 + m.dx, 0.5 + m.dy) * turn(m.turn) * scaling(m.scale, m.scale) *
+         translation(-0.5, -0.5);
+}
+
+cv::Mat loadPhotograph(const std::string& path, int height) {
+  const cv::Mat photo = cv::imread(path, cv::IMREAD_COLOR);
+  if (photo.empty()) throw std::runtime_error("cannot read the sample photograph '" + path + "' (opencv-doc installed?)");
+  cv::Mat out;
+  const int width = int(std::lround(double(photo.cols) * height / photo.rows));
+  cv::resize(photo, out, cv::Size(width, height), 0, 0, cv::INTER_AREA);
+  return out;
+}
+
+}  // namespace
+
+Scene makeScene(const std::string& dataDirectory, bool quick, bool straight) {
+  Scene s;
+  const int height = quick ? 300 : 600;
+  s.photographs = {"building.jpg", "graf1.png", "leuvenA.jpg", "aloeL.jpg"};
+  std::vector<cv::Mat> parts;
+  for (const auto& name : s.photographs) parts.push_back(loadPhotograph(dataDirectory + "/" + name, height));
+  cv::hconcat(parts, s.picture);
+  s.panorama = s.picture.size();
+  s.modulePicture = quick ? cv::Size(360, 270) : cv::Size(720, 540);
+
+  for (int i = 0; i < kModules; ++i) {
+    const std::wstring name = L"M" + std::to_wstring(i + 1);
+    s.names.push_back(name);
+    const cv::Matx33d truth = trueHomography(i, s.panorama, straight);
+    const cv::Matx33d assembled = misalign(truth, i);
+    s.truth[name] = OrbivaneGeometry::matrixFromPlanarHomography(truth);
+    s.misaligned[name] = OrbivaneGeometry::matrixFromPlanarHomography(assembled);
+    const Misalignment& m = kMisalignment[i];
+    char words[160];
+    std::snprintf(words, sizeof words, "shifted %+.0f, %+.0f px, turned %+.1f deg, scaled %.3f",
+                  m.dx * s.modulePicture.width, m.dy * s.modulePicture.height, m.turn, m.scale);
+    s.misalignment[name] = words;
+
+    // The module's picture: module pixel -> texture -> surface -> scene pixel.
+    const cv::Matx33d pixelsToScene = scaling(s.panorama.width, s.panorama.height) * truth *
+                                      OrbivaneGeometry::pixelsToTexture(s.modulePicture.width, s.modulePicture.height);
+    cv::Mat picture;
+    cv::warpPerspective(s.picture, picture, cv::Mat(pixelsToScene), s.modulePicture,
+                        cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REFLECT101);
+    // Exposure of its own, darker towards the corners, and sensor noise.
+    cv::Mat vignette(s.modulePicture, CV_32FC1);
+    for (int y = 0; y < vignette.rows; ++y) {
+      for (int x = 0; x < vignette.cols; ++x) {
+        const double dx = (x - 0.5 * vignette.cols) / vignette.cols, dy = (y - 0.5 * vignette.rows) / vignette.rows;
+        vignette.at<float>(y, x) = float(kMounting[i].gain * (1.0 - 0.35 * (dx * dx + dy * dy)));
+      }
+    }
+    cv::Mat channels[3], noisy;
+    picture.convertTo(noisy, CV_32FC3);
+    cv::split(noisy, channels);
+    for (auto& c : channels) c = c.mul(vignette);
+    cv::merge(channels, 3, noisy);
+    cv::Mat noise(noisy.size(), CV_32FC3);
+    cv::RNG random(std::uint64_t(7 + i));
+    random.fill(noise, cv::RNG::NORMAL, 0.0, 2.0);
+    noisy += noise;
+    noisy.convertTo(picture, CV_8UC3);
+    s.pictures[name] = Image::fromMat(picture);
+
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(s.misaligned[name]));
+    module.setImage(s.pictures[name]);
+    const double overlap = (kModuleWidth - (0.98 - kModuleWidth) / (kModules - 1)) / kModuleWidth;
+    module.setLinkage(std::make_unique<CameraDescription::OrbivaneLinkage>(
+        i > 0 ? L"M" + std::to_wstring(i) : std::wstring(), i + 1 < kModules ? L"M" + std::to_wstring(i + 2) : std::wstring(),
+        float(overlap)));
+    s.camera.addModule(module);
+  }
+  // Each module's neighbour is the one to its right.
+  auto& modules = s.camera.modules();
+  for (std::size_t i = 0; i + 1 < modules.size(); ++i) modules[i]->setNeighbour(modules[i + 1]);
+  s.camera.setName(L"Orbivane demo camera");
+  s.camera.setPanoramaSize(Utils::Size{s.panorama.width, s.panorama.height});
+  return s;
+}
+
+CameraDescription::Orbivane withMatrices(const CameraDescription::Orbivane& camera,
+                                         const std::map<std::wstring, Utils::Matrix4x4>& matrices) {
+  CameraDescription::Orbivane copy(camera);
+  for (auto& module : copy.modules()) {
+    const auto found = matrices.find(module->name());
+    if (found == matrices.end()) continue;
+    if (auto* geometry = module->matrixGeometry()) {
+      geometry->setMatrix(found->second);
+    } else {
+      module->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(found->second));
+    }
+  }
+  return copy;
+}
+
+std::map<std::wstring, Utils::Matrix4x4> matricesOf(const CameraDescription::Orbivane& camera) {
+  std::map<std::wstring, Utils::Matrix4x4> out;
+  for (const auto& module : camera.modules()) {
+    if (const auto* geometry = module->matrixGeometry()) out[module->name()] = geometry->matrix();
+  }
+  return out;
+}
+
+CornerError cornerError(const Utils::Matrix4x4& matrix, const Utils::Matrix4x4& truth, cv::Size panorama) {
+  CornerError e;
+  const auto a = OrbivaneGeometry::moduleSurfaceQuad(matrix);
+  const auto b = OrbivaneGeometry::moduleSurfaceQuad(truth);
+  if (!a || !b) return CornerError{1e9, 1e9};
+  for (int k = 0; k < 4; ++k) {
+    const double dx = (a->corners[k].x - b->corners[k].x) * panorama.width;
+    const double dy = (a->corners[k].y - b->corners[k].y) * panorama.height;
+    const double d = std::hypot(dx, dy);
+    e.mean += d / 4.0;
+    e.max = std::max(e.max, d);
+  }
+  return e;
+}
+
+}  // namespace Demo
+}  // namespace Tool

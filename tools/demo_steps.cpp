@@ -1,0 +1,553 @@
+// The demo's calibration steps; see demo_steps.h.
+#include "demo_steps.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <list>
+#include <memory>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "command_line.h"
+#include "orbivane/blur_detection/estimate_blur.h"
+#include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
+#include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/image_shading.h"
+#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/sensor_calibration/fisheye_calibration.h"
+#include "orbivane/sensor_calibration/resolution_calibration.h"
+#include "orbivane/utils/wide_text.h"
+#include "progress.h"
+
+namespace Tool {
+namespace Demo {
+
+using ImageMap = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+using GeometryCalibration::AdvStepInfo;
+
+std::string number(double value, int decimals) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*f", decimals, value);
+  return text;
+}
+
+void writePicture(const cv::Mat& picture, const std::string& path) {
+  auto saved = Image::saveMat(picture, path);
+  if (!saved) throw CommandError(saved.error());
+}
+
+namespace {
+
+// Tolerances the demo holds each calibrator to.
+constexpr double kAlignmentTolerancePx = 1.0;   // module corners against the truth
+constexpr double kClippingTolerancePx = 2.0;    // clipping offsets against those of the true camera
+constexpr double kResolutionTolerance = 0.01;   // relative
+constexpr double kFisheyeTolerancePx = 1.5;     // circle centre against the window's middle (window step 1)
+
+std::string px(const CornerError& e) { return number(e.mean, 2) + " / " + number(e.max, 2); }
+
+std::list<std::wstring> moduleList(const Scene& s) { return {s.names.begin(), s.names.end()}; }
+
+// The translation of the surface by (dx, dy) panorama pixels, applied on the left.
+Utils::Matrix4x4 shifted(const Utils::Matrix4x4& m, double dx, double dy, cv::Size panorama) {
+  const cv::Matx33d t(1, 0, dx / panorama.width, 0, 1, dy / panorama.height, 0, 0, 1);
+  return OrbivaneGeometry::matrixFromPlanarHomography(t * OrbivaneGeometry::planarHomography(m));
+}
+
+GeometryCalibration::StatusCallback progressCallback(Progress& progress) {
+  return [&progress](int step, int total, std::string text, AdvStepInfo) { progress.update(step, total, text); };
+}
+
+// The blur score the plain OpenCV way: grey, Laplacian, masked variance.
+int referenceBlur(const cv::Mat& bgr) {
+  cv::Mat grey, laplacian;
+  cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+  cv::Laplacian(grey, laplacian, CV_64F, 3, 1.0, 0.0, cv::BORDER_DEFAULT);
+  cv::Mat mask(grey.size(), CV_8UC1);
+  const float rows = static_cast<float>(grey.rows);
+  for (int i = 0; i < grey.rows; ++i) {
+    const float fi = static_cast<float>(i);
+    const bool out = (0.66f * rows < fi && fi < 0.68f * rows) || (0.49f * rows < fi && fi < 0.51f * rows);
+    mask.row(i).setTo(out ? 0 : 1);
+  }
+  cv::Scalar mean, deviation;
+  cv::meanStdDev(laplacian, mean, deviation, mask);
+  return static_cast<int>(deviation[0] * deviation[0]);
+}
+
+OrbivaneGeometry::Shader lensShader(const std::map<std::string, float>& values) {
+  std::map<std::string, std::string> texts{{"i_ps_distortion_ext_pwp", "2"}, {"i_ps_distortion_ext_method", "0"}};
+  for (const auto& v : values) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%f", double(v.second));
+    texts[v.first] = text;
+  }
+  return OrbivaneGeometry::Shader(ImageSource::kLensDistortionShaderUid, texts);
+}
+
+cv::Mat renderThrough(const std::shared_ptr<Image::UniversalImageInterface>& picture,
+                      const std::map<std::string, float>& values) {
+  ImageSource::ImageShading shading;
+  shading.SetShader({lensShader(values)});
+  return Image::toMat(*shading.Apply(picture, Utils::Size{picture->width(), picture->height()}));
+}
+
+}  // namespace
+
+MatchOutcome runTargetMatching(const StepContext& c) {
+  const Scene& s = c.scene;
+  CameraDescription::Orbivane camera(s.camera);
+  CameraDescription::OrbivaneModule target(L"Target");
+  target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
+  const auto targetPicture = Image::fromMat(s.picture);
+  target.setImage(targetPicture);
+  camera.addModule(target);
+  ImageMap images = s.pictures;
+  images[L"Target"] = targetPicture;
+
+  GeometryCalibration::MatrixBased::MatchToTarget matcher(camera, images);
+  matcher.setCalibrationMode(GeometryCalibration::MatrixBased::MatchToTarget::kFeatureMatching);
+  Progress progress("target matching");
+  matcher.registerStatusCallback(progressCallback(progress));
+  const Stopwatch watch;
+  const CameraDescription::Orbivane result = matcher.calibrate(moduleList(s), L"Target");
+  MatchOutcome out{Section{}, withMatrices(s.camera, matricesOf(result))};
+  out.section.seconds = watch.seconds();
+  progress.finish();
+
+  Section& section = out.section;
+  section.id = "target-matching";
+  section.title = "Target matching";
+  section.what = "Each module's picture is matched to a target picture of the whole scene (feature matching, mode 0, "
+                 "with the full-resolution refinement). The camera starts as assembled: every module is shifted, "
+                 "turned and scaled by a known amount. Errors are the distances of the modules' corners from where "
+                 "the true matrices put them, in panorama pixels (mean / largest of the four corners).";
+  section.table.push_back({"Module", "Misalignment as assembled", "Corner error before (px)",
+                           "Corner error after (px)", "Matcher error"});
+  double worst = 0.0, sum = 0.0;
+  const auto after = matricesOf(out.camera);
+  for (const auto& name : s.names) {
+    const CornerError before = cornerError(s.misaligned.at(name), s.truth.at(name), s.panorama);
+    const CornerError now = cornerError(after.at(name), s.truth.at(name), s.panorama);
+    worst = std::max(worst, now.max);
+    sum += now.mean;
+    section.table.push_back({Utils::toUtf8(name), s.misalignment.at(name), px(before), px(now),
+                             number(matcher.error(name), 3)});
+  }
+  section.passed = worst <= kAlignmentTolerancePx;
+  section.result = std::to_string(s.names.size()) + " modules aligned";
+  section.truthError = "corners " + number(sum / double(s.names.size()), 2) + " px mean, " + number(worst, 2) +
+                       " px worst";
+  return out;
+}
+
+Section runNeighbourStitching(const StepContext& c) {
+  // Neighbour stitching places modules by their rectangles: it gets the same
+  // scene seen by upright modules.
+  const Scene s = makeScene(c.data, c.quick, true);
+  // A knock moved four modules; the middle one stayed and anchors the chain.
+  const double scale = c.quick ? 0.5 : 1.0;
+  const std::map<std::wstring, cv::Point2d> knock = {{L"M1", {6 * scale, -3 * scale}},
+                                                     {L"M2", {-4 * scale, 2 * scale}},
+                                                     {L"M4", {5 * scale, 3 * scale}},
+                                                     {L"M5", {-3 * scale, -4 * scale}}};
+  std::map<std::wstring, Utils::Matrix4x4> start = s.truth;
+  for (const auto& k : knock) start[k.first] = shifted(s.truth.at(k.first), k.second.x, k.second.y, s.panorama);
+  const CameraDescription::Orbivane camera = withMatrices(s.camera, start);
+
+  GeometryCalibration::MatrixBased::NeighbourNeighbour stitcher(camera, s.pictures, 4, 6, 1.0f);
+  Progress progress("neighbour stitching");
+  stitcher.registerStatusCallback(progressCallback(progress));
+  const Stopwatch watch;
+  const CameraDescription::Orbivane result = stitcher.calibrate(moduleList(s), L"M3");
+  Section section;
+  section.seconds = watch.seconds();
+  progress.finish();
+
+  section.id = "neighbour-stitching";
+  section.title = "Neighbour stitching";
+  section.what = "The same scene seen by five upright modules (neighbour stitching works on the modules' "
+                 "rectangles). Starting from their true placement, four modules were moved on the panorama by known translations (as "
+                 "a knock would move them); the middle module M3 stayed. The modules are stitched pair by pair along "
+                 "the chain M1..M5 (pyramid translation alignment in the overlaps) with M3 as the reference.";
+  section.table.push_back({"Module", "Moved by (px)", "Corner error before (px)", "Corner error after (px)"});
+  const auto after = matricesOf(result);
+  double worst = 0.0, sum = 0.0;
+  for (const auto& name : s.names) {
+    const auto k = knock.find(name);
+    const std::string moved = k == knock.end() ? "reference" : number(k->second.x, 1) + ", " + number(k->second.y, 1);
+    const CornerError before = cornerError(start.at(name), s.truth.at(name), s.panorama);
+    const CornerError now = cornerError(after.at(name), s.truth.at(name), s.panorama);
+    worst = std::max(worst, now.max);
+    sum += now.mean;
+    section.table.push_back({Utils::toUtf8(name), moved, px(before), px(now)});
+  }
+  section.table.push_back({"Pairs", "", "", ""});
+  for (const auto& pair : stitcher.translations()) {
+    section.table.push_back({Utils::toUtf8(pair.first) + " - " + Utils::toUtf8(pair.second),
+                             number(pair.dx * s.panorama.width, 2) + ", " + number(pair.dy * s.panorama.height, 2),
+                             "", ""});
+  }
+  section.passed = worst <= kAlignmentTolerancePx;
+  section.result = std::to_string(stitcher.translations().size()) + " pairs stitched";
+  section.truthError = "corners " + number(sum / double(s.names.size()), 2) + " px mean, " + number(worst, 2) +
+                       " px worst";
+  return section;
+}
+
+Section runClipping(const StepContext& c, const CameraDescription::Orbivane& calibrated) {
+  const Scene& s = c.scene;
+  struct Found {
+    std::vector<float> offset;
+    cv::Mat inspection;
+    cv::Rect rect;
+    cv::Size raster;
+  };
+  auto clip = [](const CameraDescription::Orbivane& camera) {
+    GeometryCalibration::MatrixBased::AutoClipping clipping(std::make_shared<CameraDescription::Orbivane>(camera));
+    clipping.config(false, false, 0.5f);
+    if (!clipping.process()) throw CommandError("automatic clipping found no rectangle: " + clipping.error());
+    return Found{clipping.offset(), clipping.inspectionPicture(), clipping.rectangle(), clipping.coverageSize()};
+  };
+  Progress progress("automatic clipping");
+  progress.update(1, 2, "calibrated camera");
+  const Stopwatch watch;
+  const Found found = clip(calibrated);
+  Section section;
+  section.seconds = watch.seconds();
+  progress.update(2, 2, "true camera");
+  const Found truth = clip(c.truth);
+  progress.finish();
+
+  writePicture(found.inspection, c.dir + "/clipping.png");
+  ImageSource::PanoramaOptions o;
+  auto panorama = ImageSource::renderPanorama(calibrated, o);
+  if (!panorama) throw CommandError(panorama.error());
+  const cv::Rect inside(cvRound(found.offset[0] * s.panorama.width), cvRound(found.offset[1] * s.panorama.height),
+                        cvRound((1.0 - found.offset[0] - found.offset[2]) * s.panorama.width),
+                        cvRound((1.0 - found.offset[1] - found.offset[3]) * s.panorama.height));
+  const cv::Rect cut = inside & cv::Rect(cv::Point(0, 0), panorama.value().picture.size());
+  if (cut.area() > 0) writePicture(panorama.value().picture(cut), c.dir + "/panorama-clipped.png");
+
+  section.id = "clipping";
+  section.title = "Automatic clipping";
+  section.what = "The largest rectangle of the calibrated camera's panorama that the modules cover (geometry mode, "
+                 "threshold 0.5), compared with the rectangle found for the true camera. Offsets are distances from "
+                 "the panorama's edges in pixels.";
+  section.table.push_back({"Edge", "Calibrated camera (px)", "True camera (px)", "Difference (px)"});
+  const char* edges[] = {"left", "top", "right", "bottom"};
+  double worst = 0.0;
+  for (int i = 0; i < 4; ++i) {
+    const double size = (i % 2 == 0) ? s.panorama.width : s.panorama.height;
+    const double a = found.offset[std::size_t(i)] * size, b = truth.offset[std::size_t(i)] * size;
+    worst = std::max(worst, std::fabs(a - b));
+    section.table.push_back({edges[i], number(a, 1), number(b, 1), number(a - b, 1)});
+  }
+  section.figures.push_back({"clipping.png", "Coverage (grey), badly covered parts (red) and the rectangle (green)"});
+  if (cut.area() > 0) section.figures.push_back({"panorama-clipped.png", "The calibrated panorama, clipped"});
+  section.passed = worst <= kClippingTolerancePx;
+  section.result = std::to_string(found.rect.width) + "x" + std::to_string(found.rect.height) + " px rectangle";
+  section.truthError = "offsets within " + number(worst, 1) + " px";
+  return section;
+}
+
+Section runShaderSearch(const StepContext& c) {
+  using GeometryCalibration::MatrixBased::ShaderBruteForcer;
+  const std::wstring moduleName = L"lens";
+  // A module of 720x540 pixels looking at graf1.png (so the renderings, a
+  // quarter of that, have detail enough for the edge comparison in both sizes).
+  cv::Mat photo = cv::imread(c.data + "/graf1.png", cv::IMREAD_COLOR);
+  if (photo.empty()) throw CommandError("cannot read the sample photograph '" + c.data + "/graf1.png'");
+  cv::resize(photo, photo, cv::Size(720, 540), 0, 0, cv::INTER_AREA);
+  const auto picture = Image::fromMat(photo);
+  writePicture(photo, c.dir + "/pictures/lens.png");
+
+  // The true lens: a grid point (values exactly as the walk makes them).
+  const std::map<std::string, std::size_t> truthIndex = {{"f_TCorrection_F", 4},
+                                                         {"f_TCorrection_H", 4},
+                                                         {"f_TCorrection_V", 8},
+                                                         {"f_ps_distortion_ext_xshift", 7},
+                                                         {"f_ps_distortion_ext_yshift", 5}};
+  std::map<std::string, float> truth;
+  ShaderBruteForcer::ParameterList list = ShaderBruteForcer::defaultParameterList();
+  for (auto& entry : list) {
+    const auto values = ShaderBruteForcer::parameterValues(entry.first, entry.second);
+    const std::size_t index = std::min(truthIndex.at(entry.first), values.size() - 1);
+    truth[entry.first] = values[index];
+    if (c.quick) {
+      // A slice around the truth: two values either side (one for the correction weights).
+      const std::size_t reach = entry.first.find("shift") != std::string::npos ? 2 : 1;
+      const std::size_t low = index >= reach ? index - reach : 0;
+      entry.second.min = values[low];
+      entry.second.max = values[std::min(values.size() - 1, index + reach)] + 0.5f * entry.second.step;
+    }
+  }
+  const cv::Mat reference = renderThrough(picture, truth);
+  writePicture(reference, c.dir + "/shader-reference.png");
+
+  CameraDescription::Orbivane camera;
+  CameraDescription::OrbivaneModule module(moduleName);
+  auto geometry = std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity());
+  geometry->setShaderId(ImageSource::kLensDistortionShaderUid);
+  module.setGeometry(std::move(geometry));
+  module.setShaders({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4::identity()), lensShader({})});
+  module.setImage(picture);
+  camera.addModule(module);
+  ImageMap images{{moduleName, picture}, {L"reference", Image::fromMat(reference)}};
+
+  ShaderBruteForcer forcer(camera, images, list);
+  Progress progress("shader search");
+  forcer.registerStatusCallback(progressCallback(progress));
+  const Stopwatch watch;
+  const auto cameras = forcer.searchForBestParameters(moduleName, L"reference");
+  Section section;
+  section.seconds = watch.seconds();
+  progress.finish();
+  if (forcer.results().empty()) throw CommandError("the shader search kept no result");
+
+  const auto& best = forcer.results().front();
+  const cv::Mat found = renderThrough(picture, best.parameters);
+  writePicture(found, c.dir + "/shader-found.png");
+  cv::Mat difference;
+  cv::absdiff(found, reference, difference);
+  const double meanDifference = cv::mean(difference)[0];
+
+  int truthRank = -1, rank = 1;
+  for (const auto& r : forcer.results()) {
+    bool same = true;
+    for (const auto& t : truth) same = same && std::fabs(r.parameters.at(t.first) - t.second) < 1e-5f;
+    if (same) {
+      truthRank = rank;
+      break;
+    }
+    ++rank;
+  }
+  section.id = "shader-search";
+  section.title = "Shader parameter search";
+  section.what = std::string("A module's picture (graf1.png) seen through a lens with known distortion parameters gives the "
+                             "reference view. The search renders the picture through the distortion shader for ") +
+                 (c.quick ? "a slice of the grid around the truth" : "every point of the full grid") + " (" +
+                 std::to_string(forcer.evaluationCount()) +
+                 " evaluations) and keeps the ten parameter sets whose edge images match the reference best.";
+  section.table.push_back({"Parameter", "True value", "Found", "Difference"});
+  double worst = 0.0;
+  for (const auto& t : truth) {
+    const float f = best.parameters.at(t.first);
+    worst = std::max(worst, double(std::fabs(f - t.second)));
+    section.table.push_back({t.first, number(t.second, 3), number(f, 3), number(f - t.second, 3)});
+  }
+  section.table.push_back({"edge error of the best", "", number(best.error, 3), ""});
+  section.table.push_back({"picture difference to the reference (grey levels)", "", number(meanDifference, 2), ""});
+  section.figures.push_back({"pictures/lens.png", "The module's picture"});
+  section.figures.push_back({"shader-reference.png", "Reference: the picture through the true lens parameters"});
+  section.figures.push_back({"shader-found.png", "The picture through the parameters found"});
+  section.passed = truthRank == 1;
+  section.result = truthRank > 0 ? "true parameters ranked " + std::to_string(truthRank) + " of " +
+                                       std::to_string(forcer.results().size())
+                                 : "true parameters not among the best";
+  section.truthError = "largest parameter difference " + number(worst, 3);
+  return section;
+}
+
+Section runBlurScores(const StepContext& c) {
+  const Scene& s = c.scene;
+  Section section;
+  section.id = "blur";
+  section.title = "Blur scores";
+  section.what = "The Laplacian-variance blur score of every module picture (larger is sharper), checked against the "
+                 "plain OpenCV sequence (grey, Laplacian, masked variance), and of M3's picture defocused by a "
+                 "Gaussian of sigma 1.5 px.";
+  section.table.push_back({"Picture", "Blur score", "OpenCV sequence", "Same"});
+  Progress progress("blur scores");
+  bool allSame = true;
+  int sharp = 0, soft = 0;
+  double seconds = 0.0;
+  int step = 0;
+  std::vector<std::pair<std::string, cv::Mat>> pictures;
+  for (const auto& name : s.names) pictures.emplace_back(Utils::toUtf8(name), Image::toMat(*s.pictures.at(name)));
+  cv::Mat defocused;
+  cv::GaussianBlur(Image::toMat(*s.pictures.at(L"M3")), defocused, cv::Size(0, 0), 1.5);
+  pictures.emplace_back("M3 defocused", defocused);
+  writePicture(defocused, c.dir + "/pictures/M3-defocused.png");
+  for (const auto& p : pictures) {
+    progress.update(++step, int(pictures.size()), p.first);
+    const Stopwatch watch;
+    const int ours = BlurDetection::estimateBlur(Image::fromMat(p.second), 0);
+    seconds += watch.seconds();
+    const int plain = referenceBlur(p.second);
+    allSame = allSame && ours == plain;
+    if (p.first == "M3") sharp = ours;
+    if (p.first == "M3 defocused") soft = ours;
+    section.table.push_back({p.first, std::to_string(ours), std::to_string(plain), ours == plain ? "yes" : "NO"});
+  }
+  progress.finish();
+  section.seconds = seconds;
+  section.figures.push_back({"pictures/M3-defocused.png", "M3 defocused (sigma 1.5 px)"});
+  section.passed = allSame && soft < sharp;
+  section.result = "M3 " + std::to_string(sharp) + ", defocused " + std::to_string(soft);
+  section.truthError = allSame ? "equal to OpenCV on all " + std::to_string(pictures.size()) + " pictures"
+                               : "differs from OpenCV";
+  return section;
+}
+
+namespace {
+
+Quarn::QuarnConnection simulatedConnection(const std::string& address, const std::string& device) {
+  Quarn::QuarnConnection connection;
+  connection.backend = "simulated";
+  connection.address = address;
+  connection.device = device;
+  return connection;
+}
+
+// Top-left pixel of a simulated module's window on its sensor frame.
+cv::Point windowCorner(const Quarn::SimulatedModule& m, cv::Size frame) {
+  return {(frame.width - m.window.width) / 2 + m.window.x, (frame.height - m.window.height) / 2 + m.window.y};
+}
+
+}  // namespace
+
+Section runFisheyeCentring(const StepContext& c) {
+  const std::string address = "memory:orbivane-demo-fisheye";
+  auto opened = Quarn::SimulatedCamera::open(address);
+  if (!opened) throw CommandError(opened.error());
+  auto simulated = opened.value();
+  Quarn::SimulatedModule m;
+  m.id = "fisheye";
+  m.scene.kind = "fisheye";
+  const double scale = c.quick ? 0.5 : 1.0;
+  m.scene.width = int(1600 * scale);
+  m.scene.height = int(1200 * scale);
+  m.scene.centreX = m.scene.width / 2.0 + 57.4 * scale;
+  m.scene.centreY = m.scene.height / 2.0 - 38.2 * scale;
+  m.scene.radius = 400 * scale;
+  auto added = simulated->addModule(m);
+  if (!added) throw CommandError(added.error());
+  const cv::Size frame(m.scene.width, m.scene.height);
+
+  CameraDescription::OrbivaneModule module(L"fisheye");
+  module.setFisheye(true);
+  module.setConnection(simulatedConnection(address, m.id));
+
+  Progress progress("fisheye centring");
+  progress.update(1, 3, "finding the lens circle");
+  const Stopwatch watch;
+  auto before = simulated->capture(m.id);
+  if (!before) throw CommandError(before.error());
+  const Quarn::SimulatedModule startState = simulated->module(m.id).value();
+  SensorCalibration::FisheyeCalibration calibration(module, 97);
+  const auto first = calibration.calculateCalibration(Image::fromMat(before.value()));
+  if (first.radius < 0) throw CommandError("fisheye centring found no lens circle");
+  progress.update(2, 3, "moving the sensor window");
+  const auto applied = calibration.apply(0, 0);
+  if (!applied) throw CommandError("fisheye centring could not move the window: " + applied.error());
+  progress.update(3, 3, "checking");
+  auto after = simulated->capture(m.id);
+  if (!after) throw CommandError(after.error());
+  const auto second = calibration.calculateCalibration(Image::fromMat(after.value()));
+  Section section;
+  section.seconds = watch.seconds();
+  progress.finish();
+  const Quarn::SimulatedModule endState = simulated->module(m.id).value();
+
+  writePicture(Image::toMat(*first.image), c.dir + "/fisheye-before.png");
+  if (second.image) writePicture(Image::toMat(*second.image), c.dir + "/fisheye-after.png");
+  // Where the circle truly is in each window, and where the window's middle is.
+  const cv::Point2d centre(m.scene.centreX, m.scene.centreY);
+  const cv::Point2d truthBefore = centre - cv::Point2d(windowCorner(startState, frame));
+  const cv::Point2d truthAfter = centre - cv::Point2d(windowCorner(endState, frame));
+  const cv::Point2d middle(endState.window.width / 2, endState.window.height / 2);
+  const cv::Point2d residual = truthAfter - middle;
+
+  section.id = "fisheye";
+  section.title = "Fisheye centring";
+  section.what = "A simulated fisheye module whose lens circle sits off the middle of its sensor window. The "
+                 "calibrator finds the circle, moves the sensor window through the session library, and the module "
+                 "is captured again (closed loop).";
+  section.table.push_back({"", "Found (px)", "True (px)", "Window position"});
+  section.table.push_back({"before", number(first.x, 2) + ", " + number(first.y, 2),
+                           number(truthBefore.x, 2) + ", " + number(truthBefore.y, 2),
+                           std::to_string(startState.window.x) + ", " + std::to_string(startState.window.y)});
+  section.table.push_back({"after", number(second.x, 2) + ", " + number(second.y, 2),
+                           number(truthAfter.x, 2) + ", " + number(truthAfter.y, 2),
+                           std::to_string(endState.window.x) + ", " + std::to_string(endState.window.y)});
+  section.table.push_back({"window middle", "", number(middle.x, 1) + ", " + number(middle.y, 1), ""});
+  section.table.push_back({"radius", number(second.radius, 2), number(m.scene.radius, 2), ""});
+  section.figures.push_back({"fisheye-before.png", "Before: the circle found in the first capture"});
+  section.figures.push_back({"fisheye-after.png", "After moving the window: the circle found again"});
+  section.passed = std::fabs(residual.x) <= kFisheyeTolerancePx && std::fabs(residual.y) <= kFisheyeTolerancePx;
+  section.result = "window moved by " + std::to_string(endState.window.x - startState.window.x) + ", " +
+                   std::to_string(endState.window.y - startState.window.y) + " px";
+  section.truthError = "circle " + number(std::hypot(residual.x, residual.y), 2) + " px from the middle";
+  return section;
+}
+
+Section runResolution(const StepContext& c) {
+  const std::string address = "memory:orbivane-demo-target";
+  auto opened = Quarn::SimulatedCamera::open(address);
+  if (!opened) throw CommandError(opened.error());
+  auto simulated = opened.value();
+  const double scale = c.quick ? 0.5 : 1.0;
+  Quarn::SimulatedModule m;
+  m.id = "target";
+  m.scene.kind = "target";
+  m.scene.width = int(1600 * scale);
+  m.scene.height = int(1200 * scale);
+  m.scene.cornerX = 320 * scale;
+  m.scene.cornerY = 260 * scale;
+  m.scene.spacingX = 900 * scale;
+  m.scene.spacingY = 600 * scale;
+  m.scene.markRadius = 28 * scale;
+  auto added = simulated->addModule(m);
+  if (!added) throw CommandError(added.error());
+  // The target's sides: 0.9 m by 0.6 m, so the truth is 1 mm (quick: 2 mm) per pixel.
+  const double realX = 0.9, realY = 0.6;
+  const double truthMm = realX * 1000.0 / m.scene.spacingX;
+
+  CameraDescription::OrbivaneModule module(L"target");
+  module.setConnection(simulatedConnection(address, m.id));
+  Progress progress("resolution");
+  progress.update(1, 1, "measuring the three-circle target");
+  const Stopwatch watch;
+  auto picture = simulated->capture(m.id);
+  if (!picture) throw CommandError(picture.error());
+  SensorCalibration::ResolutionCalibration calibration(module, float(realX), float(realY),
+                                                       int(200 * scale * scale));
+  const auto annotated = calibration.calculateCalibration(Image::fromMat(picture.value()));
+  Section section;
+  section.seconds = watch.seconds();
+  progress.finish();
+  if (annotated) writePicture(Image::toMat(*annotated), c.dir + "/resolution.png");
+
+  const double mmX = calibration.metresPerPixelX() * 1000.0, mmY = calibration.metresPerPixelY() * 1000.0;
+  const double worst = std::max(std::fabs(mmX - truthMm), std::fabs(mmY - truthMm)) / truthMm;
+  section.id = "resolution";
+  section.title = "Resolution";
+  section.what = "A simulated module looks at a target of three round marks at the corners of a right angle, 0.9 m "
+                 "by 0.6 m. The calibrator finds the marks, measures the two sides in pixels and divides.";
+  section.table.push_back({"", "Measured", "True"});
+  section.table.push_back({"marks found", std::to_string(calibration.circleCount()), "3"});
+  section.table.push_back({"horizontal side (px)", std::to_string(calibration.horizontalSpacing()),
+                           number(m.scene.spacingX, 0)});
+  section.table.push_back({"vertical side (px)", std::to_string(calibration.verticalSpacing()),
+                           number(m.scene.spacingY, 0)});
+  section.table.push_back({"mm per pixel, x", number(mmX, 4), number(truthMm, 4)});
+  section.table.push_back({"mm per pixel, y", number(mmY, 4), number(truthMm, 4)});
+  if (annotated) section.figures.push_back({"resolution.png", "The marks found and the measurement"});
+  section.passed = calibration.circleCount() == 3 && worst <= kResolutionTolerance;
+  section.result = number(1000.0 / mmX, 1) + " px/m";
+  section.truthError = number(worst * 100.0, 2) + " % off";
+  return section;
+}
+
+}  // namespace Demo
+}  // namespace Tool

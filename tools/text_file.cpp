@@ -1,0 +1,24 @@
+// Atomic text output of the command-line host.
+#include <filesystem>
+#include <fstream>
+
+#include "command_line.h"
+
+namespace Tool {
+
+void writeTextAtomically(const std::string& path, const std::string& text) {
+  const std::string temporary = path + ".tmp";
+  {
+    std::ofstream f(temporary, std::ios::binary | std::ios::trunc);
+    f << text;
+    if (!f.flush()) throw CommandError("cannot write '" + temporary + "'");
+  }
+  std::error_code ec;
+  std::filesystem::rename(temporary, path, ec);
+  if (ec) {
+    std::filesystem::remove(temporary, ec);
+    throw CommandError("cannot write '" + path + "'");
+  }
+}
+
+}  // namespace Tool
