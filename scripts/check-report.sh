@@ -52,7 +52,7 @@ if not summary:
 else:
     rows = re.findall(r"<tr>(.*?)</tr>", summary.group(1), re.S)[1:]
     if len(rows) < 7:
-        problems.append("the summary lists %d calibrators, expected at least 7" % len(rows))
+        problems.append("the summary lists %d calibrators, expected at least 8" % len(rows))
     for row in rows:
         cells = [re.sub(r"<[^>]+>", "", c) for c in re.findall(r"<td[^>]*>(.*?)</td>", row, re.S)]
         if len(cells) != 5 or not re.search(r"\d", cells[1] + cells[2]) or not re.search(r"\d+(\.\d)? m?s", cells[3]):

@@ -107,7 +107,7 @@ void run() {
   sections.push_back(Demo::runBlurScores(context));
   sections.push_back(Demo::runFisheyeCentring(context));
   sections.push_back(Demo::runResolution(context));
-  for (auto& extra : Demo::runExtraSteps(context)) sections.push_back(std::move(extra));
+  sections.push_back(Demo::runFrameFinding(context));
 
   saveCamera(matched.camera, dir + "/camera-after.json");
   writePanorama(matched.camera, false, dir + "/panorama-after.png");

@@ -25,6 +25,7 @@ void addNeighbourCommand(CLI::App& app);
 void addAutoclipCommand(CLI::App& app);
 void addShaderSearchCommands(CLI::App& app);
 void addMatchToTargetCommand(CLI::App& app);
+void addFindFramesCommand(CLI::App& app);
 void addPanoramaCommand(CLI::App& app);
 void addDemoCommand(CLI::App& app);
 

@@ -1,11 +1,15 @@
 // "match-to-target CAMERA.json --target NAME --out OUT.json": aligns modules
-// to a target module's picture and writes the corrected camera file.
+// to a target module's picture and writes the corrected camera file. With
+// "--recordings RECORDINGS.json" the pictures come from the recordings: for
+// each module a moment without persons (SmartFinderMatchToTarget).
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +19,8 @@
 #include "command_line.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/image_selection/smart_finder_match_to_target.h"
+#include "orbivane/platform/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
 
@@ -34,63 +40,34 @@ struct MatchOptions {
   float allowScale = 0.0f;
   std::string out;
   bool json = false;
+  // Pictures from recordings.
+  std::string recordings;
+  std::string from;
+  std::string to;
+  std::string detector = "auto";
 };
 
 volatile std::sig_atomic_t interrupted = 0;
 extern "C" void onInterrupt(int) { interrupted = 1; }
 
-void runMatch(const MatchOptions& options) {
-  auto loaded = CameraDescription::loadCameraFile(options.camera);
-  if (!loaded) throw CommandError(loaded.error());
-  const CameraDescription::Orbivane& camera = loaded.value();
-
-  const std::wstring target = Utils::fromUtf8(options.target);
-  const auto targetModule = camera.findModule(target);
-  if (!targetModule) throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
-  if (!targetModule->image()) throw CommandError("target module '" + options.target + "' has no picture");
-
-  std::list<std::wstring> names;
-  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
-  images[target] = targetModule->image();
-  if (options.modules.empty()) {
-    for (const auto& module : camera.modules())
-      if (module->name() != target) names.push_back(module->name());
-  } else {
-    for (const auto& name : options.modules) {
-      const std::wstring wide = Utils::fromUtf8(name);
-      if (!camera.findModule(wide)) throw CommandError("unknown module '" + name + "' in " + options.camera);
-      names.push_back(wide);
-    }
+std::int64_t parseMatchTime(const std::string& text, const char* option) {
+  auto iso = Quarn::parseTimestamp(text);
+  if (iso) return iso.value();
+  try {
+    std::size_t used = 0;
+    const long long ms = std::stoll(text, &used);
+    if (used == text.size() && ms >= 0) return ms;
+  } catch (const std::exception&) {
   }
-  for (const auto& name : names) {
-    const auto module = camera.findModule(name);
-    if (module && module->image()) images[name] = module->image();
-  }
+  throw CommandError(std::string(option) + " expects ISO-8601 UTC time or milliseconds since the epoch, got '" +
+                     text + "'");
+}
 
-  int columns = 0, rows = 0;
-  if (!options.grid.empty()) {
-    const std::size_t x = options.grid.find('x');
-    try {
-      if (x == std::string::npos) throw std::invalid_argument("no x");
-      columns = std::stoi(options.grid.substr(0, x));
-      rows = std::stoi(options.grid.substr(x + 1));
-    } catch (const std::exception&) {
-      throw CommandError("--grid expects COLSxROWS, e.g. 4x3, got '" + options.grid + "'");
-    }
-    if (columns < 1 || rows < 1 || columns > 256 || rows > 256)
-      throw CommandError("--grid needs 1..256 columns and rows, got '" + options.grid + "'");
-    if (options.mode != 0) throw CommandError("--grid works in mode 0 only");
-  }
-
-  MatchToTarget calibrator(camera, std::move(images));
-  calibrator.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
-  calibrator.setM2bMaxIteration(options.m2b);
-  calibrator.setM2nMaxIteration(options.m2n);
-  calibrator.allowScale(options.allowScale);
-  if (columns > 0) {
-    calibrator.setGridEnabled(true);
-    for (const auto& name : names) calibrator.initGrid(columns, rows, name);
-  }
+// Runs a calibrator with a progress bar and Ctrl-C turned into abort(),
+// writes the camera file and prints the errors.
+template <typename Calibrator, typename Report>
+void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names, const std::wstring& target,
+                   const MatchOptions& options, Report report) {
   Progress progress("target matching");
   calibrator.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
     progress.update(step, total, text);
@@ -130,9 +107,121 @@ void runMatch(const MatchOptions& options) {
     std::cout << Utils::toUtf8(name) << ": error " << value << "\n";
     errors[Utils::toUtf8(name)] = value;
   }
+  report();
   if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
   std::cout << "wrote " << options.out << std::endl;
   if (options.json) std::cout << nlohmann::json{{"errors", errors}}.dump() << std::endl;
+}
+
+void runMatch(const MatchOptions& options) {
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  CameraDescription::Orbivane& camera = loaded.value();
+  const bool fromRecordings = !options.recordings.empty();
+  std::set<std::string> recorded;
+  if (fromRecordings) {
+    // Modules the index has recordings of reach them through it.
+    auto index = Quarn::loadRecordingsIndex(options.recordings);
+    if (!index) throw CommandError(index.error());
+    const std::string indexPath = std::filesystem::absolute(options.recordings).lexically_normal().string();
+    for (const auto& r : index.value().recordings) recorded.insert(r.module);
+    for (const auto& module : camera.modules()) {
+      const std::string name = Utils::toUtf8(module->name());
+      if (recorded.count(name) == 0) continue;
+      Quarn::QuarnConnection connection;
+      connection.backend = "simulated";
+      connection.address = indexPath;
+      connection.device = name;
+      module->setConnection(connection);
+    }
+  } else if (!options.from.empty() || !options.to.empty() || options.detector != "auto") {
+    throw CommandError("--from, --to and --detector need --recordings");
+  }
+
+  const std::wstring target = Utils::fromUtf8(options.target);
+  const auto targetModule = camera.findModule(target);
+  if (!targetModule) throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
+  const bool targetRecorded = recorded.count(options.target) != 0;
+  if (!targetModule->image() && !targetRecorded) {
+    throw CommandError("target module '" + options.target + "' has no picture" +
+                       (fromRecordings ? " and no recordings" : ""));
+  }
+
+  std::list<std::wstring> names;
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
+  // From recordings, a target with recordings uses its own picked frame.
+  if (!targetRecorded) images[target] = targetModule->image();
+  if (options.modules.empty()) {
+    for (const auto& module : camera.modules())
+      if (module->name() != target) names.push_back(module->name());
+  } else {
+    for (const auto& name : options.modules) {
+      const std::wstring wide = Utils::fromUtf8(name);
+      if (!camera.findModule(wide)) throw CommandError("unknown module '" + name + "' in " + options.camera);
+      names.push_back(wide);
+    }
+  }
+  for (const auto& name : names) {
+    const auto module = camera.findModule(name);
+    if (module && module->image()) images[name] = module->image();
+  }
+
+  int columns = 0, rows = 0;
+  if (!options.grid.empty()) {
+    const std::size_t x = options.grid.find('x');
+    try {
+      if (x == std::string::npos) throw std::invalid_argument("no x");
+      columns = std::stoi(options.grid.substr(0, x));
+      rows = std::stoi(options.grid.substr(x + 1));
+    } catch (const std::exception&) {
+      throw CommandError("--grid expects COLSxROWS, e.g. 4x3, got '" + options.grid + "'");
+    }
+    if (columns < 1 || rows < 1 || columns > 256 || rows > 256)
+      throw CommandError("--grid needs 1..256 columns and rows, got '" + options.grid + "'");
+    if (options.mode != 0) throw CommandError("--grid works in mode 0 only");
+  }
+
+  if (fromRecordings) {
+    OrbivaneCalibration::SmartFinderOptions finderOptions;
+    if (!options.from.empty()) finderOptions.fromMs = parseMatchTime(options.from, "--from");
+    if (!options.to.empty()) finderOptions.toMs = parseMatchTime(options.to, "--to");
+    auto kind = OrbivaneCalibration::parsePersonDetectorKind(options.detector);
+    if (!kind) throw CommandError("--detector: " + kind.error());
+    finderOptions.detector.kind = kind.value();
+    const auto valid = finderOptions.validate();
+    if (!valid) throw CommandError(valid.error());
+    OrbivaneCalibration::SmartFinderMatchToTarget smart(camera, std::move(images));
+    smart.setFinderOptions(finderOptions);
+    smart.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
+    smart.setM2bMaxIteration(options.m2b);
+    smart.setM2nMaxIteration(options.m2n);
+    smart.allowScale(options.allowScale);
+    if (columns > 0) {
+      smart.setGridEnabled(true);
+      for (const auto& name : names) smart.initGrid(columns, rows, name);
+    }
+    runCalibrator(smart, names, target, options, [&smart] {
+      for (const auto& [name, moments] : smart.frames()) {
+        if (moments.empty()) continue;
+        std::cout << Utils::toUtf8(name) << ": picture of " << Quarn::formatTimestamp(moments.front().timeMs)
+                  << (moments.front().builtBackground ? " (built background)" : "") << "\n";
+      }
+      for (const auto& [name, why] : smart.finderErrors()) {
+        std::cout << Utils::toUtf8(name) << ": no picture from the recordings: " << why << "\n";
+      }
+    });
+    return;
+  }
+  MatchToTarget calibrator(camera, std::move(images));
+  calibrator.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
+  calibrator.setM2bMaxIteration(options.m2b);
+  calibrator.setM2nMaxIteration(options.m2n);
+  calibrator.allowScale(options.allowScale);
+  if (columns > 0) {
+    calibrator.setGridEnabled(true);
+    for (const auto& name : names) calibrator.initGrid(columns, rows, name);
+  }
+  runCalibrator(calibrator, names, target, options, [] {});
 }
 
 }  // namespace
@@ -159,6 +248,13 @@ void addMatchToTargetCommand(CLI::App& app) {
       ->capture_default_str();
   command->add_option("--out", options.out, "Where to write the corrected camera file")->required();
   command->add_flag("--json", options.json, "Print the errors as one JSON object on the last line");
+  command->add_option("--recordings", options.recordings,
+                      "Recordings index: take each module's picture from a moment of its recordings without persons");
+  command->add_option("--from", options.from, "With --recordings: start of the time window (ISO-8601 UTC or ms)");
+  command->add_option("--to", options.to, "With --recordings: end of the time window (ISO-8601 UTC or ms)");
+  command->add_option("--detector", options.detector,
+                      "With --recordings: person detector auto, hog, haar, yolo, maskrcnn")
+      ->capture_default_str();
   command->callback([] { runMatch(options); });
 }
 

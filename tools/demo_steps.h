@@ -35,8 +35,7 @@ Section runShaderSearch(const StepContext& context);
 Section runBlurScores(const StepContext& context);
 Section runFisheyeCentring(const StepContext& context);
 Section runResolution(const StepContext& context);
-// Steps of subsystems that are optional in the demo (none when they are not built).
-std::vector<Section> runExtraSteps(const StepContext& context);
+Section runFrameFinding(const StepContext& context);
 
 // Shared helpers.
 std::string number(double value, int decimals);

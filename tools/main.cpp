@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
   Tool::addAutoclipCommand(app);
   Tool::addShaderSearchCommands(app);
   Tool::addMatchToTargetCommand(app);
+  Tool::addFindFramesCommand(app);
   Tool::addPanoramaCommand(app);
   Tool::addDemoCommand(app);
 

@@ -51,9 +51,14 @@
 #include "orbivane/platform/image_shading.h"
 #include "orbivane/platform/quarn_records.h"
 #include "orbivane/platform/quarn_session.h"
+#include "orbivane/platform/recording_image_source.h"
+#include "orbivane/platform/recordings_index.h"
 #include "orbivane/platform/simulated_camera.h"
 
 #include "orbivane/sensor_calibration/final_matrix.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
+
+#include "orbivane/image_selection/smart_finder_image.h"
+#include "orbivane/image_selection/smart_finder_match_to_target.h"

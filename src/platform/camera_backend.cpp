@@ -1,4 +1,5 @@
-// The backend registry and the simulated camera's backend.
+// The backend registry and the simulated camera's backend (sensor windows,
+// pictures, and the recordings of a camera opened on a recordings index).
 #include "orbivane/platform/camera_backend.h"
 
 #include <map>
@@ -43,6 +44,19 @@ class SimulatedBackend : public CameraBackend {
   Utils::ReturnState<cv::Mat, std::string> capture() override {
     if (!camera_) return Utils::failure(notConnected());
     return camera_->capture(device_);
+  }
+  // A camera opened on a recordings index serves its recordings; other
+  // simulated cameras say that searching is not supported.
+  Utils::ReturnState<std::vector<SearchInfo>, std::string> search(const SearchCriteria& criteria) override {
+    if (!camera_) return Utils::failure(notConnected());
+    if (!criteria.device.empty() && criteria.device != device_) {
+      return Utils::failure("this session reaches module '" + device_ + "', not '" + criteria.device + "'");
+    }
+    return camera_->search(device_, criteria);
+  }
+  Utils::ReturnState<EmptyReturn, std::string> showTrack(const SearchInfo& track) override {
+    if (!camera_) return Utils::failure(notConnected());
+    return camera_->showTrack(device_, track);
   }
   std::string name() const override { return "simulated"; }
 

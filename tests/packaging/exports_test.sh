@@ -12,11 +12,13 @@ for name in \
   "CameraDescription::Orbivane::Orbivane" "CameraDescription::OrbivaneModule::OrbivaneModule" \
   "CameraDescription::OrbivaneLinkage" "CameraDescription::findModule" "CameraDescription::loadCameraFile" \
   "GeometryCalibration::AdvStepInfo::AdvStepInfo" "GeometryCalibration::GeometryCalibrationInferface" \
-  "BlurDetection::estimateBlur"; do
+  "BlurDetection::estimateBlur" \
+  "Quarn::loadRecordingsIndex" "Quarn::parseTimestamp" "ImageSource::RecordingImageSource::seekToAbsolutePosition" \
+  "OrbivaneCalibration::SmartFinderImage::find" "OrbivaneCalibration::SmartFinderMatchToTarget::calibrate"; do
   grep -q -F "$name" <<<"$symbols" || { echo "missing export: $name"; failures=$((failures + 1)); }
 done
 for hidden in "laplacianStatistics" "bandMasks" "writeFileAtomically" "parseLoggerConfiguration" \
-  "calibratorLogger" "parseHex16" "formatFloat"; do
+  "calibratorLogger" "parseHex16" "formatFloat" "VideoFrameReader" "temporalMedian" "pickMoments"; do
   if grep -q -F "$hidden" <<<"$symbols"; then
     echo "internal name exported: $hidden"
     failures=$((failures + 1))

@@ -21,7 +21,8 @@ cat "$work/demo.log" | tail -15
 grep -q "Report: .*report.html" "$work/demo.log" || fail "demo does not say where the report is"
 for f in report.html camera-before.json camera-after.json camera-truth.json panorama-before.png \
          panorama-after.png panorama-after-grid.png clipping.png fisheye-before.png fisheye-after.png \
-         resolution.png shader-reference.png shader-found.png pictures/M1.png pictures/scene.png; do
+         resolution.png shader-reference.png shader-found.png pictures/M1.png pictures/scene.png \
+         frames-left.png frames-right.png frames-busy.png recordings/recordings.json; do
   [ -s "$out/$f" ] || fail "demo did not write $f"
 done
 "$tool" camera validate "$out/camera-after.json" >/dev/null || fail "camera-after.json does not load"

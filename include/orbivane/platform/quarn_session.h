@@ -50,7 +50,11 @@ class ORBIVANE_EXPORT QuarnSession {
 
   std::future<SensorInfoResult> GetCamerasensorInfo(std::function<void(const SensorInfoResult&)> callback);
   std::future<EmptyResult> SetCamerasensor(int x, int y, std::function<void(const EmptyResult&)> callback);
+  // The recordings of the session's device overlapping the criteria's time
+  // range (an empty criteria device means the session's own; another device
+  // is an error), by start time. Backends without recordings say so.
   std::future<SearchResult> Search(const SearchCriteria& criteria, std::function<void(const SearchResult&)> callback);
+  // Makes a recording found by Search the device's current playback.
   std::future<EmptyResult> ShowTrack(const SearchInfo& track, std::function<void(const EmptyResult&)> callback);
   // One picture of the module's sensor window as it is now (BGR, 8 bits).
   std::future<CaptureResult> CaptureImage(std::function<void(const CaptureResult&)> callback);

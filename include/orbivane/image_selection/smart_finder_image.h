@@ -1,0 +1,156 @@
+// Finding calibration pictures in recordings: for each module, the moments
+// of its recordings when the picture shows no person, is sharp and well
+// exposed. A person walking through an overlap spoils the alignment of two
+// modules, so calibrations want pictures of the empty, still scene.
+//
+// Use: construct with the camera (modules with connections to recordings,
+// e.g. backend "simulated" with address = a recordings index, see
+// orbivane/platform/recordings_index.h), set the options, register a status
+// callback, call find(), then read results() or cameraWithPictures().
+//
+// How a module is searched:
+//  1. Its recordings overlapping the time window are found through the
+//     session (Search); the window defaults to all of them.
+//  2. Sample times: every `stepSeconds` from the window's start, or
+//     `samples` times evenly spread over it (the middle of equal parts),
+//     keeping only times some recording covers.
+//  3. Each sampled frame (raw, RecordingImageSource with the geometry grid
+//     ignored) gets: the persons the detector finds, the blur score
+//     (BlurDetection::estimateBlur, the variance of the Laplacian; larger is
+//     sharper) and the exposure (mean grey level and clipped share, see
+//     SmartFinderFrame::exposure).
+//     Motion: the frame is compared with the frame `motionGapSeconds` later
+//     (earlier at the end of a recording): the share of pixels whose grey
+//     level changed by more than 35, both reduced by 4 with area averaging
+//     (noise, compression and a change of focus average out), after the
+//     later frame is brought to the same mean grey level. Something
+//     moving that the detector missed (a small or partly hidden walker, a
+//     car) shows there; a still scene gives 0.
+//  4. Among frames without persons and with motion at most `maxMotion`, the score
+//        blurWeight x blur / (largest blur of the module's samples)
+//      + exposureWeight x exposure
+//     picks the best `momentsPerModule` frames, at least `minimumSpacingSeconds`
+//     apart.
+//  5. When no sampled frame is free of persons and still, a clean background is built:
+//     the per-pixel temporal median of up to `backgroundFrames` of the samples
+//     (people that move are outvoted by the background behind them); the
+//     result says so (builtBackground) and the log line "Module {} has no
+//     frame without persons; built a background from {} frames" is written.
+//
+// Progress: one step per sampled frame, text "Sampling Module NAME at TIME".
+// abort() may be called from any thread: the run stops before the next
+// frame and returns what it has (modules done keep their moments; the
+// module being searched picks among the frames sampled so far).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <opencv2/core/types.hpp>
+
+#include "orbivane/camera/orbivane.h"
+#include "orbivane/export.h"
+#include "orbivane/geometry_calibration/status_callback.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/image_selection/person_detector.h"
+#include "orbivane/utils/optional.h"
+#include "orbivane/utils/return_state.h"
+
+namespace OrbivaneCalibration {
+
+struct ORBIVANE_EXPORT SmartFinderOptions {
+  // Time window, milliseconds since the Unix epoch; absent: the start of the
+  // module's first recording / the end of its last one.
+  Utils::Optional<std::int64_t> fromMs;
+  Utils::Optional<std::int64_t> toMs;
+  // Seconds between samples (> 0), or 0 to take `samples` evenly spread times.
+  double stepSeconds = 0.0;
+  int samples = 24;  // 1 to 10000
+  PersonDetectorOptions detector;
+  // Weights of the sharpness and exposure terms of the score (>= 0, not both 0).
+  double blurWeight = 1.0;
+  double exposureWeight = 1.0;
+  int momentsPerModule = 1;           // 1 to 100
+  double minimumSpacingSeconds = 0.0; // between moments of one module
+  int backgroundFrames = 25;          // frames the clean background is built from (3 to 200)
+  // Seconds between a frame and the one it is compared with for motion (> 0;
+  // at least one frame is skipped), and the largest share of moving pixels
+  // of a still frame (0..1; 1 accepts any motion).
+  double motionGapSeconds = 0.3;
+  double maxMotion = 0.002;
+
+  // An error naming the first bad value, or true.
+  Utils::ReturnState<bool, std::string> validate() const;
+};
+
+// One chosen moment of a module.
+struct ORBIVANE_EXPORT SmartFinderFrame {
+  std::wstring module;
+  std::int64_t timeMs = 0;         // start of the chosen frame (ms since the epoch); for a built
+                                   // background the middle of the frames it was built from
+  std::string track;               // the recording (video file)
+  int frame = -1;                  // frame index in the recording (-1 for a built background)
+  int persons = 0;                 // persons the detector found in the picture
+  std::vector<cv::Rect> personBoxes;
+  double blur = 0.0;               // variance of the Laplacian (larger is sharper)
+  double brightness = 0.0;         // mean grey level, 0..255
+  double clipped = 0.0;            // share of pixels at or below 5 or at or above 250
+  double exposure = 0.0;           // 0..1: 1 - |brightness - 128| / 128 - 2 x clipped, at least 0
+  double motion = 0.0;             // share of moving pixels (0..1), see the file comment
+  double score = 0.0;              // the picking score (see the file comment)
+  bool builtBackground = false;    // the picture is a clean background built from several frames
+  int framesUsed = 1;              // frames behind the picture
+  std::shared_ptr<Image::UniversalImageInterface> picture;  // BGR, 8 bits
+};
+
+class SmartFinderImageState;
+
+class ORBIVANE_EXPORT SmartFinderImage {
+ public:
+  // Copies the camera.
+  explicit SmartFinderImage(const CameraDescription::Orbivane& camera);
+  virtual ~SmartFinderImage();
+  SmartFinderImage(const SmartFinderImage&) = delete;
+  SmartFinderImage& operator=(const SmartFinderImage&) = delete;
+
+  void setOptions(const SmartFinderOptions& options);
+  SmartFinderOptions options() const;
+
+  void registerStatusCallback(GeometryCalibration::StatusCallback callback);
+  // May be called from another thread; see the file comment.
+  void abort();
+  bool aborted() const;
+
+  // Searches the listed modules (empty: every module with a connection) and
+  // returns the chosen moments per module, best first. Fails for bad options,
+  // an unknown module or when the person detector cannot be made; a module
+  // whose recordings cannot be searched or read is left out and its error is
+  // kept (errors()).
+  Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::string> find(
+      std::list<std::wstring> modules = {});
+
+  // The results of the last find().
+  std::map<std::wstring, std::vector<SmartFinderFrame>> results() const;
+  // Per module, why it has no result.
+  std::map<std::wstring, std::string> errors() const;
+  // Every sampled frame of the last run (without pictures), for reports.
+  std::map<std::wstring, std::vector<SmartFinderFrame>> samples() const;
+  // The detector's description (after find()).
+  std::string detectorDescription() const;
+
+  // The best picture of each module that has one.
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images() const;
+  // A copy of the camera whose modules carry their best pictures (image path
+  // cleared); modules without a result keep theirs.
+  CameraDescription::Orbivane cameraWithPictures() const;
+
+ private:
+  std::unique_ptr<SmartFinderImageState> state_;
+};
+
+}  // namespace OrbivaneCalibration

@@ -1,0 +1,213 @@
+// Target matching on pictures found in recordings (see
+// smart_finder_match_to_target.h).
+#include "orbivane/image_selection/smart_finder_match_to_target.h"
+
+#include <limits>
+#include <mutex>
+#include <set>
+
+#include "logging/logger_setup.h"
+#include "orbivane/utils/wide_text.h"
+
+namespace OrbivaneCalibration {
+
+using GeometryCalibration::MatrixBased::MatchToTarget;
+
+class SmartFinderMatchToTargetState {
+ public:
+  SmartFinderMatchToTargetState(const CameraDescription::Orbivane& c,
+                                std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> i)
+      : camera(c), images(std::move(i)), logger(Utils::calibratorLogger("SmartFinderMatchToTarget")) {}
+
+  std::atomic<bool> abortFlag{false};
+  CameraDescription::Orbivane camera;
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
+  std::shared_ptr<spdlog::logger> logger;
+  SmartFinderOptions finderOptions;
+  SmartFinderMatchToTarget::CalibrateMode mode = MatchToTarget::kFeatureMatching;
+  bool gridEnabled = false;
+  std::map<std::wstring, std::pair<int, int>> gridSizes;  // module -> columns, rows
+  std::uint64_t m2n = 1;
+  std::uint64_t m2b = 5;
+  float scale = 0.0f;
+  GeometryCalibration::StatusCallback callback;
+
+  mutable std::mutex mutex;  // guards the running stages and the results below
+  SmartFinderImage* runningFinder = nullptr;
+  MatchToTarget* runningMatcher = nullptr;
+  std::unique_ptr<MatchToTarget> lastMatcher;
+  std::map<std::wstring, std::vector<SmartFinderFrame>> frames;
+  std::map<std::wstring, std::string> finderErrors;
+};
+
+SmartFinderMatchToTarget::SmartFinderMatchToTarget(
+    const CameraDescription::Orbivane& camera,
+    std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images)
+    : state_(std::make_unique<SmartFinderMatchToTargetState>(camera, std::move(images))) {}
+
+SmartFinderMatchToTarget::~SmartFinderMatchToTarget() = default;
+
+CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::wstring> modules, std::wstring target) {
+  SmartFinderMatchToTargetState& s = *state_;
+  if (s.abortFlag) return s.camera;
+
+  // 1. Pictures: the target's own (given) picture, else its picked frame;
+  //    the modules' picked frames.
+  std::list<std::wstring> wanted;
+  std::set<std::wstring> seen;
+  const bool targetGiven = s.images.count(target) != 0 && s.images.at(target) != nullptr;
+  if (!targetGiven) {
+    wanted.push_back(target);
+    seen.insert(target);
+  }
+  for (const auto& name : modules) {
+    const auto module = s.camera.findModule(name);
+    if (!module) continue;  // the matcher logs it
+    if (!module->connection()) {
+      s.logger->error("Module {} has no connection to recordings.. Skipping pmodule", Utils::toUtf8(name));
+      continue;
+    }
+    if (seen.insert(name).second) wanted.push_back(name);
+  }
+  if (!targetGiven && (!s.camera.findModule(target) || !s.camera.findModule(target)->connection())) {
+    s.logger->error("Target module {} has neither a picture nor recordings", Utils::toUtf8(target));
+    wanted.remove(target);
+  }
+
+  std::map<std::wstring, std::vector<SmartFinderFrame>> found;
+  std::map<std::wstring, std::string> finderErrors;
+  int finderSteps = 0;
+  if (!wanted.empty()) {
+    SmartFinderImage finder(s.camera);
+    finder.setOptions(s.finderOptions);
+    finder.registerStatusCallback([&s, &finderSteps](int step, int total, std::string text,
+                                                     GeometryCalibration::AdvStepInfo info) {
+      finderSteps = total;
+      if (s.callback) s.callback(step, total, std::move(text), std::move(info));
+    });
+    {
+      std::lock_guard<std::mutex> lock(s.mutex);
+      s.runningFinder = &finder;
+      if (s.abortFlag) finder.abort();
+    }
+    auto result = finder.find(wanted);
+    {
+      std::lock_guard<std::mutex> lock(s.mutex);
+      s.runningFinder = nullptr;
+    }
+    if (!result) {
+      s.logger->error("Finding pictures in the recordings failed: {}", result.error());
+      for (const auto& name : wanted) finderErrors[name] = result.error();
+    } else {
+      found = result.value();
+      finderErrors = finder.errors();
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.frames = found;
+    s.finderErrors = finderErrors;
+  }
+  for (const auto& [name, why] : finderErrors) {
+    s.logger->error("Module {} has no picture from its recordings: {}", Utils::toUtf8(name), why);
+  }
+
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> pictures;
+  if (targetGiven) pictures[target] = s.images.at(target);
+  for (const auto& [name, moments] : found) {
+    if (moments.empty() || !moments.front().picture) continue;
+    if (name == target && targetGiven) continue;
+    pictures[name] = moments.front().picture;
+  }
+  // The camera the matcher starts from carries the pictures it works on.
+  CameraDescription::Orbivane start = s.camera;
+  for (const auto& [name, moments] : found) {
+    const auto module = start.findModule(name);
+    if (module && !moments.empty() && moments.front().picture) {
+      module->setImage(moments.front().picture);
+      module->setImagePath(std::string());
+    }
+  }
+  if (s.abortFlag) {
+    s.camera = start;
+    return start;
+  }
+
+  // 2. Target matching on those pictures.
+  auto matcher = std::make_unique<MatchToTarget>(start, pictures);
+  matcher->setCalibrationMode(s.mode);
+  matcher->setM2bMaxIteration(s.m2b);
+  matcher->setM2nMaxIteration(s.m2n);
+  matcher->allowScale(s.scale);
+  matcher->setGridEnabled(s.gridEnabled);
+  for (const auto& [name, size] : s.gridSizes) matcher->initGrid(size.first, size.second, name);
+  matcher->registerStatusCallback([&s, &finderSteps](int step, int total, std::string text,
+                                                     GeometryCalibration::AdvStepInfo info) {
+    if (s.callback) s.callback(finderSteps + step, finderSteps + total, std::move(text), std::move(info));
+  });
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.runningMatcher = matcher.get();
+    if (s.abortFlag) matcher->abort();
+  }
+  CameraDescription::Orbivane result = matcher->calibrate(modules, target);
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.runningMatcher = nullptr;
+    s.lastMatcher = std::move(matcher);
+  }
+  s.camera = result;
+  return result;
+}
+
+void SmartFinderMatchToTarget::setFinderOptions(const SmartFinderOptions& options) { state_->finderOptions = options; }
+SmartFinderOptions SmartFinderMatchToTarget::finderOptions() const { return state_->finderOptions; }
+void SmartFinderMatchToTarget::setCalibrationMode(const CalibrateMode& mode) { state_->mode = mode; }
+SmartFinderMatchToTarget::CalibrateMode SmartFinderMatchToTarget::calibrationMode() const { return state_->mode; }
+void SmartFinderMatchToTarget::setGridEnabled(const bool& enabled) { state_->gridEnabled = enabled; }
+void SmartFinderMatchToTarget::initGrid(const int& columns, const int& rows, const std::wstring& module) {
+  state_->gridSizes[module] = {columns, rows};
+}
+Utils::UVGrid SmartFinderMatchToTarget::getGrid(const std::wstring& module) const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  if (state_->lastMatcher) return state_->lastMatcher->getGrid(module);
+  const auto it = state_->gridSizes.find(module);
+  return it == state_->gridSizes.end() ? Utils::UVGrid() : Utils::UVGrid(it->second.first, it->second.second);
+}
+void SmartFinderMatchToTarget::setM2nMaxIteration(const std::uint64_t& limit) { state_->m2n = limit; }
+std::uint64_t SmartFinderMatchToTarget::m2nMaxIteration() const { return state_->m2n; }
+void SmartFinderMatchToTarget::setM2bMaxIteration(const std::uint64_t& limit) { state_->m2b = limit; }
+std::uint64_t SmartFinderMatchToTarget::m2bMaxIteration() const { return state_->m2b; }
+void SmartFinderMatchToTarget::allowScale(const float& scale) { state_->scale = scale; }
+void SmartFinderMatchToTarget::registerStatusCallback(GeometryCalibration::StatusCallback callback) {
+  state_->callback = std::move(callback);
+}
+
+void SmartFinderMatchToTarget::abort() {
+  state_->abortFlag = true;
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  if (state_->runningFinder) state_->runningFinder->abort();
+  if (state_->runningMatcher) state_->runningMatcher->abort();
+}
+
+std::map<std::wstring, float> SmartFinderMatchToTarget::error() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->lastMatcher ? state_->lastMatcher->error() : std::map<std::wstring, float>{};
+}
+
+float SmartFinderMatchToTarget::error(const std::wstring& module) const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->lastMatcher ? state_->lastMatcher->error(module) : std::numeric_limits<float>::max();
+}
+
+std::map<std::wstring, std::vector<SmartFinderFrame>> SmartFinderMatchToTarget::frames() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->frames;
+}
+
+std::map<std::wstring, std::string> SmartFinderMatchToTarget::finderErrors() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->finderErrors;
+}
+
+}  // namespace OrbivaneCalibration

@@ -1,0 +1,238 @@
+// "find-frames RECORDINGS.json --out DIR": finds, per module of a recordings
+// index, a moment without persons that is sharp and well exposed, writes the
+// pictures (DIR/<module>.png) and a camera file DIR/camera.json whose modules
+// carry them and connect to the index.
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "command_line.h"
+#include "orbivane/camera/camera_file.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/image_selection/smart_finder_image.h"
+#include "orbivane/platform/recordings_index.h"
+#include "orbivane/utils/wide_text.h"
+#include "progress.h"
+
+namespace Tool {
+namespace {
+
+namespace fs = std::filesystem;
+using OrbivaneCalibration::SmartFinderImage;
+
+struct FindOptions {
+  std::string recordings;
+  std::string from;
+  std::string to;
+  std::string detector = "auto";
+  std::string yoloDirectory;
+  float confidence = 0.5f;
+  int minPersonHeight = 0;
+  double step = 0.0;
+  int samples = 24;
+  int moments = 1;
+  double maxMotion = 0.002;
+  std::string out;
+  bool json = false;
+};
+
+volatile std::sig_atomic_t interrupted = 0;
+extern "C" void onFindInterrupt(int) { interrupted = 1; }
+
+std::int64_t parseTime(const std::string& text, const char* option) {
+  auto iso = Quarn::parseTimestamp(text);
+  if (iso) return iso.value();
+  try {
+    std::size_t used = 0;
+    const long long ms = std::stoll(text, &used);
+    if (used == text.size() && ms >= 0) return ms;
+  } catch (const std::exception&) {
+  }
+  throw CommandError(std::string(option) + " expects ISO-8601 UTC time (2026-11-22T10:00:00Z) or milliseconds " +
+                     "since the epoch, got '" + text + "'");
+}
+
+// A file name for a module: characters other than letters, digits, '-', '_'
+// and '.' become '_'.
+std::string fileNameFor(const std::string& module) {
+  std::string name;
+  for (char c : module) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+                       c == '_' || c == '.';
+    name += plain ? c : '_';
+  }
+  if (name.empty() || name == "." || name == "..") name = "_" + name;
+  return name;
+}
+
+void runFind(const FindOptions& options) {
+  auto index = Quarn::loadRecordingsIndex(options.recordings);
+  if (!index) throw CommandError(index.error());
+  if (index.value().recordings.empty()) throw CommandError(options.recordings + ": lists no recordings");
+  const std::string indexPath = fs::absolute(options.recordings).lexically_normal().string();
+
+  OrbivaneCalibration::SmartFinderOptions finderOptions;
+  if (!options.from.empty()) finderOptions.fromMs = parseTime(options.from, "--from");
+  if (!options.to.empty()) finderOptions.toMs = parseTime(options.to, "--to");
+  finderOptions.stepSeconds = options.step;
+  finderOptions.samples = options.samples;
+  finderOptions.momentsPerModule = options.moments;
+  finderOptions.maxMotion = options.maxMotion;
+  auto kind = OrbivaneCalibration::parsePersonDetectorKind(options.detector);
+  if (!kind) throw CommandError("--detector: " + kind.error());
+  finderOptions.detector.kind = kind.value();
+  finderOptions.detector.confidence = options.confidence;
+  finderOptions.detector.yoloDirectory = options.yoloDirectory;
+  finderOptions.detector.minPersonHeight = options.minPersonHeight;
+  const auto valid = finderOptions.validate();
+  if (!valid) throw CommandError(valid.error());
+
+  // The camera: the index's modules in order of appearance, each connected
+  // to the index.
+  CameraDescription::Orbivane camera;
+  camera.setName(Utils::fromUtf8(fs::path(options.recordings).stem().string()));
+  for (const auto& r : index.value().recordings) {
+    const std::wstring name = Utils::fromUtf8(r.module);
+    if (camera.findModule(name)) continue;
+    CameraDescription::OrbivaneModule module(name);
+    Quarn::QuarnConnection connection;
+    connection.backend = "simulated";
+    connection.address = indexPath;
+    connection.device = r.module;
+    module.setConnection(connection);
+    camera.addModule(module);
+  }
+
+  std::error_code ec;
+  fs::create_directories(options.out, ec);
+  if (ec || !fs::is_directory(options.out)) throw CommandError("cannot make the folder '" + options.out + "'");
+
+  SmartFinderImage finder(camera);
+  finder.setOptions(finderOptions);
+  Progress progress("finding frames");
+  finder.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
+    progress.update(step, total, text);
+  });
+
+  interrupted = 0;
+  std::atomic<bool> done{false};
+  const auto previous = std::signal(SIGINT, onFindInterrupt);
+  std::thread watcher([&] {
+    while (!done) {
+      if (interrupted) {
+        finder.abort();
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  });
+  auto found = [&] {
+    try {
+      return finder.find();
+    } catch (...) {
+      done = true;
+      watcher.join();
+      std::signal(SIGINT, previous);
+      throw;
+    }
+  }();
+  done = true;
+  watcher.join();
+  std::signal(SIGINT, previous);
+  progress.finish();
+  if (!found) throw CommandError(found.error());
+
+  nlohmann::json frames = nlohmann::json::object();
+  CameraDescription::Orbivane result = camera;
+  for (const auto& [name, moments] : found.value()) {
+    if (moments.empty() || !moments.front().picture) continue;
+    const std::string utf8 = Utils::toUtf8(name);
+    const auto& best = moments.front();
+    const std::string picturePath = (fs::path(options.out) / (fileNameFor(utf8) + ".png")).string();
+    const auto saved = Image::saveImage(*best.picture, picturePath);
+    if (!saved) throw CommandError(saved.error());
+    const auto module = result.findModule(name);
+    module->setImage(best.picture);
+    module->setImagePath(picturePath);
+    std::cout << utf8 << ": " << Quarn::formatTimestamp(best.timeMs) << " persons " << best.persons << " blur "
+              << best.blur << " exposure " << best.exposure << " motion " << best.motion
+              << (best.builtBackground ? " (built background from " + std::to_string(best.framesUsed) + " frames)"
+                                       : std::string())
+              << "\n";
+    nlohmann::json more = nlohmann::json::array();
+    for (std::size_t i = 1; i < moments.size(); ++i) {
+      more.push_back({{"time", moments[i].timeMs}, {"persons", moments[i].persons}, {"blur", moments[i].blur}});
+    }
+    frames[utf8] = {{"time", best.timeMs},
+                    {"timeText", Quarn::formatTimestamp(best.timeMs)},
+                    {"persons", best.persons},
+                    {"blur", best.blur},
+                    {"exposure", best.exposure},
+                    {"motion", best.motion},
+                    {"brightness", best.brightness},
+                    {"background", best.builtBackground},
+                    {"framesUsed", best.framesUsed},
+                    {"track", best.track},
+                    {"frame", best.frame},
+                    {"picture", picturePath},
+                    {"more", more}};
+  }
+  const std::string cameraPath = (fs::path(options.out) / "camera.json").string();
+  const auto savedCamera = CameraDescription::saveCameraFile(result, cameraPath);
+  if (!savedCamera) throw CommandError(savedCamera.error());
+  std::cout << "detector: " << finder.detectorDescription() << "\n";
+  if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
+  std::cout << "wrote " << cameraPath << std::endl;
+  if (options.json) std::cout << nlohmann::json{{"frames", frames}}.dump() << std::endl;
+  const auto errors = finder.errors();
+  if (!errors.empty()) {
+    const auto& first = *errors.begin();
+    throw CommandError("no picture for module '" + Utils::toUtf8(first.first) + "': " + first.second +
+                       (errors.size() > 1 ? " (and " + std::to_string(errors.size() - 1) + " more)" : ""));
+  }
+}
+
+}  // namespace
+
+void addFindFramesCommand(CLI::App& app) {
+  CLI::App* command = app.add_subcommand(
+      "find-frames", "Find moments without persons in a camera's recordings and write them as pictures");
+  static FindOptions options;
+  command->add_option("RECORDINGS", options.recordings, "Recordings index (JSON)")->required();
+  command->add_option("--from", options.from, "Start of the time window (ISO-8601 UTC or ms since the epoch)");
+  command->add_option("--to", options.to, "End of the time window (ISO-8601 UTC or ms since the epoch)");
+  command->add_option("--detector", options.detector, "Person detector: auto, hog, haar, yolo or maskrcnn")
+      ->capture_default_str();
+  command->add_option("--yolo-dir", options.yoloDirectory, "Folder with the YOLO network files");
+  command->add_option("--confidence", options.confidence, "Smallest detection confidence counted as a person")
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  command->add_option("--min-person-height", options.minPersonHeight,
+                      "Persons shorter than this many pixels are ignored (0: no limit)")
+      ->check(CLI::Range(0, 100000))
+      ->capture_default_str();
+  command->add_option("--step", options.step, "Seconds between sampled frames (default: --samples spread evenly)")
+      ->check(CLI::Range(0.0, 1e9));
+  command->add_option("--samples", options.samples, "Frames sampled per module when no --step is given")
+      ->check(CLI::Range(1, 10000))
+      ->capture_default_str();
+  command->add_option("--moments", options.moments, "Moments reported per module (the best is written)")
+      ->check(CLI::Range(1, 100))
+      ->capture_default_str();
+  command->add_option("--max-motion", options.maxMotion,
+                      "Largest share of moving pixels of a still frame (0..1; 1 accepts any motion)")
+      ->capture_default_str();
+  command->add_option("--out", options.out, "Folder for the pictures and camera.json")->required();
+  command->add_flag("--json", options.json, "Print the chosen frames as one JSON object on the last line");
+  command->callback([] { runFind(options); });
+}
+
+}  // namespace Tool
