@@ -20,6 +20,7 @@
 #include "orbivane/image_selection/smart_finder_image.h"
 #include "orbivane/platform/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
+#include "interrupt_watch.h"
 #include "progress.h"
 
 namespace Tool {
@@ -44,8 +45,6 @@ struct FindOptions {
   bool json = false;
 };
 
-volatile std::sig_atomic_t interrupted = 0;
-extern "C" void onFindInterrupt(int) { interrupted = 1; }
 
 std::int64_t parseTime(const std::string& text, const char* option) {
   auto iso = Quarn::parseTimestamp(text);
@@ -118,35 +117,14 @@ void runFind(const FindOptions& options) {
   SmartFinderImage finder(camera);
   finder.setOptions(finderOptions);
   Progress progress("finding frames");
-  finder.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
-    progress.update(step, total, text);
-  });
-
-  interrupted = 0;
-  std::atomic<bool> done{false};
-  const auto previous = std::signal(SIGINT, onFindInterrupt);
-  std::thread watcher([&] {
-    while (!done) {
-      if (interrupted) {
-        finder.abort();
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-  });
+  finder.registerStatusCallback(progress.callback());
+  bool interrupted = false;
   auto found = [&] {
-    try {
-      return finder.find();
-    } catch (...) {
-      done = true;
-      watcher.join();
-      std::signal(SIGINT, previous);
-      throw;
-    }
+    const InterruptWatch watch([&finder] { finder.abort(); });
+    auto result = finder.find();
+    interrupted = watch.interrupted();
+    return result;
   }();
-  done = true;
-  watcher.join();
-  std::signal(SIGINT, previous);
   progress.finish();
   if (!found) throw CommandError(found.error());
 

@@ -22,6 +22,7 @@
 #include "orbivane/image_selection/smart_finder_match_to_target.h"
 #include "orbivane/platform/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
+#include "interrupt_watch.h"
 #include "progress.h"
 
 namespace Tool {
@@ -47,8 +48,6 @@ struct MatchOptions {
   std::string detector = "auto";
 };
 
-volatile std::sig_atomic_t interrupted = 0;
-extern "C" void onInterrupt(int) { interrupted = 1; }
 
 std::int64_t parseMatchTime(const std::string& text, const char* option) {
   auto iso = Quarn::parseTimestamp(text);
@@ -69,35 +68,14 @@ template <typename Calibrator, typename Report>
 void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names, const std::wstring& target,
                    const MatchOptions& options, Report report) {
   Progress progress("target matching");
-  calibrator.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
-    progress.update(step, total, text);
-  });
-
-  // Ctrl-C: the handler only sets a flag; a watcher turns it into abort().
-  interrupted = 0;
-  std::atomic<bool> done{false};
-  const auto previous = std::signal(SIGINT, onInterrupt);
-  std::thread watcher([&] {
-    while (!done) {
-      if (interrupted) {
-        calibrator.abort();
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-  });
+  calibrator.registerStatusCallback(progress.callback());
   CameraDescription::Orbivane result;
-  try {
+  bool interrupted = false;
+  {
+    const InterruptWatch watch([&calibrator] { calibrator.abort(); });
     result = calibrator.calibrate(names, target);
-  } catch (...) {
-    done = true;
-    watcher.join();
-    std::signal(SIGINT, previous);
-    throw;
+    interrupted = watch.interrupted();
   }
-  done = true;
-  watcher.join();
-  std::signal(SIGINT, previous);
   progress.finish();
 
   const auto saved = CameraDescription::saveCameraFile(result, options.out);

@@ -63,10 +63,7 @@ void runNeighbour(const NeighbourOptions& options) {
   GeometryCalibration::MatrixBased::NeighbourNeighbour calibrator(camera, std::move(images), options.levels,
                                                                   options.iterations, options.step);
   Progress progress("neighbour stitching");
-  calibrator.registerStatusCallback(
-      [&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
-        progress.update(step, total, text);
-      });
+  calibrator.registerStatusCallback(progress.callback());
   CameraDescription::Orbivane result;
   try {
     result = calibrator.calibrate(chain, Utils::fromUtf8(options.reference));

@@ -147,9 +147,7 @@ void runSearch(const SearchOptions& options) {
     forcer.setShard(shardIndex, shardCount);
   }
   Progress progress("shader search");
-  forcer.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
-    progress.update(step, total, text);
-  });
+  forcer.registerStatusCallback(progress.callback());
   try {
     forcer.searchForBestParameters(module, reference);
   } catch (const std::out_of_range& e) {

@@ -126,9 +126,7 @@ Section runFrameFinding(const StepContext& c) {
   options.stepSeconds = 1.0;
   finder.setOptions(options);
   Progress progress("frame finding");
-  finder.registerStatusCallback([&progress](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
-    progress.update(step, total, text);
-  });
+  finder.registerStatusCallback(progress.callback());
   const Stopwatch watch;
   auto found = finder.find();
   Section section;

@@ -32,7 +32,6 @@ namespace Tool {
 namespace Demo {
 
 using ImageMap = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
-using GeometryCalibration::AdvStepInfo;
 
 std::string number(double value, int decimals) {
   char text[64];
@@ -61,10 +60,6 @@ std::list<std::wstring> moduleList(const Scene& s) { return {s.names.begin(), s.
 Utils::Matrix4x4 shifted(const Utils::Matrix4x4& m, double dx, double dy, cv::Size panorama) {
   const cv::Matx33d t(1, 0, dx / panorama.width, 0, 1, dy / panorama.height, 0, 0, 1);
   return OrbivaneGeometry::matrixFromPlanarHomography(t * OrbivaneGeometry::planarHomography(m));
-}
-
-GeometryCalibration::StatusCallback progressCallback(Progress& progress) {
-  return [&progress](int step, int total, std::string text, AdvStepInfo) { progress.update(step, total, text); };
 }
 
 // The blur score the plain OpenCV way: grey, Laplacian, masked variance.
@@ -117,7 +112,7 @@ MatchOutcome runTargetMatching(const StepContext& c) {
   GeometryCalibration::MatrixBased::MatchToTarget matcher(camera, images);
   matcher.setCalibrationMode(GeometryCalibration::MatrixBased::MatchToTarget::kFeatureMatching);
   Progress progress("target matching");
-  matcher.registerStatusCallback(progressCallback(progress));
+  matcher.registerStatusCallback(progress.callback());
   const Stopwatch watch;
   const CameraDescription::Orbivane result = matcher.calibrate(moduleList(s), L"Target");
   MatchOutcome out{Section{}, withMatrices(s.camera, matricesOf(result))};
@@ -166,7 +161,7 @@ Section runNeighbourStitching(const StepContext& c) {
 
   GeometryCalibration::MatrixBased::NeighbourNeighbour stitcher(camera, s.pictures, 4, 6, 1.0f);
   Progress progress("neighbour stitching");
-  stitcher.registerStatusCallback(progressCallback(progress));
+  stitcher.registerStatusCallback(progress.callback());
   const Stopwatch watch;
   const CameraDescription::Orbivane result = stitcher.calibrate(moduleList(s), L"M3");
   Section section;
@@ -306,7 +301,7 @@ Section runShaderSearch(const StepContext& c) {
 
   ShaderBruteForcer forcer(camera, images, list);
   Progress progress("shader search");
-  forcer.registerStatusCallback(progressCallback(progress));
+  forcer.registerStatusCallback(progress.callback());
   const Stopwatch watch;
   const auto cameras = forcer.searchForBestParameters(moduleName, L"reference");
   Section section;

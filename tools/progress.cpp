@@ -35,4 +35,8 @@ void Progress::finish() {
   }
 }
 
+GeometryCalibration::StatusCallback Progress::callback() {
+  return [this](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) { update(step, total, text); };
+}
+
 }  // namespace Tool

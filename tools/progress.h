@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "orbivane/geometry_calibration/status_callback.h"
+
 namespace Tool {
 
 class Progress {
@@ -18,6 +20,8 @@ class Progress {
   void update(int step, int total, const std::string& text);
   // Ends the bar's line.
   void finish();
+  // A calibrator's status callback that updates this bar (which must outlive it).
+  GeometryCalibration::StatusCallback callback();
 
  private:
   std::string title_;
