@@ -45,20 +45,6 @@ struct FindOptions {
   bool json = false;
 };
 
-
-std::int64_t parseTime(const std::string& text, const char* option) {
-  auto iso = Quarn::parseTimestamp(text);
-  if (iso) return iso.value();
-  try {
-    std::size_t used = 0;
-    const long long ms = std::stoll(text, &used);
-    if (used == text.size() && ms >= 0) return ms;
-  } catch (const std::exception&) {
-  }
-  throw CommandError(std::string(option) + " expects ISO-8601 UTC time (2026-11-22T10:00:00Z) or milliseconds " +
-                     "since the epoch, got '" + text + "'");
-}
-
 // A file name for a module: characters other than letters, digits, '-', '_'
 // and '.' become '_'.
 std::string fileNameFor(const std::string& module) {
@@ -79,8 +65,8 @@ void runFind(const FindOptions& options) {
   const std::string indexPath = fs::absolute(options.recordings).lexically_normal().string();
 
   OrbivaneCalibration::SmartFinderOptions finderOptions;
-  if (!options.from.empty()) finderOptions.fromMs = parseTime(options.from, "--from");
-  if (!options.to.empty()) finderOptions.toMs = parseTime(options.to, "--to");
+  if (!options.from.empty()) finderOptions.fromMs = parseTimeOption(options.from, "--from");
+  if (!options.to.empty()) finderOptions.toMs = parseTimeOption(options.to, "--to");
   finderOptions.stepSeconds = options.step;
   finderOptions.samples = options.samples;
   finderOptions.momentsPerModule = options.moments;

@@ -1,6 +1,7 @@
 // Pieces the commands of orbivane-calibrate share.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -32,6 +33,10 @@ void addDemoCommand(CLI::App& app);
 // Writes text beside the file, then renames it over it (the old file stays
 // whole until the new one is complete).
 void writeTextAtomically(const std::string& path, const std::string& text);
+
+// A time option's value: ISO-8601 UTC text or milliseconds since the epoch
+// (ms since the epoch); anything else is a CommandError naming `option`.
+std::int64_t parseTimeOption(const std::string& text, const char* option);
 
 // "1920x600" -> {1920, 600}; anything else is a CommandError.
 Utils::Size parsePictureSize(const std::string& text);

@@ -48,20 +48,6 @@ struct MatchOptions {
   std::string detector = "auto";
 };
 
-
-std::int64_t parseMatchTime(const std::string& text, const char* option) {
-  auto iso = Quarn::parseTimestamp(text);
-  if (iso) return iso.value();
-  try {
-    std::size_t used = 0;
-    const long long ms = std::stoll(text, &used);
-    if (used == text.size() && ms >= 0) return ms;
-  } catch (const std::exception&) {
-  }
-  throw CommandError(std::string(option) + " expects ISO-8601 UTC time or milliseconds since the epoch, got '" +
-                     text + "'");
-}
-
 // Runs a calibrator with a progress bar and Ctrl-C turned into abort(),
 // writes the camera file and prints the errors.
 template <typename Calibrator, typename Report>
@@ -161,8 +147,8 @@ void runMatch(const MatchOptions& options) {
 
   if (fromRecordings) {
     OrbivaneCalibration::SmartFinderOptions finderOptions;
-    if (!options.from.empty()) finderOptions.fromMs = parseMatchTime(options.from, "--from");
-    if (!options.to.empty()) finderOptions.toMs = parseMatchTime(options.to, "--to");
+    if (!options.from.empty()) finderOptions.fromMs = parseTimeOption(options.from, "--from");
+    if (!options.to.empty()) finderOptions.toMs = parseTimeOption(options.to, "--to");
     auto kind = OrbivaneCalibration::parsePersonDetectorKind(options.detector);
     if (!kind) throw CommandError("--detector: " + kind.error());
     finderOptions.detector.kind = kind.value();

@@ -130,5 +130,13 @@ PY
   fail "--from without --recordings must fail"
 grep -q "need --recordings" err.txt || fail "--from without --recordings message: $(cat err.txt)"
 
+# A time that is neither ISO-8601 nor milliseconds is refused with the option's name.
+"$tool" find-frames rec.json --from yesterday --out late >/dev/null 2>err.txt &&
+  fail "--from yesterday must fail"
+grep -q -- "--from expects ISO-8601" err.txt || fail "--from yesterday message: $(cat err.txt)"
+"$tool" find-frames rec.json --to 1795341600000x --out late >/dev/null 2>err.txt && fail "--to 1795341600000x must fail"
+grep -q -- "--to expects ISO-8601" err.txt || fail "--to message: $(cat err.txt)"
+[ -e late ] && fail "a refused run made its output folder"
+
 [ "$failures" -eq 0 ] && echo "find-frames ok"
 exit $((failures > 0))
