@@ -156,11 +156,41 @@ bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targ
     matcher.match(moduleDescriptors, targetDescriptors, matches);
   }
 
+  // At most kMostPairs pairs, spread over the picture: the matches are
+  // binned by where they lie in the module picture, each bin ordered by
+  // distance, and the bins are taken from in turn (best first), so that a
+  // cap never keeps a single band of the picture.
+  if (context_.aborted()) return false;
+  std::vector<cv::DMatch> kept;
+  if (matches.size() <= static_cast<std::size_t>(kMostPairs)) {
+    kept = matches;
+  } else {
+    constexpr int kBins = 8;  // per side
+    std::vector<std::vector<cv::DMatch>> bins(kBins * kBins);
+    for (const auto& m : matches) {
+      const cv::Point2f& a = moduleKeys[static_cast<std::size_t>(m.queryIdx)].pt;
+      const int bx = std::clamp(static_cast<int>(a.x * kBins / std::max(1, modulePadded.cols)), 0, kBins - 1);
+      const int by = std::clamp(static_cast<int>(a.y * kBins / std::max(1, modulePadded.rows)), 0, kBins - 1);
+      bins[static_cast<std::size_t>(by * kBins + bx)].push_back(m);
+    }
+    for (auto& bin : bins)
+      std::stable_sort(bin.begin(), bin.end(),
+                       [](const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; });
+    for (std::size_t round = 0; kept.size() < static_cast<std::size_t>(kMostPairs); ++round) {
+      bool any = false;
+      for (const auto& bin : bins) {
+        if (round >= bin.size()) continue;
+        any = true;
+        kept.push_back(bin[round]);
+        if (kept.size() >= static_cast<std::size_t>(kMostPairs)) break;
+      }
+      if (!any) break;
+    }
+  }
+
   const double sx = double(size.width) / reduced.width, sy = double(size.height) / reduced.height;
-  pairs_.reserve(std::min<std::size_t>(matches.size(), kMostPairs));
-  for (const auto& m : matches) {
-    if (context_.aborted()) return false;
-    if (pairs_.size() >= static_cast<std::size_t>(kMostPairs)) break;
+  pairs_.reserve(kept.size());
+  for (const auto& m : kept) {
     const cv::Point2f& a = moduleKeys[static_cast<std::size_t>(m.queryIdx)].pt;
     const cv::Point2f& b = targetKeys[static_cast<std::size_t>(m.trainIdx)].pt;
     MatchPair pair;
@@ -260,6 +290,10 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
   result.homography = cv::Matx33f(refined);
   result.value = static_cast<std::int32_t>(pairs_.size());
   result.error = error;
+  std::vector<std::pair<cv::Point2f, cv::Point2f>> pairs;
+  pairs.reserve(pairs_.size());
+  for (const auto& p : pairs_) pairs.emplace_back(cv::Point2f(p.moduleX, p.moduleY), cv::Point2f(p.targetX, p.targetY));
+  collectSupport(pairs, result);
   return result;
 }
 

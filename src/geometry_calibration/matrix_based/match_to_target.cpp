@@ -51,6 +51,10 @@ void MatchToTarget::abort() { state_->abort.store(true); }
 
 std::map<std::wstring, float> MatchToTarget::error() const { return state_->errors; }
 
+std::map<std::wstring, GeometryCalibration::ModuleReport> MatchToTarget::moduleReports() const {
+  return state_->reports;
+}
+
 float MatchToTarget::error(const std::wstring& module) const {
   const auto it = state_->errors.find(module);
   return it == state_->errors.end() ? kFailedError : it->second;

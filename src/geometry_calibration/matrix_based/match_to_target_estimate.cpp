@@ -2,6 +2,9 @@
 #include "geometry_calibration/matrix_based/match_to_target_estimate.h"
 
 #include <cmath>
+#include <limits>
+
+#include <cmath>
 
 #include <opencv2/imgproc.hpp>
 
@@ -13,6 +16,57 @@ namespace MatrixBased {
 void WorkPictures::prepareGrey() {
   if (!module.empty()) cv::cvtColor(module, moduleGrey, cv::COLOR_BGR2GRAY);
   if (!target.empty()) cv::cvtColor(target, targetGrey, cv::COLOR_BGR2GRAY);
+}
+
+void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pairs, EstimateResult& result) {
+  result.matchedFeatures = true;
+  result.support.clear();
+  result.supportDistances.clear();
+  const cv::Matx33d h(result.homography);
+  for (const auto& [from, to] : pairs) {
+    const cv::Vec3d q = h * cv::Vec3d(from.x, from.y, 1.0);
+    if (!(std::fabs(q[2]) > 1e-12)) continue;
+    const double distance = std::hypot(q[0] / q[2] - to.x, q[1] / q[2] - to.y);
+    if (distance <= kSupportDistance) {
+      result.support.push_back(to);
+      result.supportDistances.push_back(static_cast<float>(distance));
+    }
+  }
+}
+
+double overlapCorrelation(const WorkPictures& pictures, const cv::Matx33d& h, int* overlap) {
+  constexpr int kFewestShared = 400;
+  constexpr double kSmoothing = 1.0;  // pixels, Gaussian sigma
+  if (overlap != nullptr) *overlap = 0;
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  if (pictures.moduleGrey.empty() || pictures.targetGrey.empty() || !isUsableHomography(h)) return nan;
+  cv::Mat warped, covered;
+  cv::warpPerspective(pictures.moduleGrey, warped, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_LINEAR,
+                      cv::BORDER_CONSTANT);
+  const cv::Mat validity = pictures.moduleMask.empty()
+                               ? cv::Mat(pictures.moduleGrey.size(), CV_8U, cv::Scalar(255))
+                               : pictures.moduleMask;
+  cv::warpPerspective(validity, covered, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_NEAREST,
+                      cv::BORDER_CONSTANT);
+  // Away from the outline, where the smoothing would mix in the black border.
+  cv::erode(covered, covered, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(7, 7)));
+  const int shared = cv::countNonZero(covered);
+  if (overlap != nullptr) *overlap = shared;
+  if (shared < kFewestShared) return nan;
+  cv::Mat a, b;
+  cv::GaussianBlur(pictures.targetGrey, a, cv::Size(), kSmoothing);
+  cv::GaussianBlur(warped, b, cv::Size(), kSmoothing);
+  cv::Scalar meanA, deviationA, meanB, deviationB;
+  cv::meanStdDev(a, meanA, deviationA, covered);
+  cv::meanStdDev(b, meanB, deviationB, covered);
+  if (!(deviationA[0] > 1.0) || !(deviationB[0] > 1.0)) return nan;  // flat: nothing to compare
+  cv::Mat af, bf;
+  a.convertTo(af, CV_32F, 1.0, -meanA[0]);
+  b.convertTo(bf, CV_32F, 1.0, -meanB[0]);
+  cv::Mat product;
+  cv::multiply(af, bf, product);
+  const double covariance = cv::mean(product, covered)[0];
+  return covariance / (deviationA[0] * deviationB[0]);
 }
 
 bool isUsableHomography(const cv::Matx33d& h) {

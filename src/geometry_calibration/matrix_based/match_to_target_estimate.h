@@ -12,6 +12,8 @@
 #include <cfloat>
 #include <cstdint>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <opencv2/core.hpp>
 #include <spdlog/logger.h>
@@ -29,7 +31,17 @@ struct EstimateResult {
   // iterative estimator: matching rounds run. 0 for a failed estimate.
   std::int32_t value = 0;
   float error = kFailedError;  // percent of target pixels that differ (see differenceError), or kFailedError
+  // Feature estimators only: the target work pixels of the feature pairs that
+  // agree with `homography` (within kSupportDistance) and their distances.
+  bool matchedFeatures = false;
+  std::vector<cv::Point2f> support;
+  std::vector<float> supportDistances;
 };
+
+// Work pixels within which a feature pair agrees with a homography.
+constexpr float kSupportDistance = 3.0f;
+
+
 
 // The pictures of one module in its work system. `module` and `target` are
 // BGR 8-bit of the same size; `moduleMask` marks where the warped module
@@ -64,6 +76,17 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
                              int levels = 3);
 
 bool isUsableHomography(const cv::Matx33d& h);
+
+// Fills `support` and `supportDistances` of `result` from `pairs` (module
+// work pixel, target work pixel) under `result.homography`.
+void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pairs, EstimateResult& result);
+
+// Normalised cross-correlation of the target's grey picture and the module's
+// grey picture warped by `h` (module work -> target work pixels), over the
+// pixels both cover (both lightly smoothed, so sensor noise weighs little).
+// NaN when they share fewer than 400 pixels or one of them is flat there;
+// `overlap` receives the number of shared pixels.
+double overlapCorrelation(const WorkPictures& pictures, const cv::Matx33d& h, int* overlap = nullptr);
 
 }  // namespace MatrixBased
 }  // namespace GeometryCalibration

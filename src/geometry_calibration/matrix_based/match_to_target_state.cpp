@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <cstdio>
+#include <iterator>
 #include <exception>
 #include <vector>
 
@@ -23,7 +25,12 @@ namespace MatrixBased {
 namespace {
 
 constexpr float kGridAndFlowScale = 1.2f;
-constexpr double kSmallestScale = 1.0 / 16.0, kLargestScale = 4.0;  // work scale kept within these
+// What an estimate must show to be accepted (see match_to_target.h).
+constexpr int kLeastSupport = 12;             // feature pairs that agree with it
+constexpr int kLeastSpreadCells = 4;          // of the overlap's 3 x 3 cells holding one of them
+constexpr double kLeastCorrelation = 0.5;     // normalised cross-correlation over the overlap
+constexpr double kSmallestOverlapShare = 0.1;  // share of the module's picture on the target
+constexpr double kLeastTexture = 2.0;          // grey levels of standard deviation; below: a blank picture
 constexpr double kDistortionOffset = 0.5;  // pixels the outline moves in x under the external distortion method
 constexpr int kLargestWorkSide = 8192;
 
@@ -61,6 +68,55 @@ cv::Mat pictureOf(const std::shared_ptr<Image::UniversalImageInterface>& image) 
   } catch (const std::exception&) {
     return cv::Mat();
   }
+}
+
+// Why an estimator gave no result, in words.
+std::string describeFailure(const EstimateResult& result) {
+  if (result.matchedFeatures || result.value == 0) return "too few features could be matched";
+  if (!(result.error < FLT_MAX - 1.0f)) return "the estimator found nothing";
+  return "mirrored or non-finite estimate";
+}
+
+// Whether the feature pairs support an estimate: enough of them agree with
+// it, and they are spread over the overlap (at least kLeastSpreadCells of
+// its 3 x 3 cells hold one). Empty when they do, or when the estimator
+// matched no features; fills the verdict's pair count.
+std::string supportProblem(const EstimateResult& result, const cv::Mat& moduleMask, ModuleReport& verdict) {
+  if (!result.matchedFeatures) return std::string();
+  verdict.supportingPairs = static_cast<int>(result.support.size());
+  if (verdict.supportingPairs < kLeastSupport) {
+    return "only " + std::to_string(verdict.supportingPairs) + " feature pairs agree with the estimate";
+  }
+  const cv::Rect box = cv::boundingRect(moduleMask);
+  if (box.empty()) return "no overlap with the target";
+  bool cell[9] = {};
+  for (const auto& p : result.support) {
+    const int cx = std::clamp(static_cast<int>((p.x - box.x) * 3.0 / box.width), 0, 2);
+    const int cy = std::clamp(static_cast<int>((p.y - box.y) * 3.0 / box.height), 0, 2);
+    cell[cy * 3 + cx] = true;
+  }
+  const int cells = static_cast<int>(std::count(std::begin(cell), std::end(cell), true));
+  if (cells < kLeastSpreadCells) {
+    return "the agreeing feature pairs cover only " + std::to_string(cells) + " of 9 cells of the overlap";
+  }
+  return std::string();
+}
+
+// The largest movement of the module picture's corners on the target's
+// picture between two placements, in target pixels.
+double largestCornerMove(const cv::Matx33d& before, const cv::Matx33d& after, const cv::Matx33d& targetPlanar,
+                         cv::Size module, cv::Size targetSize) {
+  const cv::Matx33d toTarget = OrbivaneGeometry::textureToPixels(targetSize.width, targetSize.height) *
+                               targetPlanar.inv();
+  const cv::Matx33d fromModule = OrbivaneGeometry::pixelsToTexture(module.width, module.height);
+  double largest = 0.0;
+  for (const cv::Point2d corner : {cv::Point2d(0, 0), cv::Point2d(module.width, 0),
+                                   cv::Point2d(module.width, module.height), cv::Point2d(0, module.height)}) {
+    const cv::Vec3d a = toTarget * before * fromModule * cv::Vec3d(corner.x, corner.y, 1.0);
+    const cv::Vec3d b = toTarget * after * fromModule * cv::Vec3d(corner.x, corner.y, 1.0);
+    largest = std::max(largest, std::hypot(a[0] / a[2] - b[0] / b[2], a[1] / a[2] - b[1] / b[2]));
+  }
+  return largest;
 }
 
 }  // namespace
@@ -176,22 +232,33 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   auto module = camera.findModule(name);
   auto* geometry = module->matrixGeometry();
   const Utils::Matrix4x4 previous = geometry->matrix();
+  ModuleReport& verdict = reports[name];
+  verdict = ModuleReport();
+  verdict.status = ModuleStatus::failed;
 
   // The module picture.
   const auto imageIt = images.find(name);
   const cv::Mat modulePicture = pictureOf(imageIt->second);
   if (modulePicture.empty() || modulePicture.cols < 2 || modulePicture.rows < 2) {
     logger->error("Module {} has no Image.. Skipping pmodule", narrow(name));
+    verdict.reason = modulePicture.empty() ? "no usable picture" : "picture too small (under 2x2 pixels)";
     return false;
   }
   if (targetPicture.empty()) {
     logger->error("Module {}: the target {} has no usable Image or Matrix.. Skipping pmodule", narrow(name),
                   narrow(target));
+    verdict.reason = "the target " + narrow(target) + " has no usable picture or matrix";
     return false;
   }
   const cv::Matx33d modulePlanar = OrbivaneGeometry::planarHomography(previous);
   if (!invertible(modulePlanar)) {
     logger->error("Module {} has a singular or non-finite Matrix.. Skipping pmodule", narrow(name));
+    verdict.reason = previous.isFinite() ? "singular matrix" : "non-finite matrix";
+    return false;
+  }
+  if (!(cv::determinant(modulePlanar) > 0.0)) {
+    logger->error("Module {} has a mirrored Matrix.. Skipping pmodule", narrow(name));
+    verdict.reason = "mirrored matrix";
     return false;
   }
 
@@ -203,13 +270,26 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   cv::Matx33d h0 = normalised(pixelsT * targetInverse * modulePlanar * textureM);
   if (!invertible(h0)) {
     logger->error("Module {} has a singular or non-finite Matrix.. Skipping pmodule", narrow(name));
+    verdict.reason = "singular matrix";
     return false;
   }
-  double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));
-  if (!std::isfinite(s) || s <= 0.0) s = 1.0;
-  s = std::clamp(s, kSmallestScale, kLargestScale);
-  const int workWidth = std::clamp(cvRound(targetPicture.cols * s), 1, kLargestWorkSide);
-  const int workHeight = std::clamp(cvRound(targetPicture.rows * s), 1, kLargestWorkSide);
+  const double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));
+  if (!std::isfinite(s) || !(s > 0.0)) {
+    logger->error("Module {}: no usable work scale ({}).. Skipping pmodule", narrow(name), s);
+    verdict.reason = "no usable work scale";
+    return false;
+  }
+  // Guard against work pictures too large to allocate: such a module is
+  // skipped with a log line, the scale is never changed behind the caller's back.
+  const double workSide = std::max(targetPicture.cols, targetPicture.rows) * s;
+  if (workSide > kLargestWorkSide || std::min(targetPicture.cols, targetPicture.rows) * s < 2.0) {
+    logger->error("Module {}: work scale {} gives a {}x{} work picture.. Skipping pmodule", narrow(name), s,
+                  targetPicture.cols * s, targetPicture.rows * s);
+    verdict.reason = "work scale " + std::to_string(s) + " gives an unusable work picture size";
+    return false;
+  }
+  const int workWidth = std::max(1, cvRound(targetPicture.cols * s));
+  const int workHeight = std::max(1, cvRound(targetPicture.rows * s));
   const double sx = double(workWidth) / targetPicture.cols, sy = double(workHeight) / targetPicture.rows;
   // Target pixels -> work pixels, as resize maps pixel centres.
   const cv::Matx33d scale(sx, 0, 0.5 * (sx - 1.0), 0, sy, 0.5 * (sy - 1.0), 0, 0, 1);
@@ -234,6 +314,7 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   }
   if (!invertible(prewarp) || !(cv::determinant(prewarp) > 0.0)) {
     logger->error("Module {} has a singular or mirrored placement on the target.. Skipping pmodule", narrow(name));
+    verdict.reason = "singular or mirrored placement on the target";
     return false;
   }
 
@@ -258,9 +339,33 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
                       pictures.target.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT);
   pictures.prepareGrey();
   workingCopies[name] = {Image::fromMat(pictures.module), Image::fromMat(pictures.target)};
-  if (cv::countNonZero(pictures.moduleMask) < 16) {
+  // How much of the module's picture lands on the target's.
+  const double outlineArea = std::fabs(cv::contourArea(landed));
+  const int covered = cv::countNonZero(pictures.moduleMask);
+  verdict.overlapShare = outlineArea > 0.0 ? std::min(1.0, covered / outlineArea) : 0.0;
+  if (covered < 16) {
     logger->error("Module {} does not overlap the target {}.. Skipping pmodule", narrow(name), narrow(target));
+    verdict.reason = "no overlap with the target";
     return false;
+  }
+  if (verdict.overlapShare < kSmallestOverlapShare) {
+    logger->error("Module {}: only {:.1f} % of its picture lies on the target {}; nothing to match", narrow(name),
+                  100.0 * verdict.overlapShare, narrow(target));
+    char text[96];
+    std::snprintf(text, sizeof text, "only %.1f %% of its picture overlaps the target", 100.0 * verdict.overlapShare);
+    verdict.reason = text;
+    errors[name] = FLT_MAX;  // as an estimate that failed: the module went through the driver
+    return true;
+  }
+  {
+    cv::Scalar mean, deviation;
+    cv::meanStdDev(pictures.moduleGrey, mean, deviation, pictures.moduleMask);
+    if (!(deviation[0] >= kLeastTexture)) {
+      logger->error("Module {} shows a blank picture; nothing to match", narrow(name));
+      verdict.reason = "blank picture (no texture)";
+      errors[name] = FLT_MAX;
+      return true;
+    }
   }
 
   // The estimator of the mode; the start is the current placement.
@@ -292,36 +397,58 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   }
   results[name] = result;
 
-  // Accept or reject.
-  const float best = FLT_MAX;
-  EstimateResult accepted;
-  accepted.error = FLT_MAX;
+  // The verdict. The Part's rule first (better than the best error so far,
+  // finite, not mirrored), then whether the pictures support the estimate:
+  // feature pairs spread over the overlap, and the photometric agreement
+  // over the overlap compared with that of the starting placement.
+  const cv::Matx33d startWork = cv::Matx33d::eye();
+  verdict.startCorrelation = overlapCorrelation(pictures, startWork);
   Utils::Matrix4x4 resultMatrix = previous;
-  if (acceptable(result, best)) {
+  Utils::Matrix4x4 candidate = previous;
+  std::string rejection;
+  bool estimated = false;
+  if (mode == MatchToTarget::kKeepMatrix) {
+    rejection = "mode 1 runs no estimator";
+  } else if (!acceptable(result, FLT_MAX)) {
+    rejection = "no estimate could be made (" + describeFailure(result) + ")";
+  } else {
     const cv::Matx33d work(result.homography);
     if (mode == MatchToTarget::kIterative) {
       // A correction on the surface, applied on top of the previous matrix.
       const cv::Matx33d correction =
           normalised(system.backwardLeft * work * system.backwardRight * modulePlanar.inv());
       resultMatrix = withPlanar(Utils::Matrix4x4::identity(), correction);
+      candidate = resultMatrix * previous;
     } else {
       resultMatrix = toResult(name, withPlanar(previous, work));
+      candidate = resultMatrix;
     }
-    const Utils::Matrix4x4 candidate =
-        mode == MatchToTarget::kIterative ? resultMatrix * previous : resultMatrix;
     const cv::Matx33d planar = OrbivaneGeometry::planarHomography(candidate);
-    // Never a non-finite or mirrored matrix: the orientation must stay the previous one's.
-    if (candidate.isFinite() && invertible(planar) &&
-        (cv::determinant(planar) > 0.0) == (cv::determinant(modulePlanar) > 0.0)) {
-      accepted = result;
-    } else {
+    if (!candidate.isFinite() || !invertible(planar) || !(cv::determinant(planar) > 0.0)) {
       logger->warn("Module {}: the estimate gives an unusable matrix; kept the previous one", narrow(name));
+      rejection = "the estimate gives a singular, mirrored or non-finite matrix";
+    } else {
+      rejection = supportProblem(result, pictures.moduleMask, verdict);
+      verdict.correlation = overlapCorrelation(pictures, work);
+      if (rejection.empty()) {
+        if (!(verdict.correlation >= kLeastCorrelation)) {
+          char text[128];
+          std::snprintf(text, sizeof text, "the pictures do not agree after the estimate (correlation %.2f)",
+                        verdict.correlation);
+          rejection = text;
+        } else if (std::isfinite(verdict.startCorrelation) && verdict.correlation < verdict.startCorrelation) {
+          rejection = "the estimate is worse than the starting placement";
+        } else {
+          estimated = true;
+        }
+      }
     }
   }
-  errors[name] = accepted.error;
 
-  // Write back.
-  if (accepted.error < FLT_MAX - 1.0f) {
+  if (estimated) {
+    errors[name] = result.error;
+    verdict.status = ModuleStatus::aligned;
+    verdict.reason.clear();
     if (mode == MatchToTarget::kIterative) {
       if (!grids.empty() && grids.count(name) != 0) geometry->setUVGrid(grids[name]);
       geometry->setMatrix(resultMatrix * previous);
@@ -329,6 +456,32 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
       geometry->setMatrix(resultMatrix);
       if (gridEnabled && !grids.empty() && grids.count(name) != 0) geometry->setUVGrid(grids[name]);
     }
+    verdict.movedPx = largestCornerMove(modulePlanar, OrbivaneGeometry::planarHomography(geometry->matrix()),
+                                        targetPlanar, modulePicture.size(), targetPicture.size());
+  } else if (verdict.startCorrelation >= kLeastCorrelation) {
+    // The starting placement is the better one and the pictures support it:
+    // the module stays exactly where it is.
+    errors[name] = differenceError(pictures.module, pictures.target, startWork);
+    verdict.status = ModuleStatus::aligned;
+    verdict.correlation = verdict.startCorrelation;
+    verdict.reason = mode == MatchToTarget::kKeepMatrix ? std::string() : "kept in place: " + rejection;
+  } else {
+    errors[name] = FLT_MAX;
+    verdict.status = ModuleStatus::failed;
+    if (mode == MatchToTarget::kKeepMatrix) {
+      char text[128];
+      std::snprintf(text, sizeof text, "the placement is not supported by the pictures (correlation %.2f)",
+                    verdict.startCorrelation);
+      rejection = text;
+    }
+    verdict.reason = rejection;
+    logger->warn("Module {} failed: {}; kept its matrix", narrow(name), rejection);
+  }
+  if (result.matchedFeatures && !result.supportDistances.empty() && verdict.status == ModuleStatus::aligned &&
+      estimated) {
+    std::vector<float> distances = result.supportDistances;
+    std::nth_element(distances.begin(), distances.begin() + distances.size() / 2, distances.end());
+    verdict.residualPx = distances[distances.size() / 2] / sx;
   }
   return true;
 }
@@ -365,30 +518,48 @@ CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, c
   }
   workSystems.clear();
 
+  reports.clear();
+  auto skip = [this](const std::wstring& name, ModuleStatus status, const std::string& reason) {
+    ModuleReport& verdict = reports[name];
+    verdict = ModuleReport();
+    verdict.status = status;
+    verdict.reason = reason;
+  };
   for (const auto& name : modules) {
-    if (abort.load()) return camera;
+    if (abort.load()) {
+      for (const auto& rest : modules)
+        if (reports.count(rest) == 0) skip(rest, ModuleStatus::skipped, "aborted before this module");
+      return camera;
+    }
     auto module = camera.findModule(name);
     if (!module) {
       logger->error("Module {} does not exist.. Skipping pmodule", narrow(name));
+      skip(name, ModuleStatus::skipped, "no module of that name in the camera");
       continue;
     }
     report("Calibrating Module " + narrow(name));
     if (module->matrixGeometry() == nullptr) {
       logger->error("Module {} has no Matrix Geometry.. Skipping pmodule", narrow(name));
+      skip(name, ModuleStatus::failed, "no matrix geometry");
       continue;
     }
     const auto imageIt = images.find(name);
     if (imageIt == images.end() || !imageIt->second) {
       logger->error("Module {} has no Image.. Skipping pmodule", narrow(name));
+      skip(name, ModuleStatus::failed, "no picture");
       continue;
     }
-    calibrateModule(name, targetPicture, targetPlanar);
+    if (!calibrateModule(name, targetPicture, targetPlanar)) continue;
     if (callback) {
       callback(progressCurrent, progressTotal, "Finished Module " + narrow(name),
                AdvStepInfo(std::make_shared<const CameraDescription::Orbivane>(camera)));
     }
   }
   normaliseErrors();
+  for (auto& [name, verdict] : reports) {
+    const auto it = errors.find(name);
+    verdict.error = it == errors.end() ? FLT_MAX : it->second;
+  }
 
   if (!abort.load() && m2nCountdown > 1 && mode == MatchToTarget::kIterative) {
     --m2nCountdown;

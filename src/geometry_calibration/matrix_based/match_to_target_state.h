@@ -16,6 +16,7 @@
 
 #include "geometry_calibration/matrix_based/match_to_target_estimate.h"
 #include "orbivane/camera/orbivane.h"
+#include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
@@ -90,9 +91,11 @@ class MatchToTargetState {
   bool gridEnabled = false;
   std::map<std::wstring, Utils::UVGrid> grids;
   std::map<std::wstring, std::vector<cv::Point2f>> gridDisplacements;  // per grid point, target work pixels
+  std::map<std::wstring, ModuleReport> reports;  // the verdicts of the last run
 
  private:
-  // One module of the loop (steps 3 to 10); false when it was skipped.
+  // One module of the loop (steps 5 to 9); false when it was skipped before
+  // an estimator could run (its report says why).
   bool calibrateModule(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar);
 };
 

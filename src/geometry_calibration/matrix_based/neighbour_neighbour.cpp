@@ -34,5 +34,9 @@ const std::list<NeighbourNeighbour::PairTranslation>& NeighbourNeighbour::transl
   return impl_->translations();
 }
 
+const std::list<GeometryCalibration::PairReport>& NeighbourNeighbour::pairReports() const {
+  return impl_->pairReports();
+}
+
 }  // namespace MatrixBased
 }  // namespace GeometryCalibration

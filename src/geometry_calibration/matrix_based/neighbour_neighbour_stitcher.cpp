@@ -1,7 +1,9 @@
 // The walk of neighbour stitching along a chain of modules.
 #include "geometry_calibration/matrix_based/neighbour_neighbour_stitcher.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <stdexcept>
 
 #include <opencv2/imgproc.hpp>
@@ -18,6 +20,9 @@ namespace {
 constexpr int kRgbToGrey = 7;             // OpenCV's RGB-to-grey conversion code
 constexpr double kMinimumWeight = 0.001;  // the smallest anchor weight a module keeps
 constexpr double kPi = 3.14159265358979323846;
+// Normalised cross-correlation over the overlap below which a pair's
+// pictures are taken not to show the same scene, and nothing is applied.
+constexpr double kMinimumPairCorrelation = 0.5;
 
 std::string narrow(const std::wstring& name) { return Utils::toUtf8(name); }
 
@@ -32,7 +37,72 @@ Utils::Optional<Utils::SurfaceQuad> moduleRectangle(const Utils::Matrix4x4& matr
   return quad;
 }
 
+// A placement a pair can be aligned through: finite, invertible, not mirrored.
+bool usablePlacement(const cv::Matx33d& h) {
+  for (int k = 0; k < 9; ++k)
+    if (!std::isfinite(h.val[k])) return false;
+  const double scale = cv::norm(h, cv::NORM_INF);
+  const double det = cv::determinant(h);
+  return scale > 0.0 && det > 1e-12 * scale * scale * scale;
+}
+
+cv::Point2d applyHomography(const cv::Matx33d& h, const cv::Point2d& p) {
+  const cv::Vec3d q = h * cv::Vec3d(p.x, p.y, 1.0);
+  return cv::Point2d(q[0] / q[2], q[1] / q[2]);
+}
+
+// The first picture's pixels that the second picture covers (through the
+// homography from the second's pixels to the first's), kept clear of its
+// border by a few pixels so resampling never reads beyond it.
+cv::Mat coveredMask(const cv::Matx33d& secondToFirst, cv::Size size) {
+  constexpr int kBorder = 3;  // pixels
+  cv::Mat inside(size, CV_8U, cv::Scalar(0));
+  inside(cv::Rect(kBorder, kBorder, std::max(0, size.width - 2 * kBorder), std::max(0, size.height - 2 * kBorder)))
+      .setTo(255);
+  cv::Mat mask;
+  cv::warpPerspective(inside, mask, cv::Mat(secondToFirst), size, cv::INTER_NEAREST, cv::BORDER_CONSTANT);
+  return mask;
+}
+
+// Where the correction is measured: the middle of the compared overlap.
+cv::Point2d overlapCentre(const cv::Mat& mask, const cv::Point2d& t, cv::Size size) {
+  const cv::Rect rect = comparisonRectangle(TranslationAligner::kOverlapMode, cvRound(t.x), cvRound(t.y), size) &
+                        cv::Rect(0, 0, size.width, size.height);
+  if (!mask.empty() && !rect.empty()) {
+    const cv::Moments m = cv::moments(mask(rect), true);
+    if (m.m00 > 0) return cv::Point2d(rect.x + m.m10 / m.m00, rect.y + m.m01 / m.m00);
+  }
+  if (rect.empty()) return cv::Point2d(0.5 * size.width, 0.5 * size.height);
+  return cv::Point2d(rect.x + 0.5 * (rect.width - 1), rect.y + 0.5 * (rect.height - 1));
+}
+
 }  // namespace
+
+PairPrewarp pairPrewarp(const cv::Matx33d& firstPlanar, const cv::Matx33d& secondPlanar, cv::Size size, double x0,
+                        double y0, double sx, double sy) {
+  PairPrewarp result;
+  const cv::Matx33d toPixels = OrbivaneGeometry::textureToPixels(size.width, size.height);
+  const cv::Matx33d toTexture = OrbivaneGeometry::pixelsToTexture(size.width, size.height);
+  const cv::Matx33d secondToFirst = toPixels * firstPlanar.inv() * secondPlanar * toTexture;
+  if (!usablePlacement(secondToFirst)) return result;
+  const cv::Matx33d model(sx, 0, x0, 0, sy, y0, 0, 0, 1);
+  cv::Matx33d resample = secondToFirst.inv() * model;
+  resample *= 1.0 / resample(2, 2);
+  if (!usablePlacement(resample)) return result;
+  result.valid = true;
+  result.secondToFirst = secondToFirst;
+  result.resample = resample;
+  // Upright when the resampling moves no corner of the picture by more than
+  // a thousandth of a pixel.
+  double largest = 0.0;
+  for (const cv::Point2d corner : {cv::Point2d(0, 0), cv::Point2d(size.width - 1, 0),
+                                   cv::Point2d(size.width - 1, size.height - 1), cv::Point2d(0, size.height - 1)}) {
+    const cv::Point2d moved = applyHomography(resample, corner);
+    largest = std::max(largest, std::hypot(moved.x - corner.x, moved.y - corner.y));
+  }
+  result.upright = largest < kUprightTolerance;
+  return result;
+}
 
 NeighbourStitcher::NeighbourStitcher(const CameraDescription::Orbivane& camera, Images images, int levels,
                                      int iterations, float step)
@@ -44,6 +114,9 @@ NeighbourStitcher::NeighbourStitcher(const CameraDescription::Orbivane& camera, 
 std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& first, const std::wstring& second,
                                                          bool apply) {
   lastAlignment_ = TranslationResult();
+  lastPair_ = GeometryCalibration::PairReport();
+  lastPair_.first = first;
+  lastPair_.second = second;
   // Lookups: a missing module or picture is the caller's mistake.
   auto lookupImage = [this](const std::wstring& name) {
     const auto it = images_.find(name);
@@ -61,29 +134,42 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
   const auto secondImage = lookupImage(second);
   const auto firstModule = lookupModule(first);
   const auto secondModule = lookupModule(second);
+  auto notMeasured = [this](const std::string& reason) {
+    lastPair_.reason = reason;
+    return std::pair<float, float>(0.0f, 0.0f);
+  };
 
   for (const auto& module : {firstModule, secondModule}) {
     if (module->matrixGeometry() == nullptr) {
       logger_->warn("Module {} has no Matrix Geometry.. Skipping pmodule", narrow(module->name()));
-      return {0.0f, 0.0f};
+      return notMeasured("module " + narrow(module->name()) + " has no matrix geometry");
     }
   }
+  const Utils::Matrix4x4 firstMatrix = firstModule->matrixGeometry()->matrix();
   const Utils::Matrix4x4 secondMatrix = secondModule->matrixGeometry()->matrix();
-  const auto firstRect = moduleRectangle(firstModule->matrixGeometry()->matrix());
+  const auto firstRect = moduleRectangle(firstMatrix);
   const auto secondRect = moduleRectangle(secondMatrix);
-  if (!firstRect || !secondRect) {
+  const cv::Matx33d firstPlanar = OrbivaneGeometry::planarHomography(firstMatrix);
+  const cv::Matx33d secondPlanar = OrbivaneGeometry::planarHomography(secondMatrix);
+  if (!firstRect || !secondRect || !usablePlacement(firstPlanar) || !usablePlacement(secondPlanar)) {
     logger_->warn("Modules {} and {}: a matrix does not place its picture on the surface; skipping the pair",
                   narrow(first), narrow(second));
-    return {0.0f, 0.0f};
+    return notMeasured("singular, mirrored or non-finite matrix");
   }
 
   cv::Mat firstGrey, secondGrey;
   {
-    const cv::Mat firstColour = Image::toMat(firstImage);
-    const cv::Mat secondColour = Image::toMat(secondImage);
+    cv::Mat firstColour, secondColour;
+    try {
+      firstColour = Image::toMat(firstImage);
+      secondColour = Image::toMat(secondImage);
+    } catch (const std::exception& e) {
+      logger_->warn("Modules {} and {}: {}; skipping the pair", narrow(first), narrow(second), e.what());
+      return notMeasured(std::string("unreadable picture: ") + e.what());
+    }
     if (firstColour.empty() || secondColour.empty()) {
       logger_->warn("Modules {} and {}: empty picture; skipping the pair", narrow(first), narrow(second));
-      return {0.0f, 0.0f};
+      return notMeasured("empty picture");
     }
     cv::cvtColor(firstColour, firstGrey, kRgbToGrey);
     cv::cvtColor(secondColour, secondGrey, kRgbToGrey);
@@ -106,19 +192,68 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
   const double sx = (double(secondRect->right()) - secondRect->left()) / wA;
   const double sy = (double(secondRect->bottom()) - secondRect->top()) / hA;
 
-  lastAlignment_ = aligner_.align(firstGrey, secondGrey, cv::Point2d(x0, y0), sx, sy);
-  const cv::Point2d t = lastAlignment_.translation;
-  float dx = static_cast<float>((t.x - x0) / width * wA);
-  float dy = static_cast<float>((t.y - y0) / height * hA);
-  if (!std::isfinite(dx) || !std::isfinite(dy)) dx = dy = 0.0f;
-  if (lastAlignment_.clamped) {
-    logger_->warn("Modules {} and {}: the alignment left the overlap and was held at its edge", narrow(first),
-                  narrow(second));
+  // The aligner models the second picture as scaled by (sx, sy) and moved by
+  // (x0, y0) in the first's pixels, which is exact for upright modules. The
+  // turn, shear and keystone the two matrices hold beyond that are taken out
+  // first: the second picture is resampled so that the model holds for the
+  // current placement, and only the pixels of the first picture that the
+  // second one really covers are compared.
+  const PairPrewarp prewarp = pairPrewarp(firstPlanar, secondPlanar, cv::Size(width, height), x0, y0, sx, sy);
+  if (!prewarp.valid) return notMeasured("singular, mirrored or non-finite matrix");
+  cv::Mat secondAligned = secondGrey;
+  cv::Mat firstMask;
+  if (!prewarp.upright) {
+    cv::warpPerspective(secondGrey, secondAligned, cv::Mat(prewarp.resample), secondGrey.size(),
+                        cv::INTER_CUBIC | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
+    firstMask = coveredMask(prewarp.secondToFirst, cv::Size(width, height));
   }
+  aligner_.setFirstMask(firstMask);
+
+  lastAlignment_ = aligner_.align(firstGrey, secondAligned, cv::Point2d(x0, y0), sx, sy);
+  const TranslationResult& found = lastAlignment_;
+  if (found.depth == 0) {
+    return notMeasured("pictures too small for one pyramid level (under 80 pixels a side, or depth 0)");
+  }
+  if (found.levelsAligned == 0) {
+    const cv::Rect overlap = comparisonRectangle(TranslationAligner::kOverlapMode, cvRound(x0), cvRound(y0),
+                                                 firstGrey.size()) &
+                             cv::Rect(0, 0, width, height);
+    return notMeasured(overlap.area() < 64 ? "no overlap" : "no texture in the overlap");
+  }
+  lastPair_.correlation = found.correlation;
+  lastPair_.overlapPixels = found.comparedPixels;
+  if (found.clamped) {
+    logger_->warn("Modules {} and {}: the alignment left the overlap; nothing applied", narrow(first),
+                  narrow(second));
+    return notMeasured("the alignment left the overlap");
+  }
+  if (!(found.correlation >= kMinimumPairCorrelation)) {
+    logger_->warn("Modules {} and {}: the pictures do not agree in the overlap (correlation {:.2f}); nothing applied",
+                  narrow(first), narrow(second), found.correlation);
+    char text[96];
+    std::snprintf(text, sizeof text, "the pictures do not agree in the overlap (correlation %.2f)",
+                  found.correlation);
+    return notMeasured(text);
+  }
+
+  // The pixel correction, as a surface translation measured where the
+  // pictures overlap.
+  const cv::Point2d moved = found.translation - cv::Point2d(x0, y0);
+  const cv::Point2d centre = overlapCentre(firstMask, found.translation, firstGrey.size());
+  const cv::Matx33d toSurface = firstPlanar * OrbivaneGeometry::pixelsToTexture(width, height);
+  const cv::Point2d from = applyHomography(toSurface, centre);
+  const cv::Point2d to = applyHomography(toSurface, centre + moved);
+  float dx = static_cast<float>(to.x - from.x);
+  float dy = static_cast<float>(to.y - from.y);
+  if (!std::isfinite(dx) || !std::isfinite(dy)) return notMeasured("the correction is not finite");
 
   if (apply) {
     secondModule->matrixGeometry()->setMatrix(Utils::Matrix4x4::translation(dx, dy) * secondMatrix);
   }
+  lastPair_.measured = true;
+  lastPair_.dx = dx;
+  lastPair_.dy = dy;
+  lastPair_.shiftPx = std::hypot(moved.x, moved.y);
   logger_->info("Stitching Modules: {} {}", narrow(first), narrow(second));
   return {dx, dy};
 }
@@ -218,6 +353,7 @@ CameraDescription::Orbivane NeighbourStitcher::calibrate(const std::list<std::ws
                                                          const std::wstring& reference) {
   const std::vector<std::wstring> names(modules.begin(), modules.end());
   translations_.clear();
+  pairReports_.clear();
   step_ = 0;
   totalSteps_ = names.empty() ? 0 : static_cast<int>(names.size());  // the pairs, then the adjustment
 
@@ -231,6 +367,7 @@ CameraDescription::Orbivane NeighbourStitcher::calibrate(const std::list<std::ws
     const auto [dx, dy] = calibratePair(names[i - 1], names[i], true);
     shiftModules(names, i + 1, dx, dy);
     translations_.push_back({names[i - 1], names[i], dx, dy});
+    pairReports_.push_back(lastPair_);
     report("Stitching Modules " + narrow(names[i - 1]) + " and " + narrow(names[i]), names[i], names[i - 1],
            {{"dx", dx},
             {"dy", dy},

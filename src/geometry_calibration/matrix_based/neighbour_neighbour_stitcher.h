@@ -17,6 +17,7 @@
 
 #include "geometry_calibration/matrix_based/translation_aligner.h"
 #include "orbivane/camera/orbivane.h"
+#include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
@@ -24,6 +25,23 @@
 
 namespace GeometryCalibration {
 namespace MatrixBased {
+
+// How the second picture of a pair is resampled before the translation
+// alignment. `secondToFirst` maps the second picture's pixels to the first's
+// through the two matrices; `resample` maps pixels of the resampled picture
+// to the second picture's pixels, such that the aligner's model (scale
+// (sx, sy), move (x0, y0)) holds exactly for the current placement.
+// `upright`: the resampling is the identity within kUprightTolerance pixels
+// (upright, axis-aligned modules), and the picture is used as it is.
+struct PairPrewarp {
+  bool valid = false;
+  bool upright = false;
+  cv::Matx33d secondToFirst = cv::Matx33d::eye();
+  cv::Matx33d resample = cv::Matx33d::eye();
+};
+constexpr double kUprightTolerance = 1e-3;  // pixels
+PairPrewarp pairPrewarp(const cv::Matx33d& firstPlanar, const cv::Matx33d& secondPlanar, cv::Size size, double x0,
+                        double y0, double sx, double sy);
 
 class NeighbourStitcher {
  public:
@@ -56,6 +74,9 @@ class NeighbourStitcher {
   const std::list<NeighbourNeighbour::PairTranslation>& translations() const { return translations_; }
   // The aligner's outcome for the last pair (pixels of the first picture).
   const TranslationResult& lastAlignment() const { return lastAlignment_; }
+  // What the last calibratePair found, and the pairs of the last calibrate.
+  const GeometryCalibration::PairReport& lastPair() const { return lastPair_; }
+  const std::list<GeometryCalibration::PairReport>& pairReports() const { return pairReports_; }
 
   // The anchor weight of position i in a chain of n modules.
   static double anchorWeight(std::size_t i, std::size_t n);
@@ -71,6 +92,8 @@ class NeighbourStitcher {
   TranslationAligner aligner_;
   std::list<NeighbourNeighbour::PairTranslation> translations_;
   TranslationResult lastAlignment_;
+  GeometryCalibration::PairReport lastPair_;
+  std::list<GeometryCalibration::PairReport> pairReports_;
   int step_ = 0;
   int totalSteps_ = 0;
 };

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include <opencv2/imgproc.hpp>
@@ -172,7 +173,18 @@ TranslationResult TranslationAligner::align(const cv::Mat& first, const cv::Mat&
       rect = cv::Rect();
     }
 
-    if (rect.width >= kMinimumRectangle && rect.height >= kMinimumRectangle && prepareLevel(firstFloat, rect)) {
+    // The mask at this level: only elements whose whole footprint is usable.
+    cv::Mat levelMask;
+    if (!firstMask_.empty() && firstMask_.size() == first.size()) {
+      if (level == 0) {
+        levelMask = firstMask_;
+      } else {
+        cv::resize(firstMask_, levelMask, firstFloat.size(), 0, 0, cv::INTER_AREA);
+        cv::compare(levelMask, 254, levelMask, cv::CMP_GE);
+      }
+    }
+    if (rect.width >= kMinimumRectangle && rect.height >= kMinimumRectangle &&
+        prepareLevel(firstFloat, rect, levelMask)) {
       // The part of the second picture this level samples, with room for the
       // translation to move and for the recursive filter to settle.
       const int slack = kSplineSettle + kSampleSlack;
@@ -186,8 +198,15 @@ TranslationResult TranslationAligner::align(const cv::Mat& first, const cv::Mat&
         secondFloat(sampled).copyTo(current_->coefficients);
         splinePrefilter(current_->coefficients);
         origin_ = sampled.tl();
+        bool stepped = false;
         for (int i = 0; i < iterations_; ++i) {
           if (!stepLevel(rect, t, sx, sy, &result.correlation)) break;
+          stepped = true;
+        }
+        if (stepped) {
+          ++result.levelsAligned;
+          result.comparedPixels = levelMask.empty() ? rect.area() : cv::countNonZero(levelMask(rect));
+          if (level > 0) result.comparedPixels <<= (2 * level);
         }
       }
     }
@@ -206,7 +225,7 @@ TranslationResult TranslationAligner::align(const cv::Mat& first, const cv::Mat&
   return result;
 }
 
-bool TranslationAligner::prepareLevel(const cv::Mat& first, const cv::Rect& rect) {
+bool TranslationAligner::prepareLevel(const cv::Mat& first, const cv::Rect& rect, const cv::Mat& mask) {
   // Derivative kernels of fourth order (five taps); filtering the rectangle
   // of the whole level uses the real neighbours outside the rectangle.
   static const cv::Matx<float, 1, 5> kDerivative(1.0f / 12, -8.0f / 12, 0.0f, 8.0f / 12, -1.0f / 12);
@@ -233,9 +252,10 @@ bool TranslationAligner::prepareLevel(const cv::Mat& first, const cv::Rect& rect
     const float* gy = current_->gradY.ptr<float>(y);
     const float* lap = current_->laplacian.ptr<float>(y);
     float* w = current_->weight.ptr<float>(y);
+    const std::uint8_t* usable = mask.empty() ? nullptr : mask.ptr<std::uint8_t>(rect.y + y) + rect.x;
     float lane[kSums][kLanes] = {};
     auto add = [&](int x, int j) {
-      const float wi = 1.0f / (1.0f + lap[x] * scale);
+      const float wi = (usable == nullptr || usable[x] != 0) ? 1.0f / (1.0f + lap[x] * scale) : 0.0f;
       w[x] = wi;
       const float wgx = wi * gx[x];
       const float wgy = wi * gy[x];

@@ -46,6 +46,8 @@ struct TranslationResult {
   int depth = 0;            // pyramid depth L used; 0: nothing was processed
   double correlation = 0;   // normalised correlation over the last rectangle, -1..1 (0 if none)
   bool clamped = false;     // the result was held within the overlap
+  int levelsAligned = 0;    // levels on which at least one step was made
+  int comparedPixels = 0;   // pixels of the first picture compared on the finest level aligned
 };
 
 class TranslationAligner {
@@ -60,10 +62,16 @@ class TranslationAligner {
   // update that is not finite or would leave the overlap is refused.
   TranslationResult align(const cv::Mat& first, const cv::Mat& second, cv::Point2d start, double sx, double sy);
 
+  // Restricts the comparison to the pixels of the first picture where `mask`
+  // (8-bit, the first picture's size) is non-zero, for example where a
+  // pre-warped second picture has content. An empty mask compares wherever
+  // the rectangle rule allows (the default). Kept for later calls.
+  void setFirstMask(const cv::Mat& mask) { firstMask_ = mask; }
+
  private:
   // Prepares the per-level data of the first picture over `rect`; false when
   // the rectangle carries no structure to align on.
-  bool prepareLevel(const cv::Mat& first, const cv::Rect& rect);
+  bool prepareLevel(const cv::Mat& first, const cv::Rect& rect, const cv::Mat& mask);
   // One Gauss-Newton step on the current level; updates `t`. Returns false
   // when the system is singular (no update made).
   bool stepLevel(const cv::Rect& rect, cv::Point2d& t, double sx, double sy, double* correlation);
@@ -72,6 +80,7 @@ class TranslationAligner {
   int iterations_;
   float step_;
   int mode_;
+  cv::Mat firstMask_;
 
   // Per-level working data, reused between levels and calls.
   std::vector<cv::Mat> firstPyramid_, secondPyramid_;  // 8-bit Gaussian pyramids

@@ -44,6 +44,7 @@
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/camera/orbivane_module.h"
 #include "orbivane/export.h"
+#include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/adv_step_info.h"
 #include "orbivane/image/universal_image_interface.h"
 #include "orbivane/utils/matrix4x4.h"
@@ -113,6 +114,22 @@ class ORBIVANE_EXPORT MatchToTarget {
   std::map<std::wstring, float> error() const;
   // The module's error; the largest float when it has none.
   float error(const std::wstring& module) const;
+
+  // The verdict of the last `calibrate` for every listed name (see
+  // orbivane/geometry_calibration/calibration_report.h). An estimate is
+  // accepted only when it is supported: in mode 0 at least 12 feature pairs
+  // agree with it (within 3 work pixels) and they lie in at least 4 of the 9
+  // cells of the overlap; the module's picture covers at least 10 % of its
+  // area on the target; and its normalised cross-correlation with the target
+  // over the overlap is at least 0.5 and not below that of the starting
+  // placement (the better of the two is kept: a module already in place
+  // stays exactly as it was, and counts as aligned). Otherwise the module has
+  // failed and keeps its matrix exactly, and its error is the largest float
+  // before normalisation. Mode 1 runs no estimator: each module is "aligned"
+  // when its current placement passes the correlation check, else "failed".
+  // Names that are not in the camera, and names the run did not reach
+  // before an abort, are "skipped".
+  std::map<std::wstring, GeometryCalibration::ModuleReport> moduleReports() const;
 
   // The module's working copies of the last run: its picture warped into the
   // work system and the target's picture at the work scale.

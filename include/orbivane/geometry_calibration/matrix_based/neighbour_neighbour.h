@@ -7,6 +7,15 @@
 // panorama surface by that amount. Every module after it is moved by the same
 // amount, so the rest of the chain keeps its relative placement.
 //
+// The pair alignment respects the modules' current placement: before it
+// measures, the second picture is resampled through the two matrices so that
+// a turn, scale, shear or keystone that the matrices already hold between
+// the modules is not read as a translation; only the pixels of the first
+// picture that the second one covers are compared. For upright, axis-aligned
+// modules the resampling is the identity and the pictures are used as they
+// are. The correction is measured at the middle of the overlap and converted
+// into a surface translation there.
+//
 // Units and conventions (orbivane/geometry/surface_projection.h): a module's
 // matrix maps its picture's unit square onto the surface; its rectangle is the
 // bounding box of that quad, in normalised surface units. A correction
@@ -38,6 +47,7 @@
 
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/export.h"
+#include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
 
@@ -79,6 +89,15 @@ class ORBIVANE_EXPORT NeighbourNeighbour {
     float dy = 0.0f;
   };
   const std::list<PairTranslation>& translations() const;
+
+  // What the last `calibrate` found for each pair, in chain order: measured
+  // (the correction was applied) or not, with the reason (a module without
+  // matrix geometry; a singular, mirrored or non-finite matrix; an empty or
+  // unreadable picture; pictures too small for one pyramid level; no
+  // overlap; no texture in the overlap; an alignment that left the overlap;
+  // pictures that do not agree in the overlap, normalised correlation below
+  // 0.5). A pair that is not measured moves nothing.
+  const std::list<GeometryCalibration::PairReport>& pairReports() const;
 
  private:
   std::pair<float, float> calibratePair(std::wstring first, std::wstring second, bool apply);

@@ -1,0 +1,121 @@
+// The whole geometry calibration of one camera, step after step, each step
+// on the previous step's result:
+//   "match"     target matching (MatchToTarget, mode 0 by default) of the
+//               listed modules to the target module's picture;
+//   "neighbour" neighbour stitching (NeighbourNeighbour) along the listed
+//               modules in their order, anchored on the reference module
+//               (default: the middle one);
+//   "clip"      automatic clipping (AutoClipping, geometry mode): the
+//               rectangle found is stored as the camera's clipping;
+//   "shader"    the shader parameter search (ShaderBruteForcer) of every
+//               listed module that has a lens shader, against the target's
+//               picture; the best parameter set is kept.
+// A module that fails a step keeps its matrix and is left out of the later
+// steps (reported "skipped" there); the other modules go on. After every
+// step the pipeline measures the seams between neighbouring modules itself
+// (measureSeams), independently of the calibrators.
+//
+// Units: seam residuals are in panorama pixels at the first module's pixel
+// density (one module pixel = one panorama pixel); times in seconds.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "orbivane/camera/orbivane.h"
+#include "orbivane/export.h"
+#include "orbivane/geometry_calibration/calibration_report.h"
+#include "orbivane/geometry_calibration/status_callback.h"
+#include "orbivane/image/universal_image_interface.h"
+
+namespace GeometryCalibration {
+namespace MatrixBased {
+class MatchToTarget;
+}
+
+struct PipelineOptions {
+  std::wstring target;              // the module whose picture the others are matched to ("match", "shader")
+  std::list<std::wstring> modules;  // empty: every module of the camera except the target, in camera order
+  std::vector<std::string> steps = {"match", "neighbour", "clip"};
+  std::wstring reference;           // neighbour stitching's anchor; empty: the middle module of the chain
+  int matchMode = 0;                // MatchToTarget's mode (0..3)
+  int levels = 4, iterations = 6;   // neighbour stitching's pyramid levels and steps per level
+  float step = 1.0f;
+  bool requireOverlap = false, keepAspect = false;  // clipping's geometry mode
+  float clipThreshold = 0.5f;
+
+  // Empty when the options can be used; otherwise what is wrong, one line.
+  std::string validate() const;
+};
+
+// One neighbouring pair's seam, measured on the panorama: the shift that lays
+// the second module's picture onto the first's over their overlap
+// (enhanced-correlation alignment, translation only, on both pictures drawn
+// through their matrices).
+struct SeamResidual {
+  std::wstring first, second;
+  bool measured = false;
+  std::string reason;            // why not measured
+  double dx = 0.0, dy = 0.0;     // panorama pixels
+  double px = 0.0;               // length of (dx, dy)
+  int overlapPixels = 0;
+};
+
+struct StepReport {
+  std::string step;
+  double seconds = 0.0;
+  // Per listed module: what the step did with it. For "neighbour" a module is
+  // aligned when the pair that ends in it was measured (the chain's first
+  // module is aligned when the chain ran).
+  std::map<std::wstring, ModuleReport> modules;
+  std::list<PairReport> pairs;   // "neighbour" only
+  std::vector<float> clipping;   // "clip" only: left, top, right, bottom (surface units)
+  std::vector<SeamResidual> seams;  // measured after the step
+  CameraDescription::Orbivane camera;  // the camera after the step
+};
+
+class ORBIVANE_EXPORT CalibrationPipeline {
+ public:
+  using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+  CalibrationPipeline(const CameraDescription::Orbivane& camera, Images images);
+
+  // Progress of the step that runs, as its calibrator reports it; the text
+  // is prefixed with the step's name.
+  void registerStatusCallback(StatusCallback callback);
+  // From another thread: the running step stops at its next module and the
+  // pipeline returns what it has.
+  void abort();
+  bool aborted() const { return abort_.load(); }
+
+  // Runs the steps; throws std::invalid_argument when the options are not
+  // valid (validate()). Returns the calibrated camera.
+  CameraDescription::Orbivane run(const PipelineOptions& options);
+
+  // The seams measured on the camera as given, before any step.
+  const std::vector<SeamResidual>& seamsBefore() const { return seamsBefore_; }
+  const std::vector<StepReport>& steps() const { return steps_; }
+  // Each listed module's verdict over all steps: the first step that did not
+  // align it decides; aligned when every step did.
+  std::map<std::wstring, ModuleReport> verdicts() const;
+
+  // Measures the seam of every consecutive pair of `chain` on `camera`.
+  static std::vector<SeamResidual> measureSeams(const CameraDescription::Orbivane& camera, const Images& images,
+                                                const std::list<std::wstring>& chain);
+
+ private:
+  CameraDescription::Orbivane camera_;
+  Images images_;
+  StatusCallback callback_;
+  std::atomic<bool> abort_{false};
+  std::vector<SeamResidual> seamsBefore_;
+  std::vector<StepReport> steps_;
+  std::list<std::wstring> listed_;
+  std::atomic<MatrixBased::MatchToTarget*> runningMatch_{nullptr};
+};
+
+}  // namespace GeometryCalibration
