@@ -17,7 +17,15 @@ struct CommandError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Exit statuses: 0 all done, 1 error, 3 finished but some listed module or
+// pair could not be calibrated, 130 interrupted (Ctrl-C). A command that
+// finishes sets its status here; main returns it.
+constexpr int kExitFailedModules = 3;
+constexpr int kExitInterrupted = 130;
+int& exitStatus();
+
 void addCameraCommands(CLI::App& app);
+void addCalibrateCommand(CLI::App& app);
 void addBlurCommand(CLI::App& app);
 void addFisheyeCommand(CLI::App& app);
 void addResolutionCommand(CLI::App& app);

@@ -2,8 +2,10 @@
 // to a target module's picture and writes the corrected camera file. With
 // "--recordings RECORDINGS.json" the pictures come from the recordings: for
 // each module a moment without persons (SmartFinderMatchToTarget).
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <iostream>
@@ -24,6 +26,7 @@
 #include "orbivane/utils/wide_text.h"
 #include "interrupt_watch.h"
 #include "progress.h"
+#include "report_json.h"
 
 namespace Tool {
 namespace {
@@ -67,14 +70,34 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
   const auto saved = CameraDescription::saveCameraFile(result, options.out);
   if (!saved) throw CommandError(saved.error());
   nlohmann::json errors = nlohmann::json::object();
-  for (const auto& [name, value] : calibrator.error()) {
-    std::cout << Utils::toUtf8(name) << ": error " << value << "\n";
-    errors[Utils::toUtf8(name)] = value;
+  for (const auto& [name, value] : calibrator.error()) errors[Utils::toUtf8(name)] = value;
+  nlohmann::json modules = nlohmann::json::object();
+  int notAligned = 0;
+  for (const auto& [name, verdict] : calibrator.moduleReports()) {
+    const std::string text = Utils::toUtf8(name);
+    modules[text] = moduleReportJson(verdict);
+    std::cout << text << ": " << GeometryCalibration::statusName(verdict.status);
+    if (verdict.error < 3.0e38f) std::cout << ", error " << verdict.error;
+    if (std::isfinite(verdict.residualPx)) std::cout << ", residual " << verdict.residualPx << " px";
+    if (std::isfinite(verdict.correlation)) std::cout << ", correlation " << verdict.correlation;
+    if (verdict.movedPx > 0) std::cout << ", moved " << verdict.movedPx << " px";
+    if (!verdict.reason.empty()) std::cout << " (" << verdict.reason << ")";
+    std::cout << "\n";
+    if (verdict.status != GeometryCalibration::ModuleStatus::aligned) {
+      ++notAligned;
+      std::cerr << "orbivane-calibrate: module " << text << " " << GeometryCalibration::statusName(verdict.status)
+                << ": " << verdict.reason << "\n";
+    }
   }
   report();
   if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
   std::cout << "wrote " << options.out << std::endl;
-  if (options.json) std::cout << nlohmann::json{{"errors", errors}}.dump() << std::endl;
+  if (options.json) std::cout << nlohmann::json{{"modules", modules}, {"errors", errors}}.dump() << std::endl;
+  if (interrupted) {
+    exitStatus() = kExitInterrupted;
+  } else if (notAligned > 0) {
+    exitStatus() = kExitFailedModules;
+  }
 }
 
 void runMatch(const MatchOptions& options) {
@@ -122,6 +145,10 @@ void runMatch(const MatchOptions& options) {
     for (const auto& name : options.modules) {
       const std::wstring wide = Utils::fromUtf8(name);
       if (!camera.findModule(wide)) throw CommandError("unknown module '" + name + "' in " + options.camera);
+      if (std::find(names.begin(), names.end(), wide) != names.end()) {
+        std::cerr << "orbivane-calibrate: module " << name << " is listed more than once; calibrated once\n";
+        continue;
+      }
       names.push_back(wide);
     }
   }
@@ -211,7 +238,8 @@ void addMatchToTargetCommand(CLI::App& app) {
                       "Work scale: > 0 fixed, < 0 the target's own resolution, 0 from the placement")
       ->capture_default_str();
   command->add_option("--out", options.out, "Where to write the corrected camera file")->required();
-  command->add_flag("--json", options.json, "Print the errors as one JSON object on the last line");
+  command->add_flag("--json", options.json,
+                    "Print each module's verdict and the errors as one JSON object on the last line");
   command->add_option("--recordings", options.recordings,
                       "Recordings index: take each module's picture from a moment of its recordings without persons");
   command->add_option("--from", options.from, "With --recordings: start of the time window (ISO-8601 UTC or ms)");

@@ -15,6 +15,7 @@
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
+#include "report_json.h"
 
 namespace Tool {
 namespace {
@@ -75,15 +76,25 @@ void runNeighbour(const NeighbourOptions& options) {
   const auto saved = CameraDescription::saveCameraFile(result, options.out);
   if (!saved) throw CommandError(saved.error());
 
-  nlohmann::json translations = nlohmann::json::array();
-  for (const auto& pair : calibrator.translations()) {
+  nlohmann::json pairs = nlohmann::json::array();
+  int notMeasured = 0;
+  for (const auto& pair : calibrator.pairReports()) {
     const std::string first = Utils::toUtf8(pair.first);
     const std::string second = Utils::toUtf8(pair.second);
-    std::cout << first << " -> " << second << ": dx " << pair.dx << ", dy " << pair.dy << " (surface units)\n";
-    translations.push_back({{"first", first}, {"second", second}, {"dx", pair.dx}, {"dy", pair.dy}});
+    pairs.push_back(pairReportJson(pair));
+    if (pair.measured) {
+      std::cout << first << " -> " << second << ": dx " << pair.dx << ", dy " << pair.dy << " (surface units), "
+                << pair.shiftPx << " px, correlation " << pair.correlation << "\n";
+    } else {
+      ++notMeasured;
+      std::cout << first << " -> " << second << ": not measured (" << pair.reason << ")\n";
+      std::cerr << "orbivane-calibrate: pair " << first << " -> " << second << " not measured: " << pair.reason
+                << "\n";
+    }
   }
   std::cout << "wrote " << options.out << std::endl;
-  if (options.json) std::cout << nlohmann::json{{"translations", translations}}.dump() << std::endl;
+  if (options.json) std::cout << nlohmann::json{{"pairs", pairs}}.dump() << std::endl;
+  if (notMeasured > 0) exitStatus() = kExitFailedModules;
 }
 
 }  // namespace
@@ -108,7 +119,7 @@ void addNeighbourCommand(CLI::App& app) {
       ->check(CLI::Range(0.001f, 2.0f))
       ->capture_default_str();
   command->add_option("--out", options.out, "Where to write the corrected camera file")->required();
-  command->add_flag("--json", options.json, "Print the translations as one JSON object on the last line");
+  command->add_flag("--json", options.json, "Print each pair's record as one JSON object on the last line");
   command->callback([] { runNeighbour(options); });
 }
 

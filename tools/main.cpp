@@ -56,6 +56,7 @@ int main(int argc, char** argv) {
   Tool::addFindFramesCommand(app);
   Tool::addPanoramaCommand(app);
   Tool::addDemoCommand(app);
+  Tool::addCalibrateCommand(app);
 
   try {
     app.parse(argc, argv);
@@ -68,5 +69,5 @@ int main(int argc, char** argv) {
     std::cerr << "orbivane-calibrate: " << e.what() << std::endl;
     return 1;
   }
-  return 0;
+  return Tool::exitStatus();
 }

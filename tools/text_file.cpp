@@ -6,6 +6,11 @@
 
 namespace Tool {
 
+int& exitStatus() {
+  static int status = 0;
+  return status;
+}
+
 void writeTextAtomically(const std::string& path, const std::string& text) {
   const std::string temporary = path + ".tmp";
   {

@@ -195,10 +195,12 @@ std::map<std::wstring, ModuleReport> CalibrationPipeline::verdicts() const {
     for (const auto& [name, report] : step.modules) {
       auto& verdict = out[name];
       if (verdict.status != ModuleStatus::aligned) continue;  // the first step that did not align it decides
-      const auto error = verdict.error;
+      if (report.status == ModuleStatus::aligned) {
+        if (step.step == "match") verdict = report;  // target matching's measurements are the ones kept
+        continue;
+      }
       verdict = report;
-      if (report.status == ModuleStatus::aligned && step.step != "match") verdict.error = error;
-      if (report.status != ModuleStatus::aligned) verdict.reason = step.step + ": " + report.reason;
+      verdict.reason = step.step + ": " + report.reason;
     }
   }
   return out;

@@ -195,6 +195,12 @@ std::map<std::wstring, float> SmartFinderMatchToTarget::error() const {
   return state_->lastMatcher ? state_->lastMatcher->error() : std::map<std::wstring, float>{};
 }
 
+std::map<std::wstring, GeometryCalibration::ModuleReport> SmartFinderMatchToTarget::moduleReports() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->lastMatcher ? state_->lastMatcher->moduleReports()
+                             : std::map<std::wstring, GeometryCalibration::ModuleReport>{};
+}
+
 float SmartFinderMatchToTarget::error(const std::wstring& module) const {
   std::lock_guard<std::mutex> lock(state_->mutex);
   return state_->lastMatcher ? state_->lastMatcher->error(module) : std::numeric_limits<float>::max();

@@ -7,6 +7,9 @@
 
 #include <cstdio>
 
+#include <limits>
+
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "demo_scene.h"
@@ -77,6 +80,121 @@ TEST(CalibrationComposition, MatchThenNeighbourOnATurnedRig) {
   EXPECT_LT(afterMatch.worst, 0.3);
   EXPECT_LT(afterNeighbour.mean, afterMatch.mean + 0.02);
   EXPECT_LT(afterNeighbour.worst, 0.3);
+}
+
+// A module placed where M3 is, showing something else.
+void addDecoy(Rig& rig, const std::wstring& name, const cv::Mat& picture) {
+  CameraDescription::OrbivaneModule decoy(name);
+  decoy.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(rig.scene.misaligned.at(L"M3")));
+  const auto image = Image::fromMat(picture);
+  decoy.setImage(image);
+  rig.camera.addModule(decoy);
+  rig.images[name] = image;
+}
+
+// Decoys fail and keep their matrices bit for bit; the good modules are
+// aligned; the pipeline leaves the decoys out of the later steps and the
+// whole camera ends within tolerance of the truth.
+TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
+  Rig rig = makeRig(false);
+  const cv::Size size = rig.scene.modulePicture;
+  cv::Mat noise(size, CV_8UC3);
+  cv::RNG(5).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  cv::Mat photograph;
+  cv::resize(cv::imread(std::string(ORBIVANE_SAMPLE_DATA_DIR) + "/baboon.jpg"), photograph, size);
+  ASSERT_FALSE(photograph.empty());
+  addDecoy(rig, L"Noise", noise);
+  addDecoy(rig, L"Baboon", photograph);
+  addDecoy(rig, L"Blank", cv::Mat(size, CV_8UC3, cv::Scalar(128, 128, 128)));
+
+  GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.modules = {L"M1", L"M2", L"Noise", L"M3", L"Baboon", L"M4", L"M5", L"Blank"};
+  const auto result = pipeline.run(options);
+
+  const auto verdicts = pipeline.verdicts();
+  for (const std::wstring decoy : {L"Noise", L"Baboon", L"Blank"}) {
+    EXPECT_EQ(verdicts.at(decoy).status, ModuleStatus::failed) << Utils::toUtf8(decoy);
+    EXPECT_FALSE(verdicts.at(decoy).reason.empty());
+    EXPECT_EQ(result.findModule(decoy)->matrixGeometry()->matrix(), rig.scene.misaligned.at(L"M3"))
+        << Utils::toUtf8(decoy) << " moved";
+  }
+  for (const auto& name : rig.scene.names) {
+    EXPECT_EQ(verdicts.at(name).status, ModuleStatus::aligned) << Utils::toUtf8(name) << ": " << verdicts.at(name).reason;
+    EXPECT_LT(verdicts.at(name).residualPx, 1.0);
+  }
+  const Errors errors = errorsOf(rig, result);
+  EXPECT_LT(errors.worst, 0.3);
+  // Three steps, each timed, each followed by a seam measurement of every
+  // listed pair; the seams between good neighbours close to well under a pixel.
+  ASSERT_EQ(pipeline.steps().size(), 3u);
+  EXPECT_EQ(pipeline.steps()[0].step, "match");
+  EXPECT_EQ(pipeline.steps()[1].modules.at(L"Baboon").status, ModuleStatus::skipped);
+  ASSERT_EQ(pipeline.steps().back().clipping.size(), 4u);
+  double worstBefore = 0, worstAfter = 0;
+  for (const auto& seam : pipeline.seamsBefore())
+    if (seam.measured) worstBefore = std::max(worstBefore, seam.px);
+  for (const auto& seam : pipeline.steps()[1].seams) {
+    if (seam.first.size() == 2 && seam.second.size() == 2 && seam.first[0] == L'M' && seam.second[0] == L'M') {
+      EXPECT_TRUE(seam.measured) << Utils::toUtf8(seam.first) << ": " << seam.reason;
+      worstAfter = std::max(worstAfter, seam.px);
+    }
+  }
+  EXPECT_GT(worstBefore, 3.0);
+  EXPECT_LT(worstAfter, 0.3);
+}
+
+// Every way a module can be unusable ends in a named status, and nothing
+// unusable is written.
+TEST(CalibrationPipeline, BadModulesEndInNamedStatuses) {
+  Rig rig = makeRig(true);
+  auto addModule = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+    if (!picture.empty()) {
+      module.setImage(Image::fromMat(picture));
+      rig.images[name] = module.image();
+    }
+    rig.camera.addModule(module);
+  };
+  const Utils::Matrix4x4 good = rig.scene.misaligned.at(L"M2");
+  const cv::Mat picture = Image::toMat(rig.images.at(L"M2"));
+  Utils::Matrix4x4 singular = good;
+  for (int c = 0; c < 4; ++c) singular.set(1, c, 0.0f);
+  Utils::Matrix4x4 mirrored = good;
+  for (int r = 0; r < 4; ++r) mirrored.set(r, 0, -mirrored.get(r, 0));
+  Utils::Matrix4x4 infinite = good;
+  infinite.set(0, 3, std::numeric_limits<float>::infinity());
+  const Utils::Matrix4x4 faraway = Utils::Matrix4x4::translation(2.0f, 0.0f) * good;
+  addModule(L"Tiny", good, cv::Mat(1, 1, CV_8UC3, cv::Scalar(9, 9, 9)));
+  addModule(L"NoPicture", good, cv::Mat());
+  addModule(L"Singular", singular, picture);
+  addModule(L"Mirrored", mirrored, picture);
+  addModule(L"Infinite", infinite, picture);
+  addModule(L"Outside", faraway, picture);
+
+  GeometryCalibration::MatrixBased::MatchToTarget matcher(rig.camera, rig.images);
+  const auto result = matcher.calibrate({L"Tiny", L"NoPicture", L"Singular", L"Mirrored", L"Infinite", L"Outside",
+                                         L"Unknown", L"M2"},
+                                        L"Target");
+  const auto reports = matcher.moduleReports();
+  ASSERT_EQ(reports.size(), 8u);
+  const std::map<std::wstring, std::string> expected = {
+      {L"Tiny", "picture too small"}, {L"NoPicture", "no picture"},      {L"Singular", "singular matrix"},
+      {L"Mirrored", "mirrored matrix"}, {L"Infinite", "non-finite matrix"}, {L"Outside", "no overlap"},
+      {L"Unknown", "no module of that name"}};
+  for (const auto& [name, reason] : expected) {
+    const auto& report = reports.at(name);
+    EXPECT_NE(report.status, ModuleStatus::aligned) << Utils::toUtf8(name);
+    EXPECT_NE(report.reason.find(reason), std::string::npos) << Utils::toUtf8(name) << ": " << report.reason;
+    if (const auto module = result.findModule(name)) {
+      EXPECT_EQ(module->matrixGeometry()->matrix(), rig.camera.findModule(name)->matrixGeometry()->matrix())
+          << Utils::toUtf8(name);
+    }
+  }
+  EXPECT_EQ(reports.at(L"Unknown").status, ModuleStatus::skipped);
+  EXPECT_EQ(reports.at(L"M2").status, ModuleStatus::aligned) << reports.at(L"M2").reason;
 }
 
 }  // namespace

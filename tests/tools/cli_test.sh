@@ -112,12 +112,17 @@ PY
 out=$("$tool" neighbour pair.json --modules L,R --out pair-out.json --json 2>/dev/null | tail -n 1)
 /usr/bin/python3 -c "
 import json, sys
-t = json.loads(sys.argv[1])['translations'][0]
-sys.exit(0 if abs(t['dx'] - 3 / 320 * 0.5) < 2e-5 and abs(t['dy']) < 2e-5 else 1)" "$out" ||
+t = json.loads(sys.argv[1])['pairs'][0]
+sys.exit(0 if t['status'] == 'measured' and abs(t['dx'] - 3 / 320 * 0.5) < 2e-5 and abs(t['dy']) < 2e-5 else 1)" "$out" ||
   fail "neighbour finds the 3 px offset: $out"
 [ -s pair-out.json ] || fail "neighbour writes the corrected camera"
 out=$("$tool" match-to-target mt.json --target T --modules M --out mt-out.json --json 2>/dev/null | tail -n 1)
-echo "$out" | grep -q '"M"' || fail "match-to-target prints the module's error: $out"
+/usr/bin/python3 -c "
+import json, sys
+r = json.loads(sys.argv[1])
+m = r['modules']['M']
+sys.exit(0 if m['status'] == 'aligned' and m['residualPx'] < 1.0 and 'M' in r['errors'] else 1)" "$out" ||
+  fail "match-to-target reports the module aligned with its residual: $out"
 /usr/bin/python3 -c "
 import json, numpy as np
 m = json.load(open('mt-out.json'))['modules'][1]['geometry']['matrix']

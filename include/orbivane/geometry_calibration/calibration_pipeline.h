@@ -37,7 +37,7 @@ namespace MatrixBased {
 class MatchToTarget;
 }
 
-struct PipelineOptions {
+struct ORBIVANE_EXPORT PipelineOptions {
   std::wstring target;              // the module whose picture the others are matched to ("match", "shader")
   std::list<std::wstring> modules;  // empty: every module of the camera except the target, in camera order
   std::vector<std::string> steps = {"match", "neighbour", "clip"};

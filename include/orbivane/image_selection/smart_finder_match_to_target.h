@@ -79,6 +79,8 @@ class ORBIVANE_EXPORT SmartFinderMatchToTarget {
   // The matcher's errors of the last run (see MatchToTarget::error).
   std::map<std::wstring, float> error() const;
   float error(const std::wstring& module) const;
+  // The matcher's verdicts of the last run (see MatchToTarget::moduleReports).
+  std::map<std::wstring, GeometryCalibration::ModuleReport> moduleReports() const;
   // The moments the finder chose in the last run, and why modules had none.
   std::map<std::wstring, std::vector<SmartFinderFrame>> frames() const;
   std::map<std::wstring, std::string> finderErrors() const;

@@ -270,7 +270,7 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   cv::Matx33d h0 = normalised(pixelsT * targetInverse * modulePlanar * textureM);
   if (!invertible(h0)) {
     logger->error("Module {} has a singular or non-finite Matrix.. Skipping pmodule", narrow(name));
-    verdict.reason = "singular matrix";
+    verdict.reason = "no usable placement on the target (singular, or far outside it)";
     return false;
   }
   const double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));

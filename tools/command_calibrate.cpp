@@ -1,0 +1,251 @@
+// "calibrate CAMERA.json --target NAME --out OUT.json [--modules A,B,...]
+// [--steps match,neighbour,clip,shader] [--reference NAME] [--report DIR]
+// [--json]": the whole geometry calibration of one camera, each step on the
+// previous step's result (GeometryCalibration::CalibrationPipeline), with a
+// verdict per module, the seams measured after every step and, with
+// --report, an HTML page with the panorama before and after each step.
+#include <cfloat>
+#include <cmath>
+#include <filesystem>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "command_line.h"
+#include "demo_report.h"
+#include "interrupt_watch.h"
+#include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/calibration_pipeline.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/utils/wide_text.h"
+#include "progress.h"
+#include "report_json.h"
+
+namespace Tool {
+namespace {
+
+namespace fs = std::filesystem;
+using GeometryCalibration::CalibrationPipeline;
+using GeometryCalibration::ModuleStatus;
+
+struct CalibrateOptions {
+  std::string camera, target, out, reference, report;
+  std::vector<std::string> modules;
+  std::vector<std::string> steps = {"match", "neighbour", "clip"};
+  int mode = 0;
+  bool json = false;
+};
+
+std::string fixed(double value, int decimals) {
+  if (!std::isfinite(value)) return "-";
+  std::ostringstream s;
+  s << std::fixed << std::setprecision(decimals) << value;
+  return s.str();
+}
+
+// The panorama of a camera at most 1600 pixels wide, with outlines and seams.
+void drawPanorama(const CameraDescription::Orbivane& camera, const std::string& path) {
+  ImageSource::PanoramaOptions options;
+  options.overlay = true;
+  const Utils::Size size = camera.panoramaSize();
+  if (size.width > 0 && size.height > 0) {
+    const double scale = std::min(1.0, 1600.0 / size.width);
+    options.size = Utils::Size{std::max(1, int(size.width * scale)), std::max(1, int(size.height * scale))};
+  }
+  auto panorama = ImageSource::renderPanorama(camera, options);
+  if (!panorama) throw CommandError("cannot draw the panorama for the report: " + panorama.error());
+  auto saved = Image::saveMat(panorama.value().picture, path);
+  if (!saved) throw CommandError(saved.error());
+}
+
+std::string seamRows(const std::vector<GeometryCalibration::SeamResidual>& seams) {
+  std::ostringstream html;
+  for (const auto& s : seams) {
+    html << "<tr><td>" << Demo::escapeHtml(Utils::toUtf8(s.first) + " / " + Utils::toUtf8(s.second)) << "</td><td>"
+         << (s.measured ? fixed(s.px, 3) + " px (" + fixed(s.dx, 3) + ", " + fixed(s.dy, 3) + ")"
+                        : "not measured: " + Demo::escapeHtml(s.reason))
+         << "</td></tr>\n";
+  }
+  return html.str();
+}
+
+void writeReport(const std::string& dir, const CalibrateOptions& options, const CameraDescription::Orbivane& before,
+                 const CalibrationPipeline& pipeline) {
+  std::error_code ec;
+  if (fs::exists(dir) && !fs::is_empty(dir, ec) && !fs::exists(fs::path(dir) / "report.html")) {
+    throw CommandError("--report " + dir + " holds other files; give an empty or new folder");
+  }
+  fs::create_directories(dir, ec);
+  if (ec) throw CommandError("cannot create the report folder " + dir + ": " + ec.message());
+  drawPanorama(before, (fs::path(dir) / "panorama-before.png").string());
+  std::ostringstream html;
+  html << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>Calibration of "
+       << Demo::escapeHtml(options.camera)
+       << "</title>\n<style>body{font-family:sans-serif;margin:2em;max-width:1700px}table{border-collapse:collapse}"
+          "td,th{border:1px solid #bbb;padding:3px 8px;text-align:left}.failed{color:#b00}.skipped{color:#a60}"
+          "img{max-width:100%;border:1px solid #ccc}</style>\n</head>\n<body>\n<h1>Calibration of "
+       << Demo::escapeHtml(options.camera) << "</h1>\n";
+
+  html << "<h2>Verdicts</h2>\n<table><tr><th>module</th><th>status</th><th>reason</th><th>residual (px)</th>"
+          "<th>correlation</th></tr>\n";
+  for (const auto& [name, v] : pipeline.verdicts()) {
+    const char* status = GeometryCalibration::statusName(v.status);
+    html << "<tr class=\"" << status << "\"><td>" << Demo::escapeHtml(Utils::toUtf8(name)) << "</td><td>" << status
+         << "</td><td>" << Demo::escapeHtml(v.reason) << "</td><td>" << fixed(v.residualPx, 3) << "</td><td>"
+         << fixed(v.correlation, 3) << "</td></tr>\n";
+  }
+  html << "</table>\n<h2>Steps</h2>\n<table><tr><th>step</th><th>time (s)</th><th>worst seam after (px)</th></tr>\n";
+  for (const auto& step : pipeline.steps()) {
+    double worst = 0;
+    for (const auto& s : step.seams)
+      if (s.measured) worst = std::max(worst, s.px);
+    html << "<tr><td><a href=\"#" << step.step << "\">" << step.step << "</a></td><td>" << fixed(step.seconds, 2)
+         << "</td><td>" << fixed(worst, 3) << "</td></tr>\n";
+  }
+  html << "</table>\n<h2>Before</h2>\n<p><img src=\"panorama-before.png\" alt=\"panorama before\"></p>\n"
+       << "<table><tr><th>seam</th><th>residual (measured on the panorama)</th></tr>\n"
+       << seamRows(pipeline.seamsBefore()) << "</table>\n";
+
+  for (const auto& step : pipeline.steps()) {
+    const std::string picture = "panorama-after-" + step.step + ".png";
+    drawPanorama(step.camera, (fs::path(dir) / picture).string());
+    html << "<h2 id=\"" << step.step << "\">After " << step.step << " (" << fixed(step.seconds, 2) << " s)</h2>\n"
+         << "<p><img src=\"" << picture << "\" alt=\"panorama after " << step.step << "\"></p>\n";
+    html << "<table><tr><th>module</th><th>status</th><th>reason</th><th>residual (px)</th><th>moved (px)</th></tr>\n";
+    for (const auto& [name, v] : step.modules) {
+      const char* status = GeometryCalibration::statusName(v.status);
+      html << "<tr class=\"" << status << "\"><td>" << Demo::escapeHtml(Utils::toUtf8(name)) << "</td><td>" << status
+           << "</td><td>" << Demo::escapeHtml(v.reason) << "</td><td>" << fixed(v.residualPx, 3) << "</td><td>"
+           << fixed(v.movedPx, 3) << "</td></tr>\n";
+    }
+    html << "</table>\n";
+    if (!step.clipping.empty()) {
+      html << "<p>Clipping (left, top, right, bottom, surface units): " << fixed(step.clipping[0], 4) << ", "
+           << fixed(step.clipping[1], 4) << ", " << fixed(step.clipping[2], 4) << ", " << fixed(step.clipping[3], 4)
+           << "</p>\n";
+    }
+    html << "<table><tr><th>seam</th><th>residual (measured on the panorama)</th></tr>\n" << seamRows(step.seams)
+         << "</table>\n";
+  }
+  html << "</body>\n</html>\n";
+  writeTextAtomically((fs::path(dir) / "report.html").string(), html.str());
+}
+
+void runCalibrate(const CalibrateOptions& options) {
+  if (fs::exists(options.out) && fs::exists(options.camera) && fs::equivalent(options.out, options.camera)) {
+    throw CommandError("--out " + options.out + " is the camera file itself; write the result beside it");
+  }
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  const CameraDescription::Orbivane camera = loaded.value();
+
+  GeometryCalibration::PipelineOptions pipelineOptions;
+  pipelineOptions.target = Utils::fromUtf8(options.target);
+  pipelineOptions.steps = options.steps;
+  pipelineOptions.reference = Utils::fromUtf8(options.reference);
+  pipelineOptions.matchMode = options.mode;
+  for (const auto& name : options.modules) {
+    if (!camera.findModule(Utils::fromUtf8(name))) {
+      std::cerr << "orbivane-calibrate: module " << name << " is not in " << options.camera << "; skipped\n";
+    }
+    pipelineOptions.modules.push_back(Utils::fromUtf8(name));
+  }
+  const std::string problem = pipelineOptions.validate();
+  if (!problem.empty()) throw CommandError(problem);
+  if (!pipelineOptions.target.empty() && !camera.findModule(pipelineOptions.target)) {
+    throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
+  }
+
+  CalibrationPipeline::Images images;
+  for (const auto& module : camera.modules())
+    if (module->image()) images[module->name()] = module->image();
+  CalibrationPipeline pipeline(camera, images);
+  Progress progress("calibration");
+  pipeline.registerStatusCallback(progress.callback());
+  CameraDescription::Orbivane result;
+  bool interrupted = false;
+  {
+    const InterruptWatch watch([&pipeline] { pipeline.abort(); });
+    result = pipeline.run(pipelineOptions);
+    interrupted = watch.interrupted();
+  }
+  progress.finish();
+  const auto saved = CameraDescription::saveCameraFile(result, options.out);
+  if (!saved) throw CommandError(saved.error());
+
+  nlohmann::json steps = nlohmann::json::array();
+  for (const auto& step : pipeline.steps()) {
+    nlohmann::json modules = nlohmann::json::object(), pairs = nlohmann::json::array(),
+                   seams = nlohmann::json::array();
+    for (const auto& [name, v] : step.modules) modules[Utils::toUtf8(name)] = moduleReportJson(v);
+    for (const auto& p : step.pairs) pairs.push_back(pairReportJson(p));
+    for (const auto& s : step.seams) seams.push_back(seamJson(s));
+    double worst = 0;
+    for (const auto& s : step.seams)
+      if (s.measured) worst = std::max(worst, s.px);
+    std::cout << step.step << ": " << fixed(step.seconds, 2) << " s, worst seam " << fixed(worst, 3) << " px\n";
+    nlohmann::json entry = {{"step", step.step}, {"seconds", step.seconds}, {"modules", modules}, {"seams", seams}};
+    if (step.step == "neighbour") entry["pairs"] = pairs;
+    if (!step.clipping.empty()) entry["clipping"] = step.clipping;
+    steps.push_back(entry);
+  }
+  nlohmann::json verdicts = nlohmann::json::object();
+  int notAligned = 0;
+  for (const auto& [name, v] : pipeline.verdicts()) {
+    const std::string text = Utils::toUtf8(name);
+    verdicts[text] = moduleReportJson(v);
+    std::cout << text << ": " << GeometryCalibration::statusName(v.status);
+    if (std::isfinite(v.residualPx)) std::cout << ", residual " << fixed(v.residualPx, 3) << " px";
+    if (!v.reason.empty()) std::cout << " (" << v.reason << ")";
+    std::cout << "\n";
+    if (v.status != ModuleStatus::aligned) {
+      ++notAligned;
+      std::cerr << "orbivane-calibrate: module " << text << " " << GeometryCalibration::statusName(v.status) << ": "
+                << v.reason << "\n";
+    }
+  }
+  nlohmann::json before = nlohmann::json::array();
+  for (const auto& s : pipeline.seamsBefore()) before.push_back(seamJson(s));
+  if (!options.report.empty()) {
+    writeReport(options.report, options, camera, pipeline);
+    std::cout << "report: " << (fs::path(options.report) / "report.html").string() << "\n";
+  }
+  if (interrupted) std::cout << "interrupted: wrote the steps done so far\n";
+  std::cout << "wrote " << options.out << std::endl;
+  if (options.json) {
+    std::cout << nlohmann::json{{"modules", verdicts}, {"steps", steps}, {"seamsBefore", before}}.dump() << std::endl;
+  }
+  if (interrupted) {
+    exitStatus() = kExitInterrupted;
+  } else if (notAligned > 0) {
+    exitStatus() = kExitFailedModules;
+  }
+}
+
+}  // namespace
+
+void addCalibrateCommand(CLI::App& app) {
+  CLI::App* command = app.add_subcommand(
+      "calibrate", "Run the whole geometry calibration of a camera (match, neighbour, clip, shader) step by step");
+  static CalibrateOptions options;
+  command->add_option("CAMERA", options.camera, "Camera file (JSON) with the modules' pictures")->required();
+  command->add_option("--target", options.target, "The module whose picture the others are matched to")->required();
+  command->add_option("--out", options.out, "Where to write the calibrated camera file")->required();
+  command->add_option("--modules", options.modules,
+                      "Modules to calibrate, left to right, separated by commas (default: all but the target)")
+      ->delimiter(',');
+  command->add_option("--steps", options.steps, "Steps in order: match, neighbour, clip, shader")
+      ->delimiter(',')
+      ->capture_default_str();
+  command->add_option("--reference", options.reference,
+                      "Module neighbour stitching keeps in place (default: the middle one)");
+  command->add_option("--mode", options.mode, "Target matching mode (0..3)")->check(CLI::Range(0, 3))->capture_default_str();
+  command->add_option("--report", options.report, "Folder for an HTML report with the panorama after each step");
+  command->add_flag("--json", options.json, "Print the verdicts, steps and seams as one JSON object on the last line");
+  command->callback([] { runCalibrate(options); });
+}
+
+}  // namespace Tool
