@@ -101,17 +101,18 @@ void run() {
   std::vector<Section> sections;
   Demo::MatchOutcome matched = Demo::runTargetMatching(context);
   sections.push_back(matched.section);
-  sections.push_back(Demo::runNeighbourStitching(context));
-  sections.push_back(Demo::runClipping(context, matched.camera));
+  Demo::MatchOutcome stitched = Demo::runNeighbourStitching(context, matched.camera);
+  sections.push_back(stitched.section);
+  sections.push_back(Demo::runClipping(context, stitched.camera));
   sections.push_back(Demo::runShaderSearch(context));
   sections.push_back(Demo::runBlurScores(context));
   sections.push_back(Demo::runFisheyeCentring(context));
   sections.push_back(Demo::runResolution(context));
   sections.push_back(Demo::runFrameFinding(context));
 
-  saveCamera(matched.camera, dir + "/camera-after.json");
-  writePanorama(matched.camera, false, dir + "/panorama-after.png");
-  writePanorama(matched.camera, true, dir + "/panorama-after-grid.png");
+  saveCamera(stitched.camera, dir + "/camera-after.json");
+  writePanorama(stitched.camera, false, dir + "/panorama-after.png");
+  writePanorama(stitched.camera, true, dir + "/panorama-after-grid.png");
   Section& first = sections.front();
   first.figures.insert(first.figures.begin(),
                        {{"panorama-before-grid.png", "Before: the camera as assembled (outlines, names and seams drawn)"},

@@ -29,7 +29,7 @@ struct MatchOutcome {
 };
 
 MatchOutcome runTargetMatching(const StepContext& context);
-Section runNeighbourStitching(const StepContext& context);
+MatchOutcome runNeighbourStitching(const StepContext& context, const CameraDescription::Orbivane& matched);
 Section runClipping(const StepContext& context, const CameraDescription::Orbivane& calibrated);
 Section runShaderSearch(const StepContext& context);
 Section runBlurScores(const StepContext& context);

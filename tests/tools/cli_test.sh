@@ -163,6 +163,47 @@ printf '{ "Logger" : [ { "Name" : "FisheyeCalibration", "Active" : true, "File" 
 (cd active && "$tool" --version >/dev/null)
 [ -e active/fish.log ] || fail "an active logger opens its file at load time"
 
+# Honest verdicts and exit statuses: a module that shows noise where M is
+# fails, keeps its matrix, is named on standard error, and the command
+# finishes with status 3; without it the same run exits 0.
+/usr/bin/python3 - <<'PY'
+import json, numpy as np, cv2
+cv2.imwrite('noise.png', np.random.RandomState(3).randint(0, 256, (360, 480, 3)).astype(np.uint8))
+c = json.load(open('mt.json'))
+c['modules'].append({"name": "N", "image": "noise.png", "geometry": {"type": "matrix", "matrix": c['modules'][1]['geometry']['matrix']}})
+json.dump(c, open('decoy.json', 'w'))
+PY
+out=$("$tool" match-to-target decoy.json --target T --out decoy-out.json --json 2>decoy-err.txt | tail -n 1)
+status=$?
+"$tool" match-to-target decoy.json --target T --out decoy-out.json --json >/dev/null 2>&1
+status=$?
+[ "$status" -eq 3 ] || fail "match-to-target with a failed module exits 3, not $status"
+grep -q "module N failed" decoy-err.txt || fail "the failed module is named on standard error: $(cat decoy-err.txt | tail -n 2)"
+/usr/bin/python3 -c "
+import json, sys
+r = json.loads(sys.argv[1])['modules']
+ok = r['N']['status'] == 'failed' and r['N']['reason'] and r['M']['status'] == 'aligned'
+c = json.load(open('decoy-out.json'))['modules']
+ok = ok and c[2]['geometry']['matrix'] == json.load(open('decoy.json'))['modules'][2]['geometry']['matrix']
+sys.exit(0 if ok else 1)" "$out" || fail "the decoy is reported failed and keeps its matrix: $out"
+"$tool" match-to-target mt.json --target T --out mt-out2.json >/dev/null 2>&1 || fail "a fully calibrated run exits 0"
+
+# The whole pipeline in one command, with its report.
+out=$("$tool" calibrate decoy.json --target T --steps match,clip --out cal-out.json --report cal-report --json 2>/dev/null | tail -n 1)
+status=$?
+"$tool" calibrate decoy.json --target T --steps match,clip --out cal-out.json --json >/dev/null 2>&1
+status=$?
+[ "$status" -eq 3 ] || fail "calibrate with a failed module exits 3, not $status"
+/usr/bin/python3 -c "
+import json, sys
+r = json.loads(sys.argv[1])
+ok = [s['step'] for s in r['steps']] == ['match', 'clip'] and r['modules']['N']['status'] == 'failed'
+ok = ok and r['modules']['M']['status'] == 'aligned' and len(r['steps'][1]['clipping']) == 4
+sys.exit(0 if ok else 1)" "$out" || fail "calibrate reports each step and module: $out"
+[ -s cal-report/report.html ] && [ -s cal-report/panorama-after-match.png ] || fail "calibrate writes its report"
+"$tool" calibrate decoy.json --target T --out decoy.json >/dev/null 2>&1 && fail "calibrate refuses to write over its camera file"
+"$tool" calibrate decoy.json --target T --steps match,warp --out x.json >/dev/null 2>&1 && fail "calibrate refuses an unknown step"
+
 if [ "$failures" -ne 0 ]; then
   echo "$failures check(s) failed"
   exit 1
