@@ -10,6 +10,12 @@
 // - or text: cols x rows numbers, row by row from the top, separated by white
 //   space or commas; '#' starts a comment that runs to the end of the line.
 //   --cols and --rows are required.
+//
+// --apply --out OUT.json writes the camera with the rectangle applied: the
+// crop is composed into every module's matrix (AutoClipping::clippedCamera),
+// so the rectangle becomes the whole panorama for `panorama` and any viewer.
+// --no-holes (geometry mode) takes the largest rectangle without any badly
+// covered element.
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -37,8 +43,11 @@ struct AutoclipOptions {
   std::size_t maxIterations = 10000;
   bool requireOverlap = false;
   bool keepAspect = false;
+  bool noHoles = false;
   float threshold = 0.5f;
   std::string picture;
+  bool apply = false;
+  std::string out;
   bool json = false;
 };
 
@@ -123,7 +132,7 @@ double rounded(float value) { return std::round(double(value) * 1e6) / 1e6; }
 void run(const AutoclipOptions& o, const CLI::App& command) {
   const bool valueMode = !o.values.empty();
   if (valueMode) {
-    for (const char* geometryOnly : {"--require-overlap", "--keep-aspect", "--threshold"}) {
+    for (const char* geometryOnly : {"--require-overlap", "--keep-aspect", "--threshold", "--no-holes"}) {
       if (command.count(geometryOnly) > 0) {
         throw CommandError(std::string(geometryOnly) + " applies to geometry mode, not together with --values");
       }
@@ -133,6 +142,10 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
       if (command.count(valuesOnly) > 0) throw CommandError(std::string(valuesOnly) + " needs --values FILE");
     }
   }
+
+  if (o.apply != !o.out.empty()) throw CommandError("--apply and --out go together: --apply --out OUT.json");
+  if (!o.out.empty()) refuseOverwritingInput(o.out, o.camera, "--out");
+  if (!o.picture.empty()) refuseOverwritingInput(o.picture, o.camera, "--picture");
 
   auto loaded = CameraDescription::loadCameraFile(o.camera);
   if (!loaded) throw CommandError(loaded.error());
@@ -163,8 +176,9 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
       throw CommandError("--threshold must lie in (0, 1]");
     }
     clipping.config(o.requireOverlap, o.keepAspect, o.threshold);
+    clipping.setNoHoles(o.noHoles);
     std::cout << "geometry mode: threshold " << o.threshold << (o.requireOverlap ? ", overlap required" : "")
-              << (o.keepAspect ? ", panorama aspect kept" : "") << "\n";
+              << (o.keepAspect ? ", panorama aspect kept" : "") << (o.noHoles ? ", no holes" : "") << "\n";
   }
 
   const bool found = clipping.process();
@@ -195,6 +209,16 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
     std::cout << GeometryCalibration::MatrixBased::AutoClipping::inspectionPictureName_ << " written to "
               << o.picture << "\n";
   }
+  Utils::Size clippedSize;
+  if (o.apply) {
+    auto clipped = clipping.clippedCamera();
+    if (!clipped) throw CommandError(clipped.error());
+    clippedSize = clipped.value().panoramaSize();
+    const auto saved = CameraDescription::saveCameraFile(clipped.value(), o.out);
+    if (!saved) throw CommandError(saved.error());
+    std::cout << "clipped camera (panorama " << clippedSize.width << "x" << clippedSize.height << ") written to "
+              << o.out << "\n";
+  }
   if (o.json) {
     nlohmann::json out;
     out["rect"] = {rect.x, rect.y, rect.width, rect.height};
@@ -202,6 +226,9 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
     for (float v : offset) out["offset"].push_back(rounded(v));
     out["gaps"] = gaps;
     out["size"] = {size.width, size.height};
+    if (o.apply) {
+      out["applied"] = {{"camera", o.out}, {"panoramaSize", {clippedSize.width, clippedSize.height}}};
+    }
     std::cout << out.dump() << "\n";
   }
   std::cout << std::flush;
@@ -228,7 +255,11 @@ void addAutoclipCommand(CLI::App& app) {
   command->add_option("--threshold", o.threshold,
                       "Geometry mode: coverage (module units, 0..1] an element needs to count as covered")
       ->capture_default_str();
+  command->add_flag("--no-holes", o.noHoles,
+                    "Geometry mode: the largest rectangle without any badly covered element");
   command->add_option("--picture", o.picture, "Write the inspection picture (coverage and rectangle) to this file");
+  command->add_flag("--apply", o.apply, "Write the camera with the clipping applied (needs --out)");
+  command->add_option("--out", o.out, "Camera file to write with --apply");
   command->add_flag("--json", o.json, "Print {\"rect\", \"offset\", \"gaps\", \"size\"} as JSON on the last line");
   command->callback([command] { run(o, *command); });
 }

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <filesystem>
 #include <iomanip>
+#include <list>
 #include <iostream>
 #include <sstream>
 
@@ -36,6 +37,7 @@ struct CalibrateOptions {
   std::vector<std::string> modules;
   std::vector<std::string> steps = {"match", "neighbour", "clip"};
   int mode = 0;
+  bool allowHoles = false;
   bool json = false;
 };
 
@@ -46,10 +48,14 @@ std::string fixed(double value, int decimals) {
   return s.str();
 }
 
-// The panorama of a camera at most 1600 pixels wide, with outlines and seams.
-void drawPanorama(const CameraDescription::Orbivane& camera, const std::string& path) {
+// The panorama of the calibrated modules (not the target) at most 1600 pixels
+// wide, with outlines and seams.
+void drawPanorama(const CameraDescription::Orbivane& camera, const std::list<std::wstring>& modules,
+                  const std::string& path) {
   ImageSource::PanoramaOptions options;
   options.overlay = true;
+  for (const auto& name : modules)
+    if (camera.findModule(name)) options.modules.push_back(name);
   const Utils::Size size = camera.panoramaSize();
   if (size.width > 0 && size.height > 0) {
     const double scale = std::min(1.0, 1600.0 / size.width);
@@ -80,7 +86,8 @@ void writeReport(const std::string& dir, const CalibrateOptions& options, const 
   }
   fs::create_directories(dir, ec);
   if (ec) throw CommandError("cannot create the report folder " + dir + ": " + ec.message());
-  drawPanorama(before, (fs::path(dir) / "panorama-before.png").string());
+  const std::list<std::wstring> listed = pipeline.listedModules();
+  drawPanorama(before, listed, (fs::path(dir) / "panorama-before.png").string());
   std::ostringstream html;
   html << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>Calibration of "
        << Demo::escapeHtml(options.camera)
@@ -111,7 +118,7 @@ void writeReport(const std::string& dir, const CalibrateOptions& options, const 
 
   for (const auto& step : pipeline.steps()) {
     const std::string picture = "panorama-after-" + step.step + ".png";
-    drawPanorama(step.camera, (fs::path(dir) / picture).string());
+    drawPanorama(step.camera, listed, (fs::path(dir) / picture).string());
     html << "<h2 id=\"" << step.step << "\">After " << step.step << " (" << fixed(step.seconds, 2) << " s)</h2>\n"
          << "<p><img src=\"" << picture << "\" alt=\"panorama after " << step.step << "\"></p>\n";
     html << "<table><tr><th>module</th><th>status</th><th>reason</th><th>residual (px)</th><th>moved (px)</th></tr>\n";
@@ -123,9 +130,17 @@ void writeReport(const std::string& dir, const CalibrateOptions& options, const 
     }
     html << "</table>\n";
     if (!step.clipping.empty()) {
-      html << "<p>Clipping (left, top, right, bottom, surface units): " << fixed(step.clipping[0], 4) << ", "
-           << fixed(step.clipping[1], 4) << ", " << fixed(step.clipping[2], 4) << ", " << fixed(step.clipping[3], 4)
-           << "</p>\n";
+      const Utils::Size size = step.camera.panoramaSize();
+      html << "<p>Clipping applied (left, top, right, bottom, share of the panorama before): "
+           << fixed(step.clipping[0], 4) << ", " << fixed(step.clipping[1], 4) << ", " << fixed(step.clipping[2], 4)
+           << ", " << fixed(step.clipping[3], 4) << "; the panorama is now " << size.width << "x" << size.height
+           << " pixels</p>\n";
+      if (!step.clippingPicture.empty()) {
+        auto saved = Image::saveMat(step.clippingPicture, (fs::path(dir) / "clipping.png").string());
+        if (!saved) throw CommandError(saved.error());
+        html << "<p><img src=\"clipping.png\" alt=\"coverage and clipping rectangle\"> Coverage (grey), badly "
+                "covered parts (red) and the rectangle (green)</p>\n";
+      }
     }
     html << "<table><tr><th>seam</th><th>residual (measured on the panorama)</th></tr>\n" << seamRows(step.seams)
          << "</table>\n";
@@ -135,9 +150,7 @@ void writeReport(const std::string& dir, const CalibrateOptions& options, const 
 }
 
 void runCalibrate(const CalibrateOptions& options) {
-  if (fs::exists(options.out) && fs::exists(options.camera) && fs::equivalent(options.out, options.camera)) {
-    throw CommandError("--out " + options.out + " is the camera file itself; write the result beside it");
-  }
+  refuseOverwritingInput(options.out, options.camera, "--out");
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   const CameraDescription::Orbivane camera = loaded.value();
@@ -147,6 +160,7 @@ void runCalibrate(const CalibrateOptions& options) {
   pipelineOptions.steps = options.steps;
   pipelineOptions.reference = Utils::fromUtf8(options.reference);
   pipelineOptions.matchMode = options.mode;
+  pipelineOptions.clipNoHoles = !options.allowHoles;
   for (const auto& name : options.modules) {
     if (!camera.findModule(Utils::fromUtf8(name))) {
       std::cerr << "orbivane-calibrate: module " << name << " is not in " << options.camera << "; skipped\n";
@@ -189,7 +203,10 @@ void runCalibrate(const CalibrateOptions& options) {
     std::cout << step.step << ": " << fixed(step.seconds, 2) << " s, worst seam " << fixed(worst, 3) << " px\n";
     nlohmann::json entry = {{"step", step.step}, {"seconds", step.seconds}, {"modules", modules}, {"seams", seams}};
     if (step.step == "neighbour") entry["pairs"] = pairs;
-    if (!step.clipping.empty()) entry["clipping"] = step.clipping;
+    if (!step.clipping.empty()) {
+      entry["clipping"] = step.clipping;
+      entry["panoramaSize"] = {step.camera.panoramaSize().width, step.camera.panoramaSize().height};
+    }
     steps.push_back(entry);
   }
   nlohmann::json verdicts = nlohmann::json::object();
@@ -243,6 +260,9 @@ void addCalibrateCommand(CLI::App& app) {
   command->add_option("--reference", options.reference,
                       "Module neighbour stitching keeps in place (default: the middle one)");
   command->add_option("--mode", options.mode, "Target matching mode (0..3)")->check(CLI::Range(0, 3))->capture_default_str();
+  command->add_flag("--allow-holes", options.allowHoles,
+                    "Clipping may keep a few badly covered elements where that buys a much larger rectangle "
+                    "(autoclip's default search); without it the clipping has no holes");
   command->add_option("--report", options.report, "Folder for an HTML report with the panorama after each step");
   command->add_flag("--json", options.json, "Print the verdicts, steps and seams as one JSON object on the last line");
   command->callback([] { runCalibrate(options); });

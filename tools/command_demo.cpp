@@ -99,25 +99,30 @@ void run() {
 
   Demo::StepContext context{scene, truthCamera, dir, o.data, o.quick};
   std::vector<Section> sections;
-  Demo::MatchOutcome matched = Demo::runTargetMatching(context);
-  sections.push_back(matched.section);
-  Demo::MatchOutcome stitched = Demo::runNeighbourStitching(context, matched.camera);
-  sections.push_back(stitched.section);
-  sections.push_back(Demo::runClipping(context, stitched.camera));
+  Demo::GeometryOutcome calibrated = Demo::runGeometryPipeline(context);
+  sections.insert(sections.end(), calibrated.sections.begin(), calibrated.sections.end());
   sections.push_back(Demo::runShaderSearch(context));
   sections.push_back(Demo::runBlurScores(context));
   sections.push_back(Demo::runFisheyeCentring(context));
   sections.push_back(Demo::runResolution(context));
   sections.push_back(Demo::runFrameFinding(context));
 
-  saveCamera(stitched.camera, dir + "/camera-after.json");
-  writePanorama(stitched.camera, false, dir + "/panorama-after.png");
-  writePanorama(stitched.camera, true, dir + "/panorama-after-grid.png");
+  saveCamera(calibrated.camera, dir + "/camera-after.json");
+  writePanorama(calibrated.stitched, false, dir + "/panorama-after.png");
+  writePanorama(calibrated.stitched, true, dir + "/panorama-after-grid.png");
+  writePanorama(calibrated.camera, false, dir + "/panorama-clipped.png");
   Section& first = sections.front();
   first.figures.insert(first.figures.begin(),
                        {{"panorama-before-grid.png", "Before: the camera as assembled (outlines, names and seams drawn)"},
-                        {"panorama-after-grid.png", "After target matching (outlines, names and seams drawn)"},
-                        {"panorama-after.png", "After target matching, blended"}});
+                        {"panorama-after-grid.png",
+                         "After target matching and neighbour stitching (outlines, names and seams drawn)"},
+                        {"panorama-after.png", "After target matching and neighbour stitching, blended"}});
+  for (Section& section : sections) {
+    if (section.id != "clipping") continue;
+    section.figures.push_back({"clipping.png", "Coverage (grey), badly covered parts (red) and the rectangle (green)"});
+    section.figures.push_back({"panorama-clipped.png", "The calibrated camera with the clipping applied, as a viewer "
+                                                       "draws it (camera-after.json)"});
+  }
 
   const double seconds = total.seconds();
   std::vector<std::string> facts = {

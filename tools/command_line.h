@@ -42,6 +42,10 @@ void addDemoCommand(CLI::App& app);
 // whole until the new one is complete).
 void writeTextAtomically(const std::string& path, const std::string& text);
 
+// Refuses (CommandError) an output path that names the input file, so no
+// command writes over what it reads.
+void refuseOverwritingInput(const std::string& output, const std::string& input, const char* option);
+
 // A time option's value: ISO-8601 UTC text or milliseconds since the epoch
 // (ms since the epoch); anything else is a CommandError naming `option`.
 std::int64_t parseTimeOption(const std::string& text, const char* option);

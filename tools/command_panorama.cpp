@@ -1,4 +1,5 @@
-// "panorama CAMERA.json --out PANO.png [--size WxH] [--grid] [--feather F]":
+// "panorama CAMERA.json --out PANO.png [--size WxH] [--grid] [--feather F]
+// [--modules A,B | --exclude A,B]":
 // draws the stitched panorama of a camera description through the shading
 // renderer, so a calibration can be looked at before and after. --grid draws
 // the module outlines, their names and the seams.
@@ -26,11 +27,14 @@ Utils::Size parsePictureSize(const std::string& text) {
 void addPanoramaCommand(CLI::App& app) {
   CLI::App* command = app.add_subcommand("panorama", "Draw the stitched panorama of a camera description");
   static std::string camera, out, size;
+  static std::vector<std::string> modules, exclude;
   static bool grid = false;
   static double feather = 0.1;
   command->add_option("CAMERA", camera, "Camera description (JSON)")->required();
   command->add_option("--out", out, "Panorama picture to write (.png, .jpg, ...)")->required();
   command->add_option("--size", size, "Panorama size WIDTHxHEIGHT (default: the camera's, or from the pictures)");
+  command->add_option("--modules", modules, "Draw only these modules (names separated by commas)")->delimiter(',');
+  command->add_option("--exclude", exclude, "Leave these modules out (names separated by commas)")->delimiter(',');
   command->add_flag("--grid", grid, "Draw module outlines, names and seams");
   command->add_option("--feather", feather, "Blending ramp as a share of a picture's shorter side (0..0.5)")
       ->capture_default_str();
@@ -39,6 +43,9 @@ void addPanoramaCommand(CLI::App& app) {
     if (!size.empty()) options.size = parsePictureSize(size);
     options.feather = feather;
     options.overlay = grid;
+    for (const auto& name : modules) options.modules.push_back(Utils::fromUtf8(name));
+    for (const auto& name : exclude) options.exclude.push_back(Utils::fromUtf8(name));
+    refuseOverwritingInput(out, camera, "--out");
     auto loaded = CameraDescription::loadCameraFile(camera);
     if (!loaded) throw CommandError(loaded.error());
     auto panorama = ImageSource::renderPanorama(loaded.value(), options);

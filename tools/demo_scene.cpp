@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
+#include <vector>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -19,19 +21,21 @@ namespace Tool {
 namespace Demo {
 namespace {
 
-constexpr int kModules = 5;
+constexpr int kDemoModules = 5;
 constexpr double kPi = 3.14159265358979323846;
-// Each module spans this share of the panorama's width and height; the
-// outer modules end 1% inside its edges.
-constexpr double kModuleWidth = 0.24;
+// Each of the demo's five modules spans this share of the panorama's width
+// and height; the outer modules end 1% inside its edges. Other counts keep
+// the overlap share of neighbours (kOverlap of a module's width).
+constexpr double kDemoModuleWidth = 0.24;
 constexpr double kModuleHeight = 0.92;
+constexpr double kOverlap = 1.0 - (0.98 - kDemoModuleWidth) / (kDemoModules - 1) / kDemoModuleWidth;
 
 // Mounting of each module: turn (degrees), keystone (perspective term of the
 // texture's x), exposure gain.
 struct Mounting {
   double turn, keystone, gain;
 };
-const Mounting kMounting[kModules] = {
+const Mounting kMounting[kDemoModules] = {
     {-1.2, 0.06, 0.92}, {0.8, 0.03, 1.05}, {0.0, 0.0, 1.0}, {-0.6, -0.03, 0.95}, {1.0, -0.06, 1.08}};
 
 // Assembly misalignment of each module in its own texture units: shift,
@@ -39,7 +43,7 @@ const Mounting kMounting[kModules] = {
 struct Misalignment {
   double dx, dy, turn, scale;
 };
-const Misalignment kMisalignment[kModules] = {{0.030, -0.020, 1.5, 1.02},
+const Misalignment kMisalignment[kDemoModules] = {{0.030, -0.020, 1.5, 1.02},
                                               {-0.025, 0.015, -1.0, 0.985},
                                               {0.015, 0.025, 0.7, 1.015},
                                               {-0.020, -0.030, -1.4, 1.0},
@@ -52,22 +56,27 @@ cv::Matx33d turn(double degrees) {
   return {std::cos(a), -std::sin(a), 0, std::sin(a), std::cos(a), 0, 0, 0, 1};
 }
 
-// Texture -> surface of module i: centred on its place, turned in pixel space
-// (so the turn is a true rotation on the wide panorama), with a keystone that
-// keeps the texture's middle in place.
-cv::Matx33d trueHomography(int i, cv::Size panorama, bool straight) {
-  const double step = (0.98 - kModuleWidth) / (kModules - 1);
-  const double centreX = 0.01 + kModuleWidth / 2 + step * i;
+// Share of the panorama's width each of `count` modules spans.
+double moduleWidth(int count) {
+  return count == kDemoModules ? kDemoModuleWidth : 0.98 / ((count - 1) * (1.0 - kOverlap) + 1.0);
+}
+
+// Texture -> surface of module i of `count`: centred on its place, turned in
+// pixel space (so the turn is a true rotation on the wide panorama), with a
+// keystone that keeps the texture's middle in place.
+cv::Matx33d trueHomography(int i, int count, const Mounting& mounting, cv::Size panorama, bool straight) {
+  const double width = moduleWidth(count);
+  const double step = (0.98 - width) / (count - 1);
+  const double centreX = 0.01 + width / 2 + step * i;
   const cv::Matx33d toPixels = scaling(panorama.width, panorama.height);
-  const cv::Matx33d keystone(1, 0, 0, 0, 1, 0, straight ? 0.0 : kMounting[i].keystone, 0, 1);
+  const cv::Matx33d keystone(1, 0, 0, 0, 1, 0, straight ? 0.0 : mounting.keystone, 0, 1);
   const cv::Matx33d local = toPixels.inv() * translation(centreX * panorama.width, 0.5 * panorama.height) *
-                            turn(straight ? 0.0 : kMounting[i].turn) * toPixels *
-                            scaling(kModuleWidth, kModuleHeight) * keystone * translation(-0.5, -0.5);
+                            turn(straight ? 0.0 : mounting.turn) * toPixels * scaling(width, kModuleHeight) *
+                            keystone * translation(-0.5, -0.5);
   return local;
 }
 
-cv::Matx33d misalign(const cv::Matx33d& truth, int i) {
-  const Misalignment& m = kMisalignment[i];
+cv::Matx33d misalign(const cv::Matx33d& truth, const Misalignment& m) {
   return truth * translation(0.5 + m.dx, 0.5 + m.dy) * turn(m.turn) * scaling(m.scale, m.scale) *
          translation(-0.5, -0.5);
 }
@@ -84,23 +93,50 @@ cv::Mat loadPhotograph(const std::string& path, int height) {
 }  // namespace
 
 Scene makeScene(const std::string& dataDirectory, bool quick, bool straight) {
+  SceneOptions options;
+  options.quick = quick;
+  options.straight = straight;
+  return makeScene(dataDirectory, options);
+}
+
+Scene makeScene(const std::string& dataDirectory, const SceneOptions& options) {
+  const int count = options.modules;
+  if (count < 2 || count > 8) throw std::invalid_argument("a rig has 2 to 8 modules, not " + std::to_string(count));
+  if (options.seed == 0 && count != kDemoModules) {
+    throw std::invalid_argument("the demo's own mountings are for five modules; give a seed for other counts");
+  }
+  if (options.photographs.empty()) throw std::invalid_argument("a scene needs at least one photograph");
+  std::vector<Mounting> mountings(kMounting, kMounting + kDemoModules);
+  std::vector<Misalignment> misalignments(kMisalignment, kMisalignment + kDemoModules);
+  if (options.seed != 0) {
+    cv::RNG random(options.seed);
+    mountings.clear();
+    misalignments.clear();
+    for (int i = 0; i < count; ++i) {
+      mountings.push_back({random.uniform(-1.2, 1.2), random.uniform(-0.06, 0.06), random.uniform(0.92, 1.08)});
+      misalignments.push_back({random.uniform(-0.035, 0.035), random.uniform(-0.035, 0.035), random.uniform(-1.5, 1.5),
+                               random.uniform(0.98, 1.02)});
+    }
+  }
+
   Scene s;
+  const bool quick = options.quick;
   const int height = quick ? 300 : 600;
-  s.photographs = {"building.jpg", "graf1.png", "leuvenA.jpg", "aloeL.jpg"};
+  s.photographs = options.photographs;
   std::vector<cv::Mat> parts;
   for (const auto& name : s.photographs) parts.push_back(loadPhotograph(dataDirectory + "/" + name, height));
   cv::hconcat(parts, s.picture);
   s.panorama = s.picture.size();
   s.modulePicture = quick ? cv::Size(360, 270) : cv::Size(720, 540);
 
-  for (int i = 0; i < kModules; ++i) {
+  for (int i = 0; i < count; ++i) {
     const std::wstring name = L"M" + std::to_wstring(i + 1);
     s.names.push_back(name);
-    const cv::Matx33d truth = trueHomography(i, s.panorama, straight);
-    const cv::Matx33d assembled = misalign(truth, i);
+    const cv::Matx33d truth = trueHomography(i, count, mountings[std::size_t(i)], s.panorama, options.straight);
+    const Misalignment& m = misalignments[std::size_t(i)];
+    const cv::Matx33d assembled = misalign(truth, m);
     s.truth[name] = OrbivaneGeometry::matrixFromPlanarHomography(truth);
     s.misaligned[name] = OrbivaneGeometry::matrixFromPlanarHomography(assembled);
-    const Misalignment& m = kMisalignment[i];
     char words[160];
     std::snprintf(words, sizeof words, "shifted %+.0f, %+.0f px, turned %+.1f deg, scaled %.3f",
                   m.dx * s.modulePicture.width, m.dy * s.modulePicture.height, m.turn, m.scale);
@@ -117,7 +153,7 @@ Scene makeScene(const std::string& dataDirectory, bool quick, bool straight) {
     for (int y = 0; y < vignette.rows; ++y) {
       for (int x = 0; x < vignette.cols; ++x) {
         const double dx = (x - 0.5 * vignette.cols) / vignette.cols, dy = (y - 0.5 * vignette.rows) / vignette.rows;
-        vignette.at<float>(y, x) = float(kMounting[i].gain * (1.0 - 0.35 * (dx * dx + dy * dy)));
+        vignette.at<float>(y, x) = float(mountings[std::size_t(i)].gain * (1.0 - (std::getenv("NOVIG") ? 0.0 : 0.35) * (dx * dx + dy * dy)));
       }
     }
     cv::Mat channels[3], noisy;
@@ -135,9 +171,10 @@ Scene makeScene(const std::string& dataDirectory, bool quick, bool straight) {
     CameraDescription::OrbivaneModule module(name);
     module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(s.misaligned[name]));
     module.setImage(s.pictures[name]);
-    const double overlap = (kModuleWidth - (0.98 - kModuleWidth) / (kModules - 1)) / kModuleWidth;
+    const double width = moduleWidth(count);
+    const double overlap = (width - (0.98 - width) / (count - 1)) / width;
     module.setLinkage(std::make_unique<CameraDescription::OrbivaneLinkage>(
-        i > 0 ? L"M" + std::to_wstring(i) : std::wstring(), i + 1 < kModules ? L"M" + std::to_wstring(i + 2) : std::wstring(),
+        i > 0 ? L"M" + std::to_wstring(i) : std::wstring(), i + 1 < count ? L"M" + std::to_wstring(i + 2) : std::wstring(),
         float(overlap)));
     s.camera.addModule(module);
   }

@@ -35,11 +35,28 @@ struct Scene {
   CameraDescription::Orbivane camera;  // the misaligned camera, pictures attached
 };
 
+struct SceneOptions {
+  bool quick = false;     // half the size (300 rows, 360x270 modules)
+  bool straight = false;  // every module upright without keystone (rectangles on the panorama)
+  int modules = 5;        // 2..8 modules side by side, overlapping by about a fifth of their width
+  // opencv-doc photographs put side by side to make the scene.
+  std::vector<std::string> photographs = {"building.jpg", "graf1.png", "leuvenA.jpg", "aloeL.jpg"};
+  // 0: the demo's own mountings and misalignments (five modules only);
+  // otherwise drawn at random from this seed, of the same sizes: turns up
+  // to 1.2 deg, keystone up to 0.06, exposure 0.92..1.08 as mounted; shifts
+  // up to 3.5 % of a picture, turns up to 1.5 deg and scale 0.98..1.02 as
+  // assembled.
+  unsigned seed = 0;
+};
+
 // `dataDirectory`: the opencv-doc sample folder; `quick` builds a smaller
 // scene; `straight` mounts every module upright without keystone (the modules
 // are then rectangles on the panorama, as neighbour stitching assumes).
 // Throws std::runtime_error when a photograph is missing.
 Scene makeScene(const std::string& dataDirectory, bool quick, bool straight = false);
+// Throws std::invalid_argument for options out of range (module count, a
+// seed of 0 with other than five modules, no photograph).
+Scene makeScene(const std::string& dataDirectory, const SceneOptions& options);
 
 // A copy of `camera` whose modules carry `matrices` (modules not named keep theirs).
 CameraDescription::Orbivane withMatrices(const CameraDescription::Orbivane& camera,

@@ -15,6 +15,7 @@
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/surface_projection.h"
+#include "orbivane/geometry_calibration/calibration_pipeline.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
@@ -93,7 +94,167 @@ cv::Mat renderThrough(const std::shared_ptr<Image::UniversalImageInterface>& pic
 
 }  // namespace
 
-MatchOutcome runTargetMatching(const StepContext& c) {
+namespace {
+
+// Corner errors of the five modules of `camera` against `truth`, on a
+// panorama of `panorama` pixels.
+struct RigError {
+  double mean = 0.0, worst = 0.0;
+  std::map<std::wstring, CornerError> modules;
+};
+
+RigError rigError(const Scene& s, const CameraDescription::Orbivane& camera,
+                  const std::map<std::wstring, Utils::Matrix4x4>& truth, cv::Size panorama) {
+  RigError e;
+  for (const auto& name : s.names) {
+    const auto module = camera.findModule(name);
+    const CornerError c = module && module->matrixGeometry()
+                              ? cornerError(module->matrixGeometry()->matrix(), truth.at(name), panorama)
+                              : CornerError{1e9, 1e9};
+    e.modules[name] = c;
+    e.mean += c.mean / double(s.names.size());
+    e.worst = std::max(e.worst, c.max);
+  }
+  return e;
+}
+
+const GeometryCalibration::StepReport* findStep(const GeometryCalibration::CalibrationPipeline& pipeline,
+                                                const std::string& name) {
+  for (const auto& step : pipeline.steps())
+    if (step.step == name) return &step;
+  return nullptr;
+}
+
+std::string worstSeam(const std::vector<GeometryCalibration::SeamResidual>& seams) {
+  double worst = 0.0;
+  int measured = 0;
+  for (const auto& seam : seams) {
+    if (!seam.measured) continue;
+    ++measured;
+    worst = std::max(worst, seam.px);
+  }
+  return measured == 0 ? "not measured" : number(worst, 3) + " px";
+}
+
+Section matchSection(const StepContext& c, const GeometryCalibration::StepReport& step) {
+  const Scene& s = c.scene;
+  Section section;
+  section.id = "target-matching";
+  section.title = "Target matching";
+  section.seconds = step.seconds;
+  section.what = "Step 1 of the calibration pipeline (the calibrate command: match, neighbour, clip on one camera). "
+                 "Each module's picture is matched to a target picture of the whole scene (feature matching, mode 0, "
+                 "with the full-resolution refinement). The camera starts as assembled: every module is shifted, "
+                 "turned and scaled by a known amount. Errors are the distances of the modules' corners from where "
+                 "the true matrices put them, in panorama pixels (mean / largest of the four corners); the seam "
+                 "residual is the pipeline's own measurement on the overlaps.";
+  section.table.push_back({"Module", "Misalignment as assembled", "Corner error before (px)",
+                           "Corner error after (px)", "Verdict", "Residual (px)"});
+  const RigError after = rigError(s, step.camera, s.truth, s.panorama);
+  int aligned = 0;
+  for (const auto& name : s.names) {
+    const CornerError before = cornerError(s.misaligned.at(name), s.truth.at(name), s.panorama);
+    const auto& report = step.modules.at(name);
+    aligned += report.status == GeometryCalibration::ModuleStatus::aligned ? 1 : 0;
+    section.table.push_back({Utils::toUtf8(name), s.misalignment.at(name), px(before), px(after.modules.at(name)),
+                             GeometryCalibration::statusName(report.status), number(report.residualPx, 3)});
+  }
+  section.passed = after.worst <= kAlignmentTolerancePx && aligned == int(s.names.size());
+  section.result = std::to_string(aligned) + " of " + std::to_string(s.names.size()) + " modules aligned, worst seam " +
+                   worstSeam(step.seams);
+  section.truthError = "corners " + number(after.mean, 2) + " px mean, " + number(after.worst, 2) + " px worst";
+  return section;
+}
+
+Section neighbourSection(const StepContext& c, const GeometryCalibration::StepReport& matched,
+                         const GeometryCalibration::StepReport& step) {
+  const Scene& s = c.scene;
+  Section section;
+  section.id = "neighbour-stitching";
+  section.title = "Neighbour stitching";
+  section.seconds = step.seconds;
+  section.what = "Step 2 of the pipeline, on the camera target matching left (turned, keystoned modules, each with "
+                 "its own exposure): stitched pair by pair along the chain M1..M5 (pyramid translation alignment in "
+                 "the overlaps, after resampling each pair through its two matrices), with the middle module M3 as "
+                 "the reference. Stitching must keep the matched camera as good as it was or make it better.";
+  section.table.push_back({"Module", "Corner error after matching (px)", "Corner error after stitching (px)", ""});
+  const RigError before = rigError(s, matched.camera, s.truth, s.panorama);
+  const RigError after = rigError(s, step.camera, s.truth, s.panorama);
+  for (const auto& name : s.names) {
+    section.table.push_back({Utils::toUtf8(name), px(before.modules.at(name)), px(after.modules.at(name)), ""});
+  }
+  section.table.push_back({"Pairs", "Correction (px)", "Correlation", "Status"});
+  int measured = 0;
+  for (const auto& pair : step.pairs) {
+    measured += pair.measured ? 1 : 0;
+    section.table.push_back({Utils::toUtf8(pair.first) + " - " + Utils::toUtf8(pair.second),
+                             number(pair.shiftPx, 3), number(pair.correlation, 3),
+                             pair.measured ? "measured" : "not measured: " + pair.reason});
+  }
+  section.passed = after.worst <= kAlignmentTolerancePx && after.mean <= before.mean + 0.02 &&
+                   measured == int(step.pairs.size()) && !step.pairs.empty();
+  section.result = std::to_string(measured) + " of " + std::to_string(step.pairs.size()) +
+                   " pairs measured, worst seam " + worstSeam(step.seams);
+  section.truthError = "corners " + number(after.mean, 2) + " px mean, " + number(after.worst, 2) +
+                       " px worst (after matching " + number(before.mean, 2) + " px mean)";
+  return section;
+}
+
+// The clipping the true camera would get, in the same mode.
+std::vector<float> trueClipping(const CameraDescription::Orbivane& truth) {
+  GeometryCalibration::MatrixBased::AutoClipping clipping(std::make_shared<CameraDescription::Orbivane>(truth));
+  clipping.config(false, false, 0.5f);
+  clipping.setNoHoles(true);
+  if (!clipping.process()) throw CommandError("automatic clipping found no rectangle for the true camera");
+  return clipping.offset();
+}
+
+Section clipSection(const StepContext& c, const GeometryCalibration::StepReport& stitched,
+                    const GeometryCalibration::StepReport& step) {
+  const Scene& s = c.scene;
+  Section section;
+  section.id = "clipping";
+  section.title = "Automatic clipping";
+  section.seconds = step.seconds;
+  section.what = "Step 3 of the pipeline: the largest rectangle of the stitched camera's panorama that its modules "
+                 "cover without holes (geometry mode, threshold 0.5), compared with the rectangle found for the true camera, and "
+                 "applied to the camera: the crop is composed into every module's matrix, so the calibrated camera "
+                 "draws the clipped panorama. Offsets are distances from the panorama's edges in pixels; the corner "
+                 "errors after clipping compare with the true matrices clipped the same way.";
+  if (step.clipping.size() != 4) {
+    section.passed = false;
+    section.result = "no rectangle";
+    section.truthError = "-";
+    return section;
+  }
+  const std::vector<float> truth = trueClipping(c.truth);
+  section.table.push_back({"Edge", "Calibrated camera (px)", "True camera (px)", "Difference (px)"});
+  const char* edges[] = {"left", "top", "right", "bottom"};
+  double worst = 0.0;
+  for (int i = 0; i < 4; ++i) {
+    const double size = (i % 2 == 0) ? s.panorama.width : s.panorama.height;
+    const double a = step.clipping[std::size_t(i)] * size, b = truth[std::size_t(i)] * size;
+    worst = std::max(worst, std::fabs(a - b));
+    section.table.push_back({edges[i], number(a, 1), number(b, 1), number(a - b, 1)});
+  }
+  // The true matrices under the same crop, on the clipped panorama.
+  std::map<std::wstring, Utils::Matrix4x4> clippedTruth;
+  for (const auto& name : s.names) clippedTruth[name] = step.clippingCrop * s.truth.at(name);
+  const Utils::Size size = step.camera.panoramaSize();
+  const RigError before = rigError(s, stitched.camera, s.truth, s.panorama);
+  const RigError after = rigError(s, step.camera, clippedTruth, cv::Size(size.width, size.height));
+  writePicture(step.clippingPicture, c.dir + "/clipping.png");
+
+  section.passed = worst <= kClippingTolerancePx && after.worst <= before.worst + 0.01;
+  section.result = std::to_string(size.width) + "x" + std::to_string(size.height) + " px panorama after clipping";
+  section.truthError = "offsets within " + number(worst, 1) + " px; corners " + number(after.mean, 2) + " px mean, " +
+                       number(after.worst, 2) + " px worst";
+  return section;
+}
+
+}  // namespace
+
+GeometryOutcome runGeometryPipeline(const StepContext& c) {
   const Scene& s = c.scene;
   CameraDescription::Orbivane camera(s.camera);
   CameraDescription::OrbivaneModule target(L"Target");
@@ -104,145 +265,38 @@ MatchOutcome runTargetMatching(const StepContext& c) {
   ImageMap images = s.pictures;
   images[L"Target"] = targetPicture;
 
-  GeometryCalibration::MatrixBased::MatchToTarget matcher(camera, images);
-  matcher.setCalibrationMode(GeometryCalibration::MatrixBased::MatchToTarget::kFeatureMatching);
-  Progress progress("target matching");
-  matcher.registerStatusCallback(progress.callback());
-  const Stopwatch watch;
-  const CameraDescription::Orbivane result = matcher.calibrate(moduleList(s), L"Target");
-  MatchOutcome out{Section{}, withMatrices(s.camera, matricesOf(result))};
-  out.section.seconds = watch.seconds();
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.modules = moduleList(s);
+  options.steps = {"match", "neighbour", "clip"};
+  GeometryCalibration::CalibrationPipeline pipeline(camera, images);
+  Progress progress("calibration pipeline");
+  pipeline.registerStatusCallback(progress.callback());
+  CameraDescription::Orbivane result = pipeline.run(options);
   progress.finish();
 
-  Section& section = out.section;
-  section.id = "target-matching";
-  section.title = "Target matching";
-  section.what = "Each module's picture is matched to a target picture of the whole scene (feature matching, mode 0, "
-                 "with the full-resolution refinement). The camera starts as assembled: every module is shifted, "
-                 "turned and scaled by a known amount. Errors are the distances of the modules' corners from where "
-                 "the true matrices put them, in panorama pixels (mean / largest of the four corners).";
-  section.table.push_back({"Module", "Misalignment as assembled", "Corner error before (px)",
-                           "Corner error after (px)", "Matcher error"});
-  double worst = 0.0, sum = 0.0;
-  const auto after = matricesOf(out.camera);
-  for (const auto& name : s.names) {
-    const CornerError before = cornerError(s.misaligned.at(name), s.truth.at(name), s.panorama);
-    const CornerError now = cornerError(after.at(name), s.truth.at(name), s.panorama);
-    worst = std::max(worst, now.max);
-    sum += now.mean;
-    section.table.push_back({Utils::toUtf8(name), s.misalignment.at(name), px(before), px(now),
-                             number(matcher.error(name), 3)});
+  const auto* match = findStep(pipeline, "match");
+  const auto* neighbour = findStep(pipeline, "neighbour");
+  const auto* clip = findStep(pipeline, "clip");
+  if (match == nullptr || neighbour == nullptr || clip == nullptr) {
+    throw CommandError("the calibration pipeline stopped before its last step");
   }
-  section.passed = worst <= kAlignmentTolerancePx;
-  section.result = std::to_string(s.names.size()) + " modules aligned";
-  section.truthError = "corners " + number(sum / double(s.names.size()), 2) + " px mean, " + number(worst, 2) +
-                       " px worst";
+  GeometryOutcome out;
+  out.sections.push_back(matchSection(c, *match));
+  out.sections.push_back(neighbourSection(c, *match, *neighbour));
+  out.sections.push_back(clipSection(c, *neighbour, *clip));
+  out.stitched = neighbour->camera;
+  // The camera the user gets: the five modules, clipped, without the target.
+  auto& modules = result.modules();
+  modules.erase(std::remove_if(modules.begin(), modules.end(),
+                               [](const auto& m) { return !m || m->name() == L"Target"; }),
+                modules.end());
+  out.camera = std::move(result);
+  auto& stitchedModules = out.stitched.modules();
+  stitchedModules.erase(std::remove_if(stitchedModules.begin(), stitchedModules.end(),
+                                       [](const auto& m) { return !m || m->name() == L"Target"; }),
+                        stitchedModules.end());
   return out;
-}
-
-MatchOutcome runNeighbourStitching(const StepContext& c, const CameraDescription::Orbivane& matched) {
-  // The pipeline's second step: the camera that target matching left, with
-  // its turned, keystoned modules, stitched pair by pair along M1..M5.
-  const Scene& s = c.scene;
-  const auto start = matricesOf(matched);
-  GeometryCalibration::MatrixBased::NeighbourNeighbour stitcher(matched, s.pictures, 4, 6, 1.0f);
-  Progress progress("neighbour stitching");
-  stitcher.registerStatusCallback(progress.callback());
-  const Stopwatch watch;
-  MatchOutcome outcome{Section(), stitcher.calibrate(moduleList(s), L"M3")};
-  Section& section = outcome.section;
-  section.seconds = watch.seconds();
-  progress.finish();
-
-  section.id = "neighbour-stitching";
-  section.title = "Neighbour stitching";
-  section.what = "The second step on the same camera: the modules as target matching left them (turned, keystoned, "
-                 "each with its own exposure) are stitched pair by pair along the chain M1..M5 (pyramid translation "
-                 "alignment in the overlaps, after resampling each pair through its two matrices), with M3 as the "
-                 "reference. Stitching must keep the matched camera as good as it was or make it better.";
-  section.table.push_back({"Module", "Corner error after matching (px)", "Corner error after stitching (px)", ""});
-  const auto after = matricesOf(outcome.camera);
-  double worst = 0.0, sum = 0.0, sumBefore = 0.0;
-  for (const auto& name : s.names) {
-    const CornerError before = cornerError(start.at(name), s.truth.at(name), s.panorama);
-    const CornerError now = cornerError(after.at(name), s.truth.at(name), s.panorama);
-    worst = std::max(worst, now.max);
-    sum += now.mean;
-    sumBefore += before.mean;
-    section.table.push_back({Utils::toUtf8(name), px(before), px(now), ""});
-  }
-  section.table.push_back({"Pairs", "Correction (px)", "Correlation", "Status"});
-  int measured = 0;
-  for (const auto& pair : stitcher.pairReports()) {
-    measured += pair.measured ? 1 : 0;
-    section.table.push_back({Utils::toUtf8(pair.first) + " - " + Utils::toUtf8(pair.second),
-                             number(pair.shiftPx, 3), number(pair.correlation, 3),
-                             pair.measured ? "measured" : "not measured: " + pair.reason});
-  }
-  const double n = double(s.names.size());
-  section.passed = worst <= kAlignmentTolerancePx && sum / n <= sumBefore / n + 0.02 &&
-                   measured == int(stitcher.pairReports().size());
-  section.result = std::to_string(measured) + " of " + std::to_string(stitcher.pairReports().size()) +
-                   " pairs measured";
-  section.truthError = "corners " + number(sum / n, 2) + " px mean, " + number(worst, 2) + " px worst (after matching " +
-                       number(sumBefore / n, 2) + " px mean)";
-  return outcome;
-}
-
-Section runClipping(const StepContext& c, const CameraDescription::Orbivane& calibrated) {
-  const Scene& s = c.scene;
-  struct Found {
-    std::vector<float> offset;
-    cv::Mat inspection;
-    cv::Rect rect;
-    cv::Size raster;
-  };
-  auto clip = [](const CameraDescription::Orbivane& camera) {
-    GeometryCalibration::MatrixBased::AutoClipping clipping(std::make_shared<CameraDescription::Orbivane>(camera));
-    clipping.config(false, false, 0.5f);
-    if (!clipping.process()) throw CommandError("automatic clipping found no rectangle: " + clipping.error());
-    return Found{clipping.offset(), clipping.inspectionPicture(), clipping.rectangle(), clipping.coverageSize()};
-  };
-  Progress progress("automatic clipping");
-  progress.update(1, 2, "calibrated camera");
-  const Stopwatch watch;
-  const Found found = clip(calibrated);
-  Section section;
-  section.seconds = watch.seconds();
-  progress.update(2, 2, "true camera");
-  const Found truth = clip(c.truth);
-  progress.finish();
-
-  writePicture(found.inspection, c.dir + "/clipping.png");
-  ImageSource::PanoramaOptions o;
-  auto panorama = ImageSource::renderPanorama(calibrated, o);
-  if (!panorama) throw CommandError(panorama.error());
-  const cv::Rect inside(cvRound(found.offset[0] * s.panorama.width), cvRound(found.offset[1] * s.panorama.height),
-                        cvRound((1.0 - found.offset[0] - found.offset[2]) * s.panorama.width),
-                        cvRound((1.0 - found.offset[1] - found.offset[3]) * s.panorama.height));
-  const cv::Rect cut = inside & cv::Rect(cv::Point(0, 0), panorama.value().picture.size());
-  if (cut.area() > 0) writePicture(panorama.value().picture(cut), c.dir + "/panorama-clipped.png");
-
-  section.id = "clipping";
-  section.title = "Automatic clipping";
-  section.what = "The largest rectangle of the calibrated camera's panorama that the modules cover (geometry mode, "
-                 "threshold 0.5), compared with the rectangle found for the true camera. Offsets are distances from "
-                 "the panorama's edges in pixels.";
-  section.table.push_back({"Edge", "Calibrated camera (px)", "True camera (px)", "Difference (px)"});
-  const char* edges[] = {"left", "top", "right", "bottom"};
-  double worst = 0.0;
-  for (int i = 0; i < 4; ++i) {
-    const double size = (i % 2 == 0) ? s.panorama.width : s.panorama.height;
-    const double a = found.offset[std::size_t(i)] * size, b = truth.offset[std::size_t(i)] * size;
-    worst = std::max(worst, std::fabs(a - b));
-    section.table.push_back({edges[i], number(a, 1), number(b, 1), number(a - b, 1)});
-  }
-  section.figures.push_back({"clipping.png", "Coverage (grey), badly covered parts (red) and the rectangle (green)"});
-  if (cut.area() > 0) section.figures.push_back({"panorama-clipped.png", "The calibrated panorama, clipped"});
-  section.passed = worst <= kClippingTolerancePx;
-  section.result = std::to_string(found.rect.width) + "x" + std::to_string(found.rect.height) + " px rectangle";
-  section.truthError = "offsets within " + number(worst, 1) + " px";
-  return section;
 }
 
 Section runShaderSearch(const StepContext& c) {

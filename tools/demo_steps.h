@@ -23,14 +23,16 @@ struct StepContext {
   bool quick = false;
 };
 
-struct MatchOutcome {
-  Section section;
-  CameraDescription::Orbivane camera;  // the calibrated camera
+struct GeometryOutcome {
+  std::vector<Section> sections;        // target matching, neighbour stitching, clipping
+  CameraDescription::Orbivane stitched; // after neighbour stitching (unclipped)
+  CameraDescription::Orbivane camera;   // the calibrated camera, clipped
 };
 
-MatchOutcome runTargetMatching(const StepContext& context);
-MatchOutcome runNeighbourStitching(const StepContext& context, const CameraDescription::Orbivane& matched);
-Section runClipping(const StepContext& context, const CameraDescription::Orbivane& calibrated);
+// The geometry calibration as the calibrate command runs it: the pipeline's
+// match, neighbour and clip steps on one camera, measured against the truth
+// after every step.
+GeometryOutcome runGeometryPipeline(const StepContext& context);
 Section runShaderSearch(const StepContext& context);
 Section runBlurScores(const StepContext& context);
 Section runFisheyeCentring(const StepContext& context);

@@ -26,4 +26,14 @@ void writeTextAtomically(const std::string& path, const std::string& text) {
   }
 }
 
+void refuseOverwritingInput(const std::string& output, const std::string& input, const char* option) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const bool same = fs::exists(output, ec) && fs::exists(input, ec) && fs::equivalent(output, input, ec);
+  if (same || (!ec && fs::weakly_canonical(output, ec) == fs::weakly_canonical(input, ec) && !ec)) {
+    throw CommandError(std::string(option) + " " + output + " is one of the command's inputs (" + input +
+                       "); write the result elsewhere");
+  }
+}
+
 }  // namespace Tool

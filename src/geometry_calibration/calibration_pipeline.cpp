@@ -279,16 +279,33 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
         step.modules[pair.second] = r;
       }
     } else if (stepName == "clip") {
-      auto shared = std::make_shared<CameraDescription::Orbivane>(camera_);
-      AutoClipping clipping(shared);
+      // The rectangle the calibrated modules cover (the target and modules
+      // that failed are not part of the panorama shown), applied to every
+      // module of the camera so they keep their places relative to it.
+      auto covering = std::make_shared<CameraDescription::Orbivane>(camera_);
+      auto& modules = covering->modules();
+      modules.erase(std::remove_if(modules.begin(), modules.end(),
+                                   [&active](const std::shared_ptr<CameraDescription::OrbivaneModule>& m) {
+                                     return !m || std::find(active.begin(), active.end(), m->name()) == active.end();
+                                   }),
+                    modules.end());
+      AutoClipping clipping(covering);
       clipping.config(options.requireOverlap, options.keepAspect, options.clipThreshold);
-      if (clipping.process()) {
+      clipping.setNoHoles(options.clipNoHoles);
+      if (!modules.empty() && clipping.process()) {
         step.clipping = clipping.offset();
+        step.clippingPicture = clipping.inspectionPicture();
+        step.clippingCrop = *AutoClipping::clippingMatrix(clipping.viewerOffset());
+        const Utils::Size own = camera_.panoramaSize();
+        const cv::Size raster = clipping.coverageSize();
+        camera_ = AutoClipping::applyClipping(camera_, clipping.viewerOffset(),
+                                              own.empty() ? Utils::Size{raster.width, raster.height} : own);
         for (const auto& name : active) step.modules[name] = verdictOf(ModuleStatus::aligned, std::string());
       } else {
-        logger->warn("Clipping found no rectangle: {}", clipping.error());
+        const std::string why = modules.empty() ? "no module left to clip" : clipping.error();
+        logger->warn("Clipping found no rectangle: {}", why);
         for (const auto& name : active)
-          step.modules[name] = verdictOf(ModuleStatus::failed, "no clipping rectangle: " + clipping.error());
+          step.modules[name] = verdictOf(ModuleStatus::failed, "no clipping rectangle: " + why);
       }
     } else if (stepName == "shader") {
       int index = 0;

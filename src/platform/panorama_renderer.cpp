@@ -184,10 +184,22 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
                           " pixels cannot be drawn (each side 1.." + std::to_string(kMaxSide) + ")");
   }
 
+  for (const auto* names : {&options.modules, &options.exclude}) {
+    for (const auto& name : *names) {
+      if (!camera.findModule(name)) return Utils::failure("the camera has no module '" + Utils::toUtf8(name) + "'");
+    }
+  }
+  const auto listed = [&options](const std::wstring& name) {
+    const auto in = [&name](const std::vector<std::wstring>& v) {
+      return std::find(v.begin(), v.end(), name) != v.end();
+    };
+    return (options.modules.empty() || in(options.modules)) && !in(options.exclude);
+  };
+
   Panorama result;
   std::vector<ModuleTile> tiles;
   for (const auto& module : camera.modules()) {
-    if (!module) continue;
+    if (!module || !listed(module->name())) continue;
     ModuleTile tile;
     tile.name = module->name();
     std::string reason;

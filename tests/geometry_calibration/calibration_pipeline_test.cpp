@@ -47,11 +47,16 @@ Rig makeRig(bool quick) {
 struct Errors {
   double mean = 0, worst = 0;
 };
-Errors errorsOf(const Rig& rig, const CameraDescription::Orbivane& camera) {
+// Corner errors against the truth; after clipping, against the truth under
+// the same crop, on the clipped panorama.
+Errors errorsOf(const Rig& rig, const CameraDescription::Orbivane& camera,
+                const Utils::Matrix4x4& crop = Utils::Matrix4x4::identity()) {
   Errors e;
+  const Utils::Size size = camera.panoramaSize();
+  const cv::Size panorama = size.empty() ? rig.scene.panorama : cv::Size(size.width, size.height);
   for (const auto& name : rig.scene.names) {
-    const auto c = cornerError(camera.findModule(name)->matrixGeometry()->matrix(), rig.scene.truth.at(name),
-                               rig.scene.panorama);
+    const auto c = cornerError(camera.findModule(name)->matrixGeometry()->matrix(), crop * rig.scene.truth.at(name),
+                               panorama);
     e.mean += c.mean / rig.scene.names.size();
     e.worst = std::max(e.worst, c.max);
   }
@@ -92,9 +97,10 @@ void addDecoy(Rig& rig, const std::wstring& name, const cv::Mat& picture) {
   rig.images[name] = image;
 }
 
-// Decoys fail and keep their matrices bit for bit; the good modules are
-// aligned; the pipeline leaves the decoys out of the later steps and the
-// whole camera ends within tolerance of the truth.
+// Decoys fail and keep their matrices bit for bit through matching and
+// stitching; the good modules are aligned; the pipeline leaves the decoys out
+// of the later steps; clipping crops what the good modules cover and moves
+// every module with it; the whole camera ends within tolerance of the truth.
 TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
   Rig rig = makeRig(false);
   const cv::Size size = rig.scene.modulePicture;
@@ -117,18 +123,35 @@ TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
   for (const std::wstring decoy : {L"Noise", L"Baboon", L"Blank"}) {
     EXPECT_EQ(verdicts.at(decoy).status, ModuleStatus::failed) << Utils::toUtf8(decoy);
     EXPECT_FALSE(verdicts.at(decoy).reason.empty());
-    EXPECT_EQ(result.findModule(decoy)->matrixGeometry()->matrix(), rig.scene.misaligned.at(L"M3"))
+    EXPECT_EQ(pipeline.steps()[1].camera.findModule(decoy)->matrixGeometry()->matrix(),
+              rig.scene.misaligned.at(L"M3"))
         << Utils::toUtf8(decoy) << " moved";
+    EXPECT_LT(cornerError(result.findModule(decoy)->matrixGeometry()->matrix(),
+                          pipeline.steps()[2].clippingCrop * rig.scene.misaligned.at(L"M3"), rig.scene.panorama)
+                  .max,
+              1e-3)
+        << Utils::toUtf8(decoy) << " moved other than by the crop";
   }
   for (const auto& name : rig.scene.names) {
     EXPECT_EQ(verdicts.at(name).status, ModuleStatus::aligned) << Utils::toUtf8(name) << ": " << verdicts.at(name).reason;
     EXPECT_LT(verdicts.at(name).residualPx, 1.0);
   }
-  const Errors errors = errorsOf(rig, result);
+  ASSERT_EQ(pipeline.steps().size(), 3u);
+  const Errors stitched = errorsOf(rig, pipeline.steps()[1].camera);
+  const Errors errors = errorsOf(rig, result, pipeline.steps()[2].clippingCrop);
+  EXPECT_LT(stitched.worst, 0.3);
   EXPECT_LT(errors.worst, 0.3);
+  EXPECT_NEAR(errors.mean, stitched.mean, 0.01) << "the crop keeps every module where it was";
+  // The clipping is that of the five good modules (the target spans the
+  // whole surface and would leave nothing to clip), and the panorama shrank
+  // to the rectangle.
+  const auto& clip = pipeline.steps()[2];
+  ASSERT_EQ(clip.clipping.size(), 4u);
+  EXPECT_GT(clip.clipping[0] + clip.clipping[1] + clip.clipping[2] + clip.clipping[3], 0.01f);
+  EXPECT_LT(result.panoramaSize().width, rig.scene.panorama.width);
+  EXPECT_LT(result.panoramaSize().height, rig.scene.panorama.height);
   // Three steps, each timed, each followed by a seam measurement of every
   // listed pair; the seams between good neighbours close to well under a pixel.
-  ASSERT_EQ(pipeline.steps().size(), 3u);
   EXPECT_EQ(pipeline.steps()[0].step, "match");
   EXPECT_EQ(pipeline.steps()[1].modules.at(L"Baboon").status, ModuleStatus::skipped);
   ASSERT_EQ(pipeline.steps().back().clipping.size(), 4u);

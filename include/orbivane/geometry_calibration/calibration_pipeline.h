@@ -5,8 +5,12 @@
 //   "neighbour" neighbour stitching (NeighbourNeighbour) along the listed
 //               modules in their order, anchored on the reference module
 //               (default: the middle one);
-//   "clip"      automatic clipping (AutoClipping, geometry mode): the
-//               rectangle found is stored as the camera's clipping;
+//   "clip"      automatic clipping (AutoClipping, geometry mode) of what
+//               the listed modules still in the running cover; the
+//               rectangle is applied to the whole camera
+//               (AutoClipping::applyClipping: the crop is composed into
+//               every module's matrix and the panorama size becomes the
+//               rectangle's), so the result draws the clipped panorama;
 //   "shader"    the shader parameter search (ShaderBruteForcer) of every
 //               listed module that has a lens shader, against the target's
 //               picture; the best parameter set is kept.
@@ -26,11 +30,14 @@
 #include <string>
 #include <vector>
 
+#include <opencv2/core/mat.hpp>
+
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/export.h"
 #include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/matrix4x4.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -47,6 +54,11 @@ struct ORBIVANE_EXPORT PipelineOptions {
   float step = 1.0f;
   bool requireOverlap = false, keepAspect = false;  // clipping's geometry mode
   float clipThreshold = 0.5f;
+  // The clip step takes the largest rectangle without any badly covered
+  // element (AutoClipping::setNoHoles): the camera it writes goes to a
+  // viewer, which would show holes as black. False: the search that trades a
+  // few holes for a larger rectangle.
+  bool clipNoHoles = true;
 
   // Empty when the options can be used; otherwise what is wrong, one line.
   std::string validate() const;
@@ -74,6 +86,8 @@ struct StepReport {
   std::map<std::wstring, ModuleReport> modules;
   std::list<PairReport> pairs;   // "neighbour" only
   std::vector<float> clipping;   // "clip" only: left, top, right, bottom (surface units)
+  cv::Mat clippingPicture;       // "clip" only: AutoClipping's inspection picture (BGR)
+  Utils::Matrix4x4 clippingCrop; // "clip" only: the crop composed into every module's matrix
   std::vector<SeamResidual> seams;  // measured after the step
   CameraDescription::Orbivane camera;  // the camera after the step
 };
@@ -102,6 +116,8 @@ class ORBIVANE_EXPORT CalibrationPipeline {
   // Each listed module's verdict over all steps: the first step that did not
   // align it decides; aligned when every step did.
   std::map<std::wstring, ModuleReport> verdicts() const;
+  // The modules the last run() calibrated, each once, in order.
+  const std::list<std::wstring>& listedModules() const { return listed_; }
 
   // Measures the seam of every consecutive pair of `chain` on `camera`.
   static std::vector<SeamResidual> measureSeams(const CameraDescription::Orbivane& camera, const Images& images,

@@ -33,6 +33,10 @@ struct PanoramaOptions {
   // Draws each module's outline in a colour of its own with its name, and the
   // seams (where the module that weighs most changes) in white.
   bool overlay = false;
+  // Only these modules are drawn (empty: every module of the camera), and
+  // none of `exclude`. A name that is not in the camera is an error.
+  std::vector<std::wstring> modules;
+  std::vector<std::wstring> exclude;
 };
 
 struct Panorama {
@@ -43,7 +47,7 @@ struct Panorama {
 };
 
 // Fails for options out of range (a side above 16384 pixels, a feather
-// outside 0..0.5); a module without picture, matrix geometry or readable
+// outside 0..0.5, a module name the camera does not have); a module without picture, matrix geometry or readable
 // shader values, or one that lies wholly outside the panorama, is skipped.
 ORBIVANE_EXPORT Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription::Orbivane& camera,
                                                                          const PanoramaOptions& options = {});

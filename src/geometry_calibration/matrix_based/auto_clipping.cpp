@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <stdexcept>
 #include <string>
 
 #include <opencv2/core.hpp>
@@ -16,6 +17,7 @@
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
 #include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
 #include "logging/logger_setup.h"
+#include "orbivane/utils/wide_text.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -50,9 +52,11 @@ struct AutoClipping::Impl {
   bool requireOverlap = false;
   bool keepAspect = false;
   float threshold = 0.5f;
+  bool noHoles = false;
 
   // Results.
   std::vector<float> offset;
+  std::vector<float> viewerOffset;
   std::vector<int> gaps;
   cv::Rect rect;
   cv::Mat coverage;
@@ -73,6 +77,7 @@ struct AutoClipping::Impl {
 
   void clearResults() {
     offset.clear();
+    viewerOffset.clear();
     gaps.clear();
     rect = cv::Rect();
     coverage.release();
@@ -149,6 +154,9 @@ struct AutoClipping::Impl {
 
   void finish() {
     offset = AutoClippingCoverage::offsetsOf(rect, coverage.size());
+    const double w = coverage.cols, h = coverage.rows;
+    viewerOffset = {float((rect.x + 0.5) / w), float((rect.y + 0.5) / h),
+                    float(1.0 - (rect.x + 0.5 + rect.width) / w), float(1.0 - (rect.y + 0.5 + rect.height) / h)};
     gaps = AutoClippingCoverage::listGaps(wellCovered, rect);
     inspection = AutoClippingCoverage::drawInspection(coverage, wellCovered, rect);
     logger->info("AutoClipping: rectangle x {} y {} width {} height {}, offsets {} {} {} {}, {} hole(s)", rect.x,
@@ -187,7 +195,13 @@ struct AutoClipping::Impl {
                                  : "AutoClipping: the modules do not cover the panorama");
     }
     AutoClippingCoverage::geometryModeMap(wellCovered, valueMap);
-    if (!geometrySearch()) return false;
+    if (noHoles) {
+      rect = AutoClippingCoverage::largestHoleFreeRect(wellCovered);
+      if (rect.empty()) return fail("AutoClipping: no rectangle without holes found");
+      cv::integral(valueMap, integral, CV_64F);
+    } else if (!geometrySearch()) {
+      return false;
+    }
     if (keepAspect) {
       const double aspect = double(coverage.cols) / coverage.rows;
       rect = AutoClippingCoverage::fitAspect(rect, aspect, integral);
@@ -244,6 +258,10 @@ bool AutoClipping::config(const bool& requireOverlap, const bool& keepAspect, co
   return true;
 }
 
+void AutoClipping::setNoHoles(bool noHoles) { impl_->noHoles = noHoles; }
+
+bool AutoClipping::noHoles() const { return impl_->noHoles; }
+
 bool AutoClipping::process() {
   impl_->processed = false;
   impl_->clearResults();
@@ -276,6 +294,8 @@ std::vector<float> AutoClipping::offset() { return impl_->offset; }
 
 std::vector<int> AutoClipping::checkGap() { return impl_->gaps; }
 
+std::vector<float> AutoClipping::viewerOffset() const { return impl_->viewerOffset; }
+
 cv::Rect AutoClipping::rectangle() const { return impl_->rect; }
 
 cv::Size AutoClipping::coverageSize() const { return impl_->coverage.size(); }
@@ -287,6 +307,71 @@ cv::Mat AutoClipping::inspectionPicture() const { return impl_->inspection.clone
 std::string AutoClipping::error() const { return impl_->error; }
 
 std::vector<std::string> AutoClipping::skippedModules() const { return impl_->skipped; }
+
+Utils::ReturnState<CameraDescription::Orbivane, std::string> AutoClipping::clippedCamera() const {
+  if (!impl_->processed || !impl_->camera || impl_->offset.size() != 4) {
+    return Utils::failure("AutoClipping: no clipping rectangle has been found to apply");
+  }
+  const Utils::Size own = impl_->camera->panoramaSize();
+  const Utils::Size panorama =
+      own.empty() ? Utils::Size{impl_->coverage.cols, impl_->coverage.rows} : own;
+  std::vector<std::wstring> untouched;
+  CameraDescription::Orbivane clipped = applyClipping(*impl_->camera, impl_->viewerOffset, panorama, &untouched);
+  for (const auto& name : untouched) {
+    impl_->logger->warn("AutoClipping: module {} has no matrix geometry; the clipping leaves it as it was",
+                        Utils::toUtf8(name));
+  }
+  return clipped;
+}
+
+Utils::Optional<Utils::Matrix4x4> AutoClipping::clippingMatrix(const std::vector<float>& offset) {
+  if (offset.size() != 4) return std::nullopt;
+  for (float v : offset) {
+    if (!std::isfinite(v)) return std::nullopt;
+  }
+  const double left = offset[0], top = offset[1];
+  const double width = 1.0 - offset[0] - offset[2], height = 1.0 - offset[1] - offset[3];
+  if (!(width > 1e-6) || !(height > 1e-6)) return std::nullopt;
+  Utils::Matrix4x4 crop;
+  crop.set(0, 0, float(1.0 / width));
+  crop.set(0, 3, float(-left / width));
+  crop.set(1, 1, float(1.0 / height));
+  crop.set(1, 3, float(-top / height));
+  return crop;
+}
+
+CameraDescription::Orbivane AutoClipping::applyClipping(const CameraDescription::Orbivane& camera,
+                                                        const std::vector<float>& offset,
+                                                        const Utils::Size& panorama,
+                                                        std::vector<std::wstring>* untouched) {
+  if (!clippingMatrix(offset)) {
+    throw std::invalid_argument("AutoClipping: the clipping offsets leave no rectangle to clip to");
+  }
+  if (panorama.empty()) throw std::invalid_argument("AutoClipping: the panorama size to clip is empty");
+  const double left = offset[0], top = offset[1];
+  const double width = 1.0 - offset[0] - offset[2], height = 1.0 - offset[1] - offset[3];
+  CameraDescription::Orbivane clipped(camera);
+  for (const auto& module : clipped.modules()) {
+    if (!module) continue;
+    auto* geometry = module->matrixGeometry();
+    if (geometry == nullptr) {
+      if (untouched != nullptr) untouched->push_back(module->name());
+      continue;
+    }
+    // crop x M: rows 0 and 1 become ((row - offset x row 3) / extent); the
+    // depth row and row 3 stay. Computed in double, rounded once.
+    const Utils::Matrix4x4 m = geometry->matrix();
+    Utils::Matrix4x4 out = m;
+    for (int c = 0; c < 4; ++c) {
+      out.set(0, c, float((double(m.get(0, c)) - left * m.get(3, c)) / width));
+      out.set(1, c, float((double(m.get(1, c)) - top * m.get(3, c)) / height));
+    }
+    geometry->setMatrix(out);
+  }
+  clipped.setPanoramaSize(Utils::Size{std::max(1, int(std::lround(panorama.width * width))),
+                                      std::max(1, int(std::lround(panorama.height * height)))});
+  return clipped;
+}
 
 Utils::Optional<cv::Rect> AutoClipping::findMaxValueRect(const cv::Mat& mat, int minStep, int startStep,
                                                          std::size_t maxIterations) {

@@ -11,6 +11,7 @@
 
 #include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
 #include "orbivane/geometry/surface_projection.h"
+#include "orbivane/sensor_calibration/final_matrix.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace GeometryCalibration {
@@ -27,7 +28,16 @@ std::vector<Footprint> collectFootprints(const CameraDescription::Orbivane& came
       skipped.push_back("Module " + name + " has no Matrix Geometry.. Skipping pmodule");
       continue;
     }
-    const Utils::Matrix4x4 matrix = geometry->matrix();
+    const auto final = SensorCalibration::finalMatrix(*module);
+    if (!geometry->matrix().isFinite()) {
+      skipped.push_back("Module " + name + " has a singular or non-finite matrix.. Skipping pmodule");
+      continue;
+    }
+    if (!final) {
+      skipped.push_back("Module " + name + " has clip-matrix values that cannot be read.. Skipping pmodule");
+      continue;
+    }
+    const Utils::Matrix4x4 matrix = *final;
     const double det = matrix.isFinite() ? cv::determinant(OrbivaneGeometry::planarHomography(matrix)) : NAN;
     if (!std::isfinite(det) || std::fabs(det) < 1e-12) {
       skipped.push_back("Module " + name + " has a singular or non-finite matrix.. Skipping pmodule");
@@ -44,6 +54,7 @@ std::vector<Footprint> collectFootprints(const CameraDescription::Orbivane& came
     Footprint footprint;
     footprint.name = module->name();
     footprint.quad = *quad;
+    footprint.homography = OrbivaneGeometry::planarHomography(matrix);
     if (module->image() && !module->image()->empty()) {
       footprint.picture = cv::Size(module->image()->width(), module->image()->height());
     }
@@ -90,19 +101,11 @@ void accumulateCoverage(const std::vector<Footprint>& footprints, cv::Size raste
         f.picture.empty() ? cv::Size(kMaskSideWithoutPicture, kMaskSideWithoutPicture) : f.picture;
     mask.create(picture, CV_8U);
     mask.setTo(cv::Scalar(255));
-    // The picture's pixels as squares: its area runs from -0.5 to size - 0.5
-    // in pixel coordinates, which is texture 0..1.
-    const float w = static_cast<float>(picture.width) - 0.5f;
-    const float h = static_cast<float>(picture.height) - 0.5f;
-    const std::array<cv::Point2f, 4> from = {cv::Point2f(-0.5f, -0.5f), cv::Point2f(w, -0.5f), cv::Point2f(w, h),
-                                             cv::Point2f(-0.5f, h)};
-    std::array<cv::Point2f, 4> to;
-    for (std::size_t i = 0; i < 4; ++i) {
-      // Raster element X spans X / W .. (X + 1) / W: surface x lands on x * W - 0.5.
-      to[i] = cv::Point2f(f.quad.corners[i].x * static_cast<float>(raster.width) - 0.5f,
-                          f.quad.corners[i].y * static_cast<float>(raster.height) - 0.5f);
-    }
-    const cv::Mat transform = cv::getPerspectiveTransform(from.data(), to.data());
+    // Picture pixel -> texture (x / w) -> surface -> raster element, whose
+    // centre X lies at surface (X + 0.5) / W.
+    const cv::Matx33d toRaster(raster.width, 0, -0.5, 0, raster.height, -0.5, 0, 0, 1);
+    const cv::Mat transform(toRaster * f.homography *
+                            OrbivaneGeometry::pixelsToTexture(picture.width, picture.height));
     cv::warpPerspective(mask, warped, transform, raster, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar(0));
     cv::addWeighted(sum, 1.0, warped, 1.0, 0.0, sum, CV_32F);
   }
@@ -194,6 +197,38 @@ std::vector<int> listGaps(const cv::Mat& wellCovered, const cv::Rect& rect) {
   if (found.size() > kMaxGaps) found.resize(kMaxGaps);
   for (const auto& gap : found) gaps.insert(gaps.end(), gap.begin(), gap.end());
   return gaps;
+}
+
+cv::Rect largestHoleFreeRect(const cv::Mat& wellCovered) {
+  cv::Rect best;
+  long bestArea = 0;
+  std::vector<int> heights(std::size_t(wellCovered.cols) + 1, 0);  // the extra 0 empties the stack at the row's end
+  std::vector<int> stack;
+  stack.reserve(heights.size());
+  for (int y = 0; y < wellCovered.rows; ++y) {
+    const std::uint8_t* good = wellCovered.ptr<std::uint8_t>(y);
+    for (int x = 0; x < wellCovered.cols; ++x) heights[std::size_t(x)] = good[x] ? heights[std::size_t(x)] + 1 : 0;
+    // Columns on the stack have rising heights; a lower column closes the
+    // rectangles of the taller ones before it.
+    stack.clear();
+    for (int x = 0; x <= wellCovered.cols; ++x) {
+      const int h = heights[std::size_t(x)];
+      while (!stack.empty() && heights[std::size_t(stack.back())] >= h) {
+        const int height = heights[std::size_t(stack.back())];
+        stack.pop_back();
+        const int left = stack.empty() ? 0 : stack.back() + 1;
+        const long area = long(height) * (x - left);
+        const cv::Rect candidate(left, y - height + 1, x - left, height);
+        if (area > bestArea || (area == bestArea && area > 0 &&
+                                (candidate.y < best.y || (candidate.y == best.y && candidate.x < best.x)))) {
+          bestArea = area;
+          best = candidate;
+        }
+      }
+      stack.push_back(x);
+    }
+  }
+  return best;
 }
 
 std::vector<float> offsetsOf(const cv::Rect& rect, cv::Size raster) {

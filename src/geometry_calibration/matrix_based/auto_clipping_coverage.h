@@ -8,13 +8,16 @@
 // of modules that cover the element, in module units: 1.0 where one module
 // covers the whole element, fractions where a module's outline crosses it
 // (its picture is warped with linear interpolation, its pixels taken as
-// squares, so the 0.5 contour is the module's outline).
+// squares, so the 0.5 contour is the module's outline: pixel (x, y) is
+// centred on texture (x / w, y / h) and covers half a pixel around it, as the
+// panorama renderer draws it).
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include <opencv2/core/mat.hpp>
+#include <opencv2/core/matx.hpp>
 #include <opencv2/core/types.hpp>
 
 #include "orbivane/camera/orbivane.h"
@@ -53,11 +56,14 @@ constexpr std::size_t kMaxGaps = 256;
 struct Footprint {
   std::wstring name;
   Utils::SurfaceQuad quad;  // where its unit square lands, normalised surface units
+  cv::Matx33d homography;   // texture coordinates -> surface (the final matrix's plane part)
   cv::Size picture;         // its picture size in pixels; empty when it has none
 };
 
-// The modules whose picture projects onto the surface, in camera order. A
-// module without matrix geometry, with a singular or non-finite matrix, or
+// The modules whose picture projects onto the surface through their final
+// matrix (module matrix x clip matrix), in camera order. A module without
+// matrix geometry, with unreadable clip-matrix values, with a singular or
+// non-finite matrix, or
 // whose unit square does not project (a corner on or behind the horizon) is
 // left out, with one message for it in `skipped`. So is a module with a corner
 // further than kFarAway from the panorama.
@@ -75,7 +81,8 @@ cv::Size rasterSize(const Utils::Size& panoramaSize, const std::vector<Footprint
 // Accumulates the modules' coverage on the raster (CV_32F, module units):
 // each module's picture area (an 8-bit mask of its picture size, or
 // kMaskSideWithoutPicture square without picture) is warped onto the raster
-// with the perspective transform of its quad and added with addWeighted.
+// through its homography (picture pixel -> texture -> surface -> raster
+// element) and added with addWeighted.
 void accumulateCoverage(const std::vector<Footprint>& footprints, cv::Size raster, cv::Mat& coverage);
 
 // The value-mode map: value(p) = v(p) * c(p) - weight * (1 - c(p)) with c the
@@ -103,6 +110,12 @@ cv::Rect fitAspect(const cv::Rect& rect, double aspect, const cv::Mat& integral)
 // raster elements, and its element count), largest first (then top to bottom,
 // left to right), at most kMaxGaps of them.
 std::vector<int> listGaps(const cv::Mat& wellCovered, const cv::Rect& rect);
+
+// The largest rectangle (most elements) in which `wellCovered` is set
+// throughout; the topmost, then leftmost of equal area. Empty when no element
+// is set. O(W x H): the largest rectangle under each row's histogram of
+// set elements above it.
+cv::Rect largestHoleFreeRect(const cv::Mat& wellCovered);
 
 // The rectangle as distances from the panorama's left, top, right and bottom
 // edges in normalised surface units.

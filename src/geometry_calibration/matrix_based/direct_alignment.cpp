@@ -27,12 +27,27 @@ int parameterCount(AlignmentMotion motion) {
   return 8;
 }
 
+// Terms of the spatial gain: 1, u, v, u^2, v^2, uv.
+constexpr int kGainTerms = 6;
+// Unknowns of the spatial photometric fit: the gain terms and the offset.
+constexpr int kPhotometric = kGainTerms + 1;
+
 // Sums of one pass; combined over the stripes of a parallel loop.
 struct Sums {
   double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0;
   std::array<double, 8> jI{}, j1{}, jT{};
   std::array<double, 36> h{};  // upper triangle of the Hessian, row by row
+  // Spatial gain only: normal equations of the photometric fit (regressors
+  // phi_m * I and 1; upper triangle), their right side, and the Jacobian
+  // sums of phi_m * I.
+  std::array<double, kPhotometric * (kPhotometric + 1) / 2> a{};
+  std::array<double, kPhotometric> at{};
+  std::array<std::array<double, kGainTerms>, 8> jPhiI{};
   void add(const Sums& o) {
+    for (std::size_t k = 0; k < a.size(); ++k) a[k] += o.a[k];
+    for (int k = 0; k < kPhotometric; ++k) at[k] += o.at[k];
+    for (int k = 0; k < 8; ++k)
+      for (int m = 0; m < kGainTerms; ++m) jPhiI[k][m] += o.jPhiI[k][m];
     n += o.n;
     sI += o.sI;
     sT += o.sT;
@@ -114,6 +129,14 @@ void DirectAlignment::buildPyramid(const cv::Mat& fixed, const cv::Mat& moving, 
 
 AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
                                          cv::Vec<double, 8>* gradient, bool buildHessian) {
+  return options_.spatialGain ? measureWith<true>(level, warp, hessian, gradient, buildHessian)
+                              : measureWith<false>(level, warp, hessian, gradient, buildHessian);
+}
+
+template <bool kSpatialGain>
+AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx33d& warp,
+                                             cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
+                                             bool buildHessian) {
   AlignmentResult result;
   result.warp = warp;
   const cv::Rect region = level.region;
@@ -125,12 +148,15 @@ AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& 
   const int count = parameterCount(options_.motion);
   const bool wantJacobian = gradient != nullptr;
   const int cols = level.moving.cols, rows = level.moving.rows;
+  // Moving picture coordinates normalised to -1..1 (spatial gain).
+  const double uScale = 2.0 / std::max(1, cols - 1), vScale = 2.0 / std::max(1, rows - 1);
 
   Sums total;
   std::mutex lock;
   cv::parallel_for_(cv::Range(region.y, region.y + region.height), [&](const cv::Range& range) {
     Sums sums;
     std::array<float, 8> j{};
+    std::array<double, kPhotometric> r{};  // regressors of the photometric fit (spatial gain)
     for (int y = range.start; y < range.end; ++y) {
       const float* T = level.fixed.ptr<float>(y);
       const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
@@ -162,6 +188,15 @@ AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& 
         rowII += double(I) * I;
         rowTT += double(t) * t;
         rowIT += double(I) * t;
+        if constexpr (kSpatialGain) {
+          const double u = px * uScale - 1.0, v = py * vScale - 1.0;
+          r = {I, u * I, v * I, u * u * I, v * v * I, u * v * I, 1.0};
+          int idx = 0;
+          for (int a = 0; a < kPhotometric; ++a) {
+            sums.at[a] += r[a] * t;
+            for (int c = a; c < kPhotometric; ++c) sums.a[idx++] += r[a] * r[c];
+          }
+        }
         if (!wantJacobian) continue;
         const float xn = static_cast<float>((x - cx) / sc);
         const float ynf = static_cast<float>(yn);
@@ -186,6 +221,9 @@ AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& 
           rowJI[k] += j[k] * I;
           rowJ1[k] += j[k];
           rowJT[k] += j[k] * t;
+          if constexpr (kSpatialGain) {
+            for (int m = 0; m < kGainTerms; ++m) sums.jPhiI[k][m] += j[k] * r[m];
+          }
         }
         if (buildHessian) {
           int idx = 0;
@@ -222,9 +260,42 @@ AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& 
   result.offset = b;
   result.correlation = cIT / std::sqrt(vI * vT);
   result.meanSquaredResidual = std::max(0.0, vT - cIT * cIT / vI);
+  // The spatial gain: least squares over the regressors; when its normal
+  // equations are singular (too little of the moving picture seen) the one
+  // gain above stands.
+  cv::Vec<double, kPhotometric> coefficients = cv::Vec<double, kPhotometric>::all(0.0);
+  bool spatial = false;
+  if constexpr (kSpatialGain) {
+    cv::Matx<double, kPhotometric, kPhotometric> a;
+    int idx = 0;
+    for (int i = 0; i < kPhotometric; ++i)
+      for (int c = i; c < kPhotometric; ++c) {
+        a(i, c) = total.a[idx];
+        a(c, i) = total.a[idx];
+        ++idx;
+      }
+    const cv::Vec<double, kPhotometric> at(total.at.data());
+    spatial = cv::solve(a, at, coefficients, cv::DECOMP_CHOLESKY);
+    for (int i = 0; i < kPhotometric && spatial; ++i) spatial = std::isfinite(coefficients[i]);
+    if (spatial) {
+      // Residual: sum t^2 - 2 c.at + c.A.c, per pixel.
+      const double explained = 2.0 * coefficients.dot(at) - coefficients.dot(a * coefficients);
+      result.meanSquaredResidual = std::max(0.0, total.sTT / n - explained / n);
+      result.gain = coefficients[0];
+      result.offset = coefficients[kGainTerms];
+    }
+  }
   if (gradient) {
     *gradient = cv::Vec<double, 8>::all(0.0);
-    for (int k = 0; k < count; ++k) (*gradient)[k] = g * total.jI[k] + b * total.j1[k] - total.jT[k];
+    for (int k = 0; k < count; ++k) {
+      if (spatial) {
+        double modelled = coefficients[kGainTerms] * total.j1[k];
+        for (int m = 0; m < kGainTerms; ++m) modelled += coefficients[m] * total.jPhiI[k][m];
+        (*gradient)[k] = modelled - total.jT[k];
+      } else {
+        (*gradient)[k] = g * total.jI[k] + b * total.j1[k] - total.jT[k];
+      }
+    }
   }
   if (hessian && buildHessian) {
     *hessian = cv::Matx<double, 8, 8>::zeros();

@@ -4,8 +4,12 @@
 // Model: fixed(x) ~ g * moving(W(x)) + b for the pixels x of the fixed
 // picture, where W is a homography from fixed pixels to moving pixels and
 // g, b an unknown gain and offset (the module and the target expose
-// differently). Pixel centres sit on integer coordinates (OpenCV's
-// convention).
+// differently). With `spatialGain` the gain varies smoothly over the moving
+// picture, g = g(u, v) a quadratic in the moving picture's coordinates
+// normalised to -1..1 (six terms: 1, u, v, u^2, v^2, uv): a module's
+// vignetting, which darkens its corners by a third, then no longer pulls
+// the alignment towards the brighter middle. Pixel centres sit on integer
+// coordinates (OpenCV's convention).
 //
 // Method: inverse-compositional Gauss-Newton over a Gaussian pyramid. The
 // fixed picture's gradients give the Jacobian (once per level); each
@@ -38,13 +42,14 @@ struct AlignmentOptions {
   int iterations = 12;        // most Gauss-Newton steps on a level
   double minimumStep = 2e-3;  // a level stops when no corner of the region moves more than this (pixels of the level)
   int minimumPixels = 64;     // fewer valid pixels than this and a level is skipped
+  bool spatialGain = false;   // a quadratic gain over the moving picture instead of one gain
 };
 
 struct AlignmentResult {
   cv::Matx33d warp = cv::Matx33d::eye();  // fixed pixels -> moving pixels
   double meanSquaredResidual = 0.0;       // after gain and offset, over the valid pixels (grey levels^2)
-  double correlation = 0.0;               // normalised correlation over the valid pixels, -1..1
-  double gain = 1.0, offset = 0.0;
+  double correlation = 0.0;               // normalised correlation over the valid pixels, -1..1 (one gain)
+  double gain = 1.0, offset = 0.0;        // with spatialGain: the gain at the moving picture's middle
   int validPixels = 0;
   bool ok = false;  // false: nothing usable was measured (no texture, too small, diverged); warp = start
 };
@@ -78,6 +83,9 @@ class DirectAlignment {
   // normal equations of the update.
   AlignmentResult measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
                           cv::Vec<double, 8>* gradient, bool buildHessian);
+  template <bool kSpatialGain>
+  AlignmentResult measureWith(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
+                              cv::Vec<double, 8>* gradient, bool buildHessian);
 
   AlignmentOptions options_;
   std::vector<Level> levels_;

@@ -97,6 +97,9 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
   if (!isUsableHomography(estimate) || pictures.targetGrey.empty() || pictures.moduleGrey.empty()) return estimate;
   AlignmentOptions options;
   options.levels = levels;
+  // Modules darken towards their corners; one gain would pull the result
+  // towards the brighter middle.
+  options.spatialGain = true;
   DirectAlignment alignment(options);
   // The alignment maps target pixels to module pixels: the inverse.
   const cv::Matx33d start = estimate.inv();

@@ -28,6 +28,10 @@ constexpr double kMinimumGradientEnergy = 1e-4;
 // both directions are solved; below it only the well-determined direction is
 // updated (an edge pins the translation across it, not along it).
 constexpr double kConditionLimit = 1e-3;
+// The most the gain may change from the middle of the compared rectangle to
+// its edge, as a share of the gain; a steeper fit is not vignetting and is
+// not used.
+constexpr double kMaximumGainSlope = 0.5;
 
 // Cubic B-spline weights of the taps at -1, 0, 1, 2 for the fractional
 // position f in [0, 1); they act on spline coefficients (splinePrefilter).
@@ -338,9 +342,17 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
   }
 
   // Vertical pass, fused with the sums of the step. Each row is summed in
-  // independent float lanes (so the loop vectorises), rows in double.
+  // independent float lanes (so the loop vectorises), rows in double. The
+  // column position xn (-1..1 over the rectangle) enters the sums of the
+  // gain's slope; the row position yn multiplies whole row sums.
   constexpr int kLanes = 8;
-  double sumB = 0, sumBB = 0, sumAB = 0, sumGxB = 0, sumGyB = 0;
+  constexpr int kRowSums = 11;  // b, bb, ab, gx b, gy b, and with xn: b, bb, xn bb, ab, gx b, gy b
+  double sum[kRowSums] = {};
+  double ySum[7] = {};          // yn b, yn bb, yn xn bb, yn^2 bb, yn ab, yn gx b, yn gy b
+  columnPosition_.resize(static_cast<std::size_t>(w));
+  const double halfWidth = std::max(1.0, 0.5 * (w - 1)), halfHeight = std::max(1.0, 0.5 * (h - 1));
+  for (int i = 0; i < w; ++i) columnPosition_[static_cast<std::size_t>(i)] = float((i - 0.5 * (w - 1)) / halfWidth);
+  const float* xs = columnPosition_.data();
   const cv::Mat area = firstLevel_(rect);
   for (int y = 0; y < h; ++y) {
     const double v = (rect.y + y - t.y) / sy - origin_.y;
@@ -360,37 +372,44 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
     const float* gx = current_->gradX.ptr<float>(y);
     const float* gy = current_->gradY.ptr<float>(y);
     const float* wt = current_->weight.ptr<float>(y);
-    float lb[kLanes] = {}, lbb[kLanes] = {}, lab[kLanes] = {}, lgx[kLanes] = {}, lgy[kLanes] = {};
+    float lane[kRowSums][kLanes] = {};
+    auto add = [&](int k, int j) {
+      const float b = rw[0] * r0[k] + rw[1] * r1[k] + rw[2] * r2[k] + rw[3] * r3[k];
+      const float wb = wt[k] * b;
+      const float wbb = wb * b, wab = wb * a[k], wgxb = wb * gx[k], wgyb = wb * gy[k];
+      const float xn = xs[k];
+      lane[0][j] += wb;
+      lane[1][j] += wbb;
+      lane[2][j] += wab;
+      lane[3][j] += wgxb;
+      lane[4][j] += wgyb;
+      lane[5][j] += xn * wb;
+      lane[6][j] += xn * wbb;
+      lane[7][j] += xn * xn * wbb;
+      lane[8][j] += xn * wab;
+      lane[9][j] += xn * wgxb;
+      lane[10][j] += xn * wgyb;
+    };
     int x = 0;
     for (; x + kLanes <= w; x += kLanes) {
-      for (int j = 0; j < kLanes; ++j) {
-        const int k = x + j;
-        const float b = rw[0] * r0[k] + rw[1] * r1[k] + rw[2] * r2[k] + rw[3] * r3[k];
-        const float wb = wt[k] * b;
-        lb[j] += wb;
-        lbb[j] += wb * b;
-        lab[j] += wb * a[k];
-        lgx[j] += wb * gx[k];
-        lgy[j] += wb * gy[k];
-      }
+      for (int j = 0; j < kLanes; ++j) add(x + j, j);
     }
-    for (; x < w; ++x) {
-      const float b = rw[0] * r0[x] + rw[1] * r1[x] + rw[2] * r2[x] + rw[3] * r3[x];
-      const float wb = wt[x] * b;
-      lb[0] += wb;
-      lbb[0] += wb * b;
-      lab[0] += wb * a[x];
-      lgx[0] += wb * gx[x];
-      lgy[0] += wb * gy[x];
+    for (; x < w; ++x) add(x, 0);
+    double row[kRowSums] = {};
+    for (int k = 0; k < kRowSums; ++k) {
+      for (int j = 0; j < kLanes; ++j) row[k] += lane[k][j];
+      sum[k] += row[k];
     }
-    for (int j = 0; j < kLanes; ++j) {
-      sumB += lb[j];
-      sumBB += lbb[j];
-      sumAB += lab[j];
-      sumGxB += lgx[j];
-      sumGyB += lgy[j];
-    }
+    const double yn = (y - 0.5 * (h - 1)) / halfHeight;
+    ySum[0] += yn * row[0];
+    ySum[1] += yn * row[1];
+    ySum[2] += yn * row[6];
+    ySum[3] += yn * yn * row[1];
+    ySum[4] += yn * row[2];
+    ySum[5] += yn * row[3];
+    ySum[6] += yn * row[4];
   }
+  const double sumB = sum[0], sumBB = sum[1], sumAB = sum[2], sumGxB = sum[3], sumGyB = sum[4];
 
   // Gain and offset that carry the second picture's brightness onto the first's.
   const double meanA = sumA_ / sumW_;
@@ -401,11 +420,36 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
   const double cov = sumAB / sumW_ - meanA * meanB;
   *correlation = std::clamp(cov / std::sqrt(varA * varB), -1.0, 1.0);
   const double gain = std::sqrt(varA / varB);
-  const double offset = meanA - gain * meanB;
 
-  // Right-hand side: sum of w * grad(first) * (first - gain * second - offset).
-  const double ex = sumGxA_ - gain * sumGxB - offset * sumGx_;
-  const double ey = sumGyA_ - gain * sumGyB - offset * sumGy_;
+  // Neighbouring modules darken towards their edges in opposite directions
+  // across the overlap (vignetting), so the gain that carries one onto the
+  // other changes over it. It is taken as gain * (1 + hx xn + hy yn): the
+  // slopes hx, hy from the least-squares fit of first ~ (g0 + g1 xn + g2 yn)
+  // second + c (hx = g1 / g0, hy = g2 / g0), the overall gain as matched
+  // above. Without a usable fit the gain stays flat.
+  double hx = 0.0, hy = 0.0;
+  {
+    const cv::Matx44d normal(sumBB, sum[6], ySum[1], sumB,       //
+                             sum[6], sum[7], ySum[2], sum[5],    //
+                             ySum[1], ySum[2], ySum[3], ySum[0], //
+                             sumB, sum[5], ySum[0], sumW_);
+    const cv::Vec4d right(sumAB, sum[8], ySum[4], sumA_);
+    cv::Vec4d fit;
+    if (cv::solve(normal, right, fit, cv::DECOMP_CHOLESKY) && std::isfinite(fit[0]) && std::fabs(fit[0]) > 1e-9) {
+      hx = fit[1] / fit[0];
+      hy = fit[2] / fit[0];
+      if (!std::isfinite(hx) || !std::isfinite(hy) || std::fabs(hx) > kMaximumGainSlope ||
+          std::fabs(hy) > kMaximumGainSlope) {
+        hx = hy = 0.0;
+      }
+    }
+  }
+  // Offset: the mean of first - gain(x) * second.
+  const double offset = meanA - gain * (sumB + hx * sum[5] + hy * ySum[0]) / sumW_;
+
+  // Right-hand side: sum of w * grad(first) * (first - gain(x) * second - offset).
+  const double ex = sumGxA_ - gain * (sumGxB + hx * sum[9] + hy * ySum[5]) - offset * sumGx_;
+  const double ey = sumGyA_ - gain * (sumGyB + hx * sum[10] + hy * ySum[6]) - offset * sumGy_;
 
   // Solve the 2x2 system through its eigen decomposition, dropping a
   // direction that carries no information.

@@ -17,7 +17,10 @@
 // B-spline at exact sub-pixel positions: OpenCV's warpAffine rounds positions
 // to 1/32 pixel and its kernels bias sub-pixel estimates on fine texture),
 // matches gain and offset, and solves a 2x2 system for the update, which is
-// scaled by `step`.
+// scaled by `step`. The gain may change linearly over the compared rectangle
+// (neighbouring modules darken towards their edges in opposite directions
+// across their overlap): its slopes are fitted by least squares, its level
+// is matched by the two pictures' spread as before.
 #pragma once
 
 #include <vector>
@@ -98,6 +101,7 @@ class TranslationAligner {
   std::vector<float> columnWeights_;  // 4 cubic weights per rectangle column
   std::vector<int> columnIndex_;      // first source column per rectangle column
   std::vector<float> rowBuffer_;      // horizontally resampled rows of the second picture
+  std::vector<float> columnPosition_; // each rectangle column's position, -1..1
   double hxx_ = 0, hxy_ = 0, hyy_ = 0;
   double sumW_ = 0, sumA_ = 0, sumAA_ = 0, sumGx_ = 0, sumGy_ = 0, sumGxA_ = 0, sumGyA_ = 0;
 };

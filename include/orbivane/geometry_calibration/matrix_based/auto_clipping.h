@@ -18,7 +18,10 @@
 // with the perspective transform of its matrix and added up. A UV grid does
 // not change the area a module covers and is not read.
 //
-// Modules without matrix geometry, with a singular or non-finite matrix, or
+// A module covers what its final matrix (module matrix x clip matrix, see
+// orbivane/sensor_calibration/final_matrix.h) puts on the surface, as the
+// viewer draws it. Modules without matrix geometry, with unreadable
+// clip-matrix values, with a singular or non-finite matrix, or
 // whose unit square does not project (a corner on or behind the horizon, or
 // so near it that the corner lands more than 10000 surface units away) are
 // left out with a log line (logger "AutoClipping"). A missing camera, a
@@ -71,6 +74,18 @@
 //   (black where nothing covers, brighter with each module), elements that
 //   are not well covered in red, and the rectangle in green (thickness 2,
 //   line type 8). It is not shown in a window; the host shows or saves it.
+// - viewerOffset(): offset() moved by half an element right and down: the
+//   crop that puts the rectangle's element centres on the pixel centres of
+//   the clipped panorama (a W x H panorama shows surface point (X / W, Y / H)
+//   at pixel (X, Y), see orbivane/platform/panorama_renderer.h), so its edge
+//   pixels show elements that are well covered, not the edge between a
+//   covered and an uncovered one. The right and bottom values may then be
+//   half an element below 0.
+// - clippedCamera(): the camera with the rectangle applied, as a viewer uses
+//   it: the viewerOffset() crop is composed into every module's matrix, so
+//   the rectangle becomes the panorama's unit square and a viewer (or
+//   renderPanorama) that draws the unit square draws the clipped panorama,
+//   with nothing new to learn. See applyClipping().
 #pragma once
 
 #include <cstddef>
@@ -83,7 +98,10 @@
 
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/export.h"
+#include "orbivane/utils/matrix4x4.h"
 #include "orbivane/utils/optional.h"
+#include "orbivane/utils/return_state.h"
+#include "orbivane/utils/size.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -108,6 +126,11 @@ class ORBIVANE_EXPORT AutoClipping {
   // Geometry mode: stores the switches and the threshold (see above), selects
   // geometry mode and returns true.
   bool config(const bool& requireOverlap, const bool& keepAspect, const float& threshold);
+  // Geometry mode: the largest rectangle without any badly covered element
+  // (see above) instead of the search that trades holes for size. Off by
+  // default; kept across config() calls.
+  void setNoHoles(bool noHoles);
+  bool noHoles() const;
 
   // Runs the selected mode's pass; false without a successful config(), and
   // when the pass finds no rectangle (the log and error() say why).
@@ -118,6 +141,7 @@ class ORBIVANE_EXPORT AutoClipping {
   // before that and after one that failed).
   std::vector<float> offset();
   std::vector<int> checkGap();
+  std::vector<float> viewerOffset() const;
   cv::Rect rectangle() const;
   // Size of the coverage map the rectangle lives on (elements).
   cv::Size coverageSize() const;
@@ -129,6 +153,30 @@ class ORBIVANE_EXPORT AutoClipping {
   // modules the last process() left out, one line each.
   std::string error() const;
   std::vector<std::string> skippedModules() const;
+
+  // The shared camera as it is now with the rectangle of the last process()
+  // applied (applyClipping with viewerOffset() and the panorama size: the
+  // camera's own when set, else the raster's); an error when no process()
+  // has succeeded.
+  Utils::ReturnState<CameraDescription::Orbivane, std::string> clippedCamera() const;
+
+  // The crop of the panorama to the rectangle that lies `offset` = {left,
+  // top, right, bottom} (normalised surface units) inside its edges, as a
+  // module-matrix factor: surface point (x, y) goes to ((x - left) / (1 -
+  // left - right), (y - top) / (1 - top - bottom)). Nothing when the offsets
+  // are not four finite numbers that leave a width and a height.
+  static Utils::Optional<Utils::Matrix4x4> clippingMatrix(const std::vector<float>& offset);
+  // The camera with that crop composed into every module's matrix (new
+  // matrix = crop x module matrix; the depth row, UV grids and shaders stay
+  // as they were), so its panorama's unit square is the rectangle. Its
+  // panorama size becomes the rectangle's size in pixels of `panorama` (the
+  // unclipped panorama's size: the camera's own when set). Modules without
+  // matrix geometry keep theirs; their names are appended to `untouched`
+  // when given. Throws std::invalid_argument when the offsets give no crop
+  // (clippingMatrix) or `panorama` is empty.
+  static CameraDescription::Orbivane applyClipping(const CameraDescription::Orbivane& camera,
+                                                   const std::vector<float>& offset, const Utils::Size& panorama,
+                                                   std::vector<std::wstring>* untouched = nullptr);
 
   // The coarse-to-fine maximum-sum rectangle search. `mat` is a one-channel
   // value map. Starting from the whole map with step `startStep`, every
