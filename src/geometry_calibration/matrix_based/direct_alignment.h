@@ -7,7 +7,7 @@
 // differently). With `spatialGain` the gain varies smoothly over the moving
 // picture, g = g(u, v) a quadratic in the moving picture's coordinates
 // normalised to -1..1 (six terms: 1, u, v, u^2, v^2, uv): a module's
-// vignetting, which darkens its corners by a third, then no longer pulls
+// vignetting, which may darken its corners by a fifth, then no longer pulls
 // the alignment towards the brighter middle. Pixel centres sit on integer
 // coordinates (OpenCV's convention).
 //
