@@ -13,12 +13,19 @@
 namespace OrbivaneGeometry {
 namespace {
 
-// The variable's value, read into a buffer of 65,535 characters; empty when
-// it is not set.
+// Characters of the buffer a variable's value is read into, its terminating
+// NUL included.
+constexpr std::size_t kEnvironmentBuffer = 65535;
+
+// The variable's value, read into a buffer of kEnvironmentBuffer characters;
+// empty when it is not set or its value (with its terminating NUL) does not
+// fit, as such a value cannot be read.
 std::string environmentValue(const char* name) {
   const char* value = std::getenv(name);
   if (value == nullptr) return std::string();
-  return std::string(value, strnlen(value, 65535));
+  const std::size_t length = strnlen(value, kEnvironmentBuffer);
+  if (length + 1 > kEnvironmentBuffer) return std::string();
+  return std::string(value, length);
 }
 
 // On POSIX a backslash in a shader path is a separator.

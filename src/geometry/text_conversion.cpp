@@ -1,32 +1,36 @@
+// Text conversions of shader values; see text_conversion.h.
 #include "geometry/text_conversion.h"
 
-#include <cctype>
-#include <cerrno>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
+#include <string>
 
 namespace OrbivaneGeometry {
 
-unsigned long parseHex16(const std::string& text) {
-  if (text.empty() || text.size() > 4) throw std::invalid_argument("invalid stoul argument");
-  for (char c : text) {
-    if (!std::isxdigit(static_cast<unsigned char>(c))) throw std::invalid_argument("invalid stoul argument");
+namespace {
+
+// Runs a standard conversion and raises its failures with the texts the
+// standard library of the host platform gives them ("invalid stoX argument",
+// "stoX argument out of range"); the GNU library calls both just "stoX".
+template <typename Convert>
+auto converted(const char* name, Convert convert) {
+  try {
+    return convert();
+  } catch (const std::invalid_argument&) {
+    throw std::invalid_argument(std::string("invalid ") + name + " argument");
+  } catch (const std::out_of_range&) {
+    throw std::out_of_range(std::string(name) + " argument out of range");
   }
-  return std::stoul(text, nullptr, 16);
+}
+
+}  // namespace
+
+unsigned long parseHex16(const std::string& text) {
+  return converted("stoul", [&text] { return std::stoul(text, nullptr, 16); });
 }
 
 float parseFloat(const std::string& text) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const float value = std::strtof(begin, &end);
-  if (end == begin) throw std::invalid_argument("invalid stof argument");
-  while (*end != '\0' && std::isspace(static_cast<unsigned char>(*end))) ++end;
-  if (*end != '\0') throw std::invalid_argument("invalid stof argument");
-  if (errno == ERANGE && (std::isinf(value) || value == 0.0f)) throw std::out_of_range("stof argument out of range");
-  return value;
+  return converted("stof", [&text] { return std::stof(text); });
 }
 
 std::string formatFloat(float value) {

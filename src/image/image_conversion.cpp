@@ -132,14 +132,12 @@ Utils::ReturnState<bool, std::string> saveImage(const UniversalImageInterface& i
 }
 
 Turn turnFor(double degrees) {
-  if (!std::isfinite(degrees)) return Turn::kNone;
-  double r = std::fmod(degrees, 360.0);
-  if (r < 0.0) r += 360.0;
-  if (r < 45.0 || r > 315.0) return Turn::kKeep;
-  if (std::fabs(r - 180.0) < 45.0) return Turn::kHalf;
-  if (std::fabs(r - 90.0) < 45.0) return Turn::kQuarterClockwise;
-  if (std::fabs(r - 270.0) < 45.0) return Turn::kQuarterCounterClockwise;
-  return Turn::kNone;
+  const auto near = [degrees](double anchor) { return std::fabs(degrees - anchor) < 45.0; };
+  if (near(0.0) || near(360.0)) return Turn::kKeep;
+  if (near(180.0) || near(-180.0)) return Turn::kHalf;
+  if (near(90.0) || near(-270.0)) return Turn::kQuarterClockwise;
+  if (near(270.0) || near(-90.0)) return Turn::kQuarterCounterClockwise;
+  return Turn::kNone;  // also NaN and angles beyond the anchors (450, 720, -360, ...)
 }
 
 void turnByRotation(const cv::Mat& source, cv::Mat& turned, double degrees) {

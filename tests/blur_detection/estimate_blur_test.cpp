@@ -77,9 +77,10 @@ TEST(EstimateBlur, EveryPictureKindGivesTheSameScore) {
 TEST(EstimateBlur, BadInputThrowsLikeTheOpenCvCalls) {
   EXPECT_THROW(estimateBlur(nullptr, 0), cv::Exception);
   EXPECT_THROW(estimateBlur(std::make_shared<Image::RGBImage>(0, 0, Image::kMappingBGR), 0), cv::Exception);
-  // Exactly between two quarter turns the picture is left unturned (empty).
+  // Exactly between two quarter turns, or near none of the turning rule's
+  // anchors, the picture is left unturned (empty).
   const auto image = picture(Testing::loadSample("baboon.jpg"));
-  for (int rotation : {45, 135, 225, 315, -45}) {
+  for (int rotation : {45, 135, 225, 315, -45, 450, 720, -360, -330}) {
     EXPECT_THROW(estimateBlur(image, rotation), cv::Exception) << rotation;
   }
 }

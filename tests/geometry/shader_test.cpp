@@ -11,6 +11,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <cstdint>
 #include <opencv2/core.hpp>
 
 #include "orbivane/geometry/clip_matrix.h"
@@ -108,10 +110,23 @@ TEST(Shader, RejectsUidsOfAnotherLength) {
   }
 }
 
-TEST(Shader, RejectsHalvesThatAreNotHexadecimal) {
-  for (const char* uid : {"0005zz07", "-0050007", "0x050007", "0005 007", "00050O07"}) {
+TEST(Shader, HalvesAreReadByTheStandardConversionInBase16) {
+  // Halves with no hexadecimal digit where the conversion starts fail with its text.
+  for (const char* uid : {"0005zz07", "zz050007", "0005 -x7"}) {
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { Shader s(uid, {}); }), "invalid stoul argument")
         << "'" << uid << "'";
+  }
+  // Otherwise the conversion's own rules hold: a "0x" prefix and leading
+  // blanks are taken, trailing characters end the number, a sign wraps.
+  const struct {
+    const char* uid;
+    std::uint16_t high, low;
+  } accepted[] = {{"0x050007", 5, 7},   {"0005 007", 5, 7}, {"00050O07", 5, 0},
+                  {"-0050007", 65531, 7}, {"0x0x0007", 0, 7}, {"1g2h3i4j", 1, 3}};
+  for (const auto& a : accepted) {
+    const Shader s(a.uid, {});
+    EXPECT_EQ(s.uidHigh(), a.high) << a.uid;
+    EXPECT_EQ(s.uidLow(), a.low) << a.uid;
   }
 }
 
@@ -179,15 +194,25 @@ TEST(ClipMatrix, ReadingBackAndRebuildingGivesTheSameText) {
 
 TEST(ClipMatrix, BadValuesPassTheConversionErrorsOn) {
   Shader shader = OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4());
-  for (const char* text : {"abc", "1.5x", "", " ", "--1"}) {
+  for (const char* text : {"abc", "", " ", "--1", "x1"}) {
     shader.setParameter("f_clipMatrix_m01", text);
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { OrbivaneGeometry::clipMatrixFromShader(shader); }),
               "invalid stof argument")
         << "'" << text << "'";
   }
-  shader.setParameter("f_clipMatrix_m01", "1e999");
-  EXPECT_EQ(messageOf<std::out_of_range>([&] { OrbivaneGeometry::clipMatrixFromShader(shader); }),
-            "stof argument out of range");
+  for (const char* text : {"1e999", "-1e39", "1e-40"}) {
+    shader.setParameter("f_clipMatrix_m01", text);
+    EXPECT_EQ(messageOf<std::out_of_range>([&] { OrbivaneGeometry::clipMatrixFromShader(shader); }),
+              "stof argument out of range")
+        << text;
+  }
+  // The standard conversion's own reading: blanks before, characters after,
+  // hexadecimal floats.
+  const std::pair<const char*, float> read[] = {{"1.5x", 1.5f}, {"  2", 2.0f}, {"0x1p-2", 0.25f}, {"3e", 3.0f}};
+  for (const auto& [text, value] : read) {
+    shader.setParameter("f_clipMatrix_m01", text);
+    EXPECT_EQ(OrbivaneGeometry::clipMatrixFromShader(shader).get(0, 1), value) << text;
+  }
   shader.setParameter("f_clipMatrix_m01", "-2.500000");
   EXPECT_EQ(OrbivaneGeometry::clipMatrixFromShader(shader).get(0, 1), -2.5f);
 
@@ -225,6 +250,24 @@ TEST(ShaderDirectories, FiveDirectoriesInOrder) {
   EXPECT_THAT(OrbivaneGeometry::shaderDirectories(),
               ::testing::ElementsAre("./", "./Shaders/", "\\Hollbrink\\Shaders\\",
                                      "\\Hollbrink\\TREVOS-ViewingClient\\Shaders\\", "\\Hollbrink\\Trimlane\\bin\\"));
+}
+
+TEST(ShaderDirectories, AValueThatDoesNotFitTheBufferCannotBeRead) {
+  // The buffer holds 65,535 characters with the terminating NUL: 65,534
+  // characters of value fit, 65,535 do not (the entry is the bare suffix).
+  const std::string fits(65534, 'a');
+  const std::string tooLong(65535, 'b');
+  {
+    ScopedEnvironment data("ProgramData", fits.c_str());
+    ScopedEnvironment files("ProgramFiles", tooLong.c_str());
+    const auto dirs = OrbivaneGeometry::shaderDirectories();
+    ASSERT_EQ(dirs.size(), 5u);
+    EXPECT_EQ(dirs[2], fits + "\\Hollbrink\\Shaders\\");
+    EXPECT_EQ(dirs[4], "\\Hollbrink\\Trimlane\\bin\\");
+  }
+  // A variable set to the empty text reads as empty.
+  ScopedEnvironment data("ProgramData", "");
+  EXPECT_EQ(OrbivaneGeometry::shaderDirectories()[3], "\\Hollbrink\\TREVOS-ViewingClient\\Shaders\\");
 }
 
 TEST(ShaderFile, LoadsUidNameAndDefaults) {
@@ -269,7 +312,7 @@ TEST(ShaderFile, ErrorsNameTheFileAndTheLine) {
   EXPECT_THAT(errorOf("00000004.shader", "name = no uid here\n"),
               ::testing::AllOf(HasSubstr(dir.file("00000004.shader")), HasSubstr("no uid")));
   EXPECT_THAT(errorOf("00000005.shader", "uid = 12345\n"), HasSubstr("Invalid UID"));
-  EXPECT_THAT(errorOf("0000000G.shader", "uid = 0000000G\n"), HasSubstr("invalid stoul argument"));
+  EXPECT_THAT(errorOf("G0000000.shader", "uid = G0000000\n"), HasSubstr("invalid stoul argument"));
   const auto missing = OrbivaneGeometry::loadShaderFile(dir.file("FFFF0000.shader"));
   ASSERT_TRUE(missing.hasError());
   EXPECT_THAT(missing.error(), HasSubstr(dir.file("FFFF0000.shader")));

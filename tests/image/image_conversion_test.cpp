@@ -195,18 +195,23 @@ TEST(ImageConversion, SaveRefusesBadNamesAndNeverLeavesAHalfFile) {
   EXPECT_TRUE(noTemporaryLeftovers(dir.path()));
 }
 
-TEST(ImageConversion, TurnForSnapsToQuarterTurns) {
-  for (double d : {0.0, 360.0, -360.0, 30.0, -30.0, 44.0, 720.0, 316.0}) {
+TEST(ImageConversion, TurnForSnapsToTheEightAnchors) {
+  // Within 45 degrees (exclusive) of 0 or 360, 180 or -180, 90 or -270, 270 or -90.
+  for (double d : {0.0, 360.0, 30.0, -30.0, 44.0, -44.9, 316.0, 404.0}) {
     EXPECT_EQ(Image::turnFor(d), Turn::kKeep) << d;
   }
-  for (double d : {180.0, -180.0, 136.0, 224.0, 540.0}) EXPECT_EQ(Image::turnFor(d), Turn::kHalf) << d;
-  for (double d : {90.0, -270.0, 46.0, 134.0, 450.0}) {
+  for (double d : {180.0, -180.0, 136.0, 224.0, -136.0, -224.0}) EXPECT_EQ(Image::turnFor(d), Turn::kHalf) << d;
+  for (double d : {90.0, -270.0, 46.0, 134.0, -226.0, -314.0}) {
     EXPECT_EQ(Image::turnFor(d), Turn::kQuarterClockwise) << d;
   }
-  for (double d : {270.0, -90.0, 226.0, 314.0}) {
+  for (double d : {270.0, -90.0, 226.0, 314.0, -46.0, -134.0}) {
     EXPECT_EQ(Image::turnFor(d), Turn::kQuarterCounterClockwise) << d;
   }
-  for (double d : {45.0, 135.0, 225.0, 315.0, -45.0, 405.0}) EXPECT_EQ(Image::turnFor(d), Turn::kNone) << d;
+  // Exactly between anchors, and near no anchor at all: angles are not taken
+  // modulo 360.
+  for (double d : {45.0, 135.0, 225.0, 315.0, -45.0, 405.0, 450.0, 540.0, 720.0, -360.0, -330.0, 1e9}) {
+    EXPECT_EQ(Image::turnFor(d), Turn::kNone) << d;
+  }
   EXPECT_EQ(Image::turnFor(std::nan("")), Turn::kNone);
 }
 
@@ -218,7 +223,6 @@ TEST(ImageConversion, TurnByRotationMatchesOpenCvRotate) {
   } cases[] = {
       {0, -1},
       {360, -1},
-      {-360, -1},
       {30, -1},
       {-30, -1},
       {44, -1},

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,4 +47,21 @@ TEST(ReturnState, TellsValueFromErrorWhenBothAreStrings) {
   EXPECT_EQ(Text::success("a").value(), "a");
   EXPECT_TRUE(Text::fromError("b").hasError());
   EXPECT_EQ(Text::fromError("b").error(), "b");
+}
+
+// A text is never taken for a value of a flag: `return "cannot connect";`
+// must not compile as success = true. Texts stay values where T is a text.
+static_assert(!std::is_convertible_v<const char*, Utils::ReturnState<bool, std::string>>);
+static_assert(!std::is_constructible_v<Utils::ReturnState<bool, std::string>, const char*>);
+static_assert(!std::is_convertible_v<const char (&)[15], Utils::ReturnState<int, std::string>>);
+static_assert(!std::is_convertible_v<const char*, Utils::ReturnState<const void*, std::string>>);
+static_assert(std::is_constructible_v<Utils::ReturnState<std::string, std::string>, const char*>);
+static_assert(std::is_convertible_v<Utils::Failure<std::string>, Utils::ReturnState<bool, std::string>>);
+
+TEST(ReturnState, ATextBecomesAnErrorOnlyThroughTheFailureForm) {
+  auto connect = []() -> Utils::ReturnState<bool, std::string> { return Utils::failure("cannot connect"); };
+  EXPECT_FALSE(connect());
+  EXPECT_EQ(connect().error(), "cannot connect");
+  const Utils::ReturnState<std::string, std::string> text("a value");
+  EXPECT_EQ(text.value(), "a value");
 }

@@ -34,10 +34,11 @@ ORBIVANE_EXPORT Utils::ReturnState<bool, std::string> saveImage(const UniversalI
                                                                 const std::string& path);
 ORBIVANE_EXPORT Utils::ReturnState<bool, std::string> saveMat(const cv::Mat& mat, const std::string& path);
 
-// How a rotation in degrees turns a picture. The angle is taken modulo 360;
-// within 45 degrees (exclusive) of a multiple of 90 it snaps to that quarter
-// turn. An angle exactly 45 degrees from every quarter turn (45, 135, ...)
-// matches none and is kNone: the turned picture is then left uncopied.
+// How a rotation in degrees turns a picture: within 45 degrees (exclusive)
+// of 0 or 360 kKeep, of 180 or -180 kHalf, of 90 or -270 kQuarterClockwise,
+// of 270 or -90 kQuarterCounterClockwise. The angle is not taken modulo 360:
+// an angle near none of these anchors (45, 135, ..., and also 450, 720,
+// -360, -330) is kNone, and the turned picture is then left uncopied.
 enum class Turn { kKeep, kHalf, kQuarterClockwise, kQuarterCounterClockwise, kNone };
 ORBIVANE_EXPORT Turn turnFor(double degrees);
 

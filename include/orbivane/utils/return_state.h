@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -29,6 +30,12 @@ class ReturnState {
  public:
   ReturnState(const T& value) : state_(std::in_place_index<0>, value) {}
   ReturnState(T&& value) : state_(std::in_place_index<0>, std::move(value)) {}
+  // `return "cannot connect";` from a function returning ReturnState<bool,
+  // std::string> would read as success = true (a pointer converts to bool):
+  // a text is never a value of an arithmetic or pointer T. Errors go through
+  // Utils::failure(...) or fromError(...).
+  template <typename U = T, typename = std::enable_if_t<std::is_arithmetic_v<U> || std::is_pointer_v<U>>>
+  ReturnState(const char*) = delete;
   template <typename F, typename = std::enable_if_t<std::is_constructible_v<E, F>>>
   ReturnState(Failure<F> error) : state_(std::in_place_index<1>, E(std::move(error.error))) {}
 
