@@ -9,6 +9,7 @@
 #include <spdlog/logger.h>
 
 #include "logging/logger_setup.h"
+#include "orbivane/utils/wide_text.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/quarn_session.h"
 #include "sensor_calibration/device_access.h"
@@ -52,6 +53,16 @@ FisheyeCalibration::FisheyeCalibration(const CameraDescription::OrbivaneModule& 
                      Utils::calibratorLogger("FisheyeCalibration")}) {}
 
 FisheyeCalibration::~FisheyeCalibration() = default;
+
+void FisheyeCalibration::updateOrbivane(const CameraDescription::Orbivane& camera) {
+  const auto found = camera.findModule(impl_->module.name());
+  if (!found) {
+    impl_->logger->warn("Module {} is not in the new camera description; keeping the module as it was",
+                        Utils::toUtf8(impl_->module.name()));
+    return;
+  }
+  impl_->module = *found;
+}
 
 int FisheyeCalibration::threshold() const { return impl_->threshold; }
 

@@ -11,6 +11,7 @@
 #include <spdlog/logger.h>
 
 #include "logging/logger_setup.h"
+#include "orbivane/utils/wide_text.h"
 #include "orbivane/image/image_conversion.h"
 #include "sensor_calibration/blob_pairs.h"
 #include "sensor_calibration/device_access.h"
@@ -44,6 +45,16 @@ ResolutionCalibration::ResolutionCalibration(const CameraDescription::OrbivaneMo
                      Utils::calibratorLogger("ResolutionCalibration")}) {}
 
 ResolutionCalibration::~ResolutionCalibration() = default;
+
+void ResolutionCalibration::updateOrbivane(const CameraDescription::Orbivane& camera) {
+  const auto found = camera.findModule(impl_->module.name());
+  if (!found) {
+    impl_->logger->warn("Module {} is not in the new camera description; keeping the module as it was",
+                        Utils::toUtf8(impl_->module.name()));
+    return;
+  }
+  impl_->module = *found;
+}
 
 int ResolutionCalibration::circleCount() const { return impl_->count; }
 int ResolutionCalibration::horizontalSpacing() const { return impl_->horizontal; }

@@ -153,13 +153,23 @@ void SensorShifter::writeSensorShift(std::shared_ptr<Module> module, const Senso
   if (!written) std::cerr << "!!!Error " << written.error() << ": Cannot write SensorShift!" << std::endl;
 
   if (info.virtualShift) {
-    const Utils::SurfaceQuad rect = getUnclippedRect(module, info);
+    // The picture follows the window as written (clamped and stepped), from
+    // where the last write left it: writing the same position again moves
+    // nothing.
+    SensorInfo moved = info;
+    moved.x = x;
+    moved.y = y;
+    const Utils::SurfaceQuad rect = getUnclippedRect(module, moved);
     const std::vector<cv::Point2f> unit{{0, 0}, {1, 0}, {1, 1}, {0, 1}};
     std::vector<cv::Point2f> corners;
-    for (const auto& c : rect.corners) corners.emplace_back(c.x, c.y);
+    bool unmoved = true;
+    for (std::size_t k = 0; k < rect.corners.size(); ++k) {
+      corners.emplace_back(rect.corners[k].x, rect.corners[k].y);
+      unmoved = unmoved && corners.back() == unit[k];
+    }
     const cv::Mat t = cv::getPerspectiveTransform(unit, corners);
     auto* geometry = module->matrixGeometry();
-    if (geometry != nullptr && cv::checkRange(t)) {
+    if (geometry != nullptr && !unmoved && cv::checkRange(t)) {
       const Utils::Matrix4x4 product = geometry->matrix() * OrbivaneGeometry::matrixFromPlanarHomography(cv::Matx33d(t));
       if (product.isFinite()) {
         auto replacement = geometry->clone();

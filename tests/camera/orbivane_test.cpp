@@ -198,3 +198,71 @@ TEST(Orbivane, BareModulesCopyAndLookUp) {
   EXPECT_EQ(CameraDescription::findModule(copy, L"Other").get(), copy.modules()[1].get());
   EXPECT_TRUE(copy.panoramaSize().empty());
 }
+
+namespace {
+
+// A geometry and a linkage that count how many of their kind are alive, so
+// the test sees a copy assignment release what the target held.
+int liveGeometries = 0;
+int liveLinkages = 0;
+
+class CountedGeometry : public OrbivaneGeometry::MatrixGeometry {
+ public:
+  CountedGeometry() { ++liveGeometries; }
+  CountedGeometry(const CountedGeometry& other) : MatrixGeometry(other) { ++liveGeometries; }
+  ~CountedGeometry() override { --liveGeometries; }
+  std::unique_ptr<OrbivaneGeometry::Geometry> clone() const override {
+    return std::make_unique<CountedGeometry>(*this);
+  }
+};
+
+class CountedLinkage : public OrbivaneLinkage {
+ public:
+  CountedLinkage() : OrbivaneLinkage(L"l", L"r", 0.3f) { ++liveLinkages; }
+  CountedLinkage(const CountedLinkage& other) : OrbivaneLinkage(other) { ++liveLinkages; }
+  ~CountedLinkage() override { --liveLinkages; }
+  std::unique_ptr<OrbivaneLinkage> clone() const override { return std::make_unique<CountedLinkage>(*this); }
+};
+
+}  // namespace
+
+TEST(OrbivaneModule, CopyAssignmentReleasesWhatTheTargetHeldAndClonesWhatTheSourceHas) {
+  {
+    OrbivaneModule target(L"T");
+    target.setGeometry(std::make_unique<CountedGeometry>());
+    target.setLinkage(std::make_unique<CountedLinkage>());
+    target.setFisheyeThreshold(std::int16_t{120});
+    ASSERT_EQ(liveGeometries, 1);
+    ASSERT_EQ(liveLinkages, 1);
+
+    // A source without geometry, linkage or threshold: the target lets go of its own.
+    OrbivaneModule bare(L"bare");
+    target = bare;
+    EXPECT_EQ(target.name(), L"bare");
+    EXPECT_EQ(target.geometry(), nullptr);
+    EXPECT_EQ(target.linkage(), nullptr);
+    EXPECT_FALSE(target.fisheyeThreshold().has_value());
+    EXPECT_EQ(liveGeometries, 0) << "the target's geometry was not released";
+    EXPECT_EQ(liveLinkages, 0) << "the target's linkage was not released";
+
+    // A source that has them: the target gets clones of its own.
+    OrbivaneModule source(L"S");
+    source.setGeometry(std::make_unique<CountedGeometry>());
+    source.setLinkage(std::make_unique<CountedLinkage>());
+    source.setFisheyeThreshold(std::int16_t{-3});
+    target = source;
+    EXPECT_EQ(liveGeometries, 2);
+    EXPECT_EQ(liveLinkages, 2);
+    EXPECT_NE(target.geometry(), source.geometry());
+    EXPECT_NE(target.linkage(), source.linkage());
+    EXPECT_EQ(target.fisheyeThreshold(), Utils::Optional<std::int16_t>(std::int16_t{-3}));
+    source.setFisheyeThreshold(std::int16_t{7});
+    EXPECT_EQ(target.fisheyeThreshold(), Utils::Optional<std::int16_t>(std::int16_t{-3}));
+    // Onto itself: nothing changes, nothing is released.
+    target = *&target;
+    EXPECT_EQ(liveGeometries, 2);
+    EXPECT_EQ(target.linkage()->overlap, 0.3f);
+  }
+  EXPECT_EQ(liveGeometries, 0);
+  EXPECT_EQ(liveLinkages, 0);
+}

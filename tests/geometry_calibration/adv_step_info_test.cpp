@@ -1,11 +1,13 @@
 // Progress records: the camera handle is shared between copies, the detail
 // record is owned by each copy alone.
 #include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
 
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry_calibration/adv_step_info.h"
-#include "orbivane/geometry_calibration/geometry_calibration_inferface.h"
-#include "orbivane/geometry_calibration/status_callback.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/image/image_conversion.h"
+#include "support/sample_data.h"
 
 namespace {
 
@@ -80,45 +82,50 @@ TEST(AdvStepInfo, MovingLeavesTheSourceEmpty) {
   EXPECT_EQ(camera.use_count(), 2);
 }
 
-TEST(AdvStepInfo, TravelsThroughTheStatusCallbackByValue) {
-  std::vector<int> steps;
-  std::shared_ptr<const CameraDescription::Orbivane> seen;
-  GeometryCalibration::StatusCallback callback = [&](int step, int total, std::string text, AdvStepInfo info) {
-    steps.push_back(step);
-    EXPECT_EQ(total, 2);
-    EXPECT_EQ(text.rfind("Calibrating Module ", 0), 0u);
-    seen = info.camera();
-  };
-  callback(1, 2, "Calibrating Module A", AdvStepInfo(someCamera()));
-  callback(2, 2, "Calibrating Module B", AdvStepInfo());
-  EXPECT_EQ(steps, (std::vector<int>{1, 2}));
-  EXPECT_EQ(seen, nullptr);
-}
-
-// A calibrator written against the abstract interface.
-class GiveModulesAGeometry : public GeometryCalibration::GeometryCalibrationInferface {
- public:
-  explicit GiveModulesAGeometry(CameraDescription::Orbivane camera) : camera_(std::move(camera)) {}
-  CameraDescription::Orbivane calibrate(std::list<std::wstring> modules, std::wstring) override {
-    CameraDescription::Orbivane result = camera_;
-    for (const auto& name : modules) {
-      if (auto m = result.findModule(name)) m->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
-    }
-    return result;
-  }
-
- private:
-  CameraDescription::Orbivane camera_;
-};
-
-TEST(GeometryCalibrationInferface, ACalibratorReturnsACorrectedCopy) {
+// What a real calibrator hands its callback: "Finished Module" carries the
+// camera as it stood after that module (earlier modules calibrated, later
+// ones not yet), "Calibrating Module" carries nothing.
+TEST(AdvStepInfo, TheCalibratorsStepsCarryTheCameraAsItStood) {
+  cv::Mat scene = Testing::loadSample("building.jpg");
+  cv::resize(scene, scene, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
   CameraDescription::Orbivane camera;
-  camera.addModule(CameraDescription::OrbivaneModule(L"A"));
-  GiveModulesAGeometry calibrator(camera);
-  GeometryCalibration::GeometryCalibrationInferface& asInterface = calibrator;
-  const auto result = asInterface.calibrate({L"A"}, L"A");
-  EXPECT_NE(result.findModule(L"A")->matrixGeometry(), nullptr);
-  EXPECT_EQ(camera.findModule(L"A")->geometry(), nullptr);
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
+  auto add = [&](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+    camera.addModule(module);
+    images[name] = Image::fromMat(picture);
+  };
+  Utils::Matrix4x4 left;  // the left half of the target, 6 px off
+  left.set(0, 0, 0.5f);
+  left.set(0, 3, 0.01f);
+  Utils::Matrix4x4 right = left;
+  right.set(0, 3, 0.51f);
+  add(L"T", Utils::Matrix4x4::identity(), scene);
+  add(L"A", left, scene(cv::Rect(0, 0, 320, 480)).clone());
+  add(L"B", right, scene(cv::Rect(320, 0, 320, 480)).clone());
+
+  GeometryCalibration::MatrixBased::MatchToTarget calibrator(camera, images);
+  std::vector<std::pair<std::string, std::shared_ptr<const CameraDescription::Orbivane>>> seen;
+  calibrator.registerStatusCallback([&](int, int, std::string text, AdvStepInfo info) {
+    seen.emplace_back(text, info.camera());
+  });
+  const auto result = calibrator.calibrate({L"A", L"B"}, L"T");
+  ASSERT_EQ(seen.size(), 4u);
+  EXPECT_EQ(seen[0].first, "Calibrating Module A");
+  EXPECT_EQ(seen[0].second, nullptr);
+  ASSERT_EQ(seen[1].first, "Finished Module A");
+  ASSERT_NE(seen[1].second, nullptr);
+  const auto matrixOf = [](const CameraDescription::Orbivane& c, const wchar_t* name) {
+    return c.findModule(name)->matrixGeometry()->matrix();
+  };
+  // After A: A is where the result has it, B still where it started.
+  EXPECT_EQ(matrixOf(*seen[1].second, L"A"), matrixOf(result, L"A"));
+  EXPECT_EQ(matrixOf(*seen[1].second, L"B"), right);
+  EXPECT_NE(matrixOf(result, L"A"), left) << "A was moved";
+  ASSERT_EQ(seen[3].first, "Finished Module B");
+  EXPECT_EQ(matrixOf(*seen[3].second, L"B"), matrixOf(result, L"B"));
+  EXPECT_NE(seen[1].second, seen[3].second) << "each step has its own snapshot";
 }
 
 }  // namespace

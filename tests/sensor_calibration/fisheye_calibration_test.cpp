@@ -6,11 +6,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "orbivane/camera/orbivane.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/quarn_session.h"
 #include "orbivane/platform/simulated_camera.h"
 #include "platform/scene_renderer.h"
 #include "sensor_calibration/fisheye_center_finder.h"
+#include "support/captured_log.h"
 #include "support/matchers.h"
 
 namespace {
@@ -235,6 +237,36 @@ TEST(FisheyeCalibrationTest, ClosedLoopCentresTheCircleAndRestoreGoesBack) {
   ASSERT_TRUE(calibration.restore());
   EXPECT_EQ(windowOf(name), std::make_pair(0, 0));
   EXPECT_THAT(camera->capture(name).value(), Testing::PictureNear(before, 0));
+}
+
+// The host hands on a camera whose module gained its connection (or moved
+// to another camera): the calibrator takes the module of its own name from
+// it; a camera without that name leaves the calibrator's module as it was.
+TEST(FisheyeCalibrationTest, UpdateOrbivaneTakesTheModuleOfTheSameName) {
+  const Testing::CapturedLog log("FisheyeCalibration");  // the calibrator takes its logger when made
+  FisheyeCalibration calibration(OrbivaneModule(L"update"), 97);
+  calibration.calculateCalibration(lens({400, 300}, {207, 150}, 130));
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(calibration.apply(0, 0)) << "no connection yet";
+  CameraDescription::Orbivane other;
+  other.addModule(OrbivaneModule(L"elsewhere"));
+  calibration.updateOrbivane(other);
+  EXPECT_THAT(log.text(), HasSubstr("update is not in the new camera description"));
+  EXPECT_FALSE(calibration.apply(0, 0));
+  CameraDescription::Orbivane camera;
+  camera.addModule(OrbivaneModule(L"elsewhere"));
+  camera.addModule(fisheyeModule("update", {800, 600}, 4, 2));
+  calibration.updateOrbivane(camera);
+  EXPECT_TRUE(calibration.apply(0, 0));
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(windowOf("update"), std::make_pair(8, 0));
+  // A later camera that no longer connects the module does not strand the
+  // window: restore still goes back where apply moved it.
+  CameraDescription::Orbivane unplugged;
+  unplugged.addModule(OrbivaneModule(L"update"));
+  calibration.updateOrbivane(unplugged);
+  EXPECT_TRUE(calibration.restore());
+  EXPECT_EQ(windowOf("update"), std::make_pair(0, 0));
 }
 
 }  // namespace

@@ -7,9 +7,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "orbivane/camera/orbivane.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/simulated_camera.h"
 #include "platform/scene_renderer.h"
+#include "support/captured_log.h"
 #include "sensor_calibration/blob_pairs.h"
 
 namespace {
@@ -64,8 +66,76 @@ TEST(ResolutionCalibrationTest, WrongMarkCountsGiveInfiniteResolutionAndTheError
   // The error text crosses the middle of the picture.
   const cv::Mat a = Image::toMat(annotated);
   EXPECT_GT(cv::norm(a.row(300), target.row(300), cv::NORM_L1), 0.0);
-  EXPECT_FALSE(calibration.apply());  // an infinite resolution is not applied
   EXPECT_EQ(calibration.calculateCalibration(nullptr), nullptr);
+}
+
+// A simulated camera whose module "front" sees a three-mark target.
+struct TargetCamera {
+  std::shared_ptr<Quarn::SimulatedCamera> camera;
+  Quarn::SimulatedModule module;
+  OrbivaneModule described{L"front"};
+};
+
+TargetCamera targetCamera(const std::string& address) {
+  TargetCamera t;
+  t.camera = Quarn::SimulatedCamera::open(address).value();
+  t.module.id = "front";
+  t.module.scene.kind = "target";
+  t.module.scene.width = 1600;
+  t.module.scene.height = 1200;
+  t.module.scene.cornerX = 500;
+  t.module.scene.cornerY = 300;
+  t.module.window.width = 1200;
+  t.module.window.height = 900;
+  EXPECT_TRUE(t.camera->addModule(t.module));
+  Quarn::QuarnConnection c;
+  c.backend = "simulated";
+  c.address = address;
+  c.device = "front";
+  t.described.setConnection(c);
+  return t;
+}
+
+TEST(ResolutionCalibrationTest, AnInfiniteResolutionIsRefusedByApplyItself) {
+  // The module reaches its camera, so apply gets as far as the result check.
+  const TargetCamera t = targetCamera("memory:resolution-infinite");
+  const cv::Mat twoMarks = Quarn::renderThreeCircleTarget({800, 600}, {100, 500}, 500, 800, 25, 0.0, 1.0, 1.0, 2);
+  const Testing::CapturedLog log("ResolutionCalibration");  // the calibrator takes its logger when made
+  ResolutionCalibration calibration(t.described, 0.5f, 0.3f, 300);
+  testing::internal::CaptureStdout();
+  calibration.calculateCalibration(Image::fromMat(twoMarks));
+  testing::internal::GetCapturedStdout();
+  ASSERT_TRUE(std::isinf(calibration.metresPerPixelX()));
+  EXPECT_FALSE(calibration.apply());
+  EXPECT_FALSE(calibration.applied());
+  EXPECT_THAT(log.text(), HasSubstr("The measured resolution is not usable"));
+  EXPECT_THAT(log.text(), testing::Not(HasSubstr("Quarn Connection")));
+}
+
+TEST(ResolutionCalibrationTest, UpdateOrbivaneTakesTheModuleOfTheSameName) {
+  const TargetCamera t = targetCamera("memory:resolution-update");
+  const auto picture = Image::fromMat(t.camera->capture("front").value());
+  const Testing::CapturedLog log("ResolutionCalibration");
+  ResolutionCalibration calibration(OrbivaneModule(L"front"), 0.8f, 0.4f, 500);  // no connection yet
+  testing::internal::CaptureStdout();
+  calibration.calculateCalibration(picture);
+  testing::internal::GetCapturedStdout();
+  ASSERT_EQ(calibration.circleCount(), 3);
+  EXPECT_FALSE(calibration.apply());
+
+  // A camera without the module: the old copy stays, and the log says so.
+  CameraDescription::Orbivane other;
+  other.addModule(OrbivaneModule(L"rear"));
+  calibration.updateOrbivane(other);
+  EXPECT_THAT(log.text(), HasSubstr("front is not in the new camera description"));
+  EXPECT_FALSE(calibration.apply());
+  // The camera with the connected module: apply now reaches the sensor.
+  CameraDescription::Orbivane connected;
+  connected.addModule(OrbivaneModule(L"rear"));
+  connected.addModule(t.described);
+  calibration.updateOrbivane(connected);
+  EXPECT_TRUE(calibration.apply());
+  EXPECT_TRUE(calibration.applied());
 }
 
 TEST(ResolutionCalibrationTest, ApplyNeedsResultsConnectionAndSensor) {

@@ -187,4 +187,27 @@ TEST(SensorShifterTest, VirtualWriteMakesThePictureFollowTheWindow) {
   EXPECT_NEAR(OrbivaneGeometry::moduleSurfaceQuad(module->matrixGeometry()->matrix())->left(), 39.5 / 200.0, 1e-6);
 }
 
+// With the virtual narrowing the record's limits may lie beyond the
+// device's: a position the device clamps moves the picture only as far as
+// the window really moved, and writing it again moves nothing more.
+TEST(SensorShifterTest, VirtualWriteOfAClampedPositionDoesNotDrift) {
+  auto module = moduleOnCamera("drift", 1, 1);
+  SensorShifter::SensorInfo info;
+  ASSERT_TRUE(SensorShifter::readSensorShift(module, info, true, 0.0f));
+  info.x = 500;  // the device stops at 101
+  info.y = -80;  // and at -50
+  SensorShifter::writeSensorShift(module, info);
+  EXPECT_EQ(deviceWindow("drift"), std::make_pair(101, -50));
+  const Utils::Matrix4x4 first = module->matrixGeometry()->matrix();
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(first);
+  ASSERT_TRUE(quad);
+  EXPECT_NEAR(quad->left(), 100.5 / 200.0, 1e-6);
+  EXPECT_NEAR(quad->top(), -0.5, 1e-6);
+  for (int again = 0; again < 3; ++again) {
+    SensorShifter::writeSensorShift(module, info);
+    EXPECT_EQ(module->matrixGeometry()->matrix(), first) << "write " << again + 2;
+  }
+  EXPECT_EQ(SensorShifter::lastChangedSensorInfo(L"drift").x, 101);
+}
+
 }  // namespace

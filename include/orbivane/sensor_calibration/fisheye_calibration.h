@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "orbivane/camera/orbivane.h"
 #include "orbivane/camera/orbivane_module.h"
 #include "orbivane/export.h"
 #include "orbivane/image/universal_image_interface.h"
@@ -32,6 +33,13 @@ class ORBIVANE_EXPORT FisheyeCalibration {
   FisheyeCalibration& operator=(const FisheyeCalibration&) = delete;
 
   int threshold() const;
+
+  // Takes the module of the same name from a new camera description (its
+  // connection, picture, geometry and the rest), as the host hands on a
+  // camera that changed. When the camera has no module of that name the
+  // calibrator keeps the module it has and logs so. A window moved by apply
+  // is still put back by restore where apply moved it.
+  void updateOrbivane(const CameraDescription::Orbivane& camera);
 
   // Finds the circle; never fails (an implausible circle gives -1 values).
   CalibrationResults calculateCalibration(std::shared_ptr<Image::UniversalImageInterface> image);

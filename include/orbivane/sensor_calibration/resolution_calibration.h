@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "orbivane/camera/orbivane.h"
 #include "orbivane/camera/orbivane_module.h"
 #include "orbivane/export.h"
 #include "orbivane/image/universal_image_interface.h"
@@ -23,6 +24,13 @@ class ORBIVANE_EXPORT ResolutionCalibration {
   virtual ~ResolutionCalibration();
   ResolutionCalibration(const ResolutionCalibration&) = delete;
   ResolutionCalibration& operator=(const ResolutionCalibration&) = delete;
+
+  // Takes the module of the same name from a new camera description (its
+  // connection, picture, geometry and the rest), as the host hands on a
+  // camera that changed. When the camera has no module of that name the
+  // calibrator keeps the module it has and logs so. A window moved by apply
+  // is still put back by restore where apply moved it.
+  void updateOrbivane(const CameraDescription::Orbivane& camera);
 
   // Measures and returns the annotated picture (null for a null or unreadable
   // picture).

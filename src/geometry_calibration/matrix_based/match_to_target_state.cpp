@@ -223,7 +223,10 @@ Utils::Matrix4x4 MatchToTargetState::toResult(const std::wstring& module, const 
 
 void MatchToTargetState::report(const std::string& text, AdvStepInfo info) {
   if (!callback) return;
-  ++progressCurrent;
+  // The total follows the Part's rule per mode; a module it does not count
+  // (mode 0 with grid: a listed module without a grid) keeps the bar at its
+  // end instead of running past it.
+  progressCurrent = std::min(progressCurrent + 1, std::max(progressTotal, 0));
   callback(progressCurrent, progressTotal, text, std::move(info));
 }
 
@@ -377,7 +380,12 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
       if (!gridEnabled) {
         result = FeatureMatcher(context).estimate(pictures, start, 10000, 0.0f, 0.0f);
       } else {
-        Utils::UVGrid& grid = grids[name];
+        // A listed module without a grid of its own from initGrid is matched
+        // with an empty one, which the estimator leaves as it is; its own UV
+        // grid stays untouched.
+        Utils::UVGrid none;
+        const auto own = grids.find(name);
+        Utils::UVGrid& grid = own != grids.end() ? own->second : none;
         GridEstimator estimator(context, [this, &name] { report("Refining Grid of Module " + narrow(name)); });
         result = estimator.estimate(pictures, start, system.backwardRight, grid, gridDisplacements[name]);
       }

@@ -5,15 +5,12 @@
 #include <cmath>
 #include <limits>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
 #include "orbivane/camera/orbivane.h"
@@ -22,6 +19,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
+#include "support/captured_log.h"
 #include "support/sample_data.h"
 
 namespace {
@@ -85,23 +83,6 @@ bool runValueMode(AutoClipping& clipping, float weight = 1.0f, std::size_t itera
   EXPECT_TRUE(clipping.config({1.0f}, 1, 1, weight, iterations));
   return clipping.process();
 }
-
-// Captures what the "AutoClipping" logger writes while it lives.
-class CapturedLog {
- public:
-  CapturedLog() {
-    spdlog::drop("AutoClipping");
-    logger_ = std::make_shared<spdlog::logger>("AutoClipping", std::make_shared<spdlog::sinks::ostream_sink_mt>(text_));
-    logger_->set_level(spdlog::level::trace);
-    spdlog::register_logger(logger_);
-  }
-  ~CapturedLog() { spdlog::drop("AutoClipping"); }
-  std::string text() const { return text_.str(); }
-
- private:
-  std::ostringstream text_;
-  std::shared_ptr<spdlog::logger> logger_;
-};
 
 TEST(AutoClippingConfig, ValueModeNeedsMatchingCountsAndAnIterationLimit) {
   AutoClipping clipping(halvesCamera());
@@ -183,7 +164,7 @@ TEST(AutoClippingConfig, BadCamerasAndValuesFailWithTheReason) {
 }
 
 TEST(AutoClippingValueMode, ModulesThatCannotBeUsedAreLeftOutWithALogLine) {
-  CapturedLog log;
+  Testing::CapturedLog log("AutoClipping");
   auto camera = cameraOf({{L"whole", boxMatrix(0, 0, 1, 1)},
                           {L"singular", Utils::Matrix4x4(std::array<float, 16>{})},
                           {L"nan", boxMatrix(0, 0, std::numeric_limits<float>::quiet_NaN(), 1)},

@@ -17,6 +17,7 @@
 #include "orbivane/geometry/region_based_geometry.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
+#include "support/captured_log.h"
 #include "support/matchers.h"
 #include "support/sample_data.h"
 
@@ -125,6 +126,7 @@ cv::Point2d originPixels(const CameraDescription::Orbivane& camera, const std::w
 TEST(NeighbourNeighbour, PairFindsTheKnownOffsetAndLaysTheOverlapOntoOneSurfacePoint) {
   cv::RNG rng(11);
   Chain chain = makeChain({{0, 0}, {2.3, -1.7}}, rng);
+  const Testing::CapturedLog log("MatrixBasedNeighbourNeighbourStitch");  // taken when the stitcher is made
   NeighbourStitcher stitcher(chain.camera, chain.images, 4, 6, 1.0f);
   const Matrix4x4 firstBefore = matrixOf(stitcher.camera(), L"M0");
   const Matrix4x4 secondBefore = matrixOf(stitcher.camera(), L"M1");
@@ -137,6 +139,7 @@ TEST(NeighbourNeighbour, PairFindsTheKnownOffsetAndLaysTheOverlapOntoOneSurfaceP
 
   const auto applied = stitcher.calibratePair(L"M0", L"M1", true);
   EXPECT_EQ(applied, measured);
+  EXPECT_NE(log.text().find("Stitching Modules: M0 M1"), std::string::npos) << log.text();
   EXPECT_EQ(matrixOf(stitcher.camera(), L"M0"), firstBefore);
   EXPECT_THAT(matrixOf(stitcher.camera(), L"M1"),
               Testing::MatrixNear(Matrix4x4::translation(applied.first, applied.second) * secondBefore, 1e-7));

@@ -1,0 +1,190 @@
+// What a host relies on in target matching: mode 1 returns every matrix as
+// it was, mode 0 with grid leaves alone the grids it was not given and keeps
+// its progress within the total, "Finished Module" follows only an
+// estimator, mode 3 applies its correction on top of the previous matrix,
+// the skip messages reach the logger, and the 1000-pair cap on HD pictures
+// keeps pairs from the whole overlap.
+#include <cfloat>
+#include <map>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "geometry_calibration/matrix_based/feature_matcher.h"
+#include "logging/logger_setup.h"
+#include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/region_based_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/utils/wide_text.h"
+#include "support/captured_log.h"
+#include "support/sample_data.h"
+#include "support/scenes.h"
+
+namespace {
+
+using GeometryCalibration::AdvStepInfo;
+using GeometryCalibration::MatrixBased::MatchToTarget;
+using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+// A target T spanning the surface and modules that see parts of the same
+// photograph, each placed with a matrix a little off the truth.
+struct Rig {
+  CameraDescription::Orbivane camera;
+  Images images;
+  std::map<std::wstring, Utils::Matrix4x4> truth;
+};
+
+Utils::Matrix4x4 boxMatrix(double x0, double y0, double x1, double y1) {
+  Utils::Matrix4x4 m;
+  m.set(0, 0, float(x1 - x0));
+  m.set(0, 3, float(x0));
+  m.set(1, 1, float(y1 - y0));
+  m.set(1, 3, float(y0));
+  return m;
+}
+
+Rig makeRig() {
+  Rig rig;
+  cv::Mat scene = Testing::loadSample("building.jpg");
+  cv::resize(scene, scene, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+  auto add = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+    rig.camera.addModule(module);
+    rig.images[name] = Image::fromMat(picture);
+  };
+  add(L"T", Utils::Matrix4x4::identity(), scene);
+  const std::pair<const wchar_t*, cv::Rect> parts[] = {{L"A", {0, 0, 360, 300}}, {L"B", {280, 160, 360, 300}}};
+  for (const auto& [name, part] : parts) {
+    const Utils::Matrix4x4 truth =
+        boxMatrix(part.x / 640.0, part.y / 480.0, (part.x + part.width) / 640.0, (part.y + part.height) / 480.0);
+    rig.truth[name] = truth;
+    add(name, Utils::Matrix4x4::translation(0.012f, -0.008f) * truth, scene(part).clone());
+  }
+  return rig;
+}
+
+TEST(MatchToTargetContract, ModeOneReturnsEveryMatrixBitForBit) {
+  Rig rig = makeRig();
+  // A matrix whose (3, 3) element is not 1 and whose depth row is not the
+  // identity's, and the distortion-method flag set by a lens shader.
+  Utils::Matrix4x4 odd = rig.camera.findModule(L"A")->matrixGeometry()->matrix();
+  for (int c = 0; c < 4; ++c) odd.set(3, c, odd.get(3, c) * 2.0f);
+  odd.set(2, 0, 0.25f);
+  odd.set(2, 2, 3.0f);
+  rig.camera.findModule(L"A")->matrixGeometry()->setMatrix(odd);
+  OrbivaneGeometry::Shader lens("00060001", {{"i_ps_distortion_ext_method", "1"}});
+  rig.camera.findModule(L"B")->setShaders({lens});
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.setCalibrationMode(MatchToTarget::kKeepMatrix);
+  const auto result = calibrator.calibrate({L"A", L"B", L"T"}, L"T");
+  for (const auto& module : rig.camera.modules()) {
+    EXPECT_EQ(result.findModule(module->name())->matrixGeometry()->matrix(), module->matrixGeometry()->matrix())
+        << Utils::toUtf8(module->name());
+  }
+  EXPECT_EQ(calibrator.error().size(), 3u) << "mode 1 still measures every module";
+}
+
+TEST(MatchToTargetContract, ModeThreeAppliesItsCorrectionOnTopOfThePreviousMatrix) {
+  const Rig rig = makeRig();
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.setCalibrationMode(MatchToTarget::kIterative);
+  const auto result = calibrator.calibrate({L"A", L"B"}, L"T");
+  for (const auto& name : {L"A", L"B"}) {
+    // The start is 7.7 px (x) and 3.8 px (y) off; composed on top of it the
+    // correction lands on the truth, put in its place it would not.
+    const auto found = OrbivaneGeometry::moduleSurfaceQuad(result.findModule(name)->matrixGeometry()->matrix());
+    const auto truth = OrbivaneGeometry::moduleSurfaceQuad(rig.truth.at(name));
+    ASSERT_TRUE(found && truth);
+    for (int k = 0; k < 4; ++k) {
+      EXPECT_NEAR(found->corners[k].x * 640, truth->corners[k].x * 640, 0.3) << Utils::toUtf8(name);
+      EXPECT_NEAR(found->corners[k].y * 480, truth->corners[k].y * 480, 0.3) << Utils::toUtf8(name);
+    }
+  }
+}
+
+TEST(MatchToTargetContract, GridModeKeepsTheGridsItWasNotGivenAndItsProgressWithinTheTotal) {
+  Rig rig = makeRig();
+  // B has a UV grid of its own; only A gets one from initGrid.
+  Utils::UVGrid own(3, 2);
+  rig.camera.findModule(L"B")->matrixGeometry()->setUVGrid(own);
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.setGridEnabled(true);
+  calibrator.initGrid(2, 2, L"A");
+  int worst = 0, total = -1;
+  std::vector<std::string> texts;
+  calibrator.registerStatusCallback([&](int step, int all, std::string text, AdvStepInfo) {
+    EXPECT_LE(step, all) << text;
+    worst = std::max(worst, step);
+    total = all;
+    texts.push_back(text);
+  });
+  const auto result = calibrator.calibrate({L"A", L"B"}, L"T");
+  EXPECT_EQ(total, 2 * 2 * 4) << "only A's grid counts";
+  EXPECT_EQ(worst, total);
+  const auto& grid = result.findModule(L"B")->matrixGeometry()->uvGrid();
+  ASSERT_TRUE(grid.has_value()) << "B's own grid was wiped";
+  EXPECT_EQ(grid->columns(), own.columns());
+  EXPECT_EQ(grid->rows(), own.rows());
+  EXPECT_EQ(grid->points(), own.points());
+  EXPECT_TRUE(result.findModule(L"A")->matrixGeometry()->uvGrid().has_value());
+}
+
+TEST(MatchToTargetContract, FinishedModuleFollowsOnlyAnEstimator) {
+  Rig rig = makeRig();
+  rig.images[L"B"] = Image::fromMat(cv::Mat(1, 1, CV_8UC3, cv::Scalar(5, 5, 5)));  // cannot be matched
+  MatchToTarget calibrator(rig.camera, rig.images);
+  std::vector<std::string> texts;
+  calibrator.registerStatusCallback([&](int, int, std::string text, AdvStepInfo) { texts.push_back(text); });
+  calibrator.calibrate({L"A", L"B"}, L"T");
+  EXPECT_EQ(texts, (std::vector<std::string>{"Calibrating Module A", "Finished Module A", "Calibrating Module B"}));
+}
+
+TEST(MatchToTargetContract, SkippedModulesAreLoggedWithTheirMessages) {
+  const Testing::CapturedLog log("MatrixBasedMatchToBackground");
+  Rig rig = makeRig();
+  CameraDescription::OrbivaneModule region(L"R");
+  region.setGeometry(std::make_unique<OrbivaneGeometry::RegionBasedGeometry>());
+  rig.camera.addModule(region);
+  CameraDescription::OrbivaneModule blind(L"P");
+  blind.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
+  rig.camera.addModule(blind);
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.calibrate({L"ghost", L"R", L"P"}, L"T");
+  const std::string text = log.text();
+  EXPECT_NE(text.find("Module ghost does not exist.. Skipping pmodule"), std::string::npos) << text;
+  EXPECT_NE(text.find("Module R has no Matrix Geometry.. Skipping pmodule"), std::string::npos) << text;
+  EXPECT_NE(text.find("Module P has no Image.. Skipping pmodule"), std::string::npos) << text;
+  EXPECT_TRUE(calibrator.error().empty()) << "skipped modules have no error entry";
+}
+
+// HD pictures give far more than 1000 cross-checked pairs: the cap keeps
+// 1000 (750 after the best three quarters), taken from every part of the
+// overlap, not from one band.
+TEST(MatchToTargetContract, ThePairCapOnHdPicturesKeepsTheWholeOverlap) {
+  const Testing::Scene scene = Testing::makeScene("aloeL.jpg", cv::Size(1920, 1080));
+  Testing::ModuleTruth truth;
+  cv::RNG rng(12);
+  truth.homography = Testing::realisticMisalignment(rng, cv::Size(1920, 1080), cv::Size(1920, 1080), 1.0, 1.0, 0.02);
+  GeometryCalibration::MatrixBased::WorkPictures pictures;
+  pictures.module = Testing::renderModule(scene, truth, cv::Size(1920, 1080), 1.0, 0.0, 1.0, 5);
+  pictures.target = scene.target;
+  pictures.prepareGrey();
+  GeometryCalibration::MatrixBased::FeatureMatcher matcher(
+      {Utils::calibratorLogger("MatrixBasedMatchToBackground"), nullptr});
+  const auto r = matcher.estimate(pictures, cv::Matx33f::eye(), 10000, 0.0f, 0.0f);
+  ASSERT_LT(r.error, FLT_MAX);
+  const auto& pairs = matcher.lastPairs();
+  ASSERT_EQ(pairs.size(), 750u) << "the cap of 1000 was not reached";
+  // Every cell of a 3 x 3 division of the picture holds pairs.
+  int cells[3][3] = {};
+  for (const auto& p : pairs) ++cells[std::min(2, int(p.targetY * 3 / 1080))][std::min(2, int(p.targetX * 3 / 1920))];
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 3; ++x) EXPECT_GT(cells[y][x], 20) << "cell " << x << ", " << y;
+  EXPECT_LT(Testing::cornerError(truth.homography, cv::Matx33d(r.homography), cv::Size(1920, 1080)), 0.1);
+}
+
+}  // namespace
