@@ -1,4 +1,6 @@
-// A host application that links the installed library.
+// A host application that links the installed library: it builds a camera,
+// reads a clip matrix back, scores a picture, and hands a changed camera to
+// both sensor calibrators through updateOrbivane.
 #include <iostream>
 
 #include <orbivane/calibration.h>
@@ -13,6 +15,13 @@ int main() {
   auto picture = std::make_shared<Image::RGBImage>(64, 48, Image::kMappingBGR);
   const int score = BlurDetection::estimateBlur(picture, 0);
   if (!found || *shader.parameter("f_clipMatrix_m02") != "0.250000" || score != 0) return 1;
+
+  SensorCalibration::FisheyeCalibration fisheye(*found, 97);
+  SensorCalibration::ResolutionCalibration resolution(*found, 0.5f, 0.3f, 100);
+  CameraDescription::Orbivane changed(camera);
+  changed.findModule(L"front")->setFisheye(true);
+  fisheye.updateOrbivane(changed);
+  resolution.updateOrbivane(changed);
   std::cout << "consumer ok" << std::endl;
   return 0;
 }
