@@ -32,6 +32,8 @@ if "ProgramData" not in _os.environ and _os.path.isdir(_os.path.join(_DATA, "Hol
     _os.environ["ProgramData"] = _DATA
 
 from ._orbivane import (  # noqa: E402  (the environment must be set first)
+    CLIP_MATRIX_SHADER_UID,
+    LENS_DISTORTION_SHADER_UID,
     AutoClipping,
     CalibrationPipeline,
     Camera,
@@ -48,13 +50,17 @@ from ._orbivane import (  # noqa: E402  (the environment must be set first)
     SmartFinderImage,
     StepInfo,
     __version__,
+    clip_matrix_shader,
     estimate_blur,
     load_picture,
     render_panorama,
     save_picture,
+    shade_picture,
 )
 
 __all__ = [
+    "CLIP_MATRIX_SHADER_UID",
+    "LENS_DISTORTION_SHADER_UID",
     "AutoClipping",
     "CalibrationPipeline",
     "CalibrationResult",
@@ -73,10 +79,12 @@ __all__ = [
     "StepInfo",
     "__version__",
     "calibrate",
+    "clip_matrix_shader",
     "estimate_blur",
     "load_picture",
     "render_panorama",
     "save_picture",
+    "shade_picture",
 ]
 
 

@@ -26,8 +26,10 @@ import orbivane
 
 __all__ = [
     "DEFAULT_DATA_DIR",
+    "LensSearch",
     "Rig",
     "corner_error",
+    "make_lens_search",
     "make_rig",
     "matrix_from_homography",
     "planar_homography",
@@ -208,3 +210,81 @@ def make_rig(
     pictures["Target"] = scene
     return Rig(camera=camera, scene=scene, truth=truth, misaligned=misaligned, names=names, panorama=panorama,
                pictures=pictures)
+
+
+@dataclass
+class LensSearch:
+    """A shader parameter search with a known answer.
+
+    ``camera`` has one module "lens" (identity matrix, the clip-matrix and
+    lens-distortion shaders, the lens shader as the geometry's shader) whose
+    picture is a photograph; ``reference`` is that picture drawn through the
+    lens shader with the ``truth`` values (a grid point); ``parameters`` is
+    the grid to search ([(name, min, max, step, kind)], a slice around the
+    truth unless the whole grid was asked for).
+    """
+
+    camera: "orbivane.Camera"
+    picture: np.ndarray
+    reference: np.ndarray
+    truth: Dict[str, float]
+    parameters: List[tuple]
+
+    @property
+    def pictures(self) -> Dict[str, np.ndarray]:
+        return {"lens": self.picture, "reference": self.reference}
+
+
+# The true lens: the index of its value in each parameter's walk.
+_LENS_TRUTH_INDEX = {
+    "f_TCorrection_F": 4,
+    "f_TCorrection_H": 4,
+    "f_TCorrection_V": 8,
+    "f_ps_distortion_ext_xshift": 7,
+    "f_ps_distortion_ext_yshift": 5,
+}
+
+
+def _lens_shader(values: Dict[str, float]) -> "orbivane.Shader":
+    texts = {"i_ps_distortion_ext_pwp": "2", "i_ps_distortion_ext_method": "0"}
+    texts.update({k: "%f" % v for k, v in values.items()})
+    return orbivane.Shader(orbivane.LENS_DISTORTION_SHADER_UID, texts)
+
+
+def make_lens_search(
+    data_dir: Optional[str] = None, size: Tuple[int, int] = (720, 540), reach: Optional[Dict[str, int]] = None
+) -> LensSearch:
+    """A lens module looking at graf1.png and the reference its true lens draws.
+
+    ``reach``: per parameter, how many grid values either side of the truth
+    the search walks (default 1 for the correction weights, 2 for the
+    shifts); a parameter given a reach of None walks its whole range.
+    """
+    import cv2
+
+    data_dir = data_dir or DEFAULT_DATA_DIR
+    photo = cv2.imread(os.path.join(data_dir, "graf1.png"), cv2.IMREAD_COLOR)
+    if photo is None:
+        raise FileNotFoundError(f"cannot read the sample photograph '{data_dir}/graf1.png' (is opencv-doc installed?)")
+    picture = np.ascontiguousarray(cv2.resize(photo, size, interpolation=cv2.INTER_AREA))
+    default_reach = {name: (2 if "shift" in name else 1) for name in _LENS_TRUTH_INDEX}
+    if reach is not None:
+        default_reach.update(reach)
+    truth, parameters = {}, []
+    for name, low, high, step, kind in orbivane.ShaderBruteForcer.default_parameter_list():
+        values = orbivane.ShaderBruteForcer.parameter_values(name, low, high, step)
+        index = min(_LENS_TRUTH_INDEX[name], len(values) - 1)
+        truth[name] = values[index]
+        r = default_reach[name]
+        if r is not None:
+            low = values[max(0, index - r)]
+            high = values[min(len(values) - 1, index + r)] + 0.5 * step
+        parameters.append((name, low, high, step, kind))
+    reference = orbivane.shade_picture(picture, [_lens_shader(truth)])
+
+    camera = orbivane.Camera("lens search")
+    module = orbivane.Module("lens", matrix=np.eye(4, dtype=np.float32), picture=picture)
+    module.shader_id = orbivane.LENS_DISTORTION_SHADER_UID
+    module.shaders = [orbivane.clip_matrix_shader(np.eye(4)), _lens_shader({})]
+    camera.add_module(module)
+    return LensSearch(camera=camera, picture=picture, reference=reference, truth=truth, parameters=parameters)

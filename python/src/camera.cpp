@@ -9,9 +9,11 @@
 #include "bindings.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/camera/orbivane_linkage.h"
+#include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/shader.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/image_shading.h"
 #include "orbivane/platform/panorama_renderer.h"
 #include "orbivane/sensor_calibration/final_matrix.h"
 
@@ -229,9 +231,39 @@ py::object renderPanorama(const Orbivane& camera, const py::object& size, double
   return std::move(out);
 }
 
+// Renders a picture through a shader chain (and UV grid) as the viewer draws
+// a module; the output size defaults to the picture's.
+py::array shadePicture(const py::object& picture, const std::vector<OrbivaneGeometry::Shader>& shaders,
+                       const py::object& size, const py::object& uvGrid) {
+  auto image = pictureFromArray(picture, "picture");
+  OrbivaneModule carrier(L"shaded");
+  if (!uvGrid.is_none()) setUVGrid(carrier, uvGrid);
+  Utils::Optional<Utils::Size> outputSize;
+  if (!size.is_none()) {
+    const auto wh = size.cast<std::pair<int, int>>();
+    if (wh.first < 1 || wh.second < 1 || wh.first > 16384 || wh.second > 16384) {
+      throw py::value_error("size must be (width, height) with sides of 1 to 16384 pixels");
+    }
+    outputSize = Utils::Size{wh.first, wh.second};
+  }
+  std::shared_ptr<Image::UniversalImageInterface> shaded;
+  {
+    py::gil_scoped_release release;
+    ImageSource::ImageShading shading;
+    shading.SetShader(std::list<OrbivaneGeometry::Shader>(shaders.begin(), shaders.end()));
+    if (const auto* geometry = carrier.matrixGeometry(); geometry && geometry->uvGrid()) {
+      shading.SetUVGrid(*geometry->uvGrid());
+    }
+    shaded = shading.Apply(image, outputSize);
+  }
+  return arrayFromMat(Image::toMat(shaded));
+}
+
 }  // namespace
 
 void registerCamera(py::module_& m) {
+  m.attr("CLIP_MATRIX_SHADER_UID") = OrbivaneGeometry::kClipMatrixShaderUid;
+  m.attr("LENS_DISTORTION_SHADER_UID") = ImageSource::kLensDistortionShaderUid;
   py::class_<OrbivaneGeometry::Shader>(m, "Shader",
                                        "One step of a module's shader chain: an 8-digit hexadecimal UID and named "
                                        "parameters held as text ('i_' integer, 'f_' floating point).")
@@ -252,6 +284,15 @@ void registerCamera(py::module_& m) {
       .def("__repr__", [](const OrbivaneGeometry::Shader& s) {
         return "<orbivane.Shader " + s.uid() + " with " + std::to_string(s.parameters().size()) + " parameters>";
       });
+
+  m.def(
+      "clip_matrix_shader",
+      [](const py::object& matrix) { return OrbivaneGeometry::clipMatrixShader(matrixFromObject(matrix)); },
+      py::arg("matrix"), "The clip-matrix shader (UID 00050007, enabled) of a 4 x 4 matrix.");
+  m.def("shade_picture", &shadePicture, py::arg("picture"), py::arg("shaders"), py::arg("size") = py::none(),
+        py::arg("uv_grid") = py::none(),
+        "Renders a picture through a shader chain (clip matrix, lens distortion) and optional UV grid, as the "
+        "viewer draws a module; returns a BGR array of `size` (width, height), else the picture's size.");
 
   py::class_<OrbivaneModule, ModulePtr>(
       m, "Module",

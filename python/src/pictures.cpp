@@ -98,7 +98,7 @@ py::array checkedArray(const py::handle& object, const std::string& what) {
                          std::string(py::str(py::type::of(object).attr("__name__"))));
   }
   py::array array = py::reinterpret_borrow<py::array>(object);
-  if (!array.dtype().is(py::dtype::of<std::uint8_t>())) {
+  if (!py::isinstance<py::array_t<std::uint8_t>>(array)) {
     throw py::value_error(what + ": expected uint8 pixels, got " + std::string(py::str(array.dtype())));
   }
   const bool shapeOk = (array.ndim() == 2) ||
