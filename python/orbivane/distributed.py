@@ -210,11 +210,13 @@ def _as_job(job, index: int) -> CalibrationJob:
     return out
 
 
-def _run_job(job: CalibrationJob) -> orbivane.CalibrationResult:
-    """One camera's pipeline, on a worker; a failure becomes the result's error."""
+def _run_job(job: CalibrationJob, camera: Optional[orbivane.Camera]) -> orbivane.CalibrationResult:
+    """One camera's pipeline, on a worker; a failure becomes the result's error.
+    `camera` is the job's camera (scattered ahead), None to read job.camera's file."""
     started = time.perf_counter()
     try:
-        camera = orbivane.Camera.load(job.camera) if isinstance(job.camera, str) else job.camera
+        if camera is None:
+            camera = orbivane.Camera.load(job.camera)
         result = orbivane.calibrate(camera, target=job.target, modules=job.modules, steps=job.steps, **job.options)
         result.name = job.name
         return result
@@ -238,10 +240,15 @@ def submit_calibrations(client, jobs: Iterable[Union[CalibrationJob, dict]]) -> 
     """
     prepared = [_as_job(job, i) for i, job in enumerate(jobs)]
     stamp = time.monotonic_ns()
-    return [
-        client.submit(_run_job, job, key=f"orbivane-calibrate-{job.name}-{i}-{stamp}", pure=False)
-        for i, job in enumerate(prepared)
-    ]
+    futures = []
+    for i, job in enumerate(prepared):
+        camera = None
+        if not isinstance(job.camera, str):
+            # Cameras carry their pictures: they go to the cluster as data of their own.
+            [camera] = client.scatter([job.camera], hash=False)
+            job = CalibrationJob(None, job.target, job.modules, job.steps, job.name, dict(job.options))
+        futures.append(client.submit(_run_job, job, camera, key=f"orbivane-calibrate-{job.name}-{i}-{stamp}", pure=False))
+    return futures
 
 
 def calibrate_many(client, jobs: Iterable[Union[CalibrationJob, dict]]) -> List[orbivane.CalibrationResult]:

@@ -2,6 +2,7 @@
 // ShaderBruteForcer and AutoClipping. Each wrapper owns the library's
 // calibrator and a callback relay; the main operation runs with the GIL
 // released, so abort() works from another Python thread.
+#include <chrono>
 #include <list>
 #include <memory>
 #include <string>
@@ -432,9 +433,31 @@ void registerAutoClipping(py::module_& m) {
           "The coarse-to-fine maximum-sum rectangle (x, y, width, height) of a value map, or None.");
 }
 
+// The reference a benchmark measures the Python layer against: the same
+// target matching done wholly in C++ (pictures taken from the camera's
+// modules, reports and errors read), in seconds.
+double matchToTargetSeconds(const Orbivane& camera, const std::vector<std::string>& modules, const std::string& target) {
+  py::gil_scoped_release release;
+  const auto started = std::chrono::steady_clock::now();
+  Images images;
+  for (const auto& module : camera.modules())
+    if (module->image()) images[module->name()] = module->image();
+  MatchToTarget matcher(camera, images);
+  matcher.registerStatusCallback([](int, int, std::string, GeometryCalibration::AdvStepInfo) {});
+  const Orbivane result = matcher.calibrate(wideList(modules), wide(target));
+  const auto reports = matcher.moduleReports();
+  const auto errors = matcher.error();
+  if (result.modules().size() != camera.modules().size() || reports.size() > modules.size() + errors.size()) {
+    throw std::logic_error("target matching lost modules");
+  }
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+}
+
 }  // namespace
 
 void registerGeometryCalibration(py::module_& m) {
+  m.def("_match_to_target_seconds", &matchToTargetSeconds, py::arg("camera"), py::arg("modules"), py::arg("target"),
+        "Benchmark reference: the same target matching done wholly in C++; returns its wall time in seconds.");
   registerMatchToTarget(m);
   registerNeighbourNeighbour(m);
   registerShaderBruteForcer(m);

@@ -40,7 +40,8 @@ def test_a_camera_arrives_whole_on_a_worker(client, rig):
         m = camera.module("M2")
         return camera.module_names, m.matrix, m.picture, m.linkage, os.getpid()
 
-    names, matrix, picture, linkage, pid = client.submit(describe, rig.camera).result()
+    [camera] = client.scatter([rig.camera])
+    names, matrix, picture, linkage, pid = client.submit(describe, camera).result()
     assert pid != os.getpid()
     assert names == rig.camera.module_names
     assert matrix.tobytes() == rig.camera.module("M2").matrix.tobytes()
