@@ -52,9 +52,11 @@ from ._orbivane import (  # noqa: E402  (the environment must be set first)
     __version__,
     clip_matrix_shader,
     estimate_blur,
+    get_num_threads,
     load_picture,
     render_panorama,
     save_picture,
+    set_num_threads,
     shade_picture,
 )
 
@@ -81,9 +83,11 @@ __all__ = [
     "calibrate",
     "clip_matrix_shader",
     "estimate_blur",
+    "get_num_threads",
     "load_picture",
     "render_panorama",
     "save_picture",
+    "set_num_threads",
     "shade_picture",
 ]
 

@@ -181,7 +181,9 @@ class CalibrationJob:
     the worker), the target module, the modules (None: all but the target),
     the steps (None: match, neighbour, clip), a name for progress and
     results, and further pipeline options (reference, match_mode, levels,
-    iterations, step, require_overlap, keep_aspect, clip_threshold)."""
+    iterations, step, require_overlap, keep_aspect, clip_threshold), and
+    threads_per_task (OpenCV threads of the task; default: the worker's
+    share of its machine's cores)."""
 
     camera: Union[orbivane.Camera, str]
     target: str = ""
@@ -214,6 +216,9 @@ def _run_job(job: CalibrationJob, camera: Optional[orbivane.Camera]) -> orbivane
     """One camera's pipeline, on a worker; a failure becomes the result's error.
     `camera` is the job's camera (scattered ahead), None to read job.camera's file."""
     started = time.perf_counter()
+    # The worker's share of the cores: tasks running side by side on one
+    # machine would otherwise each spread over all of them.
+    orbivane.set_num_threads(_threads_per_task(job.options.pop("threads_per_task", None)))
     try:
         if camera is None:
             camera = orbivane.Camera.load(job.camera)

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <opencv2/core/utility.hpp>
 #include <pybind11/stl.h>
 
 #include "bindings.h"
@@ -617,6 +618,16 @@ void registerSmartFinder(py::module_& m) {
 }  // namespace
 
 void registerSensorCalibration(py::module_& m) {
+  m.def(
+      "set_num_threads",
+      [](int threads) {
+        if (threads < 0) throw py::value_error("the thread count is 0 (OpenCV's default) or more");
+        cv::setNumThreads(threads == 0 ? -1 : threads);
+      },
+      py::arg("threads"),
+      "Threads OpenCV's parallel loops may use in this process (the calibrators' image work); 0 restores "
+      "OpenCV's default. Worker processes of a cluster set it to their share of the cores.");
+  m.def("get_num_threads", [] { return cv::getNumThreads(); });
   m.def(
       "estimate_blur",
       [](const py::object& picture, int rotation) {
