@@ -138,6 +138,18 @@ class TestMatchToTarget:
             matcher.register_status_callback(42)
 
 
+def test_opencv_thread_count_is_settable():
+    before = orbivane.get_num_threads()
+    try:
+        orbivane.set_num_threads(1)
+        assert orbivane.get_num_threads() == 1
+        with pytest.raises(ValueError, match="0 \\(OpenCV's default\\) or more"):
+            orbivane.set_num_threads(-2)
+    finally:
+        orbivane.set_num_threads(0)
+    assert orbivane.get_num_threads() == before
+
+
 class TestNeighbourNeighbour:
     def test_a_shifted_module_is_put_back(self, straight_rig):
         rig = straight_rig
