@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs every Debian 12 package the project needs: toolchain, libraries,
 # test and benchmark frameworks, the sample pictures and videos the tests and
-# the demo use, and the browser that checks the demo's report. Runs as root,
-# or through sudo when it is available.
+# the demo use, the browser that checks the demo's report, and what the
+# Python package needs (pybind11, Python headers, numpy, pytest, Dask).
+# Runs as root, or through sudo when it is available.
 set -euo pipefail
 
 packages=(
@@ -13,6 +14,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   opencv-doc opencv-data python3-opencv python3-numpy
   chromium fonts-dejavu-core
+  pybind11-dev python3-dev python3-pytest python3-distributed
 )
 
 if [ "$(id -u)" -eq 0 ]; then

@@ -1,0 +1,170 @@
+// The calibration pipeline in Python: the steps match, neighbour, clip and
+// shader on one camera, with its report (verdicts, seams, step times) as
+// plain dicts and lists, so a report can travel between processes.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <pybind11/stl.h>
+
+#include "bindings.h"
+#include "orbivane/geometry_calibration/calibration_pipeline.h"
+
+namespace OrbivanePython {
+namespace {
+
+using CameraDescription::Orbivane;
+using GeometryCalibration::CalibrationPipeline;
+using GeometryCalibration::PipelineOptions;
+
+struct PyPipeline {
+  PyPipeline(const Orbivane& camera, const py::object& pictures) {
+    CalibrationPipeline::Images images;
+    if (pictures.is_none()) {
+      for (const auto& module : camera.modules())
+        if (module->image()) images[module->name()] = module->image();
+    } else {
+      images = picturesFromDict(pictures.cast<py::dict>());
+    }
+    impl = std::make_unique<CalibrationPipeline>(camera, std::move(images));
+    impl->registerStatusCallback(relay.callback());
+  }
+  std::unique_ptr<CalibrationPipeline> impl;
+  CallbackRelay relay;
+};
+
+py::list seamList(const std::vector<GeometryCalibration::SeamResidual>& seams) {
+  py::list out;
+  for (const auto& s : seams) {
+    py::dict d;
+    d["first"] = narrow(s.first);
+    d["second"] = narrow(s.second);
+    d["measured"] = s.measured;
+    d["reason"] = s.reason;
+    d["dx"] = s.dx;
+    d["dy"] = s.dy;
+    d["px"] = s.px;
+    d["overlap_pixels"] = s.overlapPixels;
+    out.append(d);
+  }
+  return out;
+}
+
+py::dict stepDict(const GeometryCalibration::StepReport& step) {
+  py::dict d;
+  d["step"] = step.step;
+  d["seconds"] = step.seconds;
+  d["modules"] = moduleReportsDict(step.modules);
+  py::list pairs;
+  for (const auto& p : step.pairs) pairs.append(pairReportDict(p));
+  d["pairs"] = pairs;
+  d["clipping"] = step.clipping.empty() ? py::object(py::none()) : py::cast(step.clipping);
+  d["seams"] = seamList(step.seams);
+  return d;
+}
+
+PipelineOptions optionsFrom(const std::string& target, const py::object& modules, const py::object& steps,
+                            const std::string& reference, int matchMode, int levels, int iterations, float step,
+                            bool requireOverlap, bool keepAspect, float clipThreshold) {
+  PipelineOptions options;
+  options.target = wide(target);
+  if (!modules.is_none()) options.modules = wideList(modules.cast<std::vector<std::string>>());
+  if (!steps.is_none()) options.steps = steps.cast<std::vector<std::string>>();
+  options.reference = wide(reference);
+  options.matchMode = matchMode;
+  options.levels = levels;
+  options.iterations = iterations;
+  options.step = step;
+  options.requireOverlap = requireOverlap;
+  options.keepAspect = keepAspect;
+  options.clipThreshold = clipThreshold;
+  const std::string problem = options.validate();
+  if (!problem.empty()) throw py::value_error(problem);
+  return options;
+}
+
+}  // namespace
+
+void registerPipeline(py::module_& m) {
+  py::class_<PyPipeline>(
+      m, "CalibrationPipeline",
+      "The whole geometry calibration of one camera, step after step on the previous step's result: 'match' "
+      "(target matching), 'neighbour' (neighbour stitching), 'clip' (automatic clipping), 'shader' (parameter "
+      "search). A module that fails a step keeps its matrix and is left out of later steps. After every step the "
+      "seams between neighbouring modules are measured independently.")
+      .def(py::init<const Orbivane&, const py::object&>(), py::arg("camera"), py::arg("pictures") = py::none(),
+           "pictures: {module name: array}; None takes the camera's own pictures.")
+      .def(
+          "run",
+          [](PyPipeline& self, const std::string& target, const py::object& modules, const py::object& steps,
+             const std::string& reference, int matchMode, int levels, int iterations, float step, bool requireOverlap,
+             bool keepAspect, float clipThreshold) {
+            const PipelineOptions options = optionsFrom(target, modules, steps, reference, matchMode, levels,
+                                                        iterations, step, requireOverlap, keepAspect, clipThreshold);
+            auto result = self.relay.run("CalibrationPipeline.run", [&] { return self.impl->run(options); });
+            return std::make_shared<Orbivane>(std::move(result));
+          },
+          py::arg("target") = "", py::arg("modules") = py::none(), py::arg("steps") = py::none(),
+          py::arg("reference") = "", py::arg("match_mode") = 0, py::arg("levels") = 4, py::arg("iterations") = 6,
+          py::arg("step") = 1.0f, py::arg("require_overlap") = false, py::arg("keep_aspect") = false,
+          py::arg("clip_threshold") = 0.5f,
+          "Runs the steps (default ['match', 'neighbour', 'clip']) and returns the calibrated camera. modules: "
+          "None for every module but the target. Options that cannot be used raise ValueError.")
+      .def("abort", [](PyPipeline& self) { self.impl->abort(); },
+           "From another thread: the running step stops at its next module and run() returns what it has.")
+      .def("aborted", [](const PyPipeline& self) { return self.impl->aborted(); })
+      .def("register_status_callback", [](PyPipeline& self, py::object fn) { self.relay.setFunction(std::move(fn)); },
+           py::arg("fn"), "fn(step, total, text, info); the text is prefixed with the step's name.")
+      .def("verdicts", [](const PyPipeline& self) { return moduleReportsDict(self.impl->verdicts()); },
+           "Each listed module's verdict over all steps (the first step that did not align it decides).")
+      .def("seams_before", [](const PyPipeline& self) { return seamList(self.impl->seamsBefore()); })
+      .def(
+          "steps",
+          [](const PyPipeline& self) {
+            py::list out;
+            for (const auto& step : self.impl->steps()) out.append(stepDict(step));
+            return out;
+          },
+          "Per step run: {'step', 'seconds', 'modules', 'pairs', 'clipping', 'seams'}.")
+      .def(
+          "step_cameras",
+          [](const PyPipeline& self) {
+            std::vector<std::shared_ptr<Orbivane>> out;
+            for (const auto& step : self.impl->steps()) out.push_back(std::make_shared<Orbivane>(step.camera));
+            return out;
+          },
+          "The camera after each step.")
+      .def(
+          "report",
+          [](const PyPipeline& self) {
+            py::dict out;
+            out["verdicts"] = moduleReportsDict(self.impl->verdicts());
+            out["seams_before"] = seamList(self.impl->seamsBefore());
+            py::list steps;
+            for (const auto& step : self.impl->steps()) steps.append(stepDict(step));
+            out["steps"] = steps;
+            return out;
+          },
+          "{'verdicts', 'seams_before', 'steps'}: plain dicts and lists (picklable, JSON-ready).")
+      .def_static(
+          "measure_seams",
+          [](const Orbivane& camera, const py::object& pictures, const std::vector<std::string>& chain) {
+            CalibrationPipeline::Images images;
+            if (pictures.is_none()) {
+              for (const auto& module : camera.modules())
+                if (module->image()) images[module->name()] = module->image();
+            } else {
+              images = picturesFromDict(pictures.cast<py::dict>());
+            }
+            std::vector<GeometryCalibration::SeamResidual> seams;
+            {
+              py::gil_scoped_release release;
+              seams = CalibrationPipeline::measureSeams(camera, images, wideList(chain));
+            }
+            return seamList(seams);
+          },
+          py::arg("camera"), py::arg("pictures"), py::arg("chain"),
+          "Measures the seam of every consecutive pair of `chain` (panorama pixels).");
+}
+
+}  // namespace OrbivanePython

@@ -1,0 +1,302 @@
+"""The geometry calibrators through Python on synthetic scenes with known
+truth: target matching, neighbour stitching, the shader parameter search,
+automatic clipping and the whole pipeline; callbacks, abort() from another
+thread, the GIL released during a run, and exceptions."""
+
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import orbivane
+from orbivane import synthetic
+
+from conftest import noise_picture
+
+
+def with_decoy(rig):
+    """The rig's camera plus a module that sees only noise where M3 sits."""
+    camera = rig.camera.copy()
+    camera.add_module(orbivane.Module("Noise", matrix=rig.misaligned["M3"], picture=noise_picture((270, 360, 3))))
+    return camera
+
+
+class TestMatchToTarget:
+    def test_modules_reach_the_truth_and_the_decoy_fails(self, rig):
+        camera = with_decoy(rig)
+        matcher = orbivane.MatchToTarget(camera, camera.pictures())
+        result = matcher.calibrate(["M2", "M4", "Noise"], "Target")
+        before = rig.corner_errors(camera)
+        after = rig.corner_errors(result)
+        for name in ("M2", "M4"):
+            assert before[name][1] > 10  # assembled: corners 10 px and more off
+            assert after[name][1] < 1.0, (name, after[name])  # matched: within a pixel of the truth
+        reports = matcher.module_reports()
+        assert reports["M2"]["status"] == "aligned" and reports["M4"]["status"] == "aligned"
+        assert reports["M2"]["residual_px"] < 1.0 and reports["M2"]["supporting_pairs"] >= 12
+        assert reports["Noise"]["status"] == "failed" and reports["Noise"]["reason"]
+        assert np.array_equal(result.module("Noise").matrix, camera.module("Noise").matrix)  # kept exactly
+        assert matcher.error()["Noise"] == 10.0
+        assert np.array_equal(result.module("M1").matrix, camera.module("M1").matrix)  # not listed
+        assert np.array_equal(camera.module("M2").matrix, rig.misaligned["M2"])  # the caller's camera is untouched
+
+    def test_callback_sees_every_step(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        steps = []
+        matcher.register_status_callback(lambda step, total, text, info: steps.append((step, total, text, info)))
+        matcher.calibrate(["M3"], "Target")
+        assert [(s, t, x) for s, t, x, _ in steps] == [(1, 2, "Calibrating Module M3"), (1, 2, "Finished Module M3")]
+        assert all(isinstance(info, orbivane.StepInfo) for *_, info in steps)
+
+    def test_abort_from_another_thread_returns_what_is_done(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        first_done, aborted = threading.Event(), threading.Event()
+
+        def on_step(step, total, text, info):
+            if text == "Finished Module M2":
+                first_done.set()
+                assert aborted.wait(10)  # hold the run here until the other thread has aborted it
+
+        def stopper():
+            assert first_done.wait(30)
+            matcher.abort()
+            aborted.set()
+
+        matcher.register_status_callback(on_step)
+        thread = threading.Thread(target=stopper)
+        thread.start()
+        result = matcher.calibrate(["M2", "M4", "M5"], "Target")
+        thread.join()
+        reports = matcher.module_reports()
+        assert reports["M2"]["status"] == "aligned"
+        assert reports["M4"]["status"] == "skipped" and reports["M5"]["status"] == "skipped"
+        assert np.array_equal(result.module("M4").matrix, rig.misaligned["M4"])
+        assert rig.corner_errors(result)["M2"][1] < 1.0
+
+    def test_the_gil_is_released_while_calibrating(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        thread = threading.Thread(target=matcher.calibrate, args=(["M1"], "Target"))
+        ticks = 0
+        started = time.perf_counter()
+        thread.start()
+        while thread.is_alive():
+            ticks += 1
+            time.sleep(0.001)
+        elapsed = time.perf_counter() - started
+        # Holding the GIL for the run would leave this loop one or two ticks.
+        assert elapsed > 0.2 and ticks > 0.2 * elapsed / 0.001
+
+    def test_an_exception_in_the_callback_stops_the_run(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        seen = []
+
+        def on_step(step, total, text, info):
+            seen.append(text)
+            raise KeyError("stop here")
+
+        matcher.register_status_callback(on_step)
+        with pytest.raises(KeyError, match="stop here"):
+            matcher.calibrate(["M1", "M2"], "Target")
+        assert seen == ["Calibrating Module M1"]
+        # The calibrator is usable again afterwards.
+        matcher.register_status_callback(None)
+        assert matcher.calibrate(["M1"], "Target").module_names == rig.camera.module_names
+
+    def test_a_second_run_at_once_is_refused(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        running, release = threading.Event(), threading.Event()
+        errors = []
+
+        def on_step(step, total, text, info):
+            running.set()
+            release.wait(10)
+
+        def second():
+            running.wait(10)
+            try:
+                matcher.calibrate(["M2"], "Target")
+            except RuntimeError as error:
+                errors.append(str(error))
+            release.set()
+
+        matcher.register_status_callback(on_step)
+        thread = threading.Thread(target=second)
+        thread.start()
+        matcher.calibrate(["M2"], "Target")
+        thread.join()
+        assert errors == ["MatchToTarget.calibrate is already running on another thread"]
+
+    def test_options_are_checked(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, {})
+        with pytest.raises(ValueError, match="calibration mode must be 0, 1, 2 or 3"):
+            matcher.set_calibration_mode(7)
+        matcher.set_calibration_mode(3)
+        matcher.set_m2b_max_iteration(2)
+        assert (matcher.calibration_mode(), matcher.m2b_max_iteration()) == (3, 2)
+        with pytest.raises(TypeError, match="callable"):
+            matcher.register_status_callback(42)
+
+
+def test_opencv_thread_count_is_settable():
+    before = orbivane.get_num_threads()
+    try:
+        orbivane.set_num_threads(1)
+        assert orbivane.get_num_threads() == 1
+        with pytest.raises(ValueError, match="0 \\(OpenCV's default\\) or more"):
+            orbivane.set_num_threads(-2)
+    finally:
+        orbivane.set_num_threads(0)
+    assert orbivane.get_num_threads() == before
+
+
+class TestNeighbourNeighbour:
+    def test_a_shifted_module_is_put_back(self, straight_rig):
+        rig = straight_rig
+        camera = rig.camera.copy()
+        for name in rig.names:
+            camera.module(name).matrix = rig.truth[name]
+        shift = np.eye(4, dtype=np.float32)
+        shift[0, 3] = 5.0 / rig.panorama[0]  # 5 panorama pixels to the right
+        camera.module("M3").matrix = shift @ rig.truth["M3"]
+        stitcher = orbivane.NeighbourNeighbour(camera, camera.pictures())
+        texts = []
+        stitcher.register_status_callback(lambda s, t, text, info: texts.append(text))
+        result = stitcher.calibrate(rig.names, "M1")
+        errors = rig.corner_errors(result)
+        assert max(e[1] for e in errors.values()) < 0.5, errors
+        pairs = stitcher.pair_reports()
+        assert [(p["first"], p["second"], p["measured"]) for p in pairs] == [
+            ("M1", "M2", True), ("M2", "M3", True), ("M3", "M4", True), ("M4", "M5", True)]
+        assert abs(pairs[1]["shift_px"] - 5.0) < 0.5 and abs(pairs[2]["shift_px"] - 5.0) < 0.5
+        assert texts[0] == "Stitching Modules M1 and M2" and texts[-1] == "Adjusting Chain"
+        assert len(stitcher.translations()) == 4
+
+    def test_unknown_module_raises(self, straight_rig):
+        stitcher = orbivane.NeighbourNeighbour(straight_rig.camera, straight_rig.camera.pictures())
+        with pytest.raises(IndexError):
+            stitcher.calibrate(["M1", "Nowhere"], "")
+
+
+class TestShaderBruteForcer:
+    def test_the_true_lens_comes_first(self, lens):
+        forcer = orbivane.ShaderBruteForcer(lens.camera, lens.pictures, lens.parameters)
+        progress = []
+        forcer.register_status_callback(lambda done, total, text, info: progress.append((done, total, text)))
+        cameras = forcer.search_for_best_parameters("lens", "reference")
+        results = forcer.results()
+        assert len(cameras) == len(results) == 10
+        assert results[0]["parameters"] == lens.truth
+        assert [r["error"] for r in results] == sorted(r["error"] for r in results)
+        assert forcer.evaluation_count() == orbivane.ShaderBruteForcer.grid_size(lens.parameters) == 675
+        assert progress[-1] == (675, 675, "Searching Shader Parameters")
+        shader = cameras[0].module("lens").shaders[1]
+        assert float(shader.parameter("f_TCorrection_F")) == pytest.approx(lens.truth["f_TCorrection_F"], abs=1e-6)
+
+    def test_shards_merge_into_the_whole_search(self, lens):
+        whole = orbivane.ShaderBruteForcer(lens.camera, lens.pictures, lens.parameters)
+        whole.search_for_best_parameters("lens", "reference")
+        shards = []
+        for index in range(3):
+            forcer = orbivane.ShaderBruteForcer(lens.camera, lens.pictures, lens.parameters)
+            forcer.set_shard(index, 3)
+            forcer.set_thread_count(1)
+            forcer.search_for_best_parameters("lens", "reference")
+            shards.append(forcer.results())
+        assert orbivane.ShaderBruteForcer.merge_results(shards) == whole.results()
+
+    def test_bad_input(self, lens):
+        forcer = orbivane.ShaderBruteForcer(lens.camera, lens.pictures, lens.parameters)
+        with pytest.raises(ValueError, match="shard 3 of 3"):
+            forcer.set_shard(3, 3)
+        with pytest.raises(IndexError, match="invalid map<K, T> key"):
+            forcer.search_for_best_parameters("lens", "no such picture")
+        with pytest.raises(ValueError, match=r"\(name, min, max, step\)"):
+            orbivane.ShaderBruteForcer(lens.camera, lens.pictures, [("f_TCorrection_F", 0.1)])
+
+    def test_an_exception_in_the_callback_stops_the_search(self, lens):
+        forcer = orbivane.ShaderBruteForcer(lens.camera, lens.pictures)  # the whole grid: stopped early
+
+        def on_step(done, total, text, info):
+            raise InterruptedError(f"stopped at {done} of {total}")
+
+        forcer.register_status_callback(on_step)
+        started = time.perf_counter()
+        with pytest.raises(InterruptedError, match="of 304200"):
+            forcer.search_for_best_parameters("lens", "reference")
+        assert time.perf_counter() - started < 3.0
+
+
+class TestAutoClipping:
+    @staticmethod
+    def two_modules():
+        camera = orbivane.Camera()
+        camera.panorama_size = (200, 100)
+        camera.add_module(orbivane.Module("A", matrix=np.diag([0.6, 1, 1, 1])))
+        b = np.diag([0.6, 0.8, 1, 1])
+        b[0, 3], b[1, 3] = 0.4, 0.1
+        camera.add_module(orbivane.Module("B", matrix=b))
+        return camera
+
+    def test_largest_covered_rectangle(self):
+        clipping = orbivane.AutoClipping(self.two_modules())
+        assert clipping.config_geometry(threshold=0.5)
+        assert clipping.process()
+        # A covers x 0..0.6 fully, B x 0.4..1 for y 0.1..0.9: the best is the full-width band.
+        assert clipping.offset() == pytest.approx([0.0, 0.1, 0.0, 0.1], abs=0.02)
+        assert clipping.check_gap() == []
+        assert clipping.coverage_size() == (200, 100)
+        assert clipping.coverage().max() == pytest.approx(2.0, abs=0.01)
+        assert clipping.inspection_picture().shape == (100, 200, 3)
+
+    def test_overlap_only(self):
+        clipping = orbivane.AutoClipping(self.two_modules())
+        clipping.config_geometry(require_overlap=True, threshold=0.5)
+        assert clipping.process()
+        assert clipping.offset() == pytest.approx([0.4, 0.1, 0.4, 0.1], abs=0.02)
+
+    def test_failures_say_why(self):
+        clipping = orbivane.AutoClipping(orbivane.Camera())
+        clipping.config_geometry()
+        assert not clipping.process()
+        assert clipping.error()
+        with pytest.raises(ValueError, match=r"threshold must lie in \(0, 1\]"):
+            clipping.config_geometry(threshold=0.0)
+
+
+class TestPipeline:
+    def test_pipeline_reaches_the_truth(self, rig):
+        texts = []
+        pipeline = orbivane.CalibrationPipeline(rig.camera)
+        pipeline.register_status_callback(lambda s, t, text, i: texts.append(text))
+        final = pipeline.run(target="Target")
+        assert final.module_names == rig.camera.module_names
+        verdicts = pipeline.verdicts()
+        assert {n: v["status"] for n, v in verdicts.items()} == {n: "aligned" for n in rig.names}
+        # After match and neighbour the modules sit on the truth (the clip step may crop the panorama).
+        match_camera, neighbour_camera, _ = pipeline.step_cameras()
+        for camera in (match_camera, neighbour_camera):
+            errors = rig.corner_errors(camera)
+            assert max(e[1] for e in errors.values()) < 1.0, errors
+        report = pipeline.report()
+        assert [s["step"] for s in report["steps"]] == ["match", "neighbour", "clip"]
+        seams_after = [s["px"] for s in report["steps"][1]["seams"] if s["measured"]]
+        assert len(seams_after) == 4 and max(seams_after) < 1.0
+        assert max(s["px"] for s in report["seams_before"] if s["measured"]) > 2.0
+        assert len(report["steps"][2]["clipping"]) == 4
+        assert any(text.endswith("Calibrating Module M1") for text in texts)
+        assert any(text.endswith("Stitching Modules M1 and M2") for text in texts)
+
+    def test_calibrate_returns_camera_and_report(self, rig):
+        result = orbivane.calibrate(rig.camera, target="Target", modules=["M2", "M3"], steps=["match"])
+        assert result.ok and result.failed_modules() == [] and result.seconds > 0
+        assert sorted(result.report["verdicts"]) == ["M2", "M3"]
+        errors = rig.corner_errors(result.camera)
+        assert errors["M2"][1] < 1.0 and errors["M3"][1] < 1.0
+        assert np.array_equal(result.camera.module("M1").matrix, rig.misaligned["M1"])
+
+    def test_bad_options_raise(self, rig):
+        with pytest.raises(ValueError, match="unknown step 'paint'"):
+            orbivane.calibrate(rig.camera, target="Target", steps=["match", "paint"])
+        with pytest.raises(ValueError, match="need a target module"):
+            orbivane.calibrate(rig.camera, steps=["match"])
