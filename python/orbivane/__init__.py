@@ -137,7 +137,7 @@ def calibrate(
     ``pictures`` overrides the camera's own pictures, ``callback`` is
     fn(step, total, text, info). Further keywords go to
     :meth:`CalibrationPipeline.run` (levels, iterations, step,
-    require_overlap, keep_aspect, clip_threshold). Bad options raise
+    require_overlap, keep_aspect, clip_threshold, no_holes). Bad options raise
     ValueError; the result's report holds each module's verdict.
     """
     started = _time.perf_counter()

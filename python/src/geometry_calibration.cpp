@@ -416,6 +416,35 @@ void registerAutoClipping(py::module_& m) {
            "The picture 'imgBackgrdRect' (BGR): coverage grey, holes red, the rectangle green.")
       .def("error", [](const PyAutoClipping& self) { return self.impl->error(); })
       .def("skipped_modules", [](const PyAutoClipping& self) { return self.impl->skippedModules(); })
+      .def("set_no_holes", [](PyAutoClipping& self, bool noHoles) { self.impl->setNoHoles(noHoles); },
+           py::arg("no_holes"),
+           "Geometry mode: the largest rectangle without any badly covered element, found exactly.")
+      .def("no_holes", [](const PyAutoClipping& self) { return self.impl->noHoles(); })
+      .def("viewer_offset", [](const PyAutoClipping& self) { return self.impl->viewerOffset(); },
+           "offset() moved by half an element right and down: the crop clipped_camera() applies, so the clipped "
+           "panorama's pixel centres fall on covered elements.")
+      .def(
+          "clipped_camera",
+          [](const PyAutoClipping& self) {
+            auto clipped = self.impl->clippedCamera();
+            if (!clipped) throw LibraryError(clipped.error());
+            return std::make_shared<Orbivane>(std::move(clipped.value()));
+          },
+          "The camera with the rectangle applied: the crop composed into every module's matrix and the panorama "
+          "size set to the rectangle's, so a viewer draws the clipped panorama.")
+      .def_static(
+          "apply_clipping",
+          [](const Orbivane& camera, const std::vector<float>& offset, std::pair<int, int> panorama) {
+            try {
+              return std::make_shared<Orbivane>(
+                  AutoClipping::applyClipping(camera, offset, Utils::Size{panorama.first, panorama.second}));
+            } catch (const std::invalid_argument& e) {
+              throw py::value_error(e.what());
+            }
+          },
+          py::arg("camera"), py::arg("offset"), py::arg("panorama_size"),
+          "The camera cropped to the rectangle `offset` = [left, top, right, bottom] (surface units) inside the "
+          "panorama of `panorama_size` (width, height) pixels.")
       .def_static(
           "find_max_value_rect",
           [](const py::object& values, int minStep, int startStep, std::size_t maxIterations) -> py::object {

@@ -59,13 +59,18 @@ py::dict stepDict(const GeometryCalibration::StepReport& step) {
   for (const auto& p : step.pairs) pairs.append(pairReportDict(p));
   d["pairs"] = pairs;
   d["clipping"] = step.clipping.empty() ? py::object(py::none()) : py::cast(step.clipping);
+  // The crop the clip step composed into every module's matrix, and the
+  // panorama size after the step.
+  d["clipping_crop"] = step.clipping.empty() ? py::object(py::none()) : py::object(matrixArray(step.clippingCrop));
+  const Utils::Size size = step.camera.panoramaSize();
+  d["panorama_size"] = size.empty() ? py::object(py::none()) : py::object(py::make_tuple(size.width, size.height));
   d["seams"] = seamList(step.seams);
   return d;
 }
 
 PipelineOptions optionsFrom(const std::string& target, const py::object& modules, const py::object& steps,
                             const std::string& reference, int matchMode, int levels, int iterations, float step,
-                            bool requireOverlap, bool keepAspect, float clipThreshold) {
+                            bool requireOverlap, bool keepAspect, float clipThreshold, bool noHoles) {
   PipelineOptions options;
   options.target = wide(target);
   if (!modules.is_none()) options.modules = wideList(modules.cast<std::vector<std::string>>());
@@ -78,6 +83,7 @@ PipelineOptions optionsFrom(const std::string& target, const py::object& modules
   options.requireOverlap = requireOverlap;
   options.keepAspect = keepAspect;
   options.clipThreshold = clipThreshold;
+  options.clipNoHoles = noHoles;
   const std::string problem = options.validate();
   if (!problem.empty()) throw py::value_error(problem);
   return options;
@@ -98,18 +104,21 @@ void registerPipeline(py::module_& m) {
           "run",
           [](PyPipeline& self, const std::string& target, const py::object& modules, const py::object& steps,
              const std::string& reference, int matchMode, int levels, int iterations, float step, bool requireOverlap,
-             bool keepAspect, float clipThreshold) {
+             bool keepAspect, float clipThreshold, bool noHoles) {
             const PipelineOptions options = optionsFrom(target, modules, steps, reference, matchMode, levels,
-                                                        iterations, step, requireOverlap, keepAspect, clipThreshold);
+                                                        iterations, step, requireOverlap, keepAspect, clipThreshold,
+                                                        noHoles);
             auto result = self.relay.run("CalibrationPipeline.run", [&] { return self.impl->run(options); });
             return std::make_shared<Orbivane>(std::move(result));
           },
           py::arg("target") = "", py::arg("modules") = py::none(), py::arg("steps") = py::none(),
           py::arg("reference") = "", py::arg("match_mode") = 0, py::arg("levels") = 4, py::arg("iterations") = 6,
           py::arg("step") = 1.0f, py::arg("require_overlap") = false, py::arg("keep_aspect") = false,
-          py::arg("clip_threshold") = 0.5f,
+          py::arg("clip_threshold") = 0.5f, py::arg("no_holes") = true,
           "Runs the steps (default ['match', 'neighbour', 'clip']) and returns the calibrated camera. modules: "
-          "None for every module but the target. Options that cannot be used raise ValueError.")
+          "None for every module but the target. The clip step crops the camera to the largest rectangle its "
+          "calibrated modules cover (without holes unless no_holes is False) by composing the crop into every "
+          "module's matrix. Options that cannot be used raise ValueError.")
       .def("abort", [](PyPipeline& self) { self.impl->abort(); },
            "From another thread: the running step stops at its next module and run() returns what it has.")
       .def("aborted", [](const PyPipeline& self) { return self.impl->aborted(); })
@@ -125,7 +134,8 @@ void registerPipeline(py::module_& m) {
             for (const auto& step : self.impl->steps()) out.append(stepDict(step));
             return out;
           },
-          "Per step run: {'step', 'seconds', 'modules', 'pairs', 'clipping', 'seams'}.")
+          "Per step run: {'step', 'seconds', 'modules', 'pairs', 'clipping', 'clipping_crop', 'panorama_size', "
+          "'seams'}.")
       .def(
           "step_cameras",
           [](const PyPipeline& self) {

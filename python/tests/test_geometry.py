@@ -255,6 +255,27 @@ class TestAutoClipping:
         assert clipping.process()
         assert clipping.offset() == pytest.approx([0.4, 0.1, 0.4, 0.1], abs=0.02)
 
+    def test_no_holes_and_the_clipped_camera(self):
+        clipping = orbivane.AutoClipping(self.two_modules())
+        clipping.config_geometry(threshold=1.0)
+        clipping.set_no_holes(True)
+        assert clipping.no_holes()
+        assert clipping.process()
+        assert clipping.check_gap() == []
+        x, y, w, h = clipping.rectangle()
+        clipped = clipping.clipped_camera()
+        assert clipped.panorama_size == (w, h)
+        # The crop maps the rectangle onto the unit square: A's left edge
+        # (surface x 0) lands half an element left of the clipped panorama.
+        left, top, right, bottom = clipping.viewer_offset()
+        a = clipped.module("A").matrix
+        assert a[0, 3] == pytest.approx(-left / (1 - left - right), abs=1e-6)
+        assert a[0, 0] == pytest.approx(0.6 / (1 - left - right), abs=1e-6)
+        same = orbivane.AutoClipping.apply_clipping(self.two_modules(), clipping.viewer_offset(), (200, 100))
+        assert np.allclose(same.module("B").matrix, clipped.module("B").matrix)
+        with pytest.raises(ValueError, match="no rectangle"):
+            orbivane.AutoClipping.apply_clipping(self.two_modules(), [0.6, 0, 0.6, 0], (200, 100))
+
     def test_failures_say_why(self):
         clipping = orbivane.AutoClipping(orbivane.Camera())
         clipping.config_geometry()
