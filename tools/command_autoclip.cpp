@@ -27,6 +27,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
@@ -130,6 +131,7 @@ std::vector<float> readTextValues(const std::string& path, unsigned cols, unsign
 double rounded(float value) { return std::round(double(value) * 1e6) / 1e6; }
 
 void run(const AutoclipOptions& o, const CLI::App& command) {
+  JsonOutput output(o.json);
   const bool valueMode = !o.values.empty();
   if (valueMode) {
     for (const char* geometryOnly : {"--require-overlap", "--keep-aspect", "--threshold", "--no-holes"}) {
@@ -144,11 +146,13 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
   }
 
   if (o.apply != !o.out.empty()) throw CommandError("--apply and --out go together: --apply --out OUT.json");
-  if (!o.out.empty()) refuseOverwritingInput(o.out, o.camera, "--out");
-  if (!o.picture.empty()) refuseOverwritingInput(o.picture, o.camera, "--picture");
 
   auto loaded = CameraDescription::loadCameraFile(o.camera);
   if (!loaded) throw CommandError(loaded.error());
+  std::vector<std::string> inputs = cameraInputs(loaded.value(), o.camera);
+  if (!o.values.empty()) inputs.push_back(o.values);
+  if (!o.out.empty()) checkOutputFile(o.out, inputs, "--out");
+  if (!o.picture.empty()) checkOutputFile(o.picture, inputs, "--picture");
   auto camera = std::make_shared<CameraDescription::Orbivane>(std::move(loaded.value()));
   GeometryCalibration::MatrixBased::AutoClipping clipping(camera);
 
@@ -229,7 +233,7 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
     if (o.apply) {
       out["applied"] = {{"camera", o.out}, {"panoramaSize", {clippedSize.width, clippedSize.height}}};
     }
-    std::cout << out.dump() << "\n";
+    output.print(out);
   }
   std::cout << std::flush;
 }

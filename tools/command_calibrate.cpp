@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "demo_report.h"
 #include "interrupt_watch.h"
 #include "orbivane/camera/camera_file.h"
@@ -78,12 +79,20 @@ std::string seamRows(const std::vector<GeometryCalibration::SeamResidual>& seams
   return html.str();
 }
 
-void writeReport(const std::string& dir, const CalibrateOptions& options, const CameraDescription::Orbivane& before,
-                 const CalibrationPipeline& pipeline) {
+// A report folder is new, empty or an earlier report's: nothing of the
+// user's is written over.
+void checkReportFolder(const std::string& dir) {
+  checkOutputFolder(dir, "--report");
   std::error_code ec;
   if (fs::exists(dir) && !fs::is_empty(dir, ec) && !fs::exists(fs::path(dir) / "report.html")) {
     throw CommandError("--report " + dir + " holds other files; give an empty or new folder");
   }
+}
+
+void writeReport(const std::string& dir, const CalibrateOptions& options, const CameraDescription::Orbivane& before,
+                 const CalibrationPipeline& pipeline) {
+  checkReportFolder(dir);
+  std::error_code ec;
   fs::create_directories(dir, ec);
   if (ec) throw CommandError("cannot create the report folder " + dir + ": " + ec.message());
   const std::list<std::wstring> listed = pipeline.listedModules();
@@ -150,10 +159,13 @@ void writeReport(const std::string& dir, const CalibrateOptions& options, const 
 }
 
 void runCalibrate(const CalibrateOptions& options) {
-  refuseOverwritingInput(options.out, options.camera, "--out");
+  JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   const CameraDescription::Orbivane camera = loaded.value();
+  // Where the results go is checked before any work starts.
+  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
+  if (!options.report.empty()) checkReportFolder(options.report);
 
   GeometryCalibration::PipelineOptions pipelineOptions;
   pipelineOptions.target = Utils::fromUtf8(options.target);
@@ -186,7 +198,7 @@ void runCalibrate(const CalibrateOptions& options) {
     result = pipeline.run(pipelineOptions);
     interrupted = watch.interrupted();
   }
-  progress.finish();
+  progress.finish(!interrupted);
   const auto saved = CameraDescription::saveCameraFile(result, options.out);
   if (!saved) throw CommandError(saved.error());
 
@@ -232,9 +244,7 @@ void runCalibrate(const CalibrateOptions& options) {
   }
   if (interrupted) std::cout << "interrupted: wrote the steps done so far\n";
   std::cout << "wrote " << options.out << std::endl;
-  if (options.json) {
-    std::cout << nlohmann::json{{"modules", verdicts}, {"steps", steps}, {"seamsBefore", before}}.dump() << std::endl;
-  }
+  output.print({{"modules", verdicts}, {"steps", steps}, {"seamsBefore", before}});
   if (interrupted) {
     exitStatus() = kExitInterrupted;
   } else if (notAligned > 0) {

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
@@ -59,6 +60,7 @@ std::string fileNameFor(const std::string& module) {
 }
 
 void runFind(const FindOptions& options) {
+  JsonOutput output(options.json);
   auto index = Quarn::loadRecordingsIndex(options.recordings);
   if (!index) throw CommandError(index.error());
   if (index.value().recordings.empty()) throw CommandError(options.recordings + ": lists no recordings");
@@ -111,7 +113,7 @@ void runFind(const FindOptions& options) {
     interrupted = watch.interrupted();
     return result;
   }();
-  progress.finish();
+  progress.finish(!interrupted);
   if (!found) throw CommandError(found.error());
 
   nlohmann::json frames = nlohmann::json::object();
@@ -155,7 +157,7 @@ void runFind(const FindOptions& options) {
   std::cout << "detector: " << finder.detectorDescription() << "\n";
   if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
   std::cout << "wrote " << cameraPath << std::endl;
-  if (options.json) std::cout << nlohmann::json{{"frames", frames}}.dump() << std::endl;
+  output.print({{"frames", frames}});
   const auto errors = finder.errors();
   if (!errors.empty()) {
     const auto& first = *errors.begin();

@@ -4,10 +4,15 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
 #include "orbivane/utils/size.h"
+
+namespace CameraDescription {
+class Orbivane;
+}
 
 namespace Tool {
 
@@ -45,6 +50,18 @@ void writeTextAtomically(const std::string& path, const std::string& text);
 // Refuses (CommandError) an output path that names the input file, so no
 // command writes over what it reads.
 void refuseOverwritingInput(const std::string& output, const std::string& input, const char* option);
+
+// The camera file and every picture file its modules name: what a command
+// that reads the camera must not write over.
+std::vector<std::string> cameraInputs(const CameraDescription::Orbivane& camera, const std::string& cameraPath);
+
+// Checks an output file before any work starts: not one of `inputs`, not a
+// folder, in a folder that exists and can be written to, and not a file that
+// cannot be written over. A CommandError names `option` and the problem.
+void checkOutputFile(const std::string& output, const std::vector<std::string>& inputs, const char* option);
+// The same for an output folder that may not exist yet (it is made later):
+// not a file, and its nearest existing ancestor can be written to.
+void checkOutputFolder(const std::string& folder, const char* option);
 
 // A time option's value: ISO-8601 UTC text or milliseconds since the epoch
 // (ms since the epoch); anything else is a CommandError naming `option`.

@@ -19,6 +19,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image_selection/smart_finder_match_to_target.h"
@@ -65,7 +66,7 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
     result = calibrator.calibrate(names, target);
     interrupted = watch.interrupted();
   }
-  progress.finish();
+  progress.finish(!interrupted);
 
   const auto saved = CameraDescription::saveCameraFile(result, options.out);
   if (!saved) throw CommandError(saved.error());
@@ -92,7 +93,7 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
   report();
   if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
   std::cout << "wrote " << options.out << std::endl;
-  if (options.json) std::cout << nlohmann::json{{"modules", modules}, {"errors", errors}}.dump() << std::endl;
+  JsonOutput::printActive({{"modules", modules}, {"errors", errors}});
   if (interrupted) {
     exitStatus() = kExitInterrupted;
   } else if (notAligned > 0) {
@@ -101,9 +102,11 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
 }
 
 void runMatch(const MatchOptions& options) {
+  JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   CameraDescription::Orbivane& camera = loaded.value();
+  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
   const bool fromRecordings = !options.recordings.empty();
   std::set<std::string> recorded;
   if (fromRecordings) {

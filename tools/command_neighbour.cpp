@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 #include "orbivane/utils/wide_text.h"
@@ -38,9 +39,11 @@ std::string knownModules(const CameraDescription::Orbivane& camera) {
 }
 
 void runNeighbour(const NeighbourOptions& options) {
+  JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   const CameraDescription::Orbivane& camera = loaded.value();
+  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
 
   std::list<std::wstring> chain;
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
@@ -93,7 +96,7 @@ void runNeighbour(const NeighbourOptions& options) {
     }
   }
   std::cout << "wrote " << options.out << std::endl;
-  if (options.json) std::cout << nlohmann::json{{"pairs", pairs}}.dump() << std::endl;
+  output.print({{"pairs", pairs}});
   if (notMeasured > 0) exitStatus() = kExitFailedModules;
 }
 

@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/panorama_renderer.h"
@@ -28,7 +29,7 @@ void addPanoramaCommand(CLI::App& app) {
   CLI::App* command = app.add_subcommand("panorama", "Draw the stitched panorama of a camera description");
   static std::string camera, out, size;
   static std::vector<std::string> modules, exclude;
-  static bool grid = false;
+  static bool grid = false, json = false;
   static double feather = 0.1;
   command->add_option("CAMERA", camera, "Camera description (JSON)")->required();
   command->add_option("--out", out, "Panorama picture to write (.png, .jpg, ...)")->required();
@@ -36,18 +37,20 @@ void addPanoramaCommand(CLI::App& app) {
   command->add_option("--modules", modules, "Draw only these modules (names separated by commas)")->delimiter(',');
   command->add_option("--exclude", exclude, "Leave these modules out (names separated by commas)")->delimiter(',');
   command->add_flag("--grid", grid, "Draw module outlines, names and seams");
+  command->add_flag("--json", json, "Print {\"picture\", \"size\", \"drawn\", \"skipped\"} as one JSON object");
   command->add_option("--feather", feather, "Blending ramp as a share of a picture's shorter side (0..0.5)")
       ->capture_default_str();
   command->callback([] {
+    JsonOutput output(json);
     ImageSource::PanoramaOptions options;
     if (!size.empty()) options.size = parsePictureSize(size);
     options.feather = feather;
     options.overlay = grid;
     for (const auto& name : modules) options.modules.push_back(Utils::fromUtf8(name));
     for (const auto& name : exclude) options.exclude.push_back(Utils::fromUtf8(name));
-    refuseOverwritingInput(out, camera, "--out");
     auto loaded = CameraDescription::loadCameraFile(camera);
     if (!loaded) throw CommandError(loaded.error());
+    checkOutputFile(out, cameraInputs(loaded.value(), camera), "--out");
     auto panorama = ImageSource::renderPanorama(loaded.value(), options);
     if (!panorama) throw CommandError(panorama.error());
     for (const auto& line : panorama.value().skipped) std::cout << line << "\n";
@@ -56,6 +59,12 @@ void addPanoramaCommand(CLI::App& app) {
     if (!saved) throw CommandError(saved.error());
     std::cout << panorama.value().drawn.size() << " modules drawn into " << panorama.value().picture.cols << "x"
               << panorama.value().picture.rows << " panorama " << out << std::endl;
+    std::vector<std::string> drawn;
+    for (const auto& name : panorama.value().drawn) drawn.push_back(Utils::toUtf8(name));
+    output.print({{"picture", out},
+                  {"size", {panorama.value().picture.cols, panorama.value().picture.rows}},
+                  {"drawn", drawn},
+                  {"skipped", panorama.value().skipped}});
   });
 }
 

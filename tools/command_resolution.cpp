@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 
@@ -24,6 +25,8 @@ void addResolutionCommand(CLI::App& app) {
   cmd->add_option("--annotated", annotated, "Write the annotated picture");
   cmd->add_flag("--json", json, "Print the result as one JSON object");
   cmd->callback([] {
+    JsonOutput output(json);
+    if (!annotated.empty()) checkOutputFile(annotated, {path}, "--annotated");
     if (!(realX > 0) || !(realY > 0) || !std::isfinite(realX) || !std::isfinite(realY)) {
       throw CommandError("--real-x and --real-y must be positive lengths in metres");
     }
@@ -41,14 +44,12 @@ void addResolutionCommand(CLI::App& app) {
                          "', the target needs exactly three");
     }
     const float x = calibration.metresPerPixelX(), y = calibration.metresPerPixelY();
-    if (json) {
-      std::cout << nlohmann::json{{"circles", calibration.circleCount()},
-                                  {"pixelSpacing", {calibration.horizontalSpacing(), calibration.verticalSpacing()}},
-                                  {"mmPerPixel", {x * 1000.0f, y * 1000.0f}},
-                                  {"pixelsPerMetre", {1.0f / x, 1.0f / y}}}
-                       .dump()
-                << std::endl;
-    }
+    std::cout << "resolution " << 1.0f / x << " x " << 1.0f / y << " pixels per metre (" << x * 1000.0f << " x "
+              << y * 1000.0f << " mm per pixel)" << std::endl;
+    output.print({{"circles", calibration.circleCount()},
+                  {"pixelSpacing", {calibration.horizontalSpacing(), calibration.verticalSpacing()}},
+                  {"mmPerPixel", {x * 1000.0f, y * 1000.0f}},
+                  {"pixelsPerMetre", {1.0f / x, 1.0f / y}}});
   });
 }
 

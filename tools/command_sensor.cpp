@@ -1,15 +1,16 @@
 // "sensor ...": the sensor window of a simulated camera and the fisheye closed
 // loop against it.
-//   sensor create STATE.json --module NAME --scene fisheye|target|IMAGE [...]
+//   sensor create STATE.json --module NAME --scene fisheye|target|IMAGE [...] [--json]
 //   sensor read STATE.json --module NAME [--json]
-//   sensor write STATE.json --module NAME --x X --y Y
-//   sensor capture STATE.json --module NAME OUT.png
+//   sensor write STATE.json --module NAME --x X --y Y [--json]
+//   sensor capture STATE.json --module NAME OUT.png [--json]
 //   sensor centre STATE.json --module NAME [--threshold T] [--json]
-//   sensor restore STATE.json --module NAME
+//   sensor restore STATE.json --module NAME [--json]
 //   sensor overlap STATE.json --modules A,B [--overlap PX] [--camera CAMERA.json]
 //                  [--search SHARE] [--picture OUT.png] [--json]
-// "centre" keeps the window it started from in STATE.json.restore.json so
-// that a later "restore" puts it back.
+// "centre" keeps the window each module started from in
+// STATE.json.restore.json ({"modules": {NAME: {"x", "y"}}}, one restore
+// point per module) so that a later "restore" of that module puts it back.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -20,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/simulated_camera.h"
@@ -81,17 +83,38 @@ std::string restorePath() { return args().state + ".restore.json"; }
 
 void printWindow(const std::shared_ptr<Quarn::SimulatedCamera>& camera) {
   const auto w = camera->module(args().module).value().window;
-  if (args().json) {
-    std::cout << nlohmann::json{{"x", w.x},       {"y", w.y},       {"xMin", w.xMin}, {"xMax", w.xMax},
-                                {"xStep", w.xStep}, {"yMin", w.yMin}, {"yMax", w.yMax}, {"yStep", w.yStep},
-                                {"width", w.width}, {"height", w.height}}
-                     .dump()
-              << std::endl;
-  } else {
-    std::cout << "window " << w.x << " " << w.y << " (" << w.width << "x" << w.height << "), x " << w.xMin << ".."
-              << w.xMax << " step " << w.xStep << ", y " << w.yMin << ".." << w.yMax << " step " << w.yStep
-              << std::endl;
+  std::cout << "window " << w.x << " " << w.y << " (" << w.width << "x" << w.height << "), x " << w.xMin << ".."
+            << w.xMax << " step " << w.xStep << ", y " << w.yMin << ".." << w.yMax << " step " << w.yStep
+            << std::endl;
+  JsonOutput::printActive({{"module", args().module}, {"x", w.x}, {"y", w.y}, {"xMin", w.xMin}, {"xMax", w.xMax},
+                           {"xStep", w.xStep}, {"yMin", w.yMin}, {"yMax", w.yMax}, {"yStep", w.yStep},
+                           {"width", w.width}, {"height", w.height}});
+}
+
+// The restore points of every module of the state file: {name: {"x", "y"}}.
+// A file of the older form {"module", "x", "y"} holds one module's.
+nlohmann::json readRestorePoints() {
+  std::ifstream f(restorePath());
+  if (!f) return nlohmann::json::object();
+  nlohmann::json saved;
+  try {
+    f >> saved;
+  } catch (const nlohmann::json::exception& e) {
+    throw CommandError("restore points '" + restorePath() + "' cannot be read: " + e.what());
   }
+  if (saved.is_object() && saved.contains("modules") && saved["modules"].is_object()) return saved["modules"];
+  if (saved.is_object() && saved.contains("module") && saved["module"].is_string()) {
+    return {{saved["module"].get<std::string>(), {{"x", saved.value("x", 0)}, {"y", saved.value("y", 0)}}}};
+  }
+  throw CommandError("restore points '" + restorePath() + "' are not a restore-point file");
+}
+
+void writeRestorePoints(const nlohmann::json& points) {
+  if (points.empty()) {
+    std::remove(restorePath().c_str());
+    return;
+  }
+  writeTextAtomically(restorePath(), nlohmann::json{{"modules", points}}.dump(2) + "\n");
 }
 
 void create() {
@@ -145,12 +168,15 @@ void create() {
 }
 
 void capture() {
+  checkOutputFile(args().out, {args().state, restorePath()}, "OUT");
   auto camera = openCamera();
   auto picture = camera->capture(args().module);
   if (!picture) throw CommandError(picture.error());
   auto saved = Image::saveMat(picture.value(), args().out);
   if (!saved) throw CommandError(saved.error());
   std::cout << "wrote " << args().out << std::endl;
+  JsonOutput::printActive({{"module", args().module}, {"picture", args().out},
+                           {"size", {picture.value().cols, picture.value().rows}}});
 }
 
 void write() {
@@ -177,38 +203,33 @@ void centre() {
   if (found.radius < 0) throw CommandError("no plausible lens circle in the module's picture");
   const auto applied = calibration.apply(0, 0);
   if (!applied) throw CommandError(applied.error());
-  writeTextAtomically(restorePath(), nlohmann::json{{"module", args().module}, {"x", before.x}, {"y", before.y}}.dump());
+  // This module's restore point, beside those of the others; a second
+  // centre keeps the first starting window.
+  nlohmann::json points = readRestorePoints();
+  if (!points.contains(args().module)) points[args().module] = {{"x", before.x}, {"y", before.y}};
+  writeRestorePoints(points);
   auto after = camera->capture(args().module);
   if (!after) throw CommandError(after.error());
   const auto check = calibration.calculateCalibration(Image::fromMat(after.value()));
   const auto w = camera->module(args().module).value().window;
-  if (args().json) {
-    std::cout << nlohmann::json{{"before", {found.x, found.y}}, {"after", {check.x, check.y}},
-                                {"radius", check.radius}, {"window", {w.x, w.y}}}
-                     .dump()
-              << std::endl;
-  } else {
-    std::cout << "circle at " << found.x << " " << found.y << " moved to " << check.x << " " << check.y
-              << ", window now " << w.x << " " << w.y << std::endl;
-  }
+  std::cout << "circle at " << found.x << " " << found.y << " moved to " << check.x << " " << check.y
+            << ", window now " << w.x << " " << w.y << std::endl;
+  JsonOutput::printActive({{"module", args().module}, {"before", {found.x, found.y}}, {"after", {check.x, check.y}},
+                           {"radius", check.radius}, {"window", {w.x, w.y}}});
 }
 
 void restore() {
   auto camera = openCamera();
-  std::ifstream f(restorePath());
-  if (!f) throw CommandError("nothing to restore: '" + restorePath() + "' does not exist");
-  nlohmann::json saved;
-  try {
-    f >> saved;
-  } catch (const nlohmann::json::exception& e) {
-    throw CommandError("'" + restorePath() + "': " + e.what());
+  nlohmann::json points = readRestorePoints();
+  if (!points.contains(args().module)) {
+    throw CommandError("nothing to restore for module '" + args().module + "': no restore point in '" +
+                       restorePath() + "' (run 'sensor centre' first)");
   }
-  if (saved.value("module", std::string()) != args().module) {
-    throw CommandError("'" + restorePath() + "' belongs to module '" + saved.value("module", std::string()) + "'");
-  }
-  auto moved = camera->moveWindow(args().module, saved.value("x", 0), saved.value("y", 0));
+  const auto& point = points[args().module];
+  auto moved = camera->moveWindow(args().module, point.value("x", 0), point.value("y", 0));
   if (!moved) throw CommandError(moved.error());
-  std::remove(restorePath().c_str());
+  points.erase(args().module);
+  writeRestorePoints(points);
   printWindow(camera);
 }
 
@@ -255,24 +276,21 @@ void overlap() {
     auto saved = Image::saveImage(*shown, a.picture);
     if (!saved) throw CommandError(saved.error());
   }
-  if (a.json) {
-    std::cout << nlohmann::json{{"left", a.modules[0]},
-                                {"right", a.modules[1]},
-                                {"wanted", r.wanted},
-                                {"before", r.before.overlap},
-                                {"after", r.after.overlap},
-                                {"dy", r.after.y},
-                                {"score", r.after.score},
-                                {"windows", {{r.leftWindow.x, r.leftWindow.y}, {r.rightWindow.x, r.rightWindow.y}}},
-                                {"moves", r.moves},
-                                {"reached", r.reached}}
-                     .dump()
-              << std::endl;
-  } else {
-    std::printf("overlap %.2f px -> %.2f px (wanted %.2f px)%s; windows %s x %d, %s x %d; %d move(s)\n",
+  char line[256];
+  std::snprintf(line, sizeof line, "overlap %.2f px -> %.2f px (wanted %.2f px)%s; windows %s x %d, %s x %d; %d move(s)",
                 r.before.overlap, r.after.overlap, r.wanted, r.reached ? "" : ", not reached", a.modules[0].c_str(),
                 r.leftWindow.x, a.modules[1].c_str(), r.rightWindow.x, r.moves);
-  }
+  std::cout << line << std::endl;
+  JsonOutput::printActive({{"left", a.modules[0]},
+                           {"right", a.modules[1]},
+                           {"wanted", r.wanted},
+                           {"before", r.before.overlap},
+                           {"after", r.after.overlap},
+                           {"dy", r.after.y},
+                           {"score", r.after.score},
+                           {"windows", {{r.leftWindow.x, r.leftWindow.y}, {r.rightWindow.x, r.rightWindow.y}}},
+                           {"moves", r.moves},
+                           {"reached", r.reached}});
 }
 
 CLI::App* withStateAndModule(CLI::App* sensor, const std::string& name, const std::string& help) {
@@ -298,25 +316,30 @@ void addSensorCommand(CLI::App& app) {
   c->add_option("--step", a.step, "Window step in sensor pixels")->capture_default_str();
   c->add_option("--blur", a.blur, "Blur sigma of a rendered scene")->capture_default_str();
   c->add_option("--noise", a.noise, "Noise sigma of a rendered scene")->capture_default_str();
-  c->callback(create);
+  c->add_flag("--json", a.json, "Print the window as one JSON object");
+  c->callback([] { JsonOutput output(args().json); create(); });
   CLI::App* r = withStateAndModule(sensor, "read", "Print the sensor window");
   r->add_flag("--json", a.json, "Print one JSON object");
-  r->callback([] { printWindow(openCamera()); });
+  r->callback([] {
+    JsonOutput output(args().json);
+    printWindow(openCamera());
+  });
   CLI::App* w = withStateAndModule(sensor, "write", "Move the sensor window (clamped and rounded to the steps)");
   w->add_option("--x", a.x, "Window x")->required();
   w->add_option("--y", a.y, "Window y")->required();
   w->add_flag("--json", a.json, "Print one JSON object");
-  w->callback(write);
+  w->callback([] { JsonOutput output(args().json); write(); });
   CLI::App* p = withStateAndModule(sensor, "capture", "Write the sensor window's picture");
   p->add_option("OUT", a.out, "Picture file")->required();
-  p->callback(capture);
+  p->add_flag("--json", a.json, "Print one JSON object");
+  p->callback([] { JsonOutput output(args().json); capture(); });
   CLI::App* f = withStateAndModule(sensor, "centre", "Centre the lens circle in the sensor window");
   f->add_option("--threshold", a.threshold, "Grey threshold of the lens circle")->capture_default_str();
   f->add_flag("--json", a.json, "Print one JSON object");
-  f->callback(centre);
+  f->callback([] { JsonOutput output(args().json); centre(); });
   CLI::App* b = withStateAndModule(sensor, "restore", "Put the window back where centre found it");
   b->add_flag("--json", a.json, "Print one JSON object");
-  b->callback(restore);
+  b->callback([] { JsonOutput output(args().json); restore(); });
   CLI::App* o = sensor->add_subcommand("overlap", "Move two neighbouring windows until their pictures overlap as wanted");
   o->add_option("STATE", a.state, "Simulated camera state file")->required();
   o->add_option("--modules", a.modules, "LEFT,RIGHT module ids")->delimiter(',')->required();
@@ -326,7 +349,7 @@ void addSensorCommand(CLI::App& app) {
       ->capture_default_str();
   o->add_option("--picture", a.picture, "Write the overlap picture");
   o->add_flag("--json", a.json, "Print one JSON object");
-  o->callback(overlap);
+  o->callback([] { JsonOutput output(args().json); overlap(); });
 }
 
 }  // namespace Tool

@@ -24,6 +24,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 #include "orbivane/image/image_conversion.h"
@@ -99,7 +100,7 @@ void writeResults(const CameraDescription::Orbivane& camera, const std::string& 
   }
   if (results.empty()) std::cout << "no rendering could be scored: nothing written\n";
   std::cout << std::flush;
-  if (json) std::cout << nlohmann::json{{"best", best}}.dump() << std::endl;
+  if (json) JsonOutput::printActive({{"best", best}});
 }
 
 std::pair<int, int> parseShard(const std::string& text) {
@@ -119,9 +120,11 @@ std::pair<int, int> parseShard(const std::string& text) {
 }
 
 void runSearch(const SearchOptions& options) {
+  JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   const CameraDescription::Orbivane& camera = loaded.value();
+  checkOutputFolder(options.outDir, "--out-dir");
   const std::wstring module = Utils::fromUtf8(options.module);
   const auto found = camera.findModule(module);
   if (!found) throw CommandError("unknown module '" + options.module + "' in " + options.camera);
@@ -183,13 +186,15 @@ void runSearch(const SearchOptions& options) {
   if (options.json) {
     nlohmann::json plain = nlohmann::json::array();
     for (const auto& entry : best) plain.push_back({{"error", entry["error"]}, {"parameters", entry["parameters"]}});
-    std::cout << nlohmann::json{{"best", plain}}.dump() << std::endl;
+    JsonOutput::printActive({{"best", plain}});
   }
 }
 
 void runMerge(const MergeOptions& options) {
+  JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
+  checkOutputFolder(options.outDir, "--out-dir");
   std::string module;
   int count = 0;
   std::vector<bool> seen;

@@ -1,3 +1,4 @@
+// A progress bar on a terminal, plain lines elsewhere; see progress.h.
 #include "progress.h"
 
 #include <unistd.h>
@@ -9,9 +10,11 @@ namespace Tool {
 
 Progress::Progress(std::string title) : title_(std::move(title)), terminal_(::isatty(STDERR_FILENO) == 1) {}
 
-Progress::~Progress() { finish(); }
+Progress::~Progress() { finish(false); }
 
 void Progress::update(int step, int total, const std::string& text) {
+  lastStep_ = step;
+  lastTotal_ = total;
   if (terminal_) {
     const int width = 30;
     const double share = total > 0 ? std::clamp(double(step) / total, 0.0, 1.0) : 0.0;
@@ -21,18 +24,31 @@ void Progress::update(int step, int total, const std::string& text) {
     std::fprintf(stderr, "\r%s [%s] %d/%d %-40.40s", title_.c_str(), bar.c_str(), step, total, text.c_str());
     std::fflush(stderr);
     open_ = true;
-  } else if (text != lastText_) {
-    std::fprintf(stderr, "%s: %d/%d %s\n", title_.c_str(), step, total, text.c_str());
+  } else {
+    // A line when the text changes, and one for every tenth of the way
+    // (long searches report one text many times).
+    const int tenth = total > 0 ? std::clamp(int(10.0 * step / total), 0, 10) : 0;
+    if (text != lastText_ || tenth > lastTenth_) {
+      std::fprintf(stderr, "%s: %d/%d %s\n", title_.c_str(), step, total, text.c_str());
+      lastTenth_ = tenth;
+    }
   }
   lastText_ = text;
 }
 
-void Progress::finish() {
+void Progress::finish(bool completed) {
+  if (completed && !finished_ && lastTotal_ > 0 && lastStep_ < lastTotal_) {
+    // The run is done, whatever count the calibrator's total was made of.
+    update(lastTotal_, lastTotal_, "done");
+  } else if (completed && !finished_ && !terminal_ && lastTotal_ > 0 && lastText_ != "done") {
+    std::fprintf(stderr, "%s: %d/%d done\n", title_.c_str(), lastTotal_, lastTotal_);
+  }
   if (open_) {
     std::fputc('\n', stderr);
     std::fflush(stderr);
     open_ = false;
   }
+  finished_ = finished_ || completed;
 }
 
 GeometryCalibration::StatusCallback Progress::callback() {

@@ -1,5 +1,6 @@
 // Progress of a long command: a bar that redraws itself on a terminal, plain
-// lines when standard error is not a terminal (logs, CI).
+// lines when standard error is not a terminal (logs, CI): one whenever the
+// text changes and one for every tenth of the way.
 #pragma once
 
 #include <string>
@@ -18,8 +19,11 @@ class Progress {
 
   // Step `step` of `total` (from 1) with a short text; safe to call often.
   void update(int step, int total, const std::string& text);
-  // Ends the bar's line.
-  void finish();
+  // Ends the bar's line. A run that completed (`completed`) shows its bar at
+  // the end, total of total, whatever count its calibrator reached; an
+  // interrupted one stays where it stopped. The destructor ends an open bar
+  // as interrupted.
+  void finish(bool completed = true);
   // A calibrator's status callback that updates this bar (which must outlive it).
   GeometryCalibration::StatusCallback callback();
 
@@ -27,7 +31,10 @@ class Progress {
   std::string title_;
   bool terminal_;
   bool open_ = false;
+  bool finished_ = false;
   std::string lastText_;
+  int lastStep_ = 0, lastTotal_ = 0;
+  int lastTenth_ = -1;  // plain lines: the last tenth of the way reported
 };
 
 }  // namespace Tool

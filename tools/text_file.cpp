@@ -1,4 +1,4 @@
-// Atomic text output of the command-line host.
+// Atomic text output of the command-line host, and its exit status.
 #include <filesystem>
 #include <fstream>
 
@@ -23,16 +23,6 @@ void writeTextAtomically(const std::string& path, const std::string& text) {
   if (ec) {
     std::filesystem::remove(temporary, ec);
     throw CommandError("cannot write '" + path + "'");
-  }
-}
-
-void refuseOverwritingInput(const std::string& output, const std::string& input, const char* option) {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  const bool same = fs::exists(output, ec) && fs::exists(input, ec) && fs::equivalent(output, input, ec);
-  if (same || (!ec && fs::weakly_canonical(output, ec) == fs::weakly_canonical(input, ec) && !ec)) {
-    throw CommandError(std::string(option) + " " + output + " is one of the command's inputs (" + input +
-                       "); write the result elsewhere");
   }
 }
 

@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <limits>
 #include <set>
 #include <stdexcept>
 
@@ -277,26 +280,32 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
   return camera;
 }
 
-json geometryToJson(const OrbivaneGeometry::Geometry& geometry) {
-  json g;
+using ordered = nlohmann::ordered_json;
+
+ordered geometryToJson(const OrbivaneGeometry::Geometry& geometry) {
+  ordered g;
   if (const auto* m = dynamic_cast<const OrbivaneGeometry::MatrixGeometry*>(&geometry)) {
     g["type"] = "matrix";
     g["matrix"] = m->matrix().values();
     if (m->uvGrid()) {
       const Utils::UVGrid& grid = *m->uvGrid();
-      json points = json::array();
+      ordered points = ordered::array();
       for (const auto& p : grid.points()) points.push_back({p.u, p.v});
-      g["uvGrid"] = {{"cols", grid.columns()}, {"rows", grid.rows()}, {"points", points}};
+      ordered uv;
+      uv["cols"] = grid.columns();
+      uv["rows"] = grid.rows();
+      uv["points"] = points;
+      g["uvGrid"] = uv;
     }
   } else if (const auto* r = dynamic_cast<const OrbivaneGeometry::RegionBasedGeometry*>(&geometry)) {
     g["type"] = "region";
-    json region = json::array();
+    ordered region = ordered::array();
     for (const auto& c : r->region().corners) region.push_back({c.x, c.y});
     g["region"] = region;
-    json triangles = json::array();
+    ordered triangles = ordered::array();
     if (r->mesh().triangles) {
       for (const auto& t : *r->mesh().triangles) {
-        json tri = json::array();
+        ordered tri = ordered::array();
         for (const auto* v : {&t.a, &t.b, &t.c}) tri.push_back({v->x, v->y, v->u, v->v});
         triangles.push_back(tri);
       }
@@ -308,6 +317,140 @@ json geometryToJson(const OrbivaneGeometry::Geometry& geometry) {
   if (!geometry.shaderId().empty()) g["shaderId"] = geometry.shaderId();
   return g;
 }
+
+
+// The shortest text that reads back (strtof) to the same single-precision
+// value: 0.4, not 0.4000000059604645.
+std::string shortestFloat(double value) {
+  const float f = static_cast<float>(value);
+  if (f == 0.0f) return std::signbit(f) ? "-0" : "0";
+  char text[48];
+  for (int digits = 1; digits <= 9; ++digits) {
+    std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(f));
+    if (std::strtof(text, nullptr) == f) break;
+  }
+  return text;
+}
+
+// Writes camera JSON for people: keys in the order they were put in, two
+// spaces of indent, arrays of numbers on one line, the 16 numbers of a
+// matrix as four rows of four, a UV grid's points one grid row per line.
+class CameraJsonWriter {
+ public:
+  std::string write(const ordered& root) {
+    value(root, 0, std::string());
+    out_ += "\n";
+    return out_;
+  }
+
+ private:
+  static bool scalar(const ordered& j) { return !j.is_object() && !j.is_array(); }
+  static bool flat(const ordered& j) {
+    if (!j.is_array()) return scalar(j);
+    for (const auto& e : j)
+      if (!scalar(e)) return false;
+    return true;
+  }
+  // An array of short arrays of scalars, e.g. [[u, v], ...].
+  static bool pairs(const ordered& j) {
+    if (!j.is_array() || j.empty()) return false;
+    for (const auto& e : j)
+      if (!e.is_array() || !flat(e)) return false;
+    return true;
+  }
+  void indent(int level) { out_.append(std::size_t(2 * level), ' '); }
+
+  void scalarValue(const ordered& j) {
+    if (j.is_number_float()) {
+      const double v = j.get<double>();
+      // What cannot be read back is not written.
+      if (!std::isfinite(v) || std::fabs(v) > double(std::numeric_limits<float>::max())) {
+        throw std::invalid_argument("a value is not a finite single-precision number (" + std::to_string(v) + ")");
+      }
+      out_ += shortestFloat(v);
+    } else {
+      out_ += j.dump(-1, ' ', false, ordered::error_handler_t::replace);
+    }
+  }
+
+  void inlineArray(const ordered& j) {
+    out_ += "[";
+    for (std::size_t i = 0; i < j.size(); ++i) {
+      if (i > 0) out_ += ", ";
+      if (j[i].is_array()) {
+        inlineArray(j[i]);
+      } else {
+        scalarValue(j[i]);
+      }
+    }
+    out_ += "]";
+  }
+
+  // `perLine` elements of an array on each line.
+  void rows(const ordered& j, int level, std::size_t perLine) {
+    out_ += "[\n";
+    for (std::size_t i = 0; i < j.size(); ++i) {
+      if (i % perLine == 0) indent(level + 1);
+      if (j[i].is_array()) {
+        inlineArray(j[i]);
+      } else {
+        scalarValue(j[i]);
+      }
+      if (i + 1 < j.size()) out_ += (i % perLine == perLine - 1) ? ",\n" : ", ";
+    }
+    out_ += "\n";
+    indent(level);
+    out_ += "]";
+  }
+
+  void value(const ordered& j, int level, const std::string& key, const ordered* parent = nullptr) {
+    if (j.is_object()) {
+      if (j.empty()) {
+        out_ += "{}";
+        return;
+      }
+      out_ += "{\n";
+      std::size_t i = 0;
+      for (auto it = j.begin(); it != j.end(); ++it, ++i) {
+        indent(level + 1);
+        out_ += ordered(it.key()).dump(-1, ' ', false, ordered::error_handler_t::replace) + ": ";
+        value(it.value(), level + 1, it.key(), &j);
+        if (i + 1 < j.size()) out_ += ",";
+        out_ += "\n";
+      }
+      indent(level);
+      out_ += "}";
+    } else if (j.is_array()) {
+      if (key == "matrix" && j.size() == 16 && flat(j)) {
+        rows(j, level, 4);
+      } else if (key == "points" && parent != nullptr && parent->contains("cols") && pairs(j)) {
+        rows(j, level, std::size_t(parent->at("cols").get<int>() + 1));
+      } else if (flat(j) || (pairs(j) && j.size() <= 4)) {
+        inlineArray(j);
+      } else if (pairs(j)) {
+        rows(j, level, 1);
+      } else {
+        if (j.empty()) {
+          out_ += "[]";
+          return;
+        }
+        out_ += "[\n";
+        for (std::size_t i = 0; i < j.size(); ++i) {
+          indent(level + 1);
+          value(j[i], level + 1, std::string());
+          if (i + 1 < j.size()) out_ += ",";
+          out_ += "\n";
+        }
+        indent(level);
+        out_ += "]";
+      }
+    } else {
+      scalarValue(j);
+    }
+  }
+
+  std::string out_;
+};
 
 }  // namespace
 
@@ -338,12 +481,14 @@ Utils::ReturnState<Orbivane, std::string> loadCameraFile(const std::string& path
 }
 
 std::string cameraToJson(const Orbivane& camera, const std::string& baseDirectory) {
-  json root;
+  // Keys in a fixed, logical order: the camera's identity first, then its
+  // modules; in a module its name, picture, geometry and shaders, then the rest.
+  ordered root;
   root["format"] = kFormat;
   root["version"] = kVersion;
   if (!camera.name().empty()) root["name"] = Utils::toUtf8(camera.name());
   if (!camera.panoramaSize().empty()) root["panoramaSize"] = {camera.panoramaSize().width, camera.panoramaSize().height};
-  json modules = json::array();
+  ordered modules = ordered::array();
   std::set<std::wstring> names;
   for (const auto& module : camera.modules()) {
     if (!module) continue;
@@ -357,13 +502,29 @@ std::string cameraToJson(const Orbivane& camera, const std::string& baseDirector
       throw std::invalid_argument("the neighbour of module '" + Utils::toUtf8(module->name()) +
                                   "' is not part of the camera");
     }
-    json m;
+    ordered m;
     m["name"] = Utils::toUtf8(module->name());
-    if (!module->imagePath().empty()) {
+    // The picture's own file when it was read from one, else the path the
+    // module was loaded with.
+    const std::string picture =
+        module->image() && !module->image()->sourcePath().empty() ? module->image()->sourcePath() : module->imagePath();
+    if (!picture.empty()) {
       const fs::path base = fs::absolute(baseDirectory.empty() ? fs::path(".") : fs::path(baseDirectory));
-      const fs::path image = fs::absolute(module->imagePath());
+      const fs::path image = fs::absolute(picture).lexically_normal();
       const fs::path relative = image.lexically_relative(base);
       m["image"] = relative.empty() ? image.string() : relative.string();
+    }
+    if (module->geometry()) m["geometry"] = geometryToJson(*module->geometry());
+    if (!module->shaders().empty()) {
+      ordered shaders = ordered::array();
+      for (const auto& s : module->shaders()) {
+        ordered shader;
+        shader["uid"] = s.uid();
+        shader["parameters"] = ordered::object();
+        for (const auto& [name, text] : s.parameters()) shader["parameters"][name] = text;
+        shaders.push_back(shader);
+      }
+      m["shaders"] = shaders;
     }
     if (module->rotation() != 0) m["rotation"] = module->rotation();
     if (module->channel() != 0) m["channel"] = module->channel();
@@ -371,22 +532,26 @@ std::string cameraToJson(const Orbivane& camera, const std::string& baseDirector
     if (module->fisheyeThreshold()) m["fisheyeThreshold"] = *module->fisheyeThreshold();
     if (const auto neighbour = module->neighbour()) m["neighbour"] = Utils::toUtf8(neighbour->name());
     if (const OrbivaneLinkage* l = module->linkage()) {
-      m["linkage"] = {{"left", Utils::toUtf8(l->left)}, {"right", Utils::toUtf8(l->right)}, {"overlap", l->overlap}};
-    }
-    if (module->geometry()) m["geometry"] = geometryToJson(*module->geometry());
-    if (!module->shaders().empty()) {
-      json shaders = json::array();
-      for (const auto& s : module->shaders()) shaders.push_back({{"uid", s.uid()}, {"parameters", s.parameters()}});
-      m["shaders"] = shaders;
+      ordered linkage;
+      linkage["left"] = Utils::toUtf8(l->left);
+      linkage["right"] = Utils::toUtf8(l->right);
+      linkage["overlap"] = l->overlap;
+      m["linkage"] = linkage;
     }
     if (const auto& c = module->connection()) {
-      m["connection"] = {{"backend", c->backend}, {"address", c->address}, {"port", c->port},
-                         {"user", c->user},       {"password", c->password}, {"device", c->device}};
+      ordered connection;
+      connection["backend"] = c->backend;
+      connection["address"] = c->address;
+      connection["port"] = c->port;
+      connection["user"] = c->user;
+      connection["password"] = c->password;
+      connection["device"] = c->device;
+      m["connection"] = connection;
     }
     modules.push_back(m);
   }
   root["modules"] = modules;
-  return root.dump(2) + "\n";
+  return CameraJsonWriter().write(root);
 }
 
 Utils::ReturnState<bool, std::string> saveCameraFile(const Orbivane& camera, const std::string& path) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cmath>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -100,6 +101,7 @@ Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::
   }
   auto image = fromMat(mat);
   image->setTimestamp(static_cast<std::int64_t>(info.st_mtime) * 1000);
+  image->setSourcePath(std::filesystem::absolute(path).lexically_normal().string());
   return image;
 }
 

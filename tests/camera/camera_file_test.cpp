@@ -225,6 +225,74 @@ TEST(CameraFile, SavedFileLoadsBackTheSameCamera) {
   expectSameCamera(camera, fourth.value());
 }
 
+// Files people read and diff: what we write loads and saves to the same
+// bytes, numbers are the shortest text of their single-precision value, a
+// matrix is four rows of four, keys come in a fixed order.
+TEST(CameraFile, WrittenFilesAreReadableAndRoundTripToTheSameBytes) {
+  CameraFolder folder;
+  const auto loaded = CameraDescription::loadCameraFile(folder.file);
+  ASSERT_TRUE(loaded.hasValue()) << loaded.error();
+  Orbivane camera = loaded.value();
+  Utils::Matrix4x4 m;
+  const float values[16] = {0.4f, 1.0f / 3.0f, 0, 1e-7f, -2.5f, 123456.79f, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  for (int k = 0; k < 16; ++k) m.set(k / 4, k % 4, values[k]);
+  camera.modules()[0]->matrixGeometry()->setMatrix(m);
+
+  const std::string first = folder.dir.file("first.json");
+  ASSERT_TRUE(CameraDescription::saveCameraFile(camera, first).hasValue());
+  const std::string text = Testing::readText(first);
+  EXPECT_THAT(text, HasSubstr("\"matrix\": [\n"
+                              "          0.4, 0.33333334, 0, 1e-07,\n"
+                              "          -2.5, 123456.79, 0, 0,\n"
+                              "          0, 0, 1, 0,\n"
+                              "          0, 0, 0, 1\n"
+                              "        ]"));
+  EXPECT_THAT(text, HasSubstr("\"overlap\": 0.2\n"));
+  EXPECT_THAT(text, HasSubstr("\"panoramaSize\": [4096, 1024]"));
+  EXPECT_THAT(text, HasSubstr("[0, 0], [0.5, 0.1], [1, 0],\n"));  // a UV grid row per line
+  // The fixed order of keys: the camera's, then a module's.
+  const auto at = [&text](const char* key) { return text.find(std::string("\"") + key + "\":"); };
+  EXPECT_LT(at("format"), at("version"));
+  EXPECT_LT(at("version"), at("name"));
+  EXPECT_LT(at("name"), at("panoramaSize"));
+  EXPECT_LT(at("panoramaSize"), at("modules"));
+  EXPECT_LT(at("image"), at("geometry"));
+  EXPECT_LT(at("geometry"), at("shaders"));
+  EXPECT_LT(at("shaders"), at("rotation"));
+  EXPECT_LT(at("rotation"), at("connection"));
+
+  // Loading what we wrote and saving it again gives the same bytes.
+  const auto again = CameraDescription::loadCameraFile(first);
+  ASSERT_TRUE(again.hasValue()) << again.error();
+  const std::string second = folder.dir.file("second.json");
+  ASSERT_TRUE(CameraDescription::saveCameraFile(again.value(), second).hasValue());
+  EXPECT_EQ(Testing::readText(second), text);
+  EXPECT_EQ(again.value().modules()[0]->matrixGeometry()->matrix(), m) << "every value read back exactly";
+}
+
+TEST(CameraFile, ACameraBuiltInCodeKeepsThePathsOfItsPictures) {
+  Testing::TemporaryDirectory dir;
+  fs::copy_file(Testing::samplePath("fruits.jpg"), dir.file("fruits.jpg"));
+  const auto picture = Image::loadImage(dir.file("fruits.jpg"));
+  ASSERT_TRUE(picture.hasValue());
+  Orbivane camera;
+  OrbivaneModule fromFile(L"F");
+  fromFile.setImage(picture.value());
+  camera.addModule(fromFile);
+  OrbivaneModule inMemory(L"M");
+  inMemory.setImage(Image::fromMat(cv::Mat(4, 4, CV_8UC3, cv::Scalar::all(9))));
+  camera.addModule(inMemory);
+  fs::create_directory(dir.file("out"));
+  ASSERT_TRUE(CameraDescription::saveCameraFile(camera, dir.file("out/camera.json")).hasValue());
+  const std::string text = Testing::readText(dir.file("out/camera.json"));
+  EXPECT_THAT(text, HasSubstr("\"image\": \"../fruits.jpg\""));
+  const auto loaded = CameraDescription::loadCameraFile(dir.file("out/camera.json"));
+  ASSERT_TRUE(loaded.hasValue()) << loaded.error();
+  ASSERT_NE(loaded.value().findModule(L"F")->image(), nullptr);
+  EXPECT_EQ(loaded.value().findModule(L"F")->image()->width(), picture.value()->width());
+  EXPECT_EQ(loaded.value().findModule(L"M")->image(), nullptr) << "a picture made in memory has no file to name";
+}
+
 TEST(CameraFile, MinimalFileLoads) {
   Testing::TemporaryDirectory dir;
   Testing::writeText(dir.file("min.json"), R"({"format":"orbivane-camera","version":1,"modules":[{"name":"A"}]})");

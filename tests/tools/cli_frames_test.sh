@@ -59,7 +59,10 @@ picture = cv2.imread("out/front.png")
 assert picture is not None and np.array_equal(picture, frame), "out/front.png is not frame 33"
 PY
 [ -f out/camera.json ] || fail "no out/camera.json"
-"$tool" camera validate out/camera.json >validate.txt 2>&1 || fail "camera.json does not load: $(cat validate.txt)"
+# The frames' camera loads; its modules have no geometry yet, which
+# validate names (exit 3), not a load error (exit 1).
+"$tool" camera validate out/camera.json >validate.txt 2>&1
+[ $? -ne 1 ] || fail "camera.json does not load: $(cat validate.txt)"
 grep -q "front" validate.txt || fail "camera.json lacks the module"
 grep -q '"backend": "simulated"' out/camera.json || fail "camera.json module does not connect to the index"
 grep -q "rec.json" out/camera.json || fail "camera.json does not point at the index"
@@ -68,7 +71,7 @@ grep -q "rec.json" out/camera.json || fail "camera.json does not point at the in
 "$tool" find-frames rec.json --detector hog --min-person-height 80 --to 2026-11-22T10:00:02.4Z --samples 8 --out bg --json >bg.txt 2>err.txt ||
   fail "find-frames with the walker in every frame failed: $(cat err.txt)"
 tail -n 1 bg.txt | grep -q '"background":true' || fail "no built background: $(tail -n 1 bg.txt)"
-grep -q "built background" bg.txt || fail "the built background is not reported"
+grep -q "built background" err.txt || fail "the built background is not reported on standard error"
 
 # Errors: one line, non-zero status, naming the problem.
 printf '{"format": "orbivane-recordings", "version": 1, "recordings": [{"module": "a", "vidoe": "x.avi"}]}' >bad.json
@@ -114,7 +117,7 @@ PY
 "$tool" match-to-target cam.json --target T --recordings rec2.json --detector hog --out matched.json --json \
   >match.txt 2>err.txt || fail "match-to-target --recordings failed: $(cat err.txt)"
 tail -n 1 match.txt | grep -q '"errors":{"M":' || fail "match-to-target --recordings errors: $(tail -n 1 match.txt)"
-grep -q "M: picture of 2026-11-22T10:00:00" match.txt || fail "the module's picture moment is not reported"
+grep -q "M: picture of 2026-11-22T10:00:00" err.txt || fail "the module's picture moment is not reported"
 /usr/bin/python3 - <<'PY' || fail "the module's matrix is not where the crops say: $(cat matched.json)"
 import json
 m = {x["name"]: x for x in json.load(open("matched.json"))["modules"]}["M"]["geometry"]["matrix"]

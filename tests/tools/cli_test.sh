@@ -53,7 +53,7 @@ printf 'garbage' >broken.png
 "$tool" blur broken.png >/dev/null 2>err.txt && fail "a corrupt picture must fail"
 grep -q "cannot be decoded" err.txt || fail "corrupt picture message: $(cat err.txt)"
 "$tool" blur "$data/baboon.jpg" --rotation 45 >/dev/null 2>err.txt && fail "45 degrees must fail"
-grep -q "between two quarter turns" err.txt || fail "45 degrees message: $(cat err.txt)"
+grep -q "not within 45 degrees of a quarter turn" err.txt || fail "45 degrees message: $(cat err.txt)"
 "$tool" nonsense >/dev/null 2>&1 && fail "an unknown command must fail"
 
 # camera validate
@@ -62,7 +62,8 @@ cat >camera.json <<'JSON'
 {"format": "orbivane-camera", "version": 1, "name": "two",
  "modules": [{"name": "left", "image": "fruits.jpg",
               "geometry": {"type": "matrix", "matrix": [0.5,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]}},
-             {"name": "right", "geometry": {"type": "matrix", "matrix": [0.5,0,0,0.5, 0,1,0,0, 0,0,1,0, 0,0,0,1]}}]}
+             {"name": "right", "image": "fruits.jpg",
+              "geometry": {"type": "matrix", "matrix": [0.5,0,0,0.5, 0,1,0,0, 0,0,1,0, 0,0,0,1]}}]}
 JSON
 out=$("$tool" camera validate camera.json) || fail "camera validate of a good file"
 echo "$out" | grep -q "2 module(s)" || fail "summary counts modules: $out"
@@ -72,6 +73,23 @@ sed 's/"image"/"imagee"/' camera.json >bad.json
 "$tool" camera validate bad.json >/dev/null 2>err.txt && fail "an unknown key must fail"
 grep -q "bad.json" err.txt && grep -q "/modules/0" err.txt && grep -q "unknown key 'imagee'" err.txt ||
   fail "unknown key message: $(cat err.txt)"
+# Modules the panorama or a calibrator would refuse are named, and the exit
+# status says so (3); the file itself loads.
+/usr/bin/python3 - <<'PY'
+import json
+c = json.load(open('camera.json'))
+c['modules'][1]['geometry']['matrix'] = [0.5,0,0,0.5, 0,0,0,0, 0,0,1,0, 0,0,0,1]
+c['modules'].append({"name": "blind", "geometry": {"type": "matrix", "matrix": [1,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]},
+                     "shaders": [{"uid": "00050007", "parameters": {"i_clipMatrix_enabled": "1"}}]})
+json.dump(c, open('refused.json', 'w'))
+PY
+"$tool" camera validate refused.json >refused.txt 2>err.txt
+status=$?
+[ "$status" -eq 3 ] || fail "camera validate of unusable modules exits 3, not $status"
+grep -q "module right cannot be used: the matrix is singular" err.txt || fail "singular matrix not named: $(cat err.txt)"
+grep -q "module blind cannot be used: the clip-matrix shader's values cannot be read" err.txt ||
+  fail "unreadable clip values not named: $(cat err.txt)"
+grep -q "module blind cannot be used: no picture" err.txt || fail "missing picture not named: $(cat err.txt)"
 
 # autoclip: two modules side by side cover everything; a missing seam keeps
 # the larger side.

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "orbivane/export.h"
 
@@ -25,6 +26,12 @@ class ORBIVANE_EXPORT UniversalImageInterface {
   std::int64_t timestamp() const { return timestamp_; }
   void setTimestamp(std::int64_t milliseconds) { timestamp_ = milliseconds; }
 
+  // The file the picture was read from (Image::loadImage sets it); empty
+  // for a picture made in memory. A camera file written with this picture
+  // names this file.
+  const std::string& sourcePath() const { return sourcePath_; }
+  void setSourcePath(std::string path) { sourcePath_ = std::move(path); }
+
  protected:
   UniversalImageInterface() = default;
   UniversalImageInterface(const UniversalImageInterface&) = default;
@@ -32,6 +39,7 @@ class ORBIVANE_EXPORT UniversalImageInterface {
 
  private:
   std::int64_t timestamp_ = 0;
+  std::string sourcePath_;
 };
 
 // Milliseconds since the Unix epoch, the clock that picture time stamps use.
