@@ -252,7 +252,9 @@ void addAutoclipCommand(CLI::App& app) {
   command->add_option("--rows", o.rows, "Rows of the values (text files)");
   command->add_option("--weight", o.weight, "What an uncovered element costs, in units of value")
       ->capture_default_str();
-  command->add_option("--max-iterations", o.maxIterations, "Iteration limit of the search")->capture_default_str();
+  command->add_option("--max-iterations", o.maxIterations, "Iteration limit of the search")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
   command->add_flag("--require-overlap", o.requireOverlap,
                     "Geometry mode: keep to where at least two modules cover the panorama");
   command->add_flag("--keep-aspect", o.keepAspect, "Geometry mode: cut the rectangle to the panorama's aspect ratio");

@@ -15,6 +15,7 @@
 #include "demo_report.h"
 #include "demo_scene.h"
 #include "demo_steps.h"
+#include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/panorama_renderer.h"
@@ -47,8 +48,7 @@ void prepareFolder(const std::string& dir) {
       throw CommandError("'" + dir + "' is not empty and holds no earlier demo report; give --out a new folder");
     }
   }
-  fs::create_directories(fs::path(dir) / "pictures", error);
-  if (error) throw CommandError("cannot create the folder '" + dir + "': " + error.message());
+  checkOutputFolder(dir, "--out");
 }
 
 void writePanorama(const CameraDescription::Orbivane& camera, bool grid, const std::string& path) {
@@ -75,7 +75,12 @@ void run() {
   const DemoOptions& o = options();
   const Demo::Stopwatch total;
   prepareFolder(o.out);
-  const std::string dir = o.out;
+  // Everything is written beside the folder and put in place at the end, so
+  // an earlier demo is replaced whole or, when this run fails, not at all.
+  StagedFolder staged(o.out, false);
+  const std::string dir = staged.path();
+  std::error_code made;
+  fs::create_directories(fs::path(dir) / "pictures", made);
   std::cout << "Building the virtual camera from opencv-doc photographs (" << (o.quick ? "quick" : "full")
             << " size) ..." << std::endl;
   Demo::Scene scene;
@@ -144,8 +149,9 @@ void run() {
                 s.seconds, s.passed ? "ok" : "OUTSIDE TOLERANCE");
     allPassed = allPassed && s.passed;
   }
+  staged.commit();
   std::cout << "Demo finished in " << Demo::number(seconds, 1) << " s. Report: "
-            << fs::absolute(fs::path(dir) / "report.html").string() << std::endl;
+            << fs::absolute(fs::path(o.out) / "report.html").string() << std::endl;
   if (!allPassed) throw CommandError("a calibrator missed its tolerance (see the report)");
 }
 

@@ -16,6 +16,7 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
@@ -98,9 +99,10 @@ void runFind(const FindOptions& options) {
     camera.addModule(module);
   }
 
-  std::error_code ec;
-  fs::create_directories(options.out, ec);
-  if (ec || !fs::is_directory(options.out)) throw CommandError("cannot make the folder '" + options.out + "'");
+  // The pictures and camera.json are written beside the folder and put in
+  // place together at the end: a run that fails leaves what was there.
+  checkOutputFolder(options.out, "--out");
+  StagedFolder staged(options.out, true);
 
   SmartFinderImage finder(camera);
   finder.setOptions(finderOptions);
@@ -122,12 +124,13 @@ void runFind(const FindOptions& options) {
     if (moments.empty() || !moments.front().picture) continue;
     const std::string utf8 = Utils::toUtf8(name);
     const auto& best = moments.front();
-    const std::string picturePath = (fs::path(options.out) / (fileNameFor(utf8) + ".png")).string();
-    const auto saved = Image::saveImage(*best.picture, picturePath);
+    const std::string fileName = fileNameFor(utf8) + ".png";
+    const std::string picturePath = (fs::path(options.out) / fileName).string();
+    const auto saved = Image::saveImage(*best.picture, staged.file(fileName));
     if (!saved) throw CommandError(saved.error());
     const auto module = result.findModule(name);
     module->setImage(best.picture);
-    module->setImagePath(picturePath);
+    module->setImagePath(staged.file(fileName));
     std::cout << utf8 << ": " << Quarn::formatTimestamp(best.timeMs) << " persons " << best.persons << " blur "
               << best.blur << " exposure " << best.exposure << " motion " << best.motion
               << (best.builtBackground ? " (built background from " + std::to_string(best.framesUsed) + " frames)"
@@ -151,19 +154,25 @@ void runFind(const FindOptions& options) {
                     {"picture", picturePath},
                     {"more", more}};
   }
+  // A module without a picture (a missing or unreadable video, say) fails
+  // the run: nothing is put in place, an earlier run's output stays whole.
+  // Ctrl-C keeps what was found.
+  const auto errors = finder.errors();
+  if (!errors.empty() && !interrupted) {
+    const auto& first = *errors.begin();
+    throw CommandError("no picture for module '" + Utils::toUtf8(first.first) + "': " + first.second +
+                       (errors.size() > 1 ? " (and " + std::to_string(errors.size() - 1) + " more)" : "") +
+                       "; nothing written");
+  }
   const std::string cameraPath = (fs::path(options.out) / "camera.json").string();
-  const auto savedCamera = CameraDescription::saveCameraFile(result, cameraPath);
+  const auto savedCamera = CameraDescription::saveCameraFile(result, staged.file("camera.json"));
   if (!savedCamera) throw CommandError(savedCamera.error());
+  staged.commit();
   std::cout << "detector: " << finder.detectorDescription() << "\n";
   if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
   std::cout << "wrote " << cameraPath << std::endl;
   output.print({{"frames", frames}});
-  const auto errors = finder.errors();
-  if (!errors.empty()) {
-    const auto& first = *errors.begin();
-    throw CommandError("no picture for module '" + Utils::toUtf8(first.first) + "': " + first.second +
-                       (errors.size() > 1 ? " (and " + std::to_string(errors.size() - 1) + " more)" : ""));
-  }
+  if (interrupted) exitStatus() = kExitInterrupted;
 }
 
 }  // namespace

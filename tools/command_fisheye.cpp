@@ -8,6 +8,7 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "lens_circle_check.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 
@@ -44,12 +45,19 @@ void addFisheyeCommand(CLI::App& app) {
       warnings.push_back(warning);
     }
     if (result.radius < 0) throw CommandError("no plausible lens circle in '" + path + "'");
+    const LensCircleCheck check =
+        checkLensCircle(Image::toMat(image.value()), threshold, result.x, result.y, result.radius);
+    if (!check.plausible) throw CommandError("no lens circle in '" + path + "': " + check.reason);
     if (!annotated.empty()) {
       auto saved = Image::saveImage(*result.image, annotated);
       if (!saved) throw CommandError(saved.error());
     }
     std::cout << "centre " << result.x << " " << result.y << ", radius " << result.radius << std::endl;
-    output.print({{"centre", {result.x, result.y}}, {"radius", result.radius}, {"warnings", warnings}});
+    output.print({{"centre", {result.x, result.y}},
+                  {"radius", result.radius},
+                  {"brightInside", check.brightInside},
+                  {"brightOutside", check.brightOutside},
+                  {"warnings", warnings}});
   });
 }
 

@@ -70,8 +70,12 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
 
   const auto saved = CameraDescription::saveCameraFile(result, options.out);
   if (!saved) throw CommandError(saved.error());
+  // An interrupted run returns before the errors are normalised: they are
+  // not on the scale the mode documents, so none are reported.
   nlohmann::json errors = nlohmann::json::object();
-  for (const auto& [name, value] : calibrator.error()) errors[Utils::toUtf8(name)] = value;
+  if (!interrupted) {
+    for (const auto& [name, value] : calibrator.error()) errors[Utils::toUtf8(name)] = value;
+  }
   nlohmann::json modules = nlohmann::json::object();
   int notAligned = 0;
   for (const auto& [name, verdict] : calibrator.moduleReports()) {
@@ -93,7 +97,7 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
   report();
   if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
   std::cout << "wrote " << options.out << std::endl;
-  JsonOutput::printActive({{"modules", modules}, {"errors", errors}});
+  JsonOutput::printActive({{"modules", modules}, {"errors", errors}, {"interrupted", interrupted}});
   if (interrupted) {
     exitStatus() = kExitInterrupted;
   } else if (notAligned > 0) {

@@ -40,6 +40,9 @@ std::string knownModules(const CameraDescription::Orbivane& camera) {
 
 void runNeighbour(const NeighbourOptions& options) {
   JsonOutput output(options.json);
+  if (options.levels < 1) throw CommandError("--levels must be 1 or more (pyramid levels of the alignment)");
+  if (options.iterations < 1) throw CommandError("--iterations must be 1 or more");
+  if (!std::isfinite(options.step) || !(options.step > 0)) throw CommandError("--step must be a number above 0");
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   const CameraDescription::Orbivane& camera = loaded.value();
@@ -113,7 +116,7 @@ void addNeighbourCommand(CLI::App& app) {
   command->add_option("--reference", options.reference,
                       "Module that keeps its place (default: the chain's middle stays put, drift spread to both ends)");
   command->add_option("--levels", options.levels, "Most pyramid levels the alignment may use")
-      ->check(CLI::Range(0, 30))
+      ->check(CLI::Range(1, 30))
       ->capture_default_str();
   command->add_option("--iterations", options.iterations, "Alignment steps on each level")
       ->check(CLI::Range(1, 1000))

@@ -54,6 +54,7 @@ void addPanoramaCommand(CLI::App& app) {
     auto panorama = ImageSource::renderPanorama(loaded.value(), options);
     if (!panorama) throw CommandError(panorama.error());
     for (const auto& line : panorama.value().skipped) std::cout << line << "\n";
+    for (const auto& line : panorama.value().notes) std::cerr << "orbivane-calibrate: " << line << "\n";
     if (panorama.value().drawn.empty()) throw CommandError("no module of '" + camera + "' could be drawn");
     auto saved = Image::saveMat(panorama.value().picture, out);
     if (!saved) throw CommandError(saved.error());
@@ -64,7 +65,8 @@ void addPanoramaCommand(CLI::App& app) {
     output.print({{"picture", out},
                   {"size", {panorama.value().picture.cols, panorama.value().picture.rows}},
                   {"drawn", drawn},
-                  {"skipped", panorama.value().skipped}});
+                  {"skipped", panorama.value().skipped},
+                  {"notes", panorama.value().notes}});
   });
 }
 

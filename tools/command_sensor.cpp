@@ -22,11 +22,13 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "lens_circle_check.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/simulated_camera.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
+#include "orbivane/utils/atomic_file.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace Tool {
@@ -39,6 +41,7 @@ struct SensorArgs {
   std::vector<int> size{1920, 1080};
   std::vector<double> centre;
   double radius = 0;
+  bool radiusGiven = false;
   std::vector<int> window;
   int step = 2;
   double blur = 1.0, noise = 2.0;
@@ -59,7 +62,19 @@ SensorArgs& args() {
   return a;
 }
 
+// The state file of a camera that must exist already (everything but create).
+void requireStateFile() {
+  std::error_code ec;
+  if (std::filesystem::is_directory(args().state, ec)) {
+    throw CommandError("state file '" + args().state + "' is a folder, not a file");
+  }
+  if (!std::filesystem::exists(args().state, ec)) {
+    throw CommandError("state file '" + args().state + "' does not exist (make it with 'sensor create')");
+  }
+}
+
 std::shared_ptr<Quarn::SimulatedCamera> openCamera() {
+  requireStateFile();
   auto camera = Quarn::SimulatedCamera::open(args().state);
   if (!camera) throw CommandError(camera.error());
   auto module = camera.value()->module(args().module);
@@ -159,6 +174,8 @@ void create() {
     m.window.height = a.window[1];
   }
   if (a.step <= 0) throw CommandError("--step must be positive");
+  if (a.radiusGiven && !(a.radius > 0)) throw CommandError("--radius must be a positive number of pixels");
+  if (!(a.blur >= 0) || !(a.noise >= 0)) throw CommandError("--blur and --noise must be 0 or more");
   m.window.xStep = m.window.yStep = a.step;
   auto camera = Quarn::SimulatedCamera::open(a.state);
   if (!camera) throw CommandError(camera.error());
@@ -201,13 +218,20 @@ void centre() {
   SensorCalibration::FisheyeCalibration calibration(*module, args().threshold);
   const auto found = calibration.calculateCalibration(Image::fromMat(picture.value()));
   if (found.radius < 0) throw CommandError("no plausible lens circle in the module's picture");
+  const LensCircleCheck lens = checkLensCircle(picture.value(), args().threshold, found.x, found.y, found.radius);
+  if (!lens.plausible) throw CommandError("no lens circle in module '" + args().module + "''s picture: " + lens.reason);
   const auto applied = calibration.apply(0, 0);
   if (!applied) throw CommandError(applied.error());
-  // This module's restore point, beside those of the others; a second
+  // This module's restore point, beside those of the others (under the
+  // file's lock: other modules may be centred at the same time); a second
   // centre keeps the first starting window.
-  nlohmann::json points = readRestorePoints();
-  if (!points.contains(args().module)) points[args().module] = {{"x", before.x}, {"y", before.y}};
-  writeRestorePoints(points);
+  {
+    const Utils::FileLock lock(restorePath());
+    if (!lock.held()) throw CommandError(lock.error());
+    nlohmann::json points = readRestorePoints();
+    if (!points.contains(args().module)) points[args().module] = {{"x", before.x}, {"y", before.y}};
+    writeRestorePoints(points);
+  }
   auto after = camera->capture(args().module);
   if (!after) throw CommandError(after.error());
   const auto check = calibration.calculateCalibration(Image::fromMat(after.value()));
@@ -220,6 +244,8 @@ void centre() {
 
 void restore() {
   auto camera = openCamera();
+  const Utils::FileLock lock(restorePath());
+  if (!lock.held()) throw CommandError(lock.error());
   nlohmann::json points = readRestorePoints();
   if (!points.contains(args().module)) {
     throw CommandError("nothing to restore for module '" + args().module + "': no restore point in '" +
@@ -310,7 +336,9 @@ void addSensorCommand(CLI::App& app) {
   c->add_option("--scene", a.scene, "fisheye, target or a picture file")->capture_default_str();
   c->add_option("--size", a.size, "Sensor frame WIDTH HEIGHT of a rendered scene")->expected(2);
   c->add_option("--centre", a.centre, "Lens circle centre (fisheye) or corner mark (target) X Y")->expected(2);
-  c->add_option("--radius", a.radius, "Lens circle radius in pixels");
+  c->add_option("--radius", a.radius, "Lens circle radius in pixels")->each([](const std::string&) {
+    args().radiusGiven = true;
+  });
   c->add_option("--crop", a.crop, "Part X Y WIDTH HEIGHT of the picture that is the sensor frame")->expected(4);
   c->add_option("--window", a.window, "Sensor window WIDTH HEIGHT")->expected(2);
   c->add_option("--step", a.step, "Window step in sensor pixels")->capture_default_str();

@@ -11,6 +11,7 @@
 // where k is the result's place in the whole grid's walk order, so merged
 // shards keep ties exactly as the whole search does.
 #include <cstdio>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -25,9 +26,11 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/utils/atomic_file.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
 
@@ -52,53 +55,39 @@ struct MergeOptions {
   bool json = false;
 };
 
-// Written beside the target, then renamed over it: the file appears whole or not at all.
-void writeAtomically(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".partial";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.flush();
-    if (!out) throw CommandError("cannot write " + temporary);
-  }
-  std::error_code error;
-  std::filesystem::rename(temporary, path, error);
-  if (error) {
-    std::filesystem::remove(temporary, error);
-    throw CommandError("cannot write " + path);
-  }
-}
-
-std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw CommandError("cannot read shard file " + path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 nlohmann::json parametersJson(const std::map<std::string, float>& parameters) {
   nlohmann::json out = nlohmann::json::object();
   for (const auto& p : parameters) out[p.first] = p.second;
   return out;
 }
 
-// Writes the cameras best first (best-0.json, best-1.json, ...) and prints the ranking.
+// Writes the cameras best first (best-0.json, best-1.json, ...) and prints
+// the ranking. The ten files are put in place together (other files of the
+// folder, shard files say, stay); best files of an earlier, longer list that
+// this one does not reach are removed with it.
 void writeResults(const CameraDescription::Orbivane& camera, const std::string& module,
                   const std::list<ShaderBruteForcer::Result>& results, const std::string& outDir, bool json) {
-  std::filesystem::create_directories(outDir);
+  StagedFolder staged(outDir, true);
+  for (int stale = int(results.size());; ++stale) {
+    std::error_code ec;
+    if (!std::filesystem::remove(staged.file("best-" + std::to_string(stale) + ".json"), ec)) break;
+  }
   nlohmann::json best = nlohmann::json::array();
   int place = 0;
   for (const auto& result : results) {
     const auto withValues = ShaderBruteForcer::cameraWithParameters(camera, Utils::fromUtf8(module), result.parameters);
-    const std::string path = outDir + "/best-" + std::to_string(place) + ".json";
-    const auto saved = CameraDescription::saveCameraFile(withValues, path);
+    const std::string name = "best-" + std::to_string(place) + ".json";
+    const auto saved = CameraDescription::saveCameraFile(withValues, staged.file(name));
     if (!saved) throw CommandError(saved.error());
-    std::cout << "wrote " << path << " (error " << result.error << ")\n";
+    std::cout << "wrote " << outDir << "/" << name << " (error " << result.error << ")\n";
     best.push_back({{"error", result.error}, {"parameters", parametersJson(result.parameters)}});
     ++place;
   }
-  if (results.empty()) std::cout << "no rendering could be scored: nothing written\n";
+  if (results.empty()) {
+    std::cout << "no rendering could be scored: nothing written\n";
+  } else {
+    staged.commit();
+  }
   std::cout << std::flush;
   if (json) JsonOutput::printActive({{"best", best}});
 }
@@ -181,7 +170,7 @@ void runSearch(const SearchOptions& options) {
   std::filesystem::create_directories(options.outDir);
   const std::string path = options.outDir + "/shard-" + std::to_string(shardIndex) + "-of-" +
                            std::to_string(shardCount) + ".json";
-  writeAtomically(path, shard.dump(2) + "\n");
+  writeTextAtomically(path, shard.dump(2) + "\n");
   std::cout << "wrote " << path << std::endl;
   if (options.json) {
     nlohmann::json plain = nlohmann::json::array();
@@ -199,39 +188,87 @@ void runMerge(const MergeOptions& options) {
   int count = 0;
   std::vector<bool> seen;
   std::list<std::list<ShaderBruteForcer::Result>> shards;
+  const auto grid = ShaderBruteForcer::defaultParameterList();
+  const std::uint64_t gridSize = ShaderBruteForcer::gridSize(grid);
   for (const auto& path : options.shards) {
-    nlohmann::json shard;
-    try {
-      shard = nlohmann::json::parse(readText(path));
-      if (shard.at("format") != "orbivane-shader-shard" || shard.at("version") != 1) {
-        throw CommandError(path + ": not a shader search shard file");
+    // Every value is checked by name: a shard file is user input.
+    auto text = Utils::readWholeFile(path);
+    if (!text) throw CommandError("shard file " + text.error());
+    const nlohmann::json shard = nlohmann::json::parse(text.value(), nullptr, false);
+    if (shard.is_discarded()) throw CommandError("shard file '" + path + "': not valid JSON");
+    auto field = [&path](const nlohmann::json& object, const char* key, const std::string& where) -> const nlohmann::json& {
+      if (!object.is_object() || !object.contains(key)) {
+        throw CommandError("shard file '" + path + "': " + where + " has no \"" + key + "\"");
       }
-      const std::string name = shard.at("module");
-      const int index = shard.at("shard").at(0), n = shard.at("shard").at(1);
-      if (module.empty()) {
-        module = name;
-        count = n;
-        seen.assign(std::size_t(std::max(n, 0)), false);
-      }
-      if (name != module) throw CommandError(path + ": shard of module '" + name + "', others are of '" + module + "'");
-      if (n != count || index < 0 || index >= n) throw CommandError(path + ": shard " + std::to_string(index) + "/" + std::to_string(n) + " does not fit the others (" + std::to_string(count) + " shards)");
-      if (seen[std::size_t(index)]) throw CommandError(path + ": shard " + std::to_string(index) + " given twice");
-      seen[std::size_t(index)] = true;
-      std::list<ShaderBruteForcer::Result> results;
-      for (const auto& entry : shard.at("best")) {
-        ShaderBruteForcer::Result r;
-        r.error = entry.at("error");
-        r.gridIndex = entry.at("index");
-        for (const auto& p : entry.at("parameters").items()) r.parameters[p.key()] = p.value().get<float>();
-        results.push_back(std::move(r));
-      }
-      shards.push_back(std::move(results));
-    } catch (const nlohmann::json::exception& e) {
-      throw CommandError(path + ": " + e.what());
-    } catch (const std::runtime_error& e) {
-      if (dynamic_cast<const CommandError*>(&e)) throw;
-      throw CommandError(path + ": " + e.what());
+      return object.at(key);
+    };
+    if (field(shard, "format", "the file") != "orbivane-shader-shard" || field(shard, "version", "the file") != 1) {
+      throw CommandError("shard file '" + path + "': not a shader search shard file (format and version)");
     }
+    const auto& moduleValue = field(shard, "module", "the file");
+    const auto& shardValue = field(shard, "shard", "the file");
+    if (!moduleValue.is_string()) throw CommandError("shard file '" + path + "': \"module\" is not a name");
+    if (!shardValue.is_array() || shardValue.size() != 2 || !shardValue[0].is_number_integer() ||
+        !shardValue[1].is_number_integer()) {
+      throw CommandError("shard file '" + path + "': \"shard\" is not [index, count]");
+    }
+    const std::string name = moduleValue.get<std::string>();
+    if (!loaded.value().findModule(Utils::fromUtf8(name))) {
+      throw CommandError("shard file '" + path + "': module '" + name + "' is not in " + options.camera);
+    }
+    const long long index = shardValue[0].get<long long>(), n = shardValue[1].get<long long>();
+    if (module.empty()) {
+      if (n < 1 || n > 1000000) throw CommandError("shard file '" + path + "': a shard count of " + std::to_string(n));
+      module = name;
+      count = int(n);
+      seen.assign(std::size_t(n), false);
+    }
+    if (name != module) {
+      throw CommandError("shard file '" + path + "': shard of module '" + name + "', the others are of '" + module + "'");
+    }
+    if (n != count || index < 0 || index >= n) {
+      throw CommandError("shard file '" + path + "': shard " + std::to_string(index) + "/" + std::to_string(n) +
+                         " does not fit the others (" + std::to_string(count) + " shards)");
+    }
+    if (seen[std::size_t(index)]) throw CommandError("shard file '" + path + "': shard " + std::to_string(index) + " given twice");
+    seen[std::size_t(index)] = true;
+    const auto& bestValue = field(shard, "best", "the file");
+    if (!bestValue.is_array()) throw CommandError("shard file '" + path + "': \"best\" is not a list");
+    std::list<ShaderBruteForcer::Result> results;
+    for (std::size_t k = 0; k < bestValue.size(); ++k) {
+      const std::string where = "best/" + std::to_string(k);
+      const auto& entry = bestValue[k];
+      const auto& error = field(entry, "error", where);
+      const auto& gridIndex = field(entry, "index", where);
+      const auto& parameters = field(entry, "parameters", where);
+      if (!error.is_number() || !std::isfinite(error.get<double>()) || error.get<double>() < 0) {
+        throw CommandError("shard file '" + path + "': " + where + "/error is not an error of 0 or more");
+      }
+      if (!gridIndex.is_number_unsigned() || gridIndex.get<std::uint64_t>() >= gridSize) {
+        throw CommandError("shard file '" + path + "': " + where + "/index is not a point of the grid");
+      }
+      if (!parameters.is_object() || parameters.size() != grid.size()) {
+        throw CommandError("shard file '" + path + "': " + where + "/parameters do not name the grid's " +
+                           std::to_string(grid.size()) + " parameters");
+      }
+      ShaderBruteForcer::Result r;
+      r.error = error.get<float>();
+      r.gridIndex = gridIndex.get<std::uint64_t>();
+      for (const auto& [parameter, range] : grid) {
+        const auto it = parameters.find(parameter);
+        if (it == parameters.end() || !it->is_number()) {
+          throw CommandError("shard file '" + path + "': " + where + "/parameters has no value for " + parameter);
+        }
+        const double v = it->get<double>();
+        if (!std::isfinite(v) || v < range.min - 1e-3 || v > range.max + 1e-3) {
+          throw CommandError("shard file '" + path + "': " + where + "/parameters/" + parameter +
+                             " lies outside the grid");
+        }
+        r.parameters[parameter] = float(v);
+      }
+      results.push_back(std::move(r));
+    }
+    shards.push_back(std::move(results));
   }
   for (std::size_t i = 0; i < seen.size(); ++i) {
     if (!seen[i]) throw CommandError("shard " + std::to_string(i) + "/" + std::to_string(count) + " is missing");

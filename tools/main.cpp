@@ -38,8 +38,11 @@ void pointAtBundledShaders(const char* argv0) {
 
 int main(int argc, char** argv) {
   pointAtBundledShaders(argv[0]);
-  // Errors reach the user as one clear line; OpenCV's own warnings would only repeat them.
+  // Errors reach the user as one clear line; OpenCV's own warnings, and the
+  // video decoder's complaints about a damaged file (which is then reported
+  // as such), would only repeat them.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
+  ::setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
 
   CLI::App app{"orbivane-calibrate: calibrates multi-sensor panoramic cameras from real pictures"};
   app.set_version_flag("--version", std::string("orbivane-calibrate ") + ORBIVANE_VERSION);
@@ -58,6 +61,20 @@ int main(int argc, char** argv) {
   Tool::addDemoCommand(app);
   Tool::addCalibrateCommand(app);
 
+  // A misspelt command is named as such (the parser would only say that a
+  // command is required).
+  if (argc > 1 && argv[1][0] != '-') {
+    bool known = false;
+    std::string names;
+    for (const CLI::App* sub : app.get_subcommands({})) {
+      known = known || sub->get_name() == argv[1];
+      names += (names.empty() ? "" : ", ") + sub->get_name();
+    }
+    if (!known) {
+      std::cerr << "orbivane-calibrate: unknown command '" << argv[1] << "'; the commands are " << names << std::endl;
+      return 106;
+    }
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -1,8 +1,7 @@
 // Atomic text output of the command-line host, and its exit status.
-#include <filesystem>
-#include <fstream>
 
 #include "command_line.h"
+#include "orbivane/utils/atomic_file.h"
 
 namespace Tool {
 
@@ -12,18 +11,8 @@ int& exitStatus() {
 }
 
 void writeTextAtomically(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream f(temporary, std::ios::binary | std::ios::trunc);
-    f << text;
-    if (!f.flush()) throw CommandError("cannot write '" + temporary + "'");
-  }
-  std::error_code ec;
-  std::filesystem::rename(temporary, path, ec);
-  if (ec) {
-    std::filesystem::remove(temporary, ec);
-    throw CommandError("cannot write '" + path + "'");
-  }
+  const auto written = Utils::writeFileAtomically(path, text);
+  if (!written) throw CommandError(written.error());
 }
 
 }  // namespace Tool

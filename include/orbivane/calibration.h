@@ -4,6 +4,7 @@
 
 #include "orbivane/export.h"
 
+#include "orbivane/utils/atomic_file.h"
 #include "orbivane/utils/matrix4x4.h"
 #include "orbivane/utils/optional.h"
 #include "orbivane/utils/return_state.h"

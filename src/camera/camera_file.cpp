@@ -9,6 +9,7 @@
 #include <limits>
 #include <set>
 #include <stdexcept>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -16,7 +17,7 @@
 #include "orbivane/geometry/region_based_geometry.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
-#include "utils/atomic_file.h"
+#include "orbivane/utils/atomic_file.h"
 
 namespace CameraDescription {
 namespace {
@@ -58,12 +59,68 @@ std::string asString(const json& j, const std::string& where) {
   return j.get<std::string>();
 }
 
+// Every number of a camera file is held in single precision: a value that
+// does not fit (1e39) is refused here, never turned into an infinity.
 double asNumber(const json& j, const std::string& where) {
   if (!j.is_number()) throw FileError(where, "expected a number, got " + typeName(j));
   const double v = j.get<double>();
   if (!std::isfinite(v)) throw FileError(where, "expected a finite number");
+  if (std::fabs(v) > double(std::numeric_limits<float>::max())) {
+    throw FileError(where, "the value " + j.dump() + " does not fit a single-precision number (largest about 3.4e38)");
+  }
   return v;
 }
+
+// Follows where a SAX parse is in the document, so that a number the parser
+// cannot hold (1e400) is reported with its JSON path.
+class PathTracker : public nlohmann::json_sax<json> {
+ public:
+  std::string path() const {
+    std::string out;
+    for (const Level& level : stack_) {
+      out += "/" + (level.array ? std::to_string(level.index) : level.key);
+    }
+    return out.empty() ? "/" : out;
+  }
+  bool null() override { return value(); }
+  bool boolean(bool) override { return value(); }
+  bool number_integer(number_integer_t) override { return value(); }
+  bool number_unsigned(number_unsigned_t) override { return value(); }
+  bool number_float(number_float_t, const string_t&) override { return value(); }
+  bool string(string_t&) override { return value(); }
+  bool binary(binary_t&) override { return value(); }
+  bool start_object(std::size_t) override {
+    stack_.push_back({false, 0, std::string()});
+    return true;
+  }
+  bool key(string_t& key) override {
+    stack_.back().key = key;
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override {
+    stack_.push_back({true, 0, std::string()});
+    return true;
+  }
+  bool end_array() override { return close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+ private:
+  struct Level {
+    bool array;
+    std::size_t index;
+    std::string key;
+  };
+  bool value() {
+    if (!stack_.empty() && stack_.back().array) ++stack_.back().index;
+    return true;
+  }
+  bool close() {
+    stack_.pop_back();
+    return value();
+  }
+  std::vector<Level> stack_;
+};
 
 long long asInteger(const json& j, const std::string& where, long long low, long long high) {
   if (!j.is_number_integer()) throw FileError(where, "expected an integer, got " + typeName(j));
@@ -465,6 +522,15 @@ Utils::ReturnState<Orbivane, std::string> parseCameraJson(const std::string& tex
     const std::size_t bracket = what.find("] ");
     if (bracket != std::string::npos) what = what.substr(bracket + 2);
     return Utils::failure("camera file '" + source + "': not valid JSON: " + what);
+  } catch (const json::out_of_range&) {
+    // A number too large for a double: parse again, following the path.
+    PathTracker tracker;
+    try {
+      json::sax_parse(text, &tracker);
+    } catch (const json::exception&) {
+    }
+    return Utils::failure("camera file '" + source + "': at " + tracker.path() +
+                          ": a number too large to be held (beyond about 1.8e308)");
   }
   try {
     return parseCamera(root, baseDirectory, options);

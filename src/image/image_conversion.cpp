@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -14,7 +16,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "orbivane/image/yuv_image.h"
-#include "utils/atomic_file.h"
+#include "orbivane/utils/atomic_file.h"
+#include "orbivane/utils/optional.h"
 
 namespace Image {
 
@@ -72,12 +75,44 @@ std::shared_ptr<RGBImage> fromMat(const cv::Mat& mat) {
   return std::make_shared<RGBImage>(source.cols, source.rows, mapping, source.data, source.step[0]);
 }
 
+namespace {
+
+// JPEG and PNG files carry an end mark (the EOI marker, the IEND chunk); a
+// file cut short has none, and the decoders would hand out a picture with
+// its missing part grey. Returns what is wrong, or nothing.
+Utils::Optional<std::string> truncation(const std::string& path) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return std::nullopt;
+  unsigned char head[8] = {};
+  const std::size_t headSize = std::fread(head, 1, sizeof head, file);
+  const bool jpeg = headSize >= 3 && head[0] == 0xFF && head[1] == 0xD8 && head[2] == 0xFF;
+  const bool png = headSize == 8 && head[0] == 0x89 && head[1] == 'P' && head[2] == 'N' && head[3] == 'G';
+  std::string tail;
+  if (jpeg || png) {
+    std::fseek(file, 0, SEEK_END);
+    const long size = std::ftell(file);
+    const long from = std::max(0L, size - 4096);
+    std::fseek(file, from, SEEK_SET);
+    tail.resize(std::size_t(size - from));
+    tail.resize(std::fread(&tail[0], 1, tail.size(), file));
+  }
+  std::fclose(file);
+  if (jpeg && tail.find("\xFF\xD9") == std::string::npos) {
+    return std::string("the JPEG file is truncated (it has no end marker)");
+  }
+  if (png && tail.find("IEND") == std::string::npos) return std::string("the PNG file is truncated (it has no IEND chunk)");
+  return std::nullopt;
+}
+
+}  // namespace
+
 Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::string& path) {
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) != 0) {
     return Utils::failure("cannot read picture '" + path + "': no such file");
   }
   if (S_ISDIR(info.st_mode)) return Utils::failure("cannot read picture '" + path + "': it is a folder");
+  if (const auto cut = truncation(path)) return Utils::failure("cannot read picture '" + path + "': " + *cut);
   cv::Mat mat;
   try {
     mat = cv::imread(path, cv::IMREAD_UNCHANGED);

@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <stdexcept>
 
 #include <opencv2/imgproc.hpp>
 
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
+#include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/platform/image_shading.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/sensor_calibration/final_matrix.h"
@@ -21,6 +24,14 @@ namespace ImageSource {
 namespace {
 
 constexpr int kMaxSide = 16384;
+// Memory a panorama may take while it is drawn (bytes), and what one pixel
+// of it takes: the colour sum (3 floats), weights, best weights, labels,
+// the coverage count and the picture.
+constexpr double kMaxPanoramaBytes = 2.0 * 1024 * 1024 * 1024;
+constexpr double kBytesPerPanoramaPixel = 12 + 4 + 4 + 4 + 1 + 3;
+// What each module's tile takes per pixel of its box: colour (3 floats),
+// weight, and the two sampling maps.
+constexpr double kBytesPerTilePixel = 12 + 4 + 8;
 // Inside a picture a pixel never weighs less than this, so a module still
 // counts where the feather has not risen yet.
 constexpr float kMinimumWeight = 1.0e-3f;
@@ -183,6 +194,20 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
     return Utils::failure("a panorama of " + std::to_string(size.width) + "x" + std::to_string(size.height) +
                           " pixels cannot be drawn (each side 1.." + std::to_string(kMaxSide) + ")");
   }
+  {
+    // The tiles of overlapping modules together cover the panorama about
+    // once or twice: counted as two panoramas' worth.
+    const double pixels = double(size.width) * size.height;
+    const double bytes = pixels * (kBytesPerPanoramaPixel + 2 * kBytesPerTilePixel);
+    if (bytes > kMaxPanoramaBytes) {
+      char text[200];
+      std::snprintf(text, sizeof text,
+                    "a panorama of %dx%d pixels needs about %.1f GB of memory to draw, more than the %.0f GB "
+                    "allowed; choose a smaller size",
+                    size.width, size.height, bytes / (1024.0 * 1024 * 1024), kMaxPanoramaBytes / (1024.0 * 1024 * 1024));
+      return Utils::failure(text);
+    }
+  }
 
   for (const auto* names : {&options.modules, &options.exclude}) {
     for (const auto& name : *names) {
@@ -203,6 +228,11 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
     ModuleTile tile;
     tile.name = module->name();
     std::string reason;
+    for (const auto& shader : module->shaders()) {
+      if (shader.uid() == OrbivaneGeometry::kClipMatrixShaderUid || shader.uid() == kLensDistortionShaderUid) continue;
+      result.notes.push_back("Module " + Utils::toUtf8(module->name()) + ": shader " + shader.uid() +
+                             " is not one the renderer knows; the module is drawn without it");
+    }
     if (renderModule(*module, size, options.feather, tile, reason)) {
       result.drawn.push_back(tile.name);
       tiles.push_back(std::move(tile));

@@ -15,7 +15,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "platform/video_frame_reader.h"
-#include "utils/atomic_file.h"
+#include "orbivane/utils/atomic_file.h"
 
 namespace Quarn {
 
@@ -288,6 +288,19 @@ Utils::ReturnState<VideoInfo, std::string> probeVideo(const std::string& path) {
   const double count = capture.get(cv::CAP_PROP_FRAME_COUNT);
   if (std::isfinite(count) && count > 0 && count < 1e8) {
     info.frames = static_cast<int>(count);
+    // A file cut short still names its full length in its header: the last
+    // frame it names must be there, or the video is reported, not read as if
+    // whole.
+    cv::Mat last;
+    if (!capture.set(cv::CAP_PROP_POS_FRAMES, double(info.frames - 1)) || !capture.read(last) || last.empty()) {
+      int readable = 0;
+      cv::VideoCapture again;
+      if (ImageSource::openVideoFile(again, path)) {
+        while (again.grab()) ++readable;
+      }
+      return Utils::failure("video '" + path + "' is truncated: it names " + std::to_string(info.frames) +
+                            " frames, but only " + std::to_string(readable) + " can be read");
+    }
   } else {
     while (capture.grab()) ++info.frames;
   }

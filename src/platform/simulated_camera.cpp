@@ -8,6 +8,7 @@
 #include <fstream>
 #include <list>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -17,10 +18,15 @@
 #include "orbivane/image/image_conversion.h"
 #include "platform/scene_renderer.h"
 #include "platform/video_frame_reader.h"
-#include "utils/atomic_file.h"
+#include "orbivane/utils/atomic_file.h"
 
 namespace Quarn {
 namespace {
+
+// Memory a rendered sensor frame may take (bytes), and what one of its
+// pixels takes while it is made (the 8-bit frame and the float noise).
+constexpr double kMaxRenderBytes = 1024.0 * 1024 * 1024;
+constexpr double kRenderBytesPerPixel = 3 + 12;
 
 using json = nlohmann::json;
 constexpr const char* kFormat = "orbivane-simulated-camera";
@@ -139,6 +145,12 @@ Utils::ReturnState<cv::Mat, std::string> renderScene(const SimulatedScene& scene
   } else if (scene.width <= 0 || scene.height <= 0 || scene.width > 20000 || scene.height > 20000) {
     return Utils::failure("scene size " + std::to_string(scene.width) + "x" + std::to_string(scene.height) +
                           " is out of range (1 to 20000 pixels)");
+  } else if (double(scene.width) * scene.height * kRenderBytesPerPixel > kMaxRenderBytes) {
+    return Utils::failure("a scene of " + std::to_string(scene.width) + "x" + std::to_string(scene.height) +
+                          " pixels needs about " +
+                          std::to_string(int(double(scene.width) * scene.height * kRenderBytesPerPixel / 1048576.0)) +
+                          " MB to render, more than the " + std::to_string(int(kMaxRenderBytes / 1048576.0)) +
+                          " MB allowed; choose a smaller --size");
   } else if (!std::isfinite(scene.centreX + scene.centreY + scene.radius + scene.vignetting + scene.cornerX +
                             scene.cornerY + scene.spacingX + scene.spacingY + scene.markRadius + scene.rotation +
                             scene.blur + scene.noise)) {
@@ -345,6 +357,12 @@ Utils::ReturnState<bool, std::string> SimulatedCamera::addModule(SimulatedModule
   if (w.width <= 0) w.width = std::max(1, fw * 3 / 4);
   if (w.height <= 0) w.height = std::max(1, fh * 3 / 4);
   if (w.xStep <= 0 || w.yStep <= 0) return Utils::failure("window steps must be positive");
+  if (w.width > fw || w.height > fh) {
+    // A window beyond the sensor would capture black padding as picture.
+    return Utils::failure("a window of " + std::to_string(w.width) + "x" + std::to_string(w.height) +
+                          " pixels does not fit the " + std::to_string(fw) + "x" + std::to_string(fh) +
+                          " sensor frame");
+  }
   if (w.xMin == 0 && w.xMax == 0) {
     w.xMax = roundDownTo(std::max(0, (fw - w.width) / 2), w.xStep);
     w.xMin = -w.xMax;
@@ -360,6 +378,13 @@ Utils::ReturnState<bool, std::string> SimulatedCamera::addModule(SimulatedModule
 Utils::ReturnState<bool, std::string> SimulatedCamera::setModule(const SimulatedModule& module) {
   if (recordings_) return Utils::failure("the recordings index " + address_ + " takes no simulated modules");
   std::lock_guard<std::mutex> lock(mutex_);
+  // Other processes may write the same state file: read, change and write
+  // it under the file's lock, so no writer loses another's module.
+  std::unique_ptr<Utils::FileLock> fileLock;
+  if (!inMemory_) {
+    fileLock = std::make_unique<Utils::FileLock>(address_);
+    if (!fileLock->held()) return Utils::failure(fileLock->error());
+  }
   auto modules = load();
   if (!modules) return Utils::failure(modules.error());
   auto& list = modules.value();

@@ -1,23 +1,59 @@
-#include "utils/atomic_file.h"
+// Atomic file writes, whole-file reads and file locks; see atomic_file.h.
+#include "orbivane/utils/atomic_file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <vector>
 
 namespace Utils {
+namespace {
+
+struct PathParts {
+  std::string dir, base;
+};
+
+PathParts split(const std::string& path) {
+  const std::size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return {".", path};
+  return {path.substr(0, slash == 0 ? 1 : slash), path.substr(slash + 1)};
+}
+
+// Removes ".BASE.tmp-PID-XXXXXX" files of processes that no longer run.
+void removeStaleTemporaries(const PathParts& parts) {
+  const std::string prefix = "." + parts.base + ".tmp-";
+  DIR* dir = ::opendir(parts.dir.c_str());
+  if (dir == nullptr) return;
+  std::vector<std::string> stale;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    char* end = nullptr;
+    const long pid = std::strtol(name.c_str() + prefix.size(), &end, 10);
+    if (end == nullptr || *end != '-' || pid <= 0) continue;
+    if (pid == long(::getpid())) continue;
+    if (::kill(pid_t(pid), 0) != 0 && errno == ESRCH) stale.push_back(parts.dir + "/" + name);
+  }
+  ::closedir(dir);
+  for (const auto& file : stale) ::unlink(file.c_str());
+}
+
+}  // namespace
 
 ReturnState<bool, std::string> writeFileAtomically(const std::string& path, const std::string& bytes) {
-  const std::size_t slash = path.find_last_of('/');
-  const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string pattern = dir + "/." + base + ".tmp-XXXXXX";
+  const PathParts parts = split(path);
+  removeStaleTemporaries(parts);
+  std::string pattern = parts.dir + "/." + parts.base + ".tmp-" + std::to_string(::getpid()) + "-XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   const int fd = ::mkstemp(name.data());
@@ -55,12 +91,42 @@ ReturnState<bool, std::string> writeFileAtomically(const std::string& path, cons
 }
 
 ReturnState<std::string, std::string> readWholeFile(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return failure("'" + path + "' does not exist");
+    return failure("cannot open '" + path + "': " + std::strerror(errno));
+  }
+  if (S_ISDIR(info.st_mode)) return failure("'" + path + "' is a folder, not a file");
   std::ifstream in(path, std::ios::binary);
   if (!in) return failure("cannot open '" + path + "': " + std::strerror(errno));
   std::ostringstream content;
   content << in.rdbuf();
   if (in.bad()) return failure("cannot read '" + path + "'");
   return content.str();
+}
+
+FileLock::FileLock(const std::string& path) {
+  const PathParts parts = split(path);
+  const std::string lockPath = parts.dir + "/." + parts.base + ".lock";
+  fd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ < 0) {
+    error_ = "cannot lock '" + path + "': " + std::strerror(errno);
+    return;
+  }
+  while (::flock(fd_, LOCK_EX) != 0) {
+    if (errno == EINTR) continue;
+    error_ = "cannot lock '" + path + "': " + std::strerror(errno);
+    ::close(fd_);
+    fd_ = -1;
+    return;
+  }
+}
+
+FileLock::~FileLock() {
+  if (fd_ >= 0) {
+    ::flock(fd_, LOCK_UN);
+    ::close(fd_);
+  }
 }
 
 }  // namespace Utils

@@ -124,10 +124,22 @@ TEST(ImageConversion, LoadImageExplainsWhyItFailed) {
   EXPECT_THAT(a.error(), ::testing::AllOf(HasSubstr(missing), HasSubstr("no such file")));
 
   const std::string corrupt = dir.file("x.png");
-  Testing::writeText(corrupt, std::string("\x89PNG\r\n\x1a\n garbage that is no picture at all", 42));
+  Testing::writeText(corrupt, std::string("\x89PNG\r\n\x1a\n garbage that is no picture at all IEND", 47));
   const auto b = Image::loadImage(corrupt);
   ASSERT_TRUE(b.hasError());
   EXPECT_THAT(b.error(), ::testing::AllOf(HasSubstr(corrupt), HasSubstr("decoded")));
+
+  // Pictures cut short are refused, not decoded with their missing part grey.
+  for (const char* name : {"baboon.jpg", "graf1.png"}) {
+    const std::string whole = Testing::readText(Testing::samplePath(name));
+    const std::string cut = dir.file(std::string("cut-") + name);
+    Testing::writeText(cut, whole.substr(0, whole.size() / 2));
+    const auto d = Image::loadImage(cut);
+    ASSERT_TRUE(d.hasError()) << name;
+    EXPECT_THAT(d.error(), ::testing::AllOf(HasSubstr(cut), HasSubstr("truncated"))) << name;
+    Testing::writeText(cut, whole);
+    EXPECT_TRUE(Image::loadImage(cut).hasValue()) << name << " whole";
+  }
 
   const auto c = Image::loadImage(dir.path());
   ASSERT_TRUE(c.hasError());

@@ -14,10 +14,11 @@ for name in \
   "GeometryCalibration::AdvStepInfo::AdvStepInfo" "GeometryCalibration::GeometryCalibrationInferface" \
   "BlurDetection::estimateBlur" \
   "Quarn::loadRecordingsIndex" "Quarn::parseTimestamp" "ImageSource::RecordingImageSource::seekToAbsolutePosition" \
-  "OrbivaneCalibration::SmartFinderImage::find" "OrbivaneCalibration::SmartFinderMatchToTarget::calibrate"; do
+  "OrbivaneCalibration::SmartFinderImage::find" "OrbivaneCalibration::SmartFinderMatchToTarget::calibrate" \
+  "Utils::writeFileAtomically" "Utils::FileLock::FileLock"; do
   grep -q -F "$name" <<<"$symbols" || { echo "missing export: $name"; failures=$((failures + 1)); }
 done
-for hidden in "laplacianStatistics" "bandMasks" "writeFileAtomically" "parseLoggerConfiguration" \
+for hidden in "laplacianStatistics" "bandMasks" "parseLoggerConfiguration" \
   "calibratorLogger" "parseHex16" "formatFloat" "VideoFrameReader" "temporalMedian" "pickMoments"; do
   if grep -q -F "$hidden" <<<"$symbols"; then
     echo "internal name exported: $hidden"

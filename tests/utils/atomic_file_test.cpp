@@ -1,6 +1,6 @@
 // Atomic file writes: the target appears whole or not at all, and no
 // temporary file is left behind either way.
-#include "utils/atomic_file.h"
+#include "orbivane/utils/atomic_file.h"
 
 #include <sys/stat.h>
 

@@ -44,6 +44,9 @@ struct Panorama {
   cv::Mat coverage;                 // CV_8U: how many modules cover each pixel
   std::vector<std::wstring> drawn;  // modules that went in, in camera order
   std::vector<std::string> skipped; // one line for each module left out, and why
+  // One line for each shader that is drawn without (a UID the renderer does
+  // not know: its module is drawn as if the shader were not there).
+  std::vector<std::string> notes;
 };
 
 // Fails for options out of range (a side above 16384 pixels, a feather
