@@ -14,6 +14,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   opencv-doc opencv-data python3-opencv python3-numpy
   chromium fonts-dejavu-core
+  clang libclang-rt-14-dev
   pybind11-dev python3-dev python3-pytest python3-distributed
 )
 

@@ -26,6 +26,7 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "shard_file.h"
 #include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
@@ -189,86 +190,32 @@ void runMerge(const MergeOptions& options) {
   std::vector<bool> seen;
   std::list<std::list<ShaderBruteForcer::Result>> shards;
   const auto grid = ShaderBruteForcer::defaultParameterList();
-  const std::uint64_t gridSize = ShaderBruteForcer::gridSize(grid);
   for (const auto& path : options.shards) {
-    // Every value is checked by name: a shard file is user input.
     auto text = Utils::readWholeFile(path);
     if (!text) throw CommandError("shard file " + text.error());
-    const nlohmann::json shard = nlohmann::json::parse(text.value(), nullptr, false);
-    if (shard.is_discarded()) throw CommandError("shard file '" + path + "': not valid JSON");
-    auto field = [&path](const nlohmann::json& object, const char* key, const std::string& where) -> const nlohmann::json& {
-      if (!object.is_object() || !object.contains(key)) {
-        throw CommandError("shard file '" + path + "': " + where + " has no \"" + key + "\"");
-      }
-      return object.at(key);
-    };
-    if (field(shard, "format", "the file") != "orbivane-shader-shard" || field(shard, "version", "the file") != 1) {
-      throw CommandError("shard file '" + path + "': not a shader search shard file (format and version)");
+    ShardFile shard = parseShardFile(text.value(), path, grid);
+    if (!loaded.value().findModule(Utils::fromUtf8(shard.module))) {
+      throw CommandError("shard file '" + path + "': module '" + shard.module + "' is not in " + options.camera);
     }
-    const auto& moduleValue = field(shard, "module", "the file");
-    const auto& shardValue = field(shard, "shard", "the file");
-    if (!moduleValue.is_string()) throw CommandError("shard file '" + path + "': \"module\" is not a name");
-    if (!shardValue.is_array() || shardValue.size() != 2 || !shardValue[0].is_number_integer() ||
-        !shardValue[1].is_number_integer()) {
-      throw CommandError("shard file '" + path + "': \"shard\" is not [index, count]");
-    }
-    const std::string name = moduleValue.get<std::string>();
-    if (!loaded.value().findModule(Utils::fromUtf8(name))) {
-      throw CommandError("shard file '" + path + "': module '" + name + "' is not in " + options.camera);
-    }
-    const long long index = shardValue[0].get<long long>(), n = shardValue[1].get<long long>();
     if (module.empty()) {
-      if (n < 1 || n > 1000000) throw CommandError("shard file '" + path + "': a shard count of " + std::to_string(n));
-      module = name;
-      count = int(n);
-      seen.assign(std::size_t(n), false);
+      module = shard.module;
+      count = shard.count;
+      seen.assign(std::size_t(count), false);
     }
-    if (name != module) {
-      throw CommandError("shard file '" + path + "': shard of module '" + name + "', the others are of '" + module + "'");
+    if (shard.module != module) {
+      throw CommandError("shard file '" + path + "': shard of module '" + shard.module + "', the others are of '" +
+                         module + "'");
     }
-    if (n != count || index < 0 || index >= n) {
-      throw CommandError("shard file '" + path + "': shard " + std::to_string(index) + "/" + std::to_string(n) +
-                         " does not fit the others (" + std::to_string(count) + " shards)");
+    if (shard.count != count) {
+      throw CommandError("shard file '" + path + "': shard " + std::to_string(shard.index) + "/" +
+                         std::to_string(shard.count) + " does not fit the others (" + std::to_string(count) +
+                         " shards)");
     }
-    if (seen[std::size_t(index)]) throw CommandError("shard file '" + path + "': shard " + std::to_string(index) + " given twice");
-    seen[std::size_t(index)] = true;
-    const auto& bestValue = field(shard, "best", "the file");
-    if (!bestValue.is_array()) throw CommandError("shard file '" + path + "': \"best\" is not a list");
-    std::list<ShaderBruteForcer::Result> results;
-    for (std::size_t k = 0; k < bestValue.size(); ++k) {
-      const std::string where = "best/" + std::to_string(k);
-      const auto& entry = bestValue[k];
-      const auto& error = field(entry, "error", where);
-      const auto& gridIndex = field(entry, "index", where);
-      const auto& parameters = field(entry, "parameters", where);
-      if (!error.is_number() || !std::isfinite(error.get<double>()) || error.get<double>() < 0) {
-        throw CommandError("shard file '" + path + "': " + where + "/error is not an error of 0 or more");
-      }
-      if (!gridIndex.is_number_unsigned() || gridIndex.get<std::uint64_t>() >= gridSize) {
-        throw CommandError("shard file '" + path + "': " + where + "/index is not a point of the grid");
-      }
-      if (!parameters.is_object() || parameters.size() != grid.size()) {
-        throw CommandError("shard file '" + path + "': " + where + "/parameters do not name the grid's " +
-                           std::to_string(grid.size()) + " parameters");
-      }
-      ShaderBruteForcer::Result r;
-      r.error = error.get<float>();
-      r.gridIndex = gridIndex.get<std::uint64_t>();
-      for (const auto& [parameter, range] : grid) {
-        const auto it = parameters.find(parameter);
-        if (it == parameters.end() || !it->is_number()) {
-          throw CommandError("shard file '" + path + "': " + where + "/parameters has no value for " + parameter);
-        }
-        const double v = it->get<double>();
-        if (!std::isfinite(v) || v < range.min - 1e-3 || v > range.max + 1e-3) {
-          throw CommandError("shard file '" + path + "': " + where + "/parameters/" + parameter +
-                             " lies outside the grid");
-        }
-        r.parameters[parameter] = float(v);
-      }
-      results.push_back(std::move(r));
+    if (seen[std::size_t(shard.index)]) {
+      throw CommandError("shard file '" + path + "': shard " + std::to_string(shard.index) + " given twice");
     }
-    shards.push_back(std::move(results));
+    seen[std::size_t(shard.index)] = true;
+    shards.push_back(std::move(shard.results));
   }
   for (std::size_t i = 0; i < seen.size(); ++i) {
     if (!seen[i]) throw CommandError("shard " + std::to_string(i) + "/" + std::to_string(count) + " is missing");

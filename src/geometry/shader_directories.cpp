@@ -62,8 +62,15 @@ std::vector<std::string> shaderDirectories() {
 }
 
 Utils::ReturnState<ShaderFile, std::string> loadShaderFile(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) return Utils::failure("cannot read shader file '" + path + "'");
+  std::ifstream file(path);
+  if (!file) return Utils::failure("cannot read shader file '" + path + "'");
+  std::ostringstream text;
+  text << file.rdbuf();
+  return parseShaderFile(text.str(), path);
+}
+
+Utils::ReturnState<ShaderFile, std::string> parseShaderFile(const std::string& content, const std::string& path) {
+  std::istringstream in(content);
   std::string uid;
   std::string name;
   std::map<std::string, std::string> parameters;

@@ -36,6 +36,10 @@ struct ShaderFile {
 
 // Parses a shader file; the error names the file and line.
 ORBIVANE_EXPORT Utils::ReturnState<ShaderFile, std::string> loadShaderFile(const std::string& path);
+// The same from the file's text; `path` names it in errors and must end in
+// "<UID>.shader".
+ORBIVANE_EXPORT Utils::ReturnState<ShaderFile, std::string> parseShaderFile(const std::string& text,
+                                                                            const std::string& path);
 
 // The first file "<UID>.shader" in the five directories, in order.
 ORBIVANE_EXPORT Utils::Optional<std::string> findShaderFile(const std::string& uid);

@@ -1,5 +1,6 @@
 // Inverse-compositional Gauss-Newton alignment with gain and offset.
 #include "geometry_calibration/matrix_based/direct_alignment.h"
+#include "utils/parallel.h"
 
 #include <algorithm>
 #include <array>
@@ -153,7 +154,8 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
 
   Sums total;
   std::mutex lock;
-  cv::parallel_for_(cv::Range(region.y, region.y + region.height), [&](const cv::Range& range) {
+  Utils::parallelRows(region.y, region.y + region.height, [&](int rowBegin, int rowEnd) {
+    const cv::Range range(rowBegin, rowEnd);
     Sums sums;
     std::array<float, 8> j{};
     std::array<double, kPhotometric> r{};  // regressors of the photometric fit (spatial gain)

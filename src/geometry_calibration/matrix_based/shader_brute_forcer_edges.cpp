@@ -2,6 +2,7 @@
 #include "geometry_calibration/matrix_based/shader_brute_forcer_edges.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 
@@ -18,13 +19,13 @@ namespace {
 
 // One row of the Laplacian [2 0 2; 0 -8 0; 2 0 2] over equalised rows with a
 // one-pixel border: |L| saturated to 255, summed, and its absolute difference
-// to the reference row summed.
-__attribute__((target_clones("avx2", "default"))) void laplacianRow(const std::uint8_t* above,
-                                                                     const std::uint8_t* centre,
-                                                                     const std::uint8_t* below,
-                                                                     const std::uint8_t* reference, int width,
-                                                                     std::uint32_t& edgeSum,
-                                                                     std::uint32_t& differenceSum) {
+// to the reference row summed. The same loop is compiled twice, plain and for
+// AVX2 (where the compiler vectorises it); which one runs is chosen once, at
+// first use, from the processor's features (see kernelLevel): no ifunc
+// resolver that would run before a sanitizer's runtime has started.
+inline void laplacianRowLoop(const std::uint8_t* above, const std::uint8_t* centre, const std::uint8_t* below,
+                             const std::uint8_t* reference, int width, std::uint32_t& edgeSum,
+                             std::uint32_t& differenceSum) {
   std::uint32_t edges = 0, differences = 0;
   for (int x = 0; x < width; ++x) {
     const int corners = int(above[x]) + int(above[x + 2]) + int(below[x]) + int(below[x + 2]);
@@ -35,6 +36,33 @@ __attribute__((target_clones("avx2", "default"))) void laplacianRow(const std::u
   }
   edgeSum = edges;
   differenceSum = differences;
+}
+
+void laplacianRow(const std::uint8_t* above, const std::uint8_t* centre, const std::uint8_t* below,
+                  const std::uint8_t* reference, int width, std::uint32_t& edgeSum, std::uint32_t& differenceSum) {
+  laplacianRowLoop(above, centre, below, reference, width, edgeSum, differenceSum);
+}
+
+__attribute__((target("avx2"))) void laplacianRowAvx2(const std::uint8_t* above, const std::uint8_t* centre,
+                                                      const std::uint8_t* below, const std::uint8_t* reference,
+                                                      int width, std::uint32_t& edgeSum,
+                                                      std::uint32_t& differenceSum) {
+  laplacianRowLoop(above, centre, below, reference, width, edgeSum, differenceSum);
+}
+
+// 0 plain, 1 AVX2, 2 AVX-512 (the most this processor has).
+int detectKernelLevel() {
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512vl")) {
+    return 2;
+  }
+  return __builtin_cpu_supports("avx2") ? 1 : 0;
+}
+
+std::atomic<int>& kernelLevelSwitch() {
+  static std::atomic<int> level(detectKernelLevel());
+  return level;
 }
 
 // Thirty-two bytes widened to 16-bit lanes.
@@ -77,12 +105,15 @@ __attribute__((target("avx512f,avx512bw,avx512vl"))) void laplacianRowWide(const
 
 void laplacianRowBest(const std::uint8_t* above, const std::uint8_t* centre, const std::uint8_t* below,
                       const std::uint8_t* reference, int width, std::uint32_t& edgeSum, std::uint32_t& differenceSum) {
-  static const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                           __builtin_cpu_supports("avx512vl");
-  if (wide) {
-    laplacianRowWide(above, centre, below, reference, width, edgeSum, differenceSum);
-  } else {
-    laplacianRow(above, centre, below, reference, width, edgeSum, differenceSum);
+  switch (kernelLevelSwitch().load(std::memory_order_relaxed)) {
+    case 2:
+      laplacianRowWide(above, centre, below, reference, width, edgeSum, differenceSum);
+      return;
+    case 1:
+      laplacianRowAvx2(above, centre, below, reference, width, edgeSum, differenceSum);
+      return;
+    default:
+      laplacianRow(above, centre, below, reference, width, edgeSum, differenceSum);
   }
 }
 
@@ -102,9 +133,11 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void lookUpWide(const std
 }
 
 void lookUp(const std::uint8_t* in, std::uint8_t* out, int width, const std::uint8_t table[256]) {
-  static const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                           __builtin_cpu_supports("avx512vbmi");
-  if (wide) {
+  static const bool vbmi = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx512vbmi") != 0;
+  }();
+  if (vbmi && kernelLevelSwitch().load(std::memory_order_relaxed) == 2) {
     lookUpWide(in, out, width, table);
     return;
   }
@@ -112,6 +145,10 @@ void lookUp(const std::uint8_t* in, std::uint8_t* out, int width, const std::uin
 }
 
 }  // namespace
+
+int edgeKernelLevel() { return kernelLevelSwitch().load(); }
+
+void setEdgeKernelLevel(int level) { kernelLevelSwitch().store(std::clamp(level, 0, detectKernelLevel())); }
 
 cv::Mat edgeImageOfGrey(const cv::Mat& grey) {
   cv::Mat equalised, laplacian, edges;

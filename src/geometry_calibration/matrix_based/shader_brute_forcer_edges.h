@@ -35,6 +35,12 @@ struct EdgeBuffers {
 // size.
 EdgeScore edgeScore(const cv::Mat& grey, const int histogram[256], const cv::Mat& reference, EdgeBuffers& buffers);
 
+// Which row kernels the score runs: 0 plain, 1 AVX2, 2 AVX-512 (at first
+// the most the processor has). All give the same bytes; setting a level
+// above what the processor has takes the most it has (tests compare them).
+int edgeKernelLevel();
+void setEdgeKernelLevel(int level);
+
 // The histogram-equalisation table of a histogram of `total` pixels, as
 // OpenCV's equalizeHist builds it.
 void equalisationTable(const int histogram[256], int total, std::uint8_t table[256]);

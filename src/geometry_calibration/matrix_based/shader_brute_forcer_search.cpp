@@ -10,13 +10,11 @@
 #include <limits>
 #include <stdexcept>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
-#include <tbb/task_arena.h>
 
 #include <opencv2/imgproc.hpp>
 
 #include "geometry_calibration/matrix_based/shader_brute_forcer_edges.h"
+#include "utils/parallel.h"
 #include "logging/logger_setup.h"
 #include "orbivane/geometry/matrix_representable_geometry.h"
 #include "orbivane/geometry/surface_projection.h"
@@ -186,12 +184,8 @@ void ShaderSearch::evaluate(std::uint64_t index) {
 void ShaderSearch::flush(std::vector<std::uint64_t>& pending) {
   if (pending.empty()) return;
   if (!shaderKnown_) throw std::runtime_error("Shader not found");
-  tbb::task_arena arena(threads_ > 0 ? threads_ : tbb::task_arena::automatic);
-  arena.execute([&] {
-    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, pending.size(), 4),
-                      [&](const tbb::blocked_range<std::size_t>& range) {
-                        for (std::size_t i = range.begin(); i != range.end(); ++i) evaluate(pending[i]);
-                      });
+  Utils::parallelItems(pending.size(), 4, threads_, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i != end; ++i) evaluate(pending[i]);
   });
   done_ += pending.size();
   pending.clear();

@@ -183,10 +183,18 @@ TEST(ShaderBruteForcerGrid, BestListRejectsOnlyWhatItCouldNotKeep) {
   EXPECT_TRUE(BestList(0).rejects(1.0f));
 }
 
+// Every row kernel (plain, AVX2, AVX-512 where the processor has them) gives
+// exactly what OpenCV's sequence gives; widths that leave tails of every
+// length.
 TEST(ShaderBruteForcerEdges, FusedScoreEqualsOpenCvSequence) {
+  const int best = GeometryCalibration::MatrixBased::edgeKernelLevel();
+  for (int level = 0; level <= best; ++level)
+  for (const cv::Size size : {cv::Size(203, 117), cv::Size(64, 33), cv::Size(97, 20)})
   for (const char* name : {"baboon.jpg", "building.jpg"}) {
+    GeometryCalibration::MatrixBased::setEdgeKernelLevel(level);
+    ASSERT_EQ(GeometryCalibration::MatrixBased::edgeKernelLevel(), level);
     cv::Mat bgr, grey;
-    cv::resize(Testing::loadSample(name), bgr, cv::Size(203, 117), 0, 0, cv::INTER_AREA);
+    cv::resize(Testing::loadSample(name), bgr, size, 0, 0, cv::INTER_AREA);
     cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
     const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Testing::loadSample("fruits.jpg"), grey.size());
     int histogram[256] = {0};
@@ -200,9 +208,10 @@ TEST(ShaderBruteForcerEdges, FusedScoreEqualsOpenCvSequence) {
     cv::Laplacian(equalised, laplacian, CV_16S, 3, 1.0, 0.0, cv::BORDER_REFLECT_101);
     cv::convertScaleAbs(laplacian, edges);
     cv::absdiff(edges, reference, difference);
-    EXPECT_EQ(score.mean, cv::mean(edges)[0]) << name;
-    EXPECT_EQ(score.error, static_cast<float>(cv::mean(difference)[0])) << name;
+    EXPECT_EQ(score.mean, cv::mean(edges)[0]) << name << " level " << level << " " << size;
+    EXPECT_EQ(score.error, static_cast<float>(cv::mean(difference)[0])) << name << " level " << level << " " << size;
   }
+  GeometryCalibration::MatrixBased::setEdgeKernelLevel(best);
 }
 
 TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards) {
