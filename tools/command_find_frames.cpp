@@ -92,7 +92,7 @@ void runFind(const FindOptions& options) {
     if (camera.findModule(name)) continue;
     CameraDescription::OrbivaneModule module(name);
     Quarn::QuarnConnection connection;
-    connection.backend = "simulated";
+    connection.backend = "recordings";
     connection.address = indexPath;
     connection.device = r.module;
     module.setConnection(connection);
@@ -204,6 +204,7 @@ void addFindFramesCommand(CLI::App& app) {
       ->capture_default_str();
   command->add_option("--max-motion", options.maxMotion,
                       "Largest share of moving pixels of a still frame (0..1; 1 accepts any motion)")
+      ->check(CLI::Range(0.0, 1.0))
       ->capture_default_str();
   command->add_option("--out", options.out, "Folder for the pictures and camera.json")->required();
   command->add_flag("--json", options.json, "Print the chosen frames as one JSON object on the last line");

@@ -20,7 +20,9 @@ void addFisheyeCommand(CLI::App& app) {
   static int threshold = 97;
   static bool json = false;
   cmd->add_option("IMAGE", path, "Picture file")->required();
-  cmd->add_option("--threshold", threshold, "Grey threshold of the lens circle (0..255)")->capture_default_str();
+  cmd->add_option("--threshold", threshold, "Grey threshold of the lens circle (0..255)")
+      ->check(CLI::Range(0, 255))
+      ->capture_default_str();
   cmd->add_option("--annotated", annotated, "Write the picture with the circle drawn in");
   cmd->add_flag("--json", json, "Print {\"centre\", \"radius\", \"warnings\"} as one JSON object");
   cmd->callback([] {

@@ -123,7 +123,7 @@ void runMatch(const MatchOptions& options) {
       const std::string name = Utils::toUtf8(module->name());
       if (recorded.count(name) == 0) continue;
       Quarn::QuarnConnection connection;
-      connection.backend = "simulated";
+      connection.backend = "recordings";
       connection.address = indexPath;
       connection.device = name;
       module->setConnection(connection);

@@ -362,7 +362,9 @@ void addSensorCommand(CLI::App& app) {
   p->add_flag("--json", a.json, "Print one JSON object");
   p->callback([] { JsonOutput output(args().json); capture(); });
   CLI::App* f = withStateAndModule(sensor, "centre", "Centre the lens circle in the sensor window");
-  f->add_option("--threshold", a.threshold, "Grey threshold of the lens circle")->capture_default_str();
+  f->add_option("--threshold", a.threshold, "Grey threshold of the lens circle (0..255)")
+      ->check(CLI::Range(0, 255))
+      ->capture_default_str();
   f->add_flag("--json", a.json, "Print one JSON object");
   f->callback([] { JsonOutput output(args().json); centre(); });
   CLI::App* b = withStateAndModule(sensor, "restore", "Put the window back where centre found it");
@@ -371,9 +373,11 @@ void addSensorCommand(CLI::App& app) {
   CLI::App* o = sensor->add_subcommand("overlap", "Move two neighbouring windows until their pictures overlap as wanted");
   o->add_option("STATE", a.state, "Simulated camera state file")->required();
   o->add_option("--modules", a.modules, "LEFT,RIGHT module ids")->delimiter(',')->required();
-  o->add_option("--overlap", a.overlap, "Wanted overlap in pixels of the left picture (default: the linkage's share)");
+  o->add_option("--overlap", a.overlap, "Wanted overlap in pixels of the left picture (default: the linkage's share)")
+      ->check(CLI::Range(0.0, 1e6));
   o->add_option("--camera", a.camera, "Camera file lending the modules geometry and linkage");
   o->add_option("--search", a.search, "Share of the left picture searched for the overlap (0..1]")
+      ->check(CLI::Range(0.001, 1.0))
       ->capture_default_str();
   o->add_option("--picture", a.picture, "Write the overlap picture");
   o->add_flag("--json", a.json, "Print one JSON object");

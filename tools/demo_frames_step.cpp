@@ -114,7 +114,7 @@ Section runFrameFinding(const StepContext& c) {
   for (const auto& view : views) {
     CameraDescription::OrbivaneModule module(Utils::fromUtf8(view.name));
     Quarn::QuarnConnection connection;
-    connection.backend = "simulated";
+    connection.backend = "recordings";
     connection.address = indexPath;
     connection.device = view.name;
     module.setConnection(connection);

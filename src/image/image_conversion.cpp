@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <stdexcept>
@@ -104,6 +105,37 @@ Utils::Optional<std::string> truncation(const std::string& path) {
   return std::nullopt;
 }
 
+// OpenCV's limit on a picture's pixels (CV_IO_MAX_IMAGE_PIXELS, 2^30).
+constexpr long long kLargestPicture = 1LL << 30;
+
+// The size a PNG or JPEG file's header declares; empty when it cannot tell.
+cv::Size headerSize(const std::string& path) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return cv::Size();
+  std::vector<unsigned char> head(65536);
+  head.resize(std::fread(head.data(), 1, head.size(), file));
+  std::fclose(file);
+  const auto big16 = [&head](std::size_t at) { return int(head[at]) << 8 | int(head[at + 1]); };
+  if (head.size() >= 24 && head[0] == 0x89 && head[1] == 'P' && head[12] == 'I' && head[13] == 'H') {
+    const auto big32 = [&head](std::size_t at) {
+      return long(head[at]) << 24 | long(head[at + 1]) << 16 | long(head[at + 2]) << 8 | long(head[at + 3]);
+    };
+    return cv::Size(int(std::min(big32(16), long(INT32_MAX))), int(std::min(big32(20), long(INT32_MAX))));
+  }
+  if (head.size() >= 4 && head[0] == 0xFF && head[1] == 0xD8) {
+    // Walk the segments to the first start of frame (SOF0..SOF15 but DHT, JPG, DAC).
+    std::size_t at = 2;
+    while (at + 9 < head.size() && head[at] == 0xFF) {
+      const int marker = head[at + 1];
+      if (marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC) {
+        return cv::Size(big16(at + 7), big16(at + 5));
+      }
+      at += 2 + std::size_t(big16(at + 2));
+    }
+  }
+  return cv::Size();
+}
+
 }  // namespace
 
 Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::string& path) {
@@ -117,7 +149,15 @@ Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::
   try {
     mat = cv::imread(path, cv::IMREAD_UNCHANGED);
   } catch (const cv::Exception& e) {
-    return Utils::failure("cannot read picture '" + path + "': " + e.what());
+    if (std::string(e.what()).find("CV_IO_MAX_IMAGE_PIXELS") != std::string::npos) {
+      const cv::Size size = headerSize(path);
+      return Utils::failure("cannot read picture '" + path + "': " +
+                            (size.area() > 0 ? "a picture of " + std::to_string(size.width) + " x " +
+                                                   std::to_string(size.height) + " pixels"
+                                             : std::string("the picture")) +
+                            " is larger than the " + std::to_string(kLargestPicture) + " pixels a picture may have");
+    }
+    return Utils::failure("cannot read picture '" + path + "': " + e.err);
   }
   if (mat.empty()) {
     return Utils::failure("cannot read picture '" + path + "': it cannot be decoded (corrupt or unknown format)");

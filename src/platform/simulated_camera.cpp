@@ -16,6 +16,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/recordings_index.h"
 #include "platform/scene_renderer.h"
 #include "platform/video_frame_reader.h"
 #include "orbivane/utils/atomic_file.h"
@@ -201,88 +202,11 @@ Utils::ReturnState<std::shared_ptr<SimulatedCamera>, std::string> SimulatedCamer
     if (!slot) slot = std::make_shared<SimulatedCamera>(address);
     return slot;
   }
-  auto camera = std::make_shared<SimulatedCamera>(address);
   if (isRecordingsIndexFile(address)) {
-    auto index = loadRecordingsIndex(address);
-    if (!index) return Utils::failure(index.error());
-    camera->recordings_ = std::make_shared<const RecordingsIndex>(std::move(index.value()));
+    return Utils::failure("'" + address + "' is a recordings index: it is played by the \"recordings\" backend, not "
+                          "simulated");
   }
-  return camera;
-}
-
-namespace {
-std::string noSensorWindow(const std::string& id) {
-  return "module '" + id + "' plays recordings and has no sensor window";
-}
-}  // namespace
-
-Utils::ReturnState<bool, std::string> SimulatedCamera::checkRecordedModule(const std::string& id) const {
-  for (const auto& r : recordings_->recordings) {
-    if (r.module == id) return true;
-  }
-  return Utils::failure("the recordings index " + address_ + " has no recordings of module '" + id + "'");
-}
-
-std::vector<Recording> SimulatedCamera::recordings() const {
-  return recordings_ ? recordings_->recordings : std::vector<Recording>{};
-}
-
-Utils::ReturnState<std::vector<SearchInfo>, std::string> SimulatedCamera::search(const std::string& id,
-                                                                                 const SearchCriteria& criteria) const {
-  if (!recordings_) {
-    return Utils::failure("searching recordings is not supported by this backend (the simulated camera " + address_ +
-                          " is not a recordings index)");
-  }
-  auto known = checkRecordedModule(id);
-  if (!known) return Utils::failure(known.error());
-  const std::int64_t to = std::max(criteria.toMs, criteria.fromMs);
-  std::vector<SearchInfo> found;
-  for (const auto& r : recordings_->recordings) {
-    if (r.module != id || r.startMs > to) continue;
-    auto span = recordingSpan(r);
-    if (!span) return Utils::failure(span.error());
-    if (span.value().endMs <= criteria.fromMs) continue;
-    found.push_back({id, span.value().startMs, span.value().endMs, r.video});
-  }
-  std::stable_sort(found.begin(), found.end(),
-                   [](const SearchInfo& a, const SearchInfo& b) { return a.startMs < b.startMs; });
-  return found;
-}
-
-Utils::ReturnState<EmptyReturn, std::string> SimulatedCamera::showTrack(const std::string& id,
-                                                                        const SearchInfo& track) {
-  if (!recordings_) {
-    return Utils::failure("showing recorded tracks is not supported by this backend (the simulated camera " +
-                          address_ + " is not a recordings index)");
-  }
-  auto known = checkRecordedModule(id);
-  if (!known) return Utils::failure(known.error());
-  if (!track.device.empty() && track.device != id) {
-    return Utils::failure("the track '" + track.track + "' belongs to module '" + track.device + "', not '" + id + "'");
-  }
-  for (const auto& r : recordings_->recordings) {
-    if (r.module != id || r.video != track.track) continue;
-    auto span = recordingSpan(r);
-    if (!span) return Utils::failure(span.error());
-    SearchInfo shown{id, span.value().startMs, span.value().endMs, r.video};
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = std::find_if(playback_.begin(), playback_.end(), [&](const SearchInfo& p) { return p.device == id; });
-    if (it == playback_.end()) {
-      playback_.push_back(shown);
-    } else {
-      *it = shown;
-    }
-    return EmptyReturn{};
-  }
-  return Utils::failure("module '" + id + "' has no recording '" + track.track + "' in " + address_);
-}
-
-Utils::ReturnState<SearchInfo, std::string> SimulatedCamera::currentTrack(const std::string& id) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& p : playback_) {
-    if (p.device == id) return p;
-  }
-  return Utils::failure("module '" + id + "' has no track shown");
+  return std::make_shared<SimulatedCamera>(address);
 }
 
 std::string SimulatedCamera::toJson(const std::vector<SimulatedModule>& modules) {
@@ -348,7 +272,6 @@ Utils::ReturnState<SimulatedModule, std::string> SimulatedCamera::find(const std
 }
 
 Utils::ReturnState<bool, std::string> SimulatedCamera::addModule(SimulatedModule module) {
-  if (recordings_) return Utils::failure("the recordings index " + address_ + " takes no simulated modules");
   if (module.id.empty()) return Utils::failure("a simulated module needs an id");
   auto frame = renderScene(module.scene);
   if (!frame) return Utils::failure(frame.error());
@@ -376,7 +299,6 @@ Utils::ReturnState<bool, std::string> SimulatedCamera::addModule(SimulatedModule
 }
 
 Utils::ReturnState<bool, std::string> SimulatedCamera::setModule(const SimulatedModule& module) {
-  if (recordings_) return Utils::failure("the recordings index " + address_ + " takes no simulated modules");
   std::lock_guard<std::mutex> lock(mutex_);
   // Other processes may write the same state file: read, change and write
   // it under the file's lock, so no writer loses another's module.
@@ -398,19 +320,11 @@ Utils::ReturnState<bool, std::string> SimulatedCamera::setModule(const Simulated
 }
 
 Utils::ReturnState<SimulatedModule, std::string> SimulatedCamera::module(const std::string& id) const {
-  if (recordings_) return Utils::failure(noSensorWindow(id));
   std::lock_guard<std::mutex> lock(mutex_);
   return find(id);
 }
 
 Utils::ReturnState<std::vector<std::string>, std::string> SimulatedCamera::moduleIds() const {
-  if (recordings_) {
-    std::vector<std::string> ids;
-    for (const auto& r : recordings_->recordings) {
-      if (std::find(ids.begin(), ids.end(), r.module) == ids.end()) ids.push_back(r.module);
-    }
-    return ids;
-  }
   std::lock_guard<std::mutex> lock(mutex_);
   auto modules = load();
   if (!modules) return Utils::failure(modules.error());
@@ -420,7 +334,6 @@ Utils::ReturnState<std::vector<std::string>, std::string> SimulatedCamera::modul
 }
 
 Utils::ReturnState<bool, std::string> SimulatedCamera::connect(const std::string& id) const {
-  if (recordings_) return checkRecordedModule(id);
   auto m = module(id);
   if (!m) return Utils::failure(m.error());
   sleepFor(m.value().latencyMs);
@@ -429,7 +342,6 @@ Utils::ReturnState<bool, std::string> SimulatedCamera::connect(const std::string
 }
 
 Utils::ReturnState<CamerasensorInfoData, std::string> SimulatedCamera::sensorInfo(const std::string& id) const {
-  if (recordings_) return Utils::failure(noSensorWindow(id));
   auto found = module(id);
   if (!found) return Utils::failure(found.error());
   const SimulatedModule& m = found.value();
@@ -441,7 +353,6 @@ Utils::ReturnState<CamerasensorInfoData, std::string> SimulatedCamera::sensorInf
 }
 
 Utils::ReturnState<EmptyReturn, std::string> SimulatedCamera::moveWindow(const std::string& id, int x, int y) {
-  if (recordings_) return Utils::failure(noSensorWindow(id));
   auto found = module(id);
   if (!found) return Utils::failure(found.error());
   SimulatedModule m = found.value();
@@ -475,17 +386,6 @@ Utils::ReturnState<cv::Mat, std::string> SimulatedCamera::sensorFrame(const std:
 }
 
 Utils::ReturnState<cv::Mat, std::string> SimulatedCamera::capture(const std::string& id) const {
-  if (recordings_) {
-    auto track = currentTrack(id);
-    if (!track) return Utils::failure(track.error() + "; show one of its recordings first");
-    cv::VideoCapture video;
-    cv::Mat frame;
-    if (!ImageSource::openVideoFile(video, track.value().track) || !video.read(frame) || frame.empty()) {
-      return Utils::failure("video '" + track.value().track + "': cannot read its first frame");
-    }
-    if (frame.channels() == 1) cv::cvtColor(frame, frame, cv::COLOR_GRAY2BGR);
-    return frame;
-  }
   auto found = module(id);
   if (!found) return Utils::failure(found.error());
   const SimulatedModule& m = found.value();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "orbivane/platform/quarn_session.h"
+#include "orbivane/platform/recording_player.h"
 #include "orbivane/platform/simulated_camera.h"
 #include "platform/recordings_test_videos.h"
 #include "support/sample_data.h"
@@ -12,9 +13,9 @@ namespace {
 using Quarn::QuarnConnection;
 using Quarn::QuarnSession;
 
-QuarnConnection toIndex(const std::string& index, const std::string& device) {
+QuarnConnection toIndex(const std::string& index, const std::string& device, const char* backend = "recordings") {
   QuarnConnection c;
-  c.backend = "simulated";
+  c.backend = backend;
   c.address = index;
   c.device = device;
   return c;
@@ -107,11 +108,22 @@ TEST(RecordingsSessionTest, RecordedModulesHaveNoSensorWindowAndUnknownOnesDoNot
   ASSERT_FALSE(refused);
   EXPECT_NE(refused.error().find("no recordings of module 'c'"), std::string::npos);
 
-  auto camera = Quarn::SimulatedCamera::open(clips.index);
-  ASSERT_TRUE(camera);
-  EXPECT_TRUE(camera.value()->servesRecordings());
-  EXPECT_EQ(camera.value()->moduleIds().value(), (std::vector<std::string>{"a", "b"}));
-  EXPECT_FALSE(camera.value()->addModule({}));
+  // Connections written before the recordings backend existed name the
+  // simulated one; they play the same recordings.
+  QuarnSession old;
+  ASSERT_TRUE(old.Connect(toIndex(clips.index, "a", "simulated"), nullptr));
+  const auto oldSearch = old.Search({"a", clips.start, clips.start + 60000}, {}).get();
+  ASSERT_TRUE(oldSearch) << oldSearch.error();
+  EXPECT_FALSE(oldSearch.value().empty());
+
+  // The recordings are played by their own backend; the simulated camera
+  // (a test double of a device) refuses the index and keeps none.
+  auto player = Quarn::RecordingPlayer::open(clips.index);
+  ASSERT_TRUE(player);
+  EXPECT_EQ(player.value()->moduleIds(), (std::vector<std::string>{"a", "b"}));
+  const auto simulated = Quarn::SimulatedCamera::open(clips.index);
+  ASSERT_FALSE(simulated);
+  EXPECT_NE(simulated.error().find("is a recordings index"), std::string::npos);
 }
 
 TEST(RecordingsSessionTest, MalformedIndexAndMissingVideosAreClearErrors) {
@@ -140,7 +152,7 @@ TEST(RecordingsSessionTest, CamerasWithoutAnIndexStillDoNotSearch) {
   m.scene.height = 48;
   ASSERT_TRUE(camera->addModule(m));
   QuarnSession session;
-  ASSERT_TRUE(session.Connect(toIndex(dir.file("state.json"), "front"), nullptr));
+  ASSERT_TRUE(session.Connect(toIndex(dir.file("state.json"), "front", "simulated"), nullptr));
   const auto search = session.Search({"front", 0, 1}, {}).get();
   ASSERT_FALSE(search);
   EXPECT_NE(search.error().find("not supported by this backend"), std::string::npos);

@@ -121,6 +121,15 @@ def make_fixtures(w):
                "best": [{"error": 1.0, "index": 3, "parameters": {"f_evil": 1.0}}]},
               open(os.path.join(w, "shard-forged.json"), "w"))
     open(os.path.join(w, "values.txt"), "w").write("1 2\n3 x\n")
+    # A PNG whose header names 100000 x 100000 pixels.
+    import struct
+    import zlib
+
+    def chunk(kind, data):
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xffffffff)
+    with open(os.path.join(w, "huge.png"), "wb") as f:
+        f.write(b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", 100000, 100000, 8, 2, 0, 0, 0)) +
+                chunk(b"IDAT", zlib.compress(b"\0" * 10)) + chunk(b"IEND", b""))
     # A picture 1 pixel high and 3 wide, and a blank one.
     cv2.imwrite(os.path.join(w, "tiny.png"), np.zeros((1, 3, 3), np.uint8))
 
@@ -136,6 +145,7 @@ CASES = [
     ("blur of a folder", ["blur", "afolder.png"], 1, "folder"),
     ("blur of text", ["blur", "notapicture.png"], 1, "cannot be decoded"),
     ("blur of a truncated JPEG", ["blur", "cut.jpg"], 1, "truncated"),
+    ("blur of a huge picture", ["blur", "huge.png"], 1, "100000 x 100000 pixels is larger than"),
     ("blur between quarter turns", ["blur", "view1.png", "--rotation", "45"], 1, "quarter turn"),
     ("blur far beyond the anchors", ["blur", "view1.png", "--rotation", "720"], 1, "quarter turn"),
     ("blur with a rotation that is no number", ["blur", "view1.png", "--rotation", "ten"], 104, "rotation"),
@@ -213,6 +223,7 @@ CASES = [
     # fisheye / resolution
     ("fisheye without a lens", ["fisheye", "view1.png"], 1, "lens circle"),
     ("fisheye of a photograph", ["fisheye", "whole.png"], 1, "not a bright lens disc"),
+    ("fisheye with threshold 300", ["fisheye", "view1.png", "--threshold", "300"], 105, "--threshold"),
     ("fisheye over its input", ["fisheye", "view1.png", "--annotated", "view1.png"], 1, "inputs"),
     ("fisheye of a tiny picture", ["fisheye", "tiny.png"], 1, "lens circle"),
     ("resolution with no marks", ["resolution", "noise.png", "--real-x", "1", "--real-y", "1"], 1, "marks"),
@@ -239,6 +250,8 @@ CASES = [
     ("find-frames with a bad start time", ["find-frames", "rec-badtime.json", "--out", "out"], 1, "yesterday"),
     ("find-frames with a reversed window", ["find-frames", "rec.json", "--from", "2026-11-22T10:00:20Z", "--to",
                                             "2026-11-22T10:00:10Z", "--out", "out"], 1, "ends before it starts"),
+    ("find-frames with a motion share of 2", ["find-frames", "rec.json", "--max-motion", "2", "--out", "out"], 105,
+     "--max-motion"),
     ("find-frames into a file", ["find-frames", "rec.json", "--out", "view1.png"], 1, "not a folder"),
     # shader search
     ("shader-merge of a shard without module", ["shader-merge", "cam.json", "shard-nomodule.json", "--out-dir",

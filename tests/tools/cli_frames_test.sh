@@ -64,7 +64,7 @@ PY
 "$tool" camera validate out/camera.json >validate.txt 2>&1
 [ $? -ne 1 ] || fail "camera.json does not load: $(cat validate.txt)"
 grep -q "front" validate.txt || fail "camera.json lacks the module"
-grep -q '"backend": "simulated"' out/camera.json || fail "camera.json module does not connect to the index"
+grep -q '"backend": "recordings"' out/camera.json || fail "camera.json module does not connect to the index (backend recordings)"
 grep -q "rec.json" out/camera.json || fail "camera.json does not point at the index"
 
 # A window that only holds the walker: a built background, said so.

@@ -1,8 +1,10 @@
 // The device side behind a Quarn::QuarnSession. A backend reaches one module's
 // sensor on some recording system; sessions pick the backend by the
 // connection's `backend` name through a process-wide registry, so that a
-// vendor backend can be plugged in beside the simulated camera ("simulated",
-// registered by the library itself).
+// vendor backend can be plugged in beside the library's own: "recordings"
+// (recorded video played from a recordings index, the production path of
+// frame finding) and "simulated" (the simulated camera, a test double of a
+// device).
 //
 // Backend operations run on a session's worker thread and may block; they
 // return errors as English text and never throw.

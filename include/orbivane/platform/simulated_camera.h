@@ -15,16 +15,12 @@
 // so separate processes see the same camera) or in memory (address
 // "memory:NAME", for tests). Faults and latency are per module.
 //
-// Recordings: when the address is a recordings index file
-// (orbivane/platform/recordings_index.h), the camera plays that index's
-// recordings instead: its modules are the index's modules (the connection's
-// device names one), search() lists a module's recordings that overlap a time
-// range (SearchInfo: device, startMs, endMs exclusive, track = the video file
-// as the index resolves it), showTrack() checks such a track and makes it the
-// module's current playback, and capture() returns the first frame of that
-// track. Such a module has no sensor window (reading or moving it fails). A
-// camera without an index answers searches with "not supported by this
-// backend". Playback is kept per opened camera (per session).
+// The simulated camera is a test double of a device: it keeps no
+// recordings (the "recordings" backend plays those, see
+// orbivane/platform/recording_player.h), and answers searches with "not
+// supported by this backend". A connection of backend "simulated" whose
+// address is a recordings index (files written before the recordings backend
+// existed) is played by the recordings backend all the same.
 #pragma once
 
 #include <cstdint>
@@ -37,7 +33,6 @@
 
 #include "orbivane/export.h"
 #include "orbivane/platform/quarn_records.h"
-#include "orbivane/platform/recordings_index.h"
 #include "orbivane/utils/return_state.h"
 
 namespace Quarn {
@@ -112,9 +107,9 @@ struct SimulatedModule {
 class ORBIVANE_EXPORT SimulatedCamera {
  public:
   // The camera behind an address: "memory:NAME" (made on first use, lives for
-  // the process), a recordings index file (a camera that plays recordings; a
-  // malformed index is an error) or a state file path (a missing file is an
-  // empty camera until the first module is added).
+  // the process) or a state file path (a missing file is an empty camera
+  // until the first module is added). A recordings index is refused: the
+  // recordings backend plays it.
   static Utils::ReturnState<std::shared_ptr<SimulatedCamera>, std::string> open(const std::string& address);
 
   // Adds or replaces a module. A zero window size becomes three quarters of
@@ -137,21 +132,6 @@ class ORBIVANE_EXPORT SimulatedCamera {
 
   const std::string& address() const { return address_; }
 
-  // Recordings (cameras opened on a recordings index).
-  bool servesRecordings() const { return recordings_ != nullptr; }
-  // The module's recordings overlapping [fromMs, toMs] (toMs <= fromMs: those
-  // holding fromMs), by start time. A module without recordings in the range
-  // is an empty list; a video that cannot be read is an error.
-  Utils::ReturnState<std::vector<SearchInfo>, std::string> search(const std::string& id,
-                                                                  const SearchCriteria& criteria) const;
-  // Makes a recording of the module its current playback; the track must be
-  // one the index lists for that module.
-  Utils::ReturnState<EmptyReturn, std::string> showTrack(const std::string& id, const SearchInfo& track);
-  // The module's current playback, if one was shown.
-  Utils::ReturnState<SearchInfo, std::string> currentTrack(const std::string& id) const;
-  // Every recording of the index (resolved), empty without an index.
-  std::vector<Recording> recordings() const;
-
   // The state as JSON text and back.
   static std::string toJson(const std::vector<SimulatedModule>& modules);
   static Utils::ReturnState<std::vector<SimulatedModule>, std::string> fromJson(const std::string& text);
@@ -164,12 +144,8 @@ class ORBIVANE_EXPORT SimulatedCamera {
   Utils::ReturnState<bool, std::string> store(const std::vector<SimulatedModule>& modules);
   Utils::ReturnState<SimulatedModule, std::string> find(const std::string& id) const;
 
-  Utils::ReturnState<bool, std::string> checkRecordedModule(const std::string& id) const;
-
   std::string address_;
   bool inMemory_ = false;
-  std::shared_ptr<const RecordingsIndex> recordings_;
-  std::vector<SearchInfo> playback_;  // current track per module (guarded by mutex_)
   mutable std::mutex mutex_;
   std::vector<SimulatedModule> memory_;
 };
