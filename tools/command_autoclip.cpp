@@ -29,6 +29,7 @@
 #include "command_line.h"
 #include "json_output.h"
 #include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
 
@@ -41,7 +42,7 @@ struct AutoclipOptions {
   unsigned cols = 0;
   unsigned rows = 0;
   float weight = 1.0f;
-  std::size_t maxIterations = 10000;
+  long long maxIterations = 10000;
   bool requireOverlap = false;
   bool keepAspect = false;
   bool noHoles = false;
@@ -146,6 +147,17 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
   }
 
   if (o.apply != !o.out.empty()) throw CommandError("--apply and --out go together: --apply --out OUT.json");
+  // The settings, checked by the library's own rules.
+  if (o.maxIterations < 1) throw CommandError("--max-iterations must be 1 or more, not " + std::to_string(o.maxIterations));
+  GeometryCalibration::ClippingOptions settings;
+  settings.valueMode = valueMode;
+  settings.requireOverlap = o.requireOverlap;
+  settings.keepAspect = o.keepAspect;
+  settings.noHoles = o.noHoles;
+  settings.threshold = o.threshold;
+  settings.weight = o.weight;
+  settings.maxIterations = std::size_t(o.maxIterations);
+  if (const auto valid = settings.validate(); !valid) throw CommandError("automatic clipping: " + valid.error());
 
   auto loaded = CameraDescription::loadCameraFile(o.camera);
   if (!loaded) throw CommandError(loaded.error());
@@ -168,17 +180,12 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
       }
       values = readTextValues(o.values, cols, rows);
     }
-    if (!std::isfinite(o.weight) || o.weight < 0.0f) throw CommandError("--weight must be a finite number of at least 0");
-    if (o.maxIterations == 0) throw CommandError("--max-iterations must be above 0");
-    if (!clipping.config(std::move(values), cols, rows, o.weight, o.maxIterations)) {
+    if (!clipping.config(std::move(values), cols, rows, o.weight, settings.maxIterations)) {
       throw CommandError(clipping.error());
     }
     std::cout << "value mode: " << cols << "x" << rows << " values, weight " << o.weight << ", at most "
               << o.maxIterations << " iterations\n";
   } else {
-    if (!std::isfinite(o.threshold) || o.threshold <= 0.0f || o.threshold > 1.0f) {
-      throw CommandError("--threshold must lie in (0, 1]");
-    }
     clipping.config(o.requireOverlap, o.keepAspect, o.threshold);
     clipping.setNoHoles(o.noHoles);
     std::cout << "geometry mode: threshold " << o.threshold << (o.requireOverlap ? ", overlap required" : "")
@@ -252,8 +259,7 @@ void addAutoclipCommand(CLI::App& app) {
   command->add_option("--rows", o.rows, "Rows of the values (text files)");
   command->add_option("--weight", o.weight, "What an uncovered element costs, in units of value")
       ->capture_default_str();
-  command->add_option("--max-iterations", o.maxIterations, "Iteration limit of the search")
-      ->check(CLI::PositiveNumber)
+  command->add_option("--max-iterations", o.maxIterations, "Iteration limit of the search (1 or more)")
       ->capture_default_str();
   command->add_flag("--require-overlap", o.requireOverlap,
                     "Geometry mode: keep to where at least two modules cover the panorama");

@@ -9,6 +9,7 @@
 #include "command_line.h"
 #include "json_output.h"
 #include "lens_circle_check.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 
@@ -20,13 +21,14 @@ void addFisheyeCommand(CLI::App& app) {
   static int threshold = 97;
   static bool json = false;
   cmd->add_option("IMAGE", path, "Picture file")->required();
-  cmd->add_option("--threshold", threshold, "Grey threshold of the lens circle (0..255)")
-      ->check(CLI::Range(0, 255))
-      ->capture_default_str();
+  cmd->add_option("--threshold", threshold, "Grey threshold of the lens circle (0..255)")->capture_default_str();
   cmd->add_option("--annotated", annotated, "Write the picture with the circle drawn in");
   cmd->add_flag("--json", json, "Print {\"centre\", \"radius\", \"warnings\"} as one JSON object");
   cmd->callback([] {
     JsonOutput output(json);
+    if (const auto valid = GeometryCalibration::FisheyeOptions{threshold}.validate(); !valid) {
+      throw CommandError("fisheye centring: " + valid.error());
+    }
     if (!annotated.empty()) checkOutputFile(annotated, {path}, "--annotated");
     auto image = Image::loadImage(path);
     if (!image) throw CommandError(image.error());

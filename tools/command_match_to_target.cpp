@@ -21,6 +21,7 @@
 #include "command_line.h"
 #include "json_output.h"
 #include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image_selection/smart_finder_match_to_target.h"
 #include "orbivane/platform/recordings_index.h"
@@ -164,20 +165,18 @@ void runMatch(const MatchOptions& options) {
     if (module && module->image()) images[name] = module->image();
   }
 
-  int columns = 0, rows = 0;
+  // The settings, checked by the library's own rules.
+  GeometryCalibration::MatchOptions settings;
+  settings.mode = options.mode;
+  settings.m2b = options.m2b;
+  settings.m2n = options.m2n;
+  settings.allowScale = options.allowScale;
   if (!options.grid.empty()) {
-    const std::size_t x = options.grid.find('x');
-    try {
-      if (x == std::string::npos) throw std::invalid_argument("no x");
-      columns = std::stoi(options.grid.substr(0, x));
-      rows = std::stoi(options.grid.substr(x + 1));
-    } catch (const std::exception&) {
-      throw CommandError("--grid expects COLSxROWS, e.g. 4x3, got '" + options.grid + "'");
-    }
-    if (columns < 1 || rows < 1 || columns > 256 || rows > 256)
-      throw CommandError("--grid needs 1..256 columns and rows, got '" + options.grid + "'");
-    if (options.mode != 0) throw CommandError("--grid works in mode 0 only");
+    const auto parsed = settings.parseGrid(options.grid);
+    if (!parsed) throw CommandError("--grid: " + parsed.error());
   }
+  if (const auto valid = settings.validate(); !valid) throw CommandError("target matching: " + valid.error());
+  const int columns = settings.gridColumns, rows = settings.gridRows;
 
   if (fromRecordings) {
     OrbivaneCalibration::SmartFinderOptions finderOptions;
@@ -234,13 +233,10 @@ void addMatchToTargetCommand(CLI::App& app) {
       ->delimiter(',');
   command->add_option("--mode", options.mode,
                       "0 features + refinement, 1 keep (measure only), 2 optical flow, 3 iterative")
-      ->check(CLI::Range(0, 3))
       ->capture_default_str();
   command->add_option("--grid", options.grid, "Also refine a COLSxROWS UV grid per module (mode 0)");
-  command->add_option("--m2b", options.m2b, "Matching rounds per module in mode 3")
-      ->check(CLI::Range(1, 100))
-      ->capture_default_str();
-  command->add_option("--m2n", options.m2n, "Runs in a row in mode 3")->check(CLI::Range(1, 100))->capture_default_str();
+  command->add_option("--m2b", options.m2b, "Matching rounds per module in mode 3 (1..100)")->capture_default_str();
+  command->add_option("--m2n", options.m2n, "Runs in a row in mode 3 (1..100)")->capture_default_str();
   command->add_option("--allow-scale", options.allowScale,
                       "Work scale: > 0 fixed, < 0 the target's own resolution, 0 from the placement")
       ->capture_default_str();

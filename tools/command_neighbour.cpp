@@ -13,6 +13,7 @@
 #include "command_line.h"
 #include "json_output.h"
 #include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
@@ -40,9 +41,8 @@ std::string knownModules(const CameraDescription::Orbivane& camera) {
 
 void runNeighbour(const NeighbourOptions& options) {
   JsonOutput output(options.json);
-  if (options.levels < 1) throw CommandError("--levels must be 1 or more (pyramid levels of the alignment)");
-  if (options.iterations < 1) throw CommandError("--iterations must be 1 or more");
-  if (!std::isfinite(options.step) || !(options.step > 0)) throw CommandError("--step must be a number above 0");
+  const GeometryCalibration::NeighbourOptions settings{options.levels, options.iterations, options.step};
+  if (const auto valid = settings.validate(); !valid) throw CommandError("neighbour stitching: " + valid.error());
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   const CameraDescription::Orbivane& camera = loaded.value();
@@ -115,14 +115,11 @@ void addNeighbourCommand(CLI::App& app) {
       ->delimiter(',');
   command->add_option("--reference", options.reference,
                       "Module that keeps its place (default: the chain's middle stays put, drift spread to both ends)");
-  command->add_option("--levels", options.levels, "Most pyramid levels the alignment may use")
-      ->check(CLI::Range(1, 30))
+  command->add_option("--levels", options.levels, "Most pyramid levels the alignment may use (1..30)")
       ->capture_default_str();
-  command->add_option("--iterations", options.iterations, "Alignment steps on each level")
-      ->check(CLI::Range(1, 1000))
+  command->add_option("--iterations", options.iterations, "Alignment steps on each level (1..1000)")
       ->capture_default_str();
   command->add_option("--step", options.step, "Factor each alignment update is scaled by (0 < S <= 2)")
-      ->check(CLI::Range(0.001f, 2.0f))
       ->capture_default_str();
   command->add_option("--out", options.out, "Where to write the corrected camera file")->required();
   command->add_flag("--json", options.json, "Print each pair's record as one JSON object on the last line");

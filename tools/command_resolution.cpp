@@ -7,6 +7,7 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 
@@ -27,8 +28,8 @@ void addResolutionCommand(CLI::App& app) {
   cmd->callback([] {
     JsonOutput output(json);
     if (!annotated.empty()) checkOutputFile(annotated, {path}, "--annotated");
-    if (!(realX > 0) || !(realY > 0) || !std::isfinite(realX) || !std::isfinite(realY)) {
-      throw CommandError("--real-x and --real-y must be positive lengths in metres");
+    if (const auto valid = GeometryCalibration::ResolutionOptions{realX, realY, minBlobArea}.validate(); !valid) {
+      throw CommandError("resolution: " + valid.error() + " (--real-x, --real-y, --min-blob-area)");
     }
     auto image = Image::loadImage(path);
     if (!image) throw CommandError(image.error());

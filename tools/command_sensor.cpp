@@ -24,6 +24,7 @@
 #include "json_output.h"
 #include "lens_circle_check.h"
 #include "orbivane/camera/camera_file.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/simulated_camera.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
@@ -210,6 +211,9 @@ void write() {
 }
 
 void centre() {
+  if (const auto valid = GeometryCalibration::FisheyeOptions{args().threshold}.validate(); !valid) {
+    throw CommandError("fisheye centring: " + valid.error());
+  }
   auto camera = openCamera();
   const auto before = camera->module(args().module).value().window;
   auto picture = camera->capture(args().module);
@@ -362,9 +366,7 @@ void addSensorCommand(CLI::App& app) {
   p->add_flag("--json", a.json, "Print one JSON object");
   p->callback([] { JsonOutput output(args().json); capture(); });
   CLI::App* f = withStateAndModule(sensor, "centre", "Centre the lens circle in the sensor window");
-  f->add_option("--threshold", a.threshold, "Grey threshold of the lens circle (0..255)")
-      ->check(CLI::Range(0, 255))
-      ->capture_default_str();
+  f->add_option("--threshold", a.threshold, "Grey threshold of the lens circle (0..255)")->capture_default_str();
   f->add_flag("--json", a.json, "Print one JSON object");
   f->callback([] { JsonOutput output(args().json); centre(); });
   CLI::App* b = withStateAndModule(sensor, "restore", "Put the window back where centre found it");

@@ -39,6 +39,7 @@
 #include "orbivane/logging/logger_configuration.h"
 
 #include "orbivane/geometry_calibration/adv_step_info.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/geometry_calibration_inferface.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"

@@ -11,6 +11,7 @@
 #include <pybind11/stl.h>
 
 #include "bindings.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
@@ -41,8 +42,16 @@ struct PyMatchToTarget {
 
 struct PyNeighbourNeighbour {
   PyNeighbourNeighbour(const Orbivane& camera, const py::dict& pictures, int levels, int iterations, float step)
-      : impl(std::make_unique<NeighbourNeighbour>(camera, picturesFromDict(pictures), levels, iterations, step)) {
+      : impl(checked(camera, pictures, levels, iterations, step)) {
     impl->registerStatusCallback(relay.callback());
+  }
+  // The stitcher, its settings checked by the library's own rules first.
+  static std::unique_ptr<NeighbourNeighbour> checked(const Orbivane& camera, const py::dict& pictures, int levels,
+                                                     int iterations, float step) {
+    if (const auto valid = GeometryCalibration::NeighbourOptions{levels, iterations, step}.validate(); !valid) {
+      throw py::value_error(valid.error());
+    }
+    return std::make_unique<NeighbourNeighbour>(camera, picturesFromDict(pictures), levels, iterations, step);
   }
   std::unique_ptr<NeighbourNeighbour> impl;
   CallbackRelay relay;
@@ -135,7 +144,9 @@ void registerMatchToTarget(py::module_& m) {
       .def(
           "set_calibration_mode",
           [](PyMatchToTarget& self, int mode) {
-            if (mode < 0 || mode > 3) throw py::value_error("calibration mode must be 0, 1, 2 or 3");
+            GeometryCalibration::MatchOptions settings;
+            settings.mode = mode;
+            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
             self.impl->setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(mode));
           },
           py::arg("mode"))
@@ -356,7 +367,9 @@ void registerAutoClipping(py::module_& m) {
       .def(
           "config_geometry",
           [](PyAutoClipping& self, bool requireOverlap, bool keepAspect, float threshold) {
-            if (!(threshold > 0.0f && threshold <= 1.0f)) throw py::value_error("threshold must lie in (0, 1]");
+            GeometryCalibration::ClippingOptions settings;
+            settings.threshold = threshold;
+            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
             return self.impl->config(requireOverlap, keepAspect, threshold);
           },
           py::arg("require_overlap") = false, py::arg("keep_aspect") = false, py::arg("threshold") = 0.5f,

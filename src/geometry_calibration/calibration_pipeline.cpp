@@ -11,6 +11,7 @@
 #include <opencv2/video/tracking.hpp>
 
 #include "logging/logger_setup.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
@@ -162,9 +163,15 @@ std::string PipelineOptions::validate() const {
                            std::find(steps.begin(), steps.end(), "shader") != steps.end();
   if (needsTarget && target.empty()) return "the match and shader steps need a target module";
   if (matchMode < 0 || matchMode > 3) return "the match mode is 0, 1, 2 or 3, not " + std::to_string(matchMode);
-  if (levels < 1 || iterations < 1 || !(step > 0.0f) || !std::isfinite(step))
-    return "neighbour stitching needs levels >= 1, iterations >= 1 and a step above 0";
-  if (!(clipThreshold > 0.0f) || clipThreshold > 1.0f) return "the clipping threshold lies in (0, 1]";
+  if (const auto valid = NeighbourOptions{levels, iterations, step}.validate(); !valid) {
+    return "neighbour stitching: " + valid.error();
+  }
+  ClippingOptions clip;
+  clip.requireOverlap = requireOverlap;
+  clip.keepAspect = keepAspect;
+  clip.threshold = clipThreshold;
+  clip.noHoles = clipNoHoles;
+  if (const auto valid = clip.validate(); !valid) return "clipping: " + valid.error();
   return std::string();
 }
 
