@@ -16,6 +16,7 @@
 
 #include "platform/video_frame_reader.h"
 #include "orbivane/utils/atomic_file.h"
+#include "utils/json_path.h"
 
 namespace Quarn {
 
@@ -217,6 +218,9 @@ Utils::ReturnState<RecordingsIndex, std::string> parseRecordingsIndex(const std:
     const std::size_t bracket = what.find("] ");
     if (bracket != std::string::npos) what = what.substr(bracket + 2);
     return Utils::failure("recordings index '" + source + "': not valid JSON: " + what);
+  } catch (const json::exception&) {
+    return Utils::failure("recordings index '" + source + "': at " + Utils::jsonPathWhereParsingStops(text) +
+                          ": a number too large to be held");
   }
   try {
     RecordingsIndex index = parseIndex(root, baseDirectory);

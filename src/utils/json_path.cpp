@@ -1,0 +1,76 @@
+// Where a JSON parse stops; see json_path.h.
+#include "utils/json_path.h"
+
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace Utils {
+namespace {
+
+using json = nlohmann::json;
+
+// Follows where a SAX parse is in the document, so that a number the parser
+// cannot hold (1e400) is reported with its JSON path.
+class PathTracker : public nlohmann::json_sax<json> {
+ public:
+  std::string path() const {
+    std::string out;
+    for (const Level& level : stack_) {
+      out += "/" + (level.array ? std::to_string(level.index) : level.key);
+    }
+    return out.empty() ? "/" : out;
+  }
+  bool null() override { return value(); }
+  bool boolean(bool) override { return value(); }
+  bool number_integer(number_integer_t) override { return value(); }
+  bool number_unsigned(number_unsigned_t) override { return value(); }
+  bool number_float(number_float_t, const string_t&) override { return value(); }
+  bool string(string_t&) override { return value(); }
+  bool binary(binary_t&) override { return value(); }
+  bool start_object(std::size_t) override {
+    stack_.push_back({false, 0, std::string()});
+    return true;
+  }
+  bool key(string_t& key) override {
+    stack_.back().key = key;
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override {
+    stack_.push_back({true, 0, std::string()});
+    return true;
+  }
+  bool end_array() override { return close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+ private:
+  struct Level {
+    bool array;
+    std::size_t index;
+    std::string key;
+  };
+  bool value() {
+    if (!stack_.empty() && stack_.back().array) ++stack_.back().index;
+    return true;
+  }
+  bool close() {
+    stack_.pop_back();
+    return value();
+  }
+  std::vector<Level> stack_;
+};
+
+
+}  // namespace
+
+std::string jsonPathWhereParsingStops(const std::string& text) {
+  PathTracker tracker;
+  try {
+    json::sax_parse(text, &tracker);
+  } catch (const json::exception&) {
+  }
+  return tracker.path();
+}
+
+}  // namespace Utils
