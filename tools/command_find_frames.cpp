@@ -2,6 +2,7 @@
 // index, a moment without persons that is sharp and well exposed, writes the
 // pictures (DIR/<module>.png) and a camera file DIR/camera.json whose modules
 // carry them and connect to the index.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -43,6 +44,8 @@ struct FindOptions {
   int samples = 24;
   int moments = 1;
   double maxMotion = 0.002;
+  double maxForeground = 0.02;
+  int smallestPerson = 60;
   std::string out;
   bool json = false;
 };
@@ -60,6 +63,26 @@ std::string fileNameFor(const std::string& module) {
   return name;
 }
 
+// The foreground of a frame: null when it was not measured.
+nlohmann::json foregroundJson(const OrbivaneCalibration::SmartFinderFrame& f) {
+  if (!f.foregroundMeasured) return nullptr;
+  const cv::Rect& b = f.foregroundBox;
+  return {{"share", f.foreground},
+          {"largestBlob", f.foregroundBlob},
+          {"largestBlobBox", {b.x, b.y, b.width, b.height}},
+          {"personBlobs", f.foregroundPersons},
+          {"noiseLevel", f.noiseLevel}};
+}
+
+// One sampled frame for --json.
+nlohmann::json sampleJson(const OrbivaneCalibration::SmartFinderFrame& f) {
+  nlohmann::json boxes = nlohmann::json::array();
+  for (const cv::Rect& b : f.personBoxes) boxes.push_back({b.x, b.y, b.width, b.height});
+  return {{"time", f.timeMs},   {"frame", f.frame},         {"persons", f.persons},
+          {"personBoxes", boxes}, {"blur", f.blur},         {"motion", f.motion},
+          {"exposure", f.exposure}, {"foreground", foregroundJson(f)}, {"free", f.isFree}};
+}
+
 void runFind(const FindOptions& options) {
   JsonOutput output(options.json);
   auto index = Quarn::loadRecordingsIndex(options.recordings);
@@ -74,6 +97,8 @@ void runFind(const FindOptions& options) {
   finderOptions.samples = options.samples;
   finderOptions.momentsPerModule = options.moments;
   finderOptions.maxMotion = options.maxMotion;
+  finderOptions.maxForeground = options.maxForeground;
+  finderOptions.smallestPersonHeight = options.smallestPerson;
   auto kind = OrbivaneCalibration::parsePersonDetectorKind(options.detector);
   if (!kind) throw CommandError("--detector: " + kind.error());
   finderOptions.detector.kind = kind.value();
@@ -119,6 +144,7 @@ void runFind(const FindOptions& options) {
   if (!found) throw CommandError(found.error());
 
   nlohmann::json frames = nlohmann::json::object();
+  auto sampled = finder.samples();
   CameraDescription::Orbivane result = camera;
   for (const auto& [name, moments] : found.value()) {
     if (moments.empty() || !moments.front().picture) continue;
@@ -131,14 +157,26 @@ void runFind(const FindOptions& options) {
     const auto module = result.findModule(name);
     module->setImage(best.picture);
     module->setImagePath(staged.file(fileName));
+    const std::vector<OrbivaneCalibration::SmartFinderFrame>& samples = sampled[name];
+    const auto freeFrames = std::count_if(samples.begin(), samples.end(), [](const auto& f) { return f.isFree; });
     std::cout << utf8 << ": " << Quarn::formatTimestamp(best.timeMs) << " persons " << best.persons << " blur "
-              << best.blur << " exposure " << best.exposure << " motion " << best.motion
-              << (best.builtBackground ? " (built background from " + std::to_string(best.framesUsed) + " frames)"
-                                       : std::string())
-              << "\n";
+              << best.blur << " exposure " << best.exposure << " motion " << best.motion;
+    if (best.foregroundMeasured) {
+      std::cout << " foreground " << best.foreground << " largest blob " << best.foregroundBlob << " px";
+    }
+    std::cout << " (" << freeFrames << " of " << samples.size() << " sampled frames free)";
+    if (best.builtBackground) {
+      std::cout << " no free frame: built background from " << best.framesUsed << " frames";
+    }
+    std::cout << "\n";
+    nlohmann::json sampleList = nlohmann::json::array();
+    for (const auto& f : samples) sampleList.push_back(sampleJson(f));
     nlohmann::json more = nlohmann::json::array();
     for (std::size_t i = 1; i < moments.size(); ++i) {
-      more.push_back({{"time", moments[i].timeMs}, {"persons", moments[i].persons}, {"blur", moments[i].blur}});
+      more.push_back({{"time", moments[i].timeMs},
+                      {"persons", moments[i].persons},
+                      {"blur", moments[i].blur},
+                      {"foreground", foregroundJson(moments[i])}});
     }
     frames[utf8] = {{"time", best.timeMs},
                     {"timeText", Quarn::formatTimestamp(best.timeMs)},
@@ -146,13 +184,16 @@ void runFind(const FindOptions& options) {
                     {"blur", best.blur},
                     {"exposure", best.exposure},
                     {"motion", best.motion},
+                    {"foreground", foregroundJson(best)},
+                    {"freeFrames", freeFrames},
                     {"brightness", best.brightness},
                     {"background", best.builtBackground},
                     {"framesUsed", best.framesUsed},
                     {"track", best.track},
                     {"frame", best.frame},
                     {"picture", picturePath},
-                    {"more", more}};
+                    {"more", more},
+                    {"samples", sampleList}};
   }
   // A module without a picture (a missing or unreadable video, say) fails
   // the run: nothing is put in place, an earlier run's output stays whole.
@@ -205,6 +246,14 @@ void addFindFramesCommand(CLI::App& app) {
   command->add_option("--max-motion", options.maxMotion,
                       "Largest share of moving pixels of a still frame (0..1; 1 accepts any motion)")
       ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  command->add_option("--max-foreground", options.maxForeground,
+                      "Largest share of a free frame's pixels that may differ from the empty scene (0..1)")
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  command->add_option("--smallest-person", options.smallestPerson,
+                      "Height in pixels of the smallest person a blob of foreground stands for")
+      ->check(CLI::Range(8, 2000))
       ->capture_default_str();
   command->add_option("--out", options.out, "Folder for the pictures and camera.json")->required();
   command->add_flag("--json", options.json, "Print the chosen frames as one JSON object on the last line");

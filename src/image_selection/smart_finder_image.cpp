@@ -9,7 +9,9 @@
 #include <set>
 
 #include <opencv2/core.hpp>
+#include <spdlog/logger.h>
 
+#include "image_selection/background_model.h"
 #include "image_selection/smart_finder_scoring.h"
 #include "logging/logger_setup.h"
 #include "orbivane/blur_detection/estimate_blur.h"
@@ -30,7 +32,8 @@ struct ModulePlan {
   std::wstring name;
   std::shared_ptr<const CameraDescription::OrbivaneModule> module;
   std::unique_ptr<ImageSource::RecordingImageSource> source;
-  std::vector<std::int64_t> times;
+  std::vector<std::int64_t> times;       // the samples
+  std::vector<std::int64_t> modelTimes;  // further frames read for the background model only
 };
 
 }  // namespace
@@ -59,6 +62,12 @@ Utils::ReturnState<bool, std::string> SmartFinderOptions::validate() const {
   }
   if (!std::isfinite(maxMotion) || maxMotion < 0 || maxMotion > 1) {
     return Utils::failure("the largest motion share must lie in 0..1");
+  }
+  if (!std::isfinite(maxForeground) || maxForeground < 0 || maxForeground > 1) {
+    return Utils::failure("the largest foreground share must lie in 0..1");
+  }
+  if (smallestPersonHeight < 8 || smallestPersonHeight > 2000) {
+    return Utils::failure("the smallest person height must be from 8 to 2000 pixels");
   }
   return true;
 }
@@ -123,6 +132,316 @@ std::vector<std::int64_t> sampleTimes(const SmartFinderOptions& o, std::int64_t 
   }
   return times;
 }
+
+// `count` indices spread evenly over [0, size) (all of them when size <= count).
+std::vector<std::size_t> spreadIndices(std::size_t size, std::size_t count) {
+  std::vector<std::size_t> indices;
+  if (size <= count) {
+    for (std::size_t i = 0; i < size; ++i) indices.push_back(i);
+    return indices;
+  }
+  for (std::size_t i = 0; i < count; ++i) indices.push_back((2 * i + 1) * size / (2 * count));
+  return indices;
+}
+
+// Times for the background model besides the samples: while there are
+// fewer than backgroundFrames, the middles of the longest gaps between the
+// times so far and the window's ends [from, to) are added (of several equal
+// gaps, an even spread of them), kept when a recording covers them, so the
+// model's frames spread over the whole window.
+std::vector<std::int64_t> modelTimes(const SmartFinderOptions& o, std::int64_t from, std::int64_t to,
+                                     const std::vector<Quarn::SearchInfo>& recordings,
+                                     const std::vector<std::int64_t>& samples) {
+  std::vector<std::int64_t> points{from};
+  for (const std::int64_t t : samples) {
+    if (t > from && t < to) points.push_back(t);
+  }
+  points.push_back(to);
+  std::sort(points.begin(), points.end());
+  std::vector<std::int64_t> extra;
+  std::size_t missing =
+      samples.size() < static_cast<std::size_t>(o.backgroundFrames) ? o.backgroundFrames - samples.size() : 0;
+  while (missing > 0) {
+    std::int64_t widest = 0;
+    for (std::size_t i = 0; i + 1 < points.size(); ++i) widest = std::max(widest, points[i + 1] - points[i]);
+    if (widest < 2) break;
+    std::vector<std::size_t> gaps;  // those as wide as the widest
+    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+      if (points[i + 1] - points[i] == widest) gaps.push_back(i);
+    }
+    std::vector<std::int64_t> middles;
+    for (std::size_t k : spreadIndices(gaps.size(), missing)) middles.push_back(points[gaps[k]] + widest / 2);
+    missing -= middles.size();
+    for (const std::int64_t middle : middles) {
+      const bool covered = std::any_of(recordings.begin(), recordings.end(), [middle](const Quarn::SearchInfo& r) {
+        return r.startMs <= middle && middle < r.endMs;
+      });
+      if (covered) extra.push_back(middle);
+    }
+    points.insert(points.end(), middles.begin(), middles.end());
+    std::sort(points.begin(), points.end());
+  }
+  return extra;
+}
+
+// One frame of a module's recordings.
+struct ReadFrame {
+  ImageSource::RecordingImageSource::Position position;
+  std::shared_ptr<Image::UniversalImageInterface> picture;
+  cv::Mat mat;  // BGR, sharing the picture's pixels
+};
+
+Utils::ReturnState<ReadFrame, std::string> readFrame(ImageSource::RecordingImageSource& source,
+                                                     const std::wstring& module, std::int64_t timeMs) {
+  auto sought = source.seekToAbsolutePosition(timeMs);
+  if (!sought) return Utils::failure(sought.error());
+  auto position = source.position(module);
+  if (!position) return Utils::failure(position.error());
+  auto images = source.getImages();
+  if (!images) return Utils::failure(images.error());
+  ReadFrame frame;
+  frame.position = position.value();
+  frame.picture = images.value().at(module);
+  frame.mat = Image::toMat(frame.picture);
+  return frame;
+}
+
+// Reads and measures one module's frames, and keeps what the background
+// model and a built background need.
+class ModuleSearch {
+ public:
+  ModuleSearch(ModulePlan& plan, const SmartFinderOptions& options, PersonDetector& detector, spdlog::logger& logger)
+      : plan_(plan), options_(options), detector_(detector), logger_(logger), name_(Utils::toUtf8(plan.name)) {}
+
+  // Reads and measures the sampled frame at `t`. An error text when the
+  // recording cannot be read or measuring fails; a frame read before is skipped.
+  std::string sample(std::int64_t t) {
+    auto read = readFrame(*plan_.source, plan_.name, t);
+    if (!read) return read.error();
+    const ReadFrame& frame = read.value();
+    const FrameKey key{frame.position.recording.track, frame.position.frame};
+    if (sampled_.count(key) != 0) return {};  // the same frame again
+    sampled_.insert(key);
+    const auto asModelFrame = modelFrames_.find(key);
+    if (asModelFrame != modelFrames_.end()) {
+      // Read before for the model only: it takes part as this sample now.
+      modelThumbnails_[asModelFrame->second].release();
+      modelFrames_.erase(asModelFrame);
+    } else {
+      noteRead(frame);
+    }
+    SmartFinderFrame sample;
+    sample.module = plan_.name;
+    sample.timeMs = frame.position.frameStartMs;
+    sample.track = frame.position.recording.track;
+    sample.frame = frame.position.frame;
+    try {
+      const auto persons = detector_.detect(frame.mat);
+      sample.persons = static_cast<int>(persons.size());
+      for (const auto& p : persons) sample.personBoxes.push_back(p.box);
+      sample.blur = BlurDetection::estimateBlur(frame.picture, plan_.module->rotation());
+    } catch (const std::exception& e) {
+      return std::string("measuring the frame at ") + Quarn::formatTimestamp(t) + " failed: " + e.what();
+    }
+    const ExposureMeasure exposure = measureExposure(frame.mat);
+    sample.brightness = exposure.brightness;
+    sample.clipped = exposure.clipped;
+    sample.exposure = exposure.exposure;
+    sampleThumbnails_.push_back(BackgroundModel::thumbnail(frame.mat, factor_));
+    sample.motion = motionAround(frame);
+    samples_.push_back(std::move(sample));
+    return {};
+  }
+
+  // Reads the frame at `t` for the background model only; a frame that
+  // cannot be read is left out.
+  std::string readForModel(std::int64_t t) {
+    auto read = readFrame(*plan_.source, plan_.name, t);
+    if (!read) {
+      logger_.debug("Module {}: no model frame at {}: {}", name_, Quarn::formatTimestamp(t), read.error());
+      return {};
+    }
+    const ReadFrame& frame = read.value();
+    const FrameKey key{frame.position.recording.track, frame.position.frame};
+    if (sampled_.count(key) != 0 || modelFrames_.count(key) != 0) return {};
+    noteRead(frame);
+    modelFrames_[key] = modelThumbnails_.size();
+    modelThumbnails_.push_back(BackgroundModel::thumbnail(frame.mat, factor_));
+    return {};
+  }
+
+  // Builds the background model from the frames read and measures every
+  // sample's foreground against it.
+  void measureForeground() {
+    std::vector<cv::Mat> frames;
+    const std::size_t wanted = static_cast<std::size_t>(options_.backgroundFrames);
+    if (sampleThumbnails_.size() >= wanted) {
+      for (std::size_t i : spreadIndices(sampleThumbnails_.size(), wanted)) frames.push_back(sampleThumbnails_[i]);
+    } else {
+      frames = sampleThumbnails_;
+      frames.insert(frames.end(), modelThumbnails_.begin(), modelThumbnails_.end());
+    }
+    // Frames of another size than the first (or left to a sample) take no part.
+    const cv::Size size = thumbnailSize();
+    frames.erase(std::remove_if(frames.begin(), frames.end(), [&](const cv::Mat& f) { return f.size() != size; }),
+                 frames.end());
+    if (frames.size() < 3) {
+      logger_.info("Module {}: {} frames are too few for a background model; the foreground is not measured", name_,
+                   frames.size());
+    } else {
+      try {
+        model_ = std::make_unique<BackgroundModel>(frames, factor_, pictureSize_);
+        usualPlaces_ = usualPersonPlaces();
+        logger_.info("Module {}: background model from {} frames, reduced by {}; people stand in {:.1f} % of the "
+                     "picture in most samples",
+                     name_, frames.size(), factor_, 100.0 * cv::countNonZero(usualPlaces_) / usualPlaces_.total());
+      } catch (const std::exception& e) {
+        logger_.error("Module {}: no background model: {}; the foreground is not measured", name_, e.what());
+        model_.reset();
+      }
+    }
+    for (std::size_t i = 0; i < samples_.size(); ++i) {
+      applyForeground(samples_[i], sampleThumbnails_[i]);
+      const SmartFinderFrame& f = samples_[i];
+      logger_.debug("Module {} at {}: {} persons, blur {}, brightness {:.1f}, motion {:.5f}, foreground {:.5f}, "
+                    "largest blob {} px",
+                    name_, Quarn::formatTimestamp(f.timeMs), f.persons, f.blur, f.brightness, f.motion, f.foreground,
+                    f.foregroundBlob);
+    }
+  }
+
+  std::vector<SmartFinderFrame> takeSamples() { return std::move(samples_); }
+
+  // A clean background: the temporal median of up to backgroundFrames of
+  // the frames read, spread evenly and read again at full size.
+  Utils::ReturnState<SmartFinderFrame, std::string> buildBackground(const std::vector<SmartFinderFrame>& samples) {
+    std::vector<cv::Mat> frames;
+    std::vector<std::int64_t> times;
+    std::string track;
+    std::sort(readTimes_.begin(), readTimes_.end());
+    const auto indices = spreadIndices(readTimes_.size(), static_cast<std::size_t>(options_.backgroundFrames));
+    for (std::size_t k = 0; k < indices.size(); ++k) {
+      auto read = readFrame(*plan_.source, plan_.name, readTimes_[indices[k]]);
+      if (!read || read.value().mat.size() != pictureSize_) continue;
+      frames.push_back(read.value().mat.clone());
+      times.push_back(read.value().position.frameStartMs);
+      if (k == indices.size() / 2 || track.empty()) track = read.value().position.recording.track;
+    }
+    if (frames.size() < 3) {
+      return Utils::failure(std::string(
+          "every sampled frame shows persons and too few frames were read to build a background"));
+    }
+    SmartFinderFrame background;
+    background.module = plan_.name;
+    background.builtBackground = true;
+    background.framesUsed = static_cast<int>(frames.size());
+    background.timeMs = times[times.size() / 2];
+    background.track = track;
+    const cv::Mat median = temporalMedian(frames);
+    background.picture = Image::fromMat(median);
+    try {
+      const auto persons = detector_.detect(median);
+      background.persons = static_cast<int>(persons.size());
+      for (const auto& p : persons) background.personBoxes.push_back(p.box);
+      background.blur = BlurDetection::estimateBlur(background.picture, plan_.module->rotation());
+    } catch (const std::exception& e) {
+      logger_.error("Module {}: measuring the built background failed: {}", name_, e.what());
+    }
+    const ExposureMeasure exposure = measureExposure(median);
+    background.brightness = exposure.brightness;
+    background.clipped = exposure.clipped;
+    background.exposure = exposure.exposure;
+    applyForeground(background, BackgroundModel::thumbnail(median, factor_));
+    double largestBlur = background.blur;
+    for (const auto& sample : samples) largestBlur = std::max(largestBlur, sample.blur);
+    background.score = options_.blurWeight * (largestBlur > 0 ? background.blur / largestBlur : 0.0) +
+                       options_.exposureWeight * background.exposure;
+    background.isFree = frameIsFree(background, options_);
+    return background;
+  }
+
+ private:
+  using FrameKey = std::pair<std::string, int>;  // track, frame index
+
+  // Notes a frame read for the first time. The first frame fixes the
+  // thumbnails' reduction.
+  void noteRead(const ReadFrame& frame) {
+    if (factor_ == 0) {
+      pictureSize_ = frame.mat.size();
+      factor_ = BackgroundModel::thumbnailFactor(pictureSize_, options_.smallestPersonHeight,
+                                                 plan_.times.size() + plan_.modelTimes.size());
+    }
+    readTimes_.push_back(frame.position.frameStartMs);
+  }
+
+  cv::Size thumbnailSize() const {
+    return BackgroundModel::thumbnail(cv::Mat(pictureSize_, CV_8UC3, cv::Scalar::all(0)), factor_).size();
+  }
+
+  // Motion against a frame a little later (earlier at a recording's end).
+  double motionAround(const ReadFrame& frame) {
+    const std::int64_t gapMs = static_cast<std::int64_t>(std::llround(options_.motionGapSeconds * 1000.0));
+    for (const std::int64_t other : {frame.position.frameStartMs + gapMs, frame.position.frameStartMs - gapMs}) {
+      auto read = readFrame(*plan_.source, plan_.name, other);
+      if (!read) continue;
+      const auto& p = read.value().position;
+      if (p.frame == frame.position.frame && p.recording.track == frame.position.recording.track) continue;
+      return measureMotion(frame.mat, read.value().mat);
+    }
+    return 0.0;
+  }
+
+  // Where the detector finds someone in at least half of the samples (and
+  // in two at least): people who stay there most of the time, so the median
+  // shows them and a frame without them differs there. Such places (boxes
+  // grown by a quarter, on the thumbnail) are judged by the detector alone.
+  cv::Mat usualPersonPlaces() const {
+    const cv::Size size = model_->model().size();
+    cv::Mat count(size, CV_16UC1, cv::Scalar(0));
+    for (const auto& sample : samples_) {
+      cv::Mat covered(size, CV_8UC1, cv::Scalar(0));
+      for (const cv::Rect& b : sample.personBoxes) {
+        const cv::Rect grown(b.x - b.width / 4, b.y - b.height / 4, b.width + b.width / 2, b.height + b.height / 2);
+        const cv::Rect onThumbnail(cv::Point(grown.x / factor_, grown.y / factor_),
+                                   cv::Point((grown.x + grown.width + factor_ - 1) / factor_,
+                                             (grown.y + grown.height + factor_ - 1) / factor_));
+        covered(onThumbnail & cv::Rect(0, 0, size.width, size.height)).setTo(1);
+      }
+      cv::add(count, covered, count, cv::noArray(), CV_16U);
+    }
+    const double most = std::max(2.0, std::ceil(0.5 * static_cast<double>(samples_.size())));
+    return count >= most;
+  }
+
+  void applyForeground(SmartFinderFrame& frame, const cv::Mat& thumbnail) const {
+    if (!model_) return;
+    // Persons the detector is told to ignore are not looked for in the foreground either.
+    const int height = std::max(options_.smallestPersonHeight, options_.detector.minPersonHeight);
+    const ForegroundMeasure m = model_->measure(thumbnail, height, usualPlaces_);
+    frame.foregroundMeasured = m.measured;
+    frame.foreground = m.share;
+    frame.foregroundBlob = m.largestBlob;
+    frame.foregroundBox = m.largestBlobBox;
+    frame.foregroundPersons = m.personBlobs;
+    frame.noiseLevel = m.noiseLevel;
+  }
+
+  ModulePlan& plan_;
+  const SmartFinderOptions& options_;
+  PersonDetector& detector_;
+  spdlog::logger& logger_;
+  std::string name_;
+  std::set<FrameKey> sampled_;                     // frames measured as samples
+  std::map<FrameKey, std::size_t> modelFrames_;    // frames read for the model only: their thumbnail
+  std::vector<SmartFinderFrame> samples_;
+  std::vector<cv::Mat> sampleThumbnails_;  // one per sample
+  std::vector<cv::Mat> modelThumbnails_;   // of the frames read for the model only (empty: became a sample)
+  std::vector<std::int64_t> readTimes_;    // start of every frame read
+  int factor_ = 0;                         // thumbnail reduction, fixed by the first frame
+  cv::Size pictureSize_;
+  std::unique_ptr<BackgroundModel> model_;
+  cv::Mat usualPlaces_;  // thumbnail pixels where the detector finds someone in most samples
+};
 
 }  // namespace
 
@@ -202,6 +521,8 @@ Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::s
       fail(name, "no sample time of the window falls on one of its recordings");
       continue;
     }
+    plan.modelTimes = modelTimes(options, options.fromMs ? *options.fromMs : first, options.toMs ? *options.toMs : last,
+                                 recordings.value(), plan.times);
     plans.push_back(std::move(plan));
   }
 
@@ -212,83 +533,28 @@ Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::s
   for (auto& plan : plans) {
     if (s.abortFlag) break;
     const std::string name = Utils::toUtf8(plan.name);
-    const int rotation = plan.module->rotation();
-    std::vector<SmartFinderFrame> samples;
-    // Frames kept for a clean background, evenly over the samples, dropped
-    // once a frame without persons turns up.
-    const std::size_t keepEvery =
-        std::max<std::size_t>(1, (plan.times.size() + options.backgroundFrames - 1) / options.backgroundFrames);
-    std::vector<cv::Mat> kept;
-    std::vector<std::int64_t> keptTimes;
-    bool anyFree = false;
-    std::set<std::pair<std::string, int>> frames;
+    ModuleSearch search(plan, options, *detector, *s.logger);
+    // Samples and model frames in time order, so that the recording is read forwards.
+    std::vector<std::pair<std::int64_t, bool>> schedule;  // time, is a sample
+    for (const std::int64_t t : plan.times) schedule.emplace_back(t, true);
+    for (const std::int64_t t : plan.modelTimes) schedule.emplace_back(t, false);
+    std::stable_sort(schedule.begin(), schedule.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     std::string moduleError;
-    for (std::size_t i = 0; i < plan.times.size(); ++i) {
+    for (const auto& [t, isSample] : schedule) {
       if (s.abortFlag) break;
-      const std::int64_t t = plan.times[i];
-      ++step;
-      if (s.callback) {
-        s.callback(step, total, "Sampling Module " + name + " at " + Quarn::formatTimestamp(t),
-                   GeometryCalibration::AdvStepInfo());
-      }
-      auto sought = plan.source->seekToAbsolutePosition(t);
-      if (!sought) {
-        moduleError = sought.error();
-        break;
-      }
-      const auto position = plan.source->position(plan.name).value();
-      if (!frames.insert({position.recording.track, position.frame}).second) continue;  // same frame again
-      auto images = plan.source->getImages();
-      if (!images) {
-        moduleError = images.error();
-        break;
-      }
-      const auto picture = images.value().at(plan.name);
-      const cv::Mat frame = Image::toMat(picture);
-      SmartFinderFrame sample;
-      sample.module = plan.name;
-      sample.timeMs = position.frameStartMs;
-      sample.track = position.recording.track;
-      sample.frame = position.frame;
-      try {
-        const auto persons = detector->detect(frame);
-        sample.persons = static_cast<int>(persons.size());
-        for (const auto& p : persons) sample.personBoxes.push_back(p.box);
-        sample.blur = BlurDetection::estimateBlur(picture, rotation);
-      } catch (const std::exception& e) {
-        moduleError = std::string("measuring the frame at ") + Quarn::formatTimestamp(t) + " failed: " + e.what();
-        break;
-      }
-      const ExposureMeasure exposure = measureExposure(frame);
-      sample.brightness = exposure.brightness;
-      sample.clipped = exposure.clipped;
-      sample.exposure = exposure.exposure;
-      // Motion against a frame a little later (earlier at a recording's end).
-      const std::int64_t gapMs = static_cast<std::int64_t>(std::llround(options.motionGapSeconds * 1000.0));
-      for (const std::int64_t other : {position.frameStartMs + gapMs, position.frameStartMs - gapMs}) {
-        auto moved = plan.source->seekToAbsolutePosition(other);
-        if (!moved) continue;
-        const auto otherPosition = plan.source->position(plan.name).value();
-        if (otherPosition.frame == position.frame && otherPosition.recording.track == position.recording.track) {
-          continue;
+      if (isSample) {
+        ++step;
+        if (s.callback) {
+          s.callback(step, total, "Sampling Module " + name + " at " + Quarn::formatTimestamp(t),
+                     GeometryCalibration::AdvStepInfo());
         }
-        auto otherImages = plan.source->getImages();
-        if (!otherImages) continue;
-        sample.motion = measureMotion(frame, Image::toMat(otherImages.value().at(plan.name)));
-        break;
       }
-      s.logger->debug("Module {} at {}: {} persons, blur {}, brightness {:.1f}, motion {:.5f}", name,
-                      Quarn::formatTimestamp(t), sample.persons, sample.blur, sample.brightness, sample.motion);
-      if (sample.persons == 0 && sample.motion <= options.maxMotion) {
-        anyFree = true;
-        kept.clear();
-        keptTimes.clear();
-      } else if (!anyFree && i % keepEvery == 0) {
-        kept.push_back(frame);
-        keptTimes.push_back(sample.timeMs);
-      }
-      samples.push_back(std::move(sample));
+      moduleError = isSample ? search.sample(t) : search.readForModel(t);
+      if (!moduleError.empty()) break;
     }
+    search.measureForeground();
+    std::vector<SmartFinderFrame> samples = search.takeSamples();
     if (!moduleError.empty() && samples.empty()) {
       fail(plan.name, moduleError);
       continue;
@@ -299,50 +565,28 @@ Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::s
     const auto picked = pickMoments(samples, options);
     for (std::size_t index : picked) {
       SmartFinderFrame moment = samples[index];
-      auto sought = plan.source->seekToAbsolutePosition(moment.timeMs);
-      auto images = sought ? plan.source->getImages()
-                           : Utils::ReturnState<std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>,
-                                                std::string>(Utils::failure(sought.error()));
-      if (!images) {
-        s.logger->error("Module {}: cannot read the chosen frame again: {}", name, images.error());
+      auto frame = readFrame(*plan.source, plan.name, moment.timeMs);
+      if (!frame) {
+        s.logger->error("Module {}: cannot read the chosen frame again: {}", name, frame.error());
         continue;
       }
-      moment.picture = images.value().at(plan.name);
+      moment.picture = frame.value().picture;
       chosen.push_back(std::move(moment));
     }
-    if (picked.empty() && kept.size() >= 3) {
-      // No frame without persons: build the background behind them.
-      SmartFinderFrame background;
-      background.module = plan.name;
-      background.builtBackground = true;
-      background.framesUsed = static_cast<int>(kept.size());
-      background.timeMs = keptTimes[keptTimes.size() / 2];
-      background.track = samples.empty() ? std::string() : samples[samples.size() / 2].track;
-      const cv::Mat median = temporalMedian(kept);
-      background.picture = Image::fromMat(median);
-      try {
-        const auto persons = detector->detect(median);
-        background.persons = static_cast<int>(persons.size());
-        for (const auto& p : persons) background.personBoxes.push_back(p.box);
-        background.blur = BlurDetection::estimateBlur(background.picture, rotation);
-      } catch (const std::exception& e) {
-        s.logger->error("Module {}: measuring the built background failed: {}", name, e.what());
-      }
-      const ExposureMeasure exposure = measureExposure(median);
-      background.brightness = exposure.brightness;
-      background.clipped = exposure.clipped;
-      background.exposure = exposure.exposure;
-      double largestBlur = background.blur;
-      for (const auto& sample : samples) largestBlur = std::max(largestBlur, sample.blur);
-      background.score = options.blurWeight * (largestBlur > 0 ? background.blur / largestBlur : 0.0) +
-                         options.exposureWeight * background.exposure;
-      const std::string line = "Module " + name + " has no frame without persons; built a background from " +
-                               std::to_string(kept.size()) + " frames";
-      s.logger->warn("{}", line);
-      if (s.callback) s.callback(step, total, line, GeometryCalibration::AdvStepInfo());
-      chosen.push_back(std::move(background));
+    if (picked.empty() && s.abortFlag) {
+      fail(plan.name, "the search was stopped before a frame without persons was found");
     } else if (picked.empty()) {
-      fail(plan.name, "every sampled frame shows persons and too few frames were sampled to build a background");
+      // No free frame: build the background behind the people.
+      auto background = search.buildBackground(samples);
+      if (background) {
+        const std::string line = "Module " + name + " has no frame without persons; built a background from " +
+                                 std::to_string(background.value().framesUsed) + " frames";
+        s.logger->warn("{}", line);
+        if (s.callback) s.callback(step, total, line, GeometryCalibration::AdvStepInfo());
+        chosen.push_back(std::move(background).value());
+      } else {
+        fail(plan.name, background.error());
+      }
     }
     for (auto& sample : samples) sample.picture.reset();
     std::lock_guard<std::mutex> lock(s.mutex);

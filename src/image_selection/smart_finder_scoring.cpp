@@ -1,4 +1,4 @@
-// Exposure, temporal median and the picking rule of the frame finder.
+// Exposure, motion, temporal median and the picking rule of the frame finder.
 #include "image_selection/smart_finder_scoring.h"
 
 #include <algorithm>
@@ -88,12 +88,19 @@ double measureMotion(const cv::Mat& frame, const cv::Mat& other) {
   return double(cv::countNonZero(difference > 35)) / double(difference.total());
 }
 
+bool frameIsFree(const SmartFinderFrame& frame, const SmartFinderOptions& options) {
+  if (frame.persons > 0 || frame.motion > options.maxMotion) return false;
+  if (!frame.foregroundMeasured) return true;
+  return frame.foreground <= options.maxForeground && frame.foregroundPersons == 0;
+}
+
 std::vector<std::size_t> pickMoments(std::vector<SmartFinderFrame>& samples, const SmartFinderOptions& options) {
   double largestBlur = 0.0;
   for (const auto& s : samples) largestBlur = std::max(largestBlur, s.blur);
   for (auto& s : samples) {
     const double sharpness = largestBlur > 0 ? s.blur / largestBlur : 0.0;
     s.score = options.blurWeight * sharpness + options.exposureWeight * s.exposure;
+    s.isFree = frameIsFree(s, options);
   }
   std::vector<std::size_t> order(samples.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
@@ -103,7 +110,7 @@ std::vector<std::size_t> pickMoments(std::vector<SmartFinderFrame>& samples, con
   std::vector<std::size_t> chosen;
   for (std::size_t i : order) {
     if (static_cast<int>(chosen.size()) >= options.momentsPerModule) break;
-    if (samples[i].persons > 0 || samples[i].motion > options.maxMotion) continue;
+    if (!samples[i].isFree) continue;
     const bool tooClose = std::any_of(chosen.begin(), chosen.end(), [&](std::size_t c) {
       return std::abs(static_cast<double>(samples[c].timeMs - samples[i].timeMs)) < spacingMs;
     });

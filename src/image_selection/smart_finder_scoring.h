@@ -33,10 +33,14 @@ double measureMotion(const cv::Mat& frame, const cv::Mat& other);
 // or type.
 cv::Mat temporalMedian(const std::vector<cv::Mat>& frames);
 
+// Whether a measured frame is free: no person detected, motion at most
+// maxMotion and, when its foreground was measured, at most maxForeground of
+// foreground and no person-sized foreground blob.
+bool frameIsFree(const SmartFinderFrame& frame, const SmartFinderOptions& options);
+
 // Scores the samples (fills `score`: blurWeight x blur / largest blur of the
-// samples + exposureWeight x exposure) and returns the indices of the chosen
-// moments, best first: frames without persons and with motion at most
-// maxMotion only, at most
+// samples + exposureWeight x exposure, and `isFree`) and returns the indices
+// of the chosen moments, best first: free frames only, at most
 // momentsPerModule, each at least minimumSpacingSeconds from those chosen
 // before it. Ties keep the earlier frame.
 std::vector<std::size_t> pickMoments(std::vector<SmartFinderFrame>& samples, const SmartFinderOptions& options);

@@ -214,13 +214,57 @@ TEST_F(HogOnWalkingVideo, MinimumHeightDropsTheSmallerPeople) {
   EXPECT_FALSE(tall.empty());
 }
 
-TEST(PersonDetectorHog, WorkScaleBringsPicturesToAboutSevenHundredFiftyRows) {
+TEST_F(HogOnWalkingVideo, FindsSmallWalkersAndWalkersCutByASide) {
+  auto detector = hog();
+  int small = 0, smallFound = 0, cut = 0, cutFound = 0;
+  for (std::size_t i = 0; i < video_->frames.size(); ++i) {
+    const cv::Mat& picture = video_->frames[i];
+    const std::vector<cv::Rect> blobs = Testing::foregroundBlobs(Testing::foregroundMask(picture, video_->background));
+    const auto found = [](const std::vector<PersonDetection>& detections, const cv::Rect& blob) {
+      return std::any_of(detections.begin(), detections.end(),
+                         [&](const PersonDetection& d) { return Testing::detectionMatchesBlob(d.box, blob); });
+    };
+    if (i % 4 != 0) continue;
+    // Walkers of 55 to 71 px: the search enlarges the picture for 60 px persons.
+    const auto detections = detector->detect(picture);
+    for (const cv::Rect& blob : blobs) {
+      if (!Testing::clearWalker(blob, picture.size(), 55) || blob.height >= 72) continue;
+      ++small;
+      smallFound += found(detections, blob);
+    }
+    // Walkers of 90 px and more, 40 % of their width beyond the left or the right side.
+    for (const cv::Rect& blob : blobs) {
+      if (!Testing::clearWalker(blob, picture.size(), 90) || blob.width > 0.6 * blob.height) continue;
+      const int cutAt = static_cast<int>(0.4 * blob.width);
+      for (const cv::Rect& view : {cv::Rect(blob.x + cutAt, 0, picture.cols - blob.x - cutAt, picture.rows),
+                                   cv::Rect(0, 0, blob.x + blob.width - cutAt, picture.rows)}) {
+        if (view.width < 128) continue;
+        const cv::Rect visible = (blob & view) - view.tl();
+        ++cut;
+        cutFound += found(detector->detect(picture(view).clone()), visible);
+      }
+    }
+  }
+  ASSERT_GE(small, 8);
+  ASSERT_GE(cut, 15);
+  // The search at 750 rows finds 7 of these 10 small walkers; without the
+  // mirrored sides 2 of the 24 cut ones are found.
+  EXPECT_GE(smallFound, 0.8 * small) << smallFound << " of " << small << " small walkers found";
+  EXPECT_GE(cutFound, 0.6 * cut) << cutFound << " of " << cut << " cut walkers found";
+}
+
+TEST(PersonDetectorHog, WorkScaleFitsSixtyPixelPersonsAndSmallPicturesToTheWindow) {
   using OrbivaneCalibration::HogPersonDetector;
-  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(576, 0), 750.0 / 576);
-  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(1080, 0), 1.0);  // never shrunk by default
-  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(120, 0), 3.0);   // at most three times
+  // A 60 px person fills the window's 96 person rows.
+  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(576, 0), 1.6);
+  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(1080, 0), 1.6);
+  // Small pictures are brought to about 750 rows, at most three times.
+  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(432, 0), 750.0 / 432);
+  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(120, 0), 3.0);
+  // A minimum person height caps the enlargement (and may shrink).
   EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(2160, 256), 0.5);
-  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(576, 64), 750.0 / 576);
+  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(576, 100), 1.28);
+  EXPECT_DOUBLE_EQ(HogPersonDetector::workScale(576, 64), 1.6);
 }
 
 TEST(PersonDetectorHog, RefusesEmptyAndUnsupportedPicturesClearly) {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # find-frames end to end: a small recording (a real pedestrian of vtest.avi
 # crossing a photograph for the first part of the clip, then the empty scene)
-# written with Debian's python3-opencv; the chosen frame must be an empty one,
-# its picture must equal that frame, and the camera file must load.
+# written with Debian's python3-opencv; the chosen frame must be an empty one
+# with no foreground, its picture must equal that frame, and the camera file
+# must load.
 set -u
 tool=$1
 data=$2
@@ -51,6 +52,19 @@ assert r["persons"] == 0, r
 assert r["background"] is False, r
 assert r["time"] == start + 3300, r   # frame 33: empty and the sharpest
 assert r["frame"] == 33, r
+# Its foreground against the window's background model is at the noise level;
+# every sampled frame is reported with its verdict, the walker's frames not free.
+fg = r["foreground"]
+assert fg is not None and fg["share"] <= 0.01 and fg["personBlobs"] == 0, fg
+assert len(fg["largestBlobBox"]) == 4 and fg["noiseLevel"] >= 10, fg
+samples = r["samples"]
+assert len(samples) == 14, samples
+assert r["freeFrames"] == sum(s["free"] for s in samples) and r["freeFrames"] >= 4, r["freeFrames"]
+for s in samples:
+    assert s["foreground"] is not None, s
+    assert len(s["personBoxes"]) == s["persons"], s
+    if s["frame"] < 24:
+        assert not s["free"] and s["foreground"]["personBlobs"] >= 1, s
 # The written picture is that frame of the video.
 video = cv2.VideoCapture("front.avi")
 for i in range(34):
@@ -80,6 +94,10 @@ printf '{"format": "orbivane-recordings", "version": 1, "recordings": [{"module"
 grep -q "bad.json.*/recordings/0.*unknown key 'vidoe'" err.txt || fail "malformed index message: $(cat err.txt)"
 "$tool" find-frames rec.json --detector sonar --out o >/dev/null 2>err.txt && fail "an unknown detector must fail"
 grep -q "sonar" err.txt || fail "unknown detector message: $(cat err.txt)"
+"$tool" find-frames rec.json --smallest-person 3 --out o >/dev/null 2>err.txt && fail "a tiny smallest person must fail"
+grep -q -- "--smallest-person" err.txt || fail "smallest person message: $(cat err.txt)"
+"$tool" find-frames rec.json --max-foreground 2 --out o >/dev/null 2>err.txt && fail "a foreground share of 2 must fail"
+grep -q -- "--max-foreground" err.txt || fail "foreground share message: $(cat err.txt)"
 "$tool" find-frames rec.json --from tomorrow --out o >/dev/null 2>err.txt && fail "a bad time must fail"
 grep -q "tomorrow" err.txt || fail "bad time message: $(cat err.txt)"
 "$tool" find-frames rec.json --from 2027-01-01T00:00:00Z --out o >/dev/null 2>err.txt && fail "an empty window must fail"

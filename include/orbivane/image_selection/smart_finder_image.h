@@ -26,16 +26,36 @@
 //     later frame is brought to the same mean grey level. Something
 //     moving that the detector missed (a small or partly hidden walker, a
 //     car) shows there; a still scene gives 0.
-//  4. Among frames without persons and with motion at most `maxMotion`, the score
+//  4. Foreground: the empty scene is learnt from the recording itself, as the
+//     temporal median of `backgroundFrames` frames spread over the window
+//     (the samples; when there are fewer samples, further frames between
+//     them are read for the model only), on colour copies reduced by
+//     smallestPersonHeight / 30 and with every frame's exposure matched to
+//     the model's (see image_selection/background_model.h in the sources).
+//     Each sample's foreground is the share of its pixels that differ from
+//     the model beyond the frame's noise level, and its largest blob of such
+//     pixels. Someone who stands still for a while (and is missed by the
+//     detector and the motion check) differs from the empty scene; a parked
+//     car that never moves does not. Where the detector finds someone in at
+//     least half of the samples (people who stay there most of the window,
+//     so the median shows them), the foreground does not count: a frame
+//     without them differs there, and that place is left to the detector.
+//  5. A frame is free when the detector finds nobody, its motion is at most
+//     `maxMotion`, at most `maxForeground` of its pixels are foreground and
+//     no foreground blob is as large as a person `smallestPersonHeight`
+//     pixels tall (0.08 x height^2 pixels, 0.4 x height high; a
+//     person-sized blob counts even when no detector fires). With fewer than 3 frames for a model the
+//     foreground is not measured and does not count. Among free frames, the score
 //        blurWeight x blur / (largest blur of the module's samples)
 //      + exposureWeight x exposure
 //     picks the best `momentsPerModule` frames, at least `minimumSpacingSeconds`
 //     apart.
-//  5. When no sampled frame is free of persons and still, a clean background is built:
-//     the per-pixel temporal median of up to `backgroundFrames` of the samples
-//     (people that move are outvoted by the background behind them); the
-//     result says so (builtBackground) and the log line "Module {} has no
-//     frame without persons; built a background from {} frames" is written.
+//  6. When no sampled frame is free, a clean background is built: the
+//     per-pixel temporal median of up to `backgroundFrames` of the frames
+//     read, evenly spread and read again at full size (people that move are
+//     outvoted by the background behind them); the result says so
+//     (builtBackground) and the log line "Module {} has no frame without
+//     persons; built a background from {} frames" is written.
 //
 // Progress: one step per sampled frame, text "Sampling Module NAME at TIME".
 // abort() may be called from any thread: the run stops before the next
@@ -77,12 +97,21 @@ struct ORBIVANE_EXPORT SmartFinderOptions {
   double exposureWeight = 1.0;
   int momentsPerModule = 1;           // 1 to 100
   double minimumSpacingSeconds = 0.0; // between moments of one module
-  int backgroundFrames = 25;          // frames the clean background is built from (3 to 200)
+  // Frames the background model, and a clean background when no frame is
+  // free, are built from (3 to 200).
+  int backgroundFrames = 25;
   // Seconds between a frame and the one it is compared with for motion (> 0;
   // at least one frame is skipped), and the largest share of moving pixels
   // of a still frame (0..1; 1 accepts any motion).
   double motionGapSeconds = 0.3;
   double maxMotion = 0.002;
+  // Foreground against the background model (see the file comment): the
+  // largest share of a free frame's pixels that may differ from the empty
+  // scene (0..1), and the height of the smallest person a foreground blob
+  // stands for (pixels of the module's picture, 8 to 2000; a larger
+  // detector.minPersonHeight takes its place).
+  double maxForeground = 0.02;
+  int smallestPersonHeight = 60;
 
   // An error naming the first bad value, or true.
   Utils::ReturnState<bool, std::string> validate() const;
@@ -102,6 +131,13 @@ struct ORBIVANE_EXPORT SmartFinderFrame {
   double clipped = 0.0;            // share of pixels at or below 5 or at or above 250
   double exposure = 0.0;           // 0..1: 1 - |brightness - 128| / 128 - 2 x clipped, at least 0
   double motion = 0.0;             // share of moving pixels (0..1), see the file comment
+  bool foregroundMeasured = false; // compared with the background model (false: too few frames for one)
+  double foreground = 0.0;         // share of pixels that differ from the empty scene (0..1)
+  double foregroundBlob = 0.0;     // area of the largest blob of such pixels, pixels of the picture
+  cv::Rect foregroundBox;          // that blob's bounding box, pixels of the picture
+  int foregroundPersons = 0;       // foreground blobs at least as large as the smallest person
+  double noiseLevel = 0.0;         // levels beyond which a pixel is foreground (reduced picture, largest channel)
+  bool isFree = false;             // no person detected, still, and foreground at the noise level
   double score = 0.0;              // the picking score (see the file comment)
   bool builtBackground = false;    // the picture is a clean background built from several frames
   int framesUsed = 1;              // frames behind the picture
