@@ -516,6 +516,8 @@ OrbivaneCalibration::SmartFinderOptions finderOptionsFrom(const py::dict& d,
   take(d, "background_frames", o.backgroundFrames, used);
   take(d, "motion_gap_seconds", o.motionGapSeconds, used);
   take(d, "max_motion", o.maxMotion, used);
+  take(d, "max_foreground", o.maxForeground, used);
+  take(d, "smallest_person_height", o.smallestPersonHeight, used);
   refuseUnknown(d, used, "finder option");
   auto valid = o.validate();
   if (!valid) throw py::value_error(valid.error());
@@ -540,6 +542,15 @@ py::dict frameDict(const OrbivaneCalibration::SmartFinderFrame& f) {
   d["score"] = f.score;
   d["built_background"] = f.builtBackground;
   d["frames_used"] = f.framesUsed;
+  // Against the background model of the searched window.
+  d["foreground_measured"] = f.foregroundMeasured;
+  d["foreground"] = f.foreground;
+  d["foreground_blob"] = f.foregroundBlob;
+  d["foreground_box"] = py::make_tuple(f.foregroundBox.x, f.foregroundBox.y, f.foregroundBox.width,
+                                       f.foregroundBox.height);
+  d["foreground_persons"] = f.foregroundPersons;
+  d["noise_level"] = f.noiseLevel;
+  d["is_free"] = f.isFree;
   d["picture"] = arrayFromPicture(f.picture);
   return d;
 }
@@ -577,7 +588,8 @@ void registerSmartFinder(py::module_& m) {
           },
           "Keywords: from_ms, to_ms, step_seconds, samples, detector ('auto', 'hog', 'haar', 'yolo', "
           "'maskrcnn'), yolo_directory, confidence, min_person_height, blur_weight, exposure_weight, "
-          "moments_per_module, minimum_spacing_seconds, background_frames, motion_gap_seconds, max_motion. "
+          "moments_per_module, minimum_spacing_seconds, background_frames, motion_gap_seconds, max_motion, "
+          "max_foreground, smallest_person_height. "
           "Bad values raise ValueError.")
       .def("register_status_callback", [](PySmartFinder& self, py::object fn) { self.relay.setFunction(std::move(fn)); },
            py::arg("fn"))
@@ -590,7 +602,7 @@ void registerSmartFinder(py::module_& m) {
           },
           py::arg("modules") = std::vector<std::string>(),
           "{module: [frame, ...]} best first; a frame is a dict with 'time_ms', 'track', 'frame', 'persons', "
-          "'blur', 'exposure', 'motion', 'score', 'built_background', 'picture', ...")
+          "'blur', 'exposure', 'motion', 'score', 'built_background', 'foreground', 'is_free', 'picture', ...")
       .def("errors",
            [](const PySmartFinder& self) {
              py::dict out;

@@ -149,6 +149,7 @@ class TestFrameFinding:
         found = finder.find()
         [frame] = found["cam"]
         assert frame["frame"] >= 20 and frame["persons"] == 0 and not frame["built_background"]
+        assert frame["is_free"] and frame["foreground"] <= 0.02 and frame["foreground_persons"] == 0
         assert frame["time_ms"] == start + 100 * frame["frame"]
         assert frame["picture"].shape == (240, 320, 3)
         capture = cv2.VideoCapture(video)  # the oracle: the same frame as OpenCV decodes it
