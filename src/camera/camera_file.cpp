@@ -328,10 +328,12 @@ ordered geometryToJson(const OrbivaneGeometry::Geometry& geometry) {
 
 
 // The shortest text that reads back (strtof) to the same single-precision
-// value: 0.4, not 0.4000000059604645.
+// value: 0.4, not 0.4000000059604645. Negative zero is written as 0: JSON
+// readers take "-0" for the integer zero, and no value in a camera file means
+// anything different for the sign of a zero.
 std::string shortestFloat(double value) {
   const float f = static_cast<float>(value);
-  if (f == 0.0f) return std::signbit(f) ? "-0" : "0";
+  if (f == 0.0f) return "0";
   char text[48];
   for (int digits = 1; digits <= 9; ++digits) {
     std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(f));

@@ -227,14 +227,16 @@ TEST(CameraFile, SavedFileLoadsBackTheSameCamera) {
 
 // Files people read and diff: what we write loads and saves to the same
 // bytes, numbers are the shortest text of their single-precision value, a
-// matrix is four rows of four, keys come in a fixed order.
+// matrix is four rows of four, keys come in a fixed order; a negative zero
+// (which JSON reads back as the integer 0) is written 0.
 TEST(CameraFile, WrittenFilesAreReadableAndRoundTripToTheSameBytes) {
   CameraFolder folder;
   const auto loaded = CameraDescription::loadCameraFile(folder.file);
   ASSERT_TRUE(loaded.hasValue()) << loaded.error();
   Orbivane camera = loaded.value();
   Utils::Matrix4x4 m;
-  const float values[16] = {0.4f, 1.0f / 3.0f, 0, 1e-7f, -2.5f, 123456.79f, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  // A negative zero is written 0.
+  const float values[16] = {0.4f, 1.0f / 3.0f, -0.0f, 1e-7f, -2.5f, 123456.79f, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
   for (int k = 0; k < 16; ++k) m.set(k / 4, k % 4, values[k]);
   camera.modules()[0]->matrixGeometry()->setMatrix(m);
 
