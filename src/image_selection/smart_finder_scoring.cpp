@@ -1,6 +1,8 @@
 // Exposure, motion, temporal median and the picking rule of the frame finder.
 #include "image_selection/smart_finder_scoring.h"
 
+#include "utils/parallel.h"
+
 #include <algorithm>
 #include <cmath>
 #include <numeric>
@@ -44,9 +46,9 @@ cv::Mat temporalMedian(const std::vector<cv::Mat>& frames) {
   const int width = first.cols * first.channels();
   const std::size_t n = frames.size();
   cv::Mat median(first.size(), first.type());
-  cv::parallel_for_(cv::Range(0, rows), [&](const cv::Range& range) {
+  Utils::parallelRows(0, rows, [&](int begin, int end) {
     std::vector<const std::uint8_t*> sources(n);
-    for (int y = range.start; y < range.end; ++y) {
+    for (int y = begin; y < end; ++y) {
       for (std::size_t i = 0; i < n; ++i) sources[i] = frames[i].ptr<std::uint8_t>(y);
       std::uint8_t* out = median.ptr<std::uint8_t>(y);
       // At most 256 frames take part (the finder uses far fewer).
