@@ -6,9 +6,12 @@
 #include <chrono>
 #include <cmath>
 #include <fstream>
+#include <limits>
 #include <list>
 #include <map>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -33,6 +36,30 @@ using json = nlohmann::json;
 constexpr const char* kFormat = "orbivane-simulated-camera";
 constexpr const char* kMemoryPrefix = "memory:";
 
+// A whole number of type T at `key` (or `fallback` when the key is absent).
+// nlohmann converts a number out of T's range without a word (undefined
+// behaviour for a float), so the range and wholeness are checked here.
+template <typename T>
+T wholeNumber(const json& v, const char* key) {
+  const std::string name = std::string("\"") + key + "\"";
+  if (!v.is_number()) throw std::invalid_argument(name + " is not a number");
+  const double d = v.get<double>();
+  if (!(d >= static_cast<double>(std::numeric_limits<T>::min()) &&
+        d <= static_cast<double>(std::numeric_limits<T>::max())) ||
+      d != std::floor(d)) {
+    throw std::invalid_argument(name + " must be a whole number from " +
+                                std::to_string(std::numeric_limits<T>::min()) + " to " +
+                                std::to_string(std::numeric_limits<T>::max()));
+  }
+  return static_cast<T>(d);
+}
+
+template <typename T>
+T wholeNumber(const json& j, const char* key, T fallback) {
+  if (!j.contains(key)) return fallback;
+  return wholeNumber<T>(j.at(key), key);
+}
+
 json sceneToJson(const SimulatedScene& s) {
   return {{"kind", s.kind},         {"width", s.width},         {"height", s.height},
           {"centre", {s.centreX, s.centreY}},                   {"radius", s.radius},
@@ -46,8 +73,8 @@ json sceneToJson(const SimulatedScene& s) {
 SimulatedScene sceneFromJson(const json& j) {
   SimulatedScene s;
   s.kind = j.value("kind", s.kind);
-  s.width = j.value("width", s.width);
-  s.height = j.value("height", s.height);
+  s.width = wholeNumber(j, "width", s.width);
+  s.height = wholeNumber(j, "height", s.height);
   if (j.contains("centre")) {
     s.centreX = j.at("centre").at(0).get<double>();
     s.centreY = j.at("centre").at(1).get<double>();
@@ -66,13 +93,13 @@ SimulatedScene sceneFromJson(const json& j) {
   s.rotation = j.value("rotation", s.rotation);
   s.blur = j.value("blur", s.blur);
   s.noise = j.value("noise", s.noise);
-  s.seed = j.value("seed", s.seed);
+  s.seed = wholeNumber(j, "seed", s.seed);
   s.imagePath = j.value("imagePath", s.imagePath);
   if (j.contains("crop")) {
-    s.cropX = j.at("crop").at(0).get<int>();
-    s.cropY = j.at("crop").at(1).get<int>();
-    s.cropWidth = j.at("crop").at(2).get<int>();
-    s.cropHeight = j.at("crop").at(3).get<int>();
+    s.cropX = wholeNumber<int>(j.at("crop").at(0), "crop");
+    s.cropY = wholeNumber<int>(j.at("crop").at(1), "crop");
+    s.cropWidth = wholeNumber<int>(j.at("crop").at(2), "crop");
+    s.cropHeight = wholeNumber<int>(j.at("crop").at(3), "crop");
   }
   return s;
 }
@@ -84,16 +111,16 @@ json windowToJson(const SimulatedWindow& w) {
 
 SimulatedWindow windowFromJson(const json& j) {
   SimulatedWindow w;
-  w.x = j.value("x", w.x);
-  w.y = j.value("y", w.y);
-  w.width = j.value("width", w.width);
-  w.height = j.value("height", w.height);
-  w.xMin = j.value("xMin", w.xMin);
-  w.xMax = j.value("xMax", w.xMax);
-  w.xStep = j.value("xStep", w.xStep);
-  w.yMin = j.value("yMin", w.yMin);
-  w.yMax = j.value("yMax", w.yMax);
-  w.yStep = j.value("yStep", w.yStep);
+  w.x = wholeNumber(j, "x", w.x);
+  w.y = wholeNumber(j, "y", w.y);
+  w.width = wholeNumber(j, "width", w.width);
+  w.height = wholeNumber(j, "height", w.height);
+  w.xMin = wholeNumber(j, "xMin", w.xMin);
+  w.xMax = wholeNumber(j, "xMax", w.xMax);
+  w.xStep = wholeNumber(j, "xStep", w.xStep);
+  w.yMin = wholeNumber(j, "yMin", w.yMin);
+  w.yMax = wholeNumber(j, "yMax", w.yMax);
+  w.yStep = wholeNumber(j, "yStep", w.yStep);
   return w;
 }
 
@@ -110,7 +137,7 @@ SimulatedFaults faultsFromJson(const json& j) {
   f.sensorInfoFailing = j.value("sensorInfoFailing", f.sensorInfoFailing);
   f.writeFailing = j.value("writeFailing", f.writeFailing);
   f.writeTimeout = j.value("writeTimeout", f.writeTimeout);
-  f.writeTimeoutMs = j.value("writeTimeoutMs", f.writeTimeoutMs);
+  f.writeTimeoutMs = wholeNumber(j, "writeTimeoutMs", f.writeTimeoutMs);
   return f;
 }
 
@@ -231,7 +258,7 @@ Utils::ReturnState<std::vector<SimulatedModule>, std::string> SimulatedCamera::f
     for (const json& m : root.at("modules")) {
       SimulatedModule module;
       module.id = m.at("id").get<std::string>();
-      module.latencyMs = m.value("latencyMs", 0);
+      module.latencyMs = wholeNumber(m, "latencyMs", 0);
       if (m.contains("scene")) module.scene = sceneFromJson(m.at("scene"));
       if (m.contains("window")) module.window = windowFromJson(m.at("window"));
       if (m.contains("faults")) module.faults = faultsFromJson(m.at("faults"));
@@ -239,6 +266,8 @@ Utils::ReturnState<std::vector<SimulatedModule>, std::string> SimulatedCamera::f
     }
     return modules;
   } catch (const json::exception& e) {
+    return Utils::failure(std::string("simulated camera state: ") + e.what());
+  } catch (const std::invalid_argument& e) {
     return Utils::failure(std::string("simulated camera state: ") + e.what());
   }
 }

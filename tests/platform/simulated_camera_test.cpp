@@ -2,6 +2,7 @@
 // shared between separate openings, scenes render where they are told.
 #include "orbivane/platform/simulated_camera.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
@@ -11,6 +12,7 @@
 
 namespace {
 
+using ::testing::HasSubstr;
 using Quarn::SimulatedCamera;
 using Quarn::SimulatedModule;
 
@@ -80,6 +82,16 @@ TEST(SimulatedCameraTest, StateFileIsSharedBetweenOpeningsAndRoundTrips) {
   ASSERT_TRUE(bad);
   EXPECT_FALSE(bad.value()->module("left"));
   EXPECT_FALSE(SimulatedCamera::open(""));
+
+  // Numbers a window cannot hold are refused by name, not wrapped around.
+  for (const char* number : {"2e10", "20000000000000000000.5", "2.5", "-3e9", "\"2\""}) {
+    Testing::writeText(dir.file("window.json"),
+                       std::string(R"({"format": "orbivane-simulated-camera", "modules": [{"id": "A", )") +
+                           R"("window": {"x": 0, "yStep": )" + number + "}}]}");
+    const auto read = SimulatedCamera::fromJson(Testing::readText(dir.file("window.json")));
+    ASSERT_FALSE(read) << number;
+    EXPECT_THAT(read.error(), HasSubstr("\"yStep\"")) << number;
+  }
 }
 
 TEST(SimulatedCameraTest, BadScenesAreRefused) {
