@@ -139,6 +139,7 @@ PatchResult alignPatch(const PatchPictures& p, const cv::Rect& rect, cv::Point2d
     const double dx = (hyy * bx - hxy * by) / determinant, dy = (hxx * by - hxy * bx) / determinant;
     if (!std::isfinite(dx) || !std::isfinite(dy)) return result;
     shift -= cv::Point2d(dx, dy);
+    if (!(std::fabs(shift.x) < p.moving.cols && std::fabs(shift.y) < p.moving.rows)) return result;  // diverged
     if (std::hypot(dx, dy) < kConverged) break;
   }
   residual /= n;
@@ -343,7 +344,8 @@ EstimateResult GridEstimator::estimate(const WorkPictures& pictures, const cv::M
     return cv::Point2d(q[0] / q[2], q[1] / q[2]);
   };
   const cv::Point2d extent = land(toTarget, {1, 1}) - land(toTarget, {0, 0});
-  const double cell = std::min(std::fabs(extent.x) / columns, std::fabs(extent.y) / rows);
+  double cell = std::min(std::fabs(extent.x) / columns, std::fabs(extent.y) / rows);
+  if (!std::isfinite(cell)) cell = 64.0;
   const int spacing = std::clamp(static_cast<int>(std::lround(cell / 2.0)), 12, 32);
   const int patch = std::max(kSmallestPatch, static_cast<int>(std::lround(1.5 * spacing)));
 
@@ -390,12 +392,13 @@ EstimateResult GridEstimator::estimate(const WorkPictures& pictures, const cv::M
   std::vector<cv::Point2d> places;  // grid positions (unit square) of the measurements
   for (std::size_t k = 0; k < lattice.size(); ++k) {
     const PatchResult& r = found[k];
-    if (r.ok) {
+    const cv::Point2d place = land(back, cv::Point2d(lattice[k]));
+    if (r.ok && std::isfinite(place.x) && std::isfinite(place.y)) {
       if (tries[k] > 1) context_.logger->debug("break on try {}", tries[k] - 1);
       // Neighbouring patches overlap: their information is shared, not added.
       const double overlap = std::min(1.0, double(spacing * spacing) / double(patch * patch));
       measurements_.push_back({cv::Point2d(lattice[k]), r.shift, r.information * overlap});
-      places.push_back(land(back, cv::Point2d(lattice[k])));
+      places.push_back(place);
     } else {
       const double distance = std::hypot(r.shift.x, r.shift.y);
       if (r.ok || distance > 0.0) {
