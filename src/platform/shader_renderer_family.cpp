@@ -204,12 +204,23 @@ ORBIVANE_WIDE void fillRowsWide(const LensWarp& w, const float* ey, int blockBeg
   }
 }
 
-// One row's blocks [blockBegin, blockEnd) of the sampler.
+// What the AVX-512 sampler reads of one vertical part, for one row.
+struct RowPartRow {
+  float ky;
+  const std::uint8_t* weightAndOffset;  // per pixel
+  const std::int16_t* firstRow;         // per block
+  const std::uint16_t* touching;        // per block
+  std::uint8_t* out;
+};
+
+// One row's blocks [blockBegin, blockEnd) of the sampler, for kCount
+// vertical weights at once against one horizontal part (what the columns
+// give is worked out once for all of them).
+template <int kCount>
 ORBIVANE_WIDE void sampleRowWide(const LensWarp& w, const float* ex, const float* ey, const std::uint8_t* plane,
                                  std::size_t step, const std::uint16_t* offsetAndWeight,
                                  const std::int16_t* firstColumn, const std::uint16_t* touchingX,
-                                 const std::uint8_t* weightAndOffset, const std::int16_t* firstRow,
-                                 const std::uint16_t* touchingY, std::uint8_t* out, int blockBegin, int blockEnd) {
+                                 const RowPartRow (&parts)[kCount], int blockBegin, int blockEnd) {
   const WeightTables& tables = weightTables();
   const __m512i pairLow = _mm512_load_si512(tables.pair), pairHigh = _mm512_load_si512(tables.pair + 16);
   const __m512i verticalLow = _mm512_load_si512(tables.vertical), verticalHigh = _mm512_load_si512(tables.vertical + 16);
@@ -220,65 +231,70 @@ ORBIVANE_WIDE void sampleRowWide(const LensWarp& w, const float* ex, const float
   const __m512i low5 = _mm512_set1_epi32(31), rounding = _mm512_set1_epi32(512);
   const __m512i offset1 = _mm512_set1_epi32(1 << 5), offset2 = _mm512_set1_epi32(2 << 5),
                 offset3 = _mm512_set1_epi32(3 << 5);
-  const __m512 kx = _mm512_set1_ps(w.kx), ky = _mm512_set1_ps(w.ky), x0 = _mm512_set1_ps(w.x0),
-               y0 = _mm512_set1_ps(w.y0), hiX = _mm512_set1_ps(w.hiX), hiY = _mm512_set1_ps(w.hiY),
-               zero = _mm512_setzero_ps();
+  const __m512 kx = _mm512_set1_ps(w.kx), x0 = _mm512_set1_ps(w.x0), y0 = _mm512_set1_ps(w.y0),
+               hiX = _mm512_set1_ps(w.hiX), hiY = _mm512_set1_ps(w.hiY), zero = _mm512_setzero_ps();
   const __m512i lowWord = _mm512_set1_epi32(0xFFFF), rowStep = _mm512_set1_epi32(static_cast<int>(step));
   for (int b = blockBegin; b < blockEnd; ++b) {
-    std::uint8_t* target = out + b * kBlock;
-    const __mmask16 shown = static_cast<__mmask16>(touchingX[b] & touchingY[b]);
-    if (shown == 0) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(target), _mm_setzero_si128());
-      continue;
-    }
-    __m512i quad, ax, ay;
-    if (firstColumn[b] >= 0 && firstRow[b] >= 0) {
+    const bool columnsFit = firstColumn[b] >= 0;
+    __m512i index = _mm512_setzero_si512(), pair = _mm512_setzero_si512();
+    if (touchingX[b] != 0 && columnsFit) {
       const __m512i columns = _mm512_cvtepu16_epi32(
           _mm256_loadu_si256(reinterpret_cast<const __m256i*>(offsetAndWeight + b * kBlock)));
-      const __m512i rowsAndWeights =
-          _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(weightAndOffset + b * kBlock)));
-      const __m512i index = _mm512_add_epi32(_mm512_shuffle_epi8(columns, replicate), spread);
-      ax = _mm512_srli_epi32(columns, 8);
-      ay = _mm512_and_si512(rowsAndWeights, low5);
-      const std::uint8_t* top = plane + std::size_t(firstRow[b]) * step + std::size_t(firstColumn[b]);
-      // Every block reads its first two row pairs (no branch to mispredict on
-      // the many blocks whose pixels straddle two rows); the rare third and
-      // fourth pairs are read when needed.
-      const __m512i row0 = _mm512_loadu_si512(top), row1 = _mm512_loadu_si512(top + step);
-      const __m512i row2 = _mm512_loadu_si512(top + 2 * step);
-      const __mmask16 second = _mm512_cmpge_epu32_mask(rowsAndWeights, offset1);
-      quad = _mm512_mask_blend_epi32(second, _mm512_permutex2var_epi8(row0, index, row1),
-                                     _mm512_permutex2var_epi8(row1, index, row2));
-      const __mmask16 third = _mm512_cmpge_epu32_mask(rowsAndWeights, offset2);
-      if (third != 0) {
-        const __m512i row3 = _mm512_loadu_si512(top + 3 * step);
-        quad = _mm512_mask_blend_epi32(third, quad, _mm512_permutex2var_epi8(row2, index, row3));
-        const __mmask16 fourth = _mm512_cmpge_epu32_mask(rowsAndWeights, offset3);
-        if (fourth != 0) {
-          const __m512i row4 = _mm512_loadu_si512(top + 4 * step);
-          quad = _mm512_mask_blend_epi32(fourth, quad, _mm512_permutex2var_epi8(row3, index, row4));
-        }
-      }
-    } else {
-      // Spread too far for one window: positions again from the radial term, neighbourhoods gathered.
-      const __m512 px =
-          _mm512_max_ps(_mm512_min_ps(_mm512_fmadd_ps(_mm512_loadu_ps(ex + b * kBlock), kx, x0), hiX), zero);
-      const __m512 py =
-          _mm512_max_ps(_mm512_min_ps(_mm512_fmadd_ps(_mm512_loadu_ps(ey + b * kBlock), ky, y0), hiY), zero);
-      const __m512i rx = _mm512_cvtps_epi32(px), ry = _mm512_cvtps_epi32(py);
-      ax = _mm512_and_si512(rx, low5);
-      ay = _mm512_and_si512(ry, low5);
-      const __m512i address =
-          _mm512_add_epi32(_mm512_mullo_epi32(_mm512_srli_epi32(ry, 5), rowStep), _mm512_srli_epi32(rx, 5));
-      const __m512i topRow = _mm512_i32gather_epi32(address, plane, 1);
-      const __m512i bottomRow = _mm512_i32gather_epi32(address, plane + step, 1);
-      quad = _mm512_or_si512(_mm512_and_si512(topRow, lowWord), _mm512_slli_epi32(bottomRow, 16));
+      index = _mm512_add_epi32(_mm512_shuffle_epi8(columns, replicate), spread);
+      pair = _mm512_permutex2var_epi32(pairLow, _mm512_srli_epi32(columns, 8), pairHigh);
     }
-    const __m512i pair = _mm512_permutex2var_epi32(pairLow, ax, pairHigh);
-    const __m512i vertical = _mm512_permutex2var_epi32(verticalLow, ay, verticalHigh);
-    const __m512i value =
-        _mm512_maskz_srli_epi32(shown, _mm512_dpwssd_epi32(rounding, _mm512_maddubs_epi16(quad, pair), vertical), 10);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(target), _mm512_cvtepi32_epi8(value));
+    for (int k = 0; k < kCount; ++k) {
+      const RowPartRow& part = parts[k];
+      std::uint8_t* target = part.out + b * kBlock;
+      const __mmask16 shown = static_cast<__mmask16>(touchingX[b] & part.touching[b]);
+      if (shown == 0) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(target), _mm_setzero_si128());
+        continue;
+      }
+      __m512i quad, ay, pairWeights = pair;
+      if (columnsFit && part.firstRow[b] >= 0) {
+        const __m512i rowsAndWeights = _mm512_cvtepu8_epi32(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(part.weightAndOffset + b * kBlock)));
+        ay = _mm512_and_si512(rowsAndWeights, low5);
+        const std::uint8_t* top = plane + std::size_t(part.firstRow[b]) * step + std::size_t(firstColumn[b]);
+        // Every block reads its first two row pairs (no branch to mispredict
+        // on the many blocks whose pixels straddle two rows); the rare third
+        // and fourth pairs are read when needed.
+        const __m512i row0 = _mm512_loadu_si512(top), row1 = _mm512_loadu_si512(top + step);
+        const __m512i row2 = _mm512_loadu_si512(top + 2 * step);
+        const __mmask16 second = _mm512_cmpge_epu32_mask(rowsAndWeights, offset1);
+        quad = _mm512_mask_blend_epi32(second, _mm512_permutex2var_epi8(row0, index, row1),
+                                       _mm512_permutex2var_epi8(row1, index, row2));
+        const __mmask16 third = _mm512_cmpge_epu32_mask(rowsAndWeights, offset2);
+        if (third != 0) {
+          const __m512i row3 = _mm512_loadu_si512(top + 3 * step);
+          quad = _mm512_mask_blend_epi32(third, quad, _mm512_permutex2var_epi8(row2, index, row3));
+          const __mmask16 fourth = _mm512_cmpge_epu32_mask(rowsAndWeights, offset3);
+          if (fourth != 0) {
+            const __m512i row4 = _mm512_loadu_si512(top + 4 * step);
+            quad = _mm512_mask_blend_epi32(fourth, quad, _mm512_permutex2var_epi8(row3, index, row4));
+          }
+        }
+      } else {
+        // Spread too far for one window: positions again from the radial term, neighbourhoods gathered.
+        const __m512 px =
+            _mm512_max_ps(_mm512_min_ps(_mm512_fmadd_ps(_mm512_loadu_ps(ex + b * kBlock), kx, x0), hiX), zero);
+        const __m512 py = _mm512_max_ps(
+            _mm512_min_ps(_mm512_fmadd_ps(_mm512_loadu_ps(ey + b * kBlock), _mm512_set1_ps(part.ky), y0), hiY), zero);
+        const __m512i rx = _mm512_cvtps_epi32(px), ry = _mm512_cvtps_epi32(py);
+        pairWeights = _mm512_permutex2var_epi32(pairLow, _mm512_and_si512(rx, low5), pairHigh);
+        ay = _mm512_and_si512(ry, low5);
+        const __m512i address =
+            _mm512_add_epi32(_mm512_mullo_epi32(_mm512_srli_epi32(ry, 5), rowStep), _mm512_srli_epi32(rx, 5));
+        const __m512i topRow = _mm512_i32gather_epi32(address, plane, 1);
+        const __m512i bottomRow = _mm512_i32gather_epi32(address, plane + step, 1);
+        quad = _mm512_or_si512(_mm512_and_si512(topRow, lowWord), _mm512_slli_epi32(bottomRow, 16));
+      }
+      const __m512i vertical = _mm512_permutex2var_epi32(verticalLow, ay, verticalHigh);
+      const __m512i value = _mm512_maskz_srli_epi32(
+          shown, _mm512_dpwssd_epi32(rounding, _mm512_maddubs_epi16(quad, pairWeights), vertical), 10);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(target), _mm512_cvtepi32_epi8(value));
+    }
   }
 }
 
@@ -455,41 +471,84 @@ void GreyFamily::prepareParts(float horizontal, float vertical) {
 }
 
 void GreyFamily::render(float horizontal, float vertical, cv::Mat& grey) {
+  const float verticals[1] = {vertical};
+  cv::Mat* outputs[1] = {&grey};
+  renderSome<1>(horizontal, verticals, outputs);
+}
+
+void GreyFamily::render(float horizontal, float vertical, cv::Mat& grey, float secondVertical, cv::Mat& secondGrey) {
+  if (ShaderRenderer::samplerLevel() != 2) {
+    render(horizontal, vertical, grey);
+    render(horizontal, secondVertical, secondGrey);
+    return;
+  }
+  const float verticals[2] = {vertical, secondVertical};
+  cv::Mat* outputs[2] = {&grey, &secondGrey};
+  renderSome<2>(horizontal, verticals, outputs);
+}
+
+template <int kCount>
+void GreyFamily::renderSome(float horizontal, const float (&verticals)[kCount], cv::Mat* (&outputs)[kCount]) {
   const ShaderRenderer::Source& s = *source_;
   const ShaderRenderer::Coordinates& c = *coordinates_;
-  if (grey.rows != c.size.height || grey.cols != c.stride || grey.type() != CV_8UC1)
-    grey.create(c.size.height, c.stride, CV_8UC1);
+  for (cv::Mat* grey : outputs) {
+    if (grey->rows != c.size.height || grey->cols != c.stride || grey->type() != CV_8UC1)
+      grey->create(c.size.height, c.stride, CV_8UC1);
+  }
   LensWarp w = warp_;
   w.kx = horizontalWeight(horizontal, s.original.width, s.factor);
-  w.ky = verticalWeight(vertical, s.original.height, s.factor);
   const std::uint8_t* plane = s.plane.ptr<std::uint8_t>(0);
   const std::size_t step = s.plane.step[0];
   const int level = ShaderRenderer::samplerLevel();
   const Columns* columnPart = level == 2 ? &columns(w.kx) : nullptr;
-  const Rows* rowPart = level == 2 ? &rows(w.ky) : nullptr;
+  const Rows* rowParts[kCount] = {};
+  float ky[kCount];
+  for (int k = 0; k < kCount; ++k) {
+    ky[k] = verticalWeight(verticals[k], s.original.height, s.factor);
+    if (level == 2) rowParts[k] = &rows(ky[k]);
+  }
   for (int y = 0; y < c.size.height; ++y) {
-    std::uint8_t* out = grey.ptr<std::uint8_t>(y);
     if (rowBlank_[std::size_t(y)]) {
-      std::memset(out, 0, std::size_t(c.stride));
+      for (cv::Mat* grey : outputs) std::memset(grey->ptr<std::uint8_t>(y), 0, std::size_t(c.stride));
       continue;
     }
     const std::size_t row = std::size_t(y) * std::size_t(c.stride);
     const int blockBegin = c.first[std::size_t(y)] / kBlock;
     const int blockEnd = (c.last[std::size_t(y)] + kBlock - 1) / kBlock;
-    std::memset(out, 0, std::size_t(blockBegin * kBlock));
-    std::memset(out + blockEnd * kBlock, 0, std::size_t(c.stride - blockEnd * kBlock));
+    for (cv::Mat* grey : outputs) {
+      std::uint8_t* out = grey->ptr<std::uint8_t>(y);
+      std::memset(out, 0, std::size_t(blockBegin * kBlock));
+      std::memset(out + blockEnd * kBlock, 0, std::size_t(c.stride - blockEnd * kBlock));
+    }
     const float* ex = ex_.data() + row;
     const float* ey = ey_.data() + row;
     if (level == 2) {
       const std::size_t blocks = std::size_t(y) * std::size_t(blocks_);
-      sampleRowWide(w, ex, ey, plane, step, columnPart->offsetAndWeight.data() + row,
-                    columnPart->firstColumn.data() + blocks, columnPart->touching.data() + blocks,
-                    rowPart->weightAndOffset.data() + row, rowPart->firstRow.data() + blocks,
-                    rowPart->touching.data() + blocks, out, blockBegin, blockEnd);
-    } else if (level == 1) {
-      sampleRowAvx2(w, ex, ey, plane, step, out, blockBegin * kBlock, blockEnd * kBlock);
+      RowPartRow parts[kCount];
+      for (int k = 0; k < kCount; ++k) {
+        cv::Mat* grey = outputs[k];
+        const Rows* part = rowParts[k];
+        parts[k].ky = ky[k];
+        parts[k].weightAndOffset = part->weightAndOffset.data() + row;
+        parts[k].firstRow = part->firstRow.data() + blocks;
+        parts[k].touching = part->touching.data() + blocks;
+        parts[k].out = grey->ptr<std::uint8_t>(y);
+      }
+      sampleRowWide<kCount>(w, ex, ey, plane, step, columnPart->offsetAndWeight.data() + row,
+                            columnPart->firstColumn.data() + blocks, columnPart->touching.data() + blocks, parts,
+                            blockBegin, blockEnd);
     } else {
-      sampleRowPlain(w, ex, ey, plane, step, out, blockBegin * kBlock, blockEnd * kBlock);
+      for (int k = 0; k < kCount; ++k) {
+        LensWarp member = w;
+        member.ky = ky[k];
+        cv::Mat* grey = outputs[k];
+        std::uint8_t* out = grey->ptr<std::uint8_t>(y);
+        if (level == 1) {
+          sampleRowAvx2(member, ex, ey, plane, step, out, blockBegin * kBlock, blockEnd * kBlock);
+        } else {
+          sampleRowPlain(member, ex, ey, plane, step, out, blockBegin * kBlock, blockEnd * kBlock);
+        }
+      }
     }
   }
 }

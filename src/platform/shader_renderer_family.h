@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -40,6 +41,10 @@ class GreyFamily {
   // vertical) into `grey` (CV_8UC1, coordinates' size, columns padded to
   // the coordinates' stride; padding and pixels outside the module are 0).
   void render(float horizontal, float vertical, cv::Mat& grey);
+  // Two members of the same horizontal weight at once (what the horizontal
+  // weight gives the sampler is worked out once): the same bytes as two
+  // render calls.
+  void render(float horizontal, float vertical, cv::Mat& grey, float secondVertical, cv::Mat& secondGrey);
 
   // Per output row: 1 where the row shows no module pixel (all 0 in every rendering).
   const std::vector<std::uint8_t>& blankRows() const { return rowBlank_; }
@@ -67,6 +72,8 @@ class GreyFamily {
     std::vector<std::uint16_t> touching;
   };
 
+  template <int kCount>
+  void renderSome(float horizontal, const float (&verticals)[kCount], cv::Mat* (&outputs)[kCount]);
   const Columns& columns(float weight);
   const Rows& rows(float weight);
   void fillColumns(Columns& c) const;
@@ -78,9 +85,10 @@ class GreyFamily {
   int blocks_ = 0;                      // blocks of 16 a row
   std::vector<float> ex_, ey_;          // e per output pixel; NaN where the pixel shows no module
   std::vector<std::uint8_t> rowBlank_;  // per row
-  // Parts made for this family (kept for reuse: their buffers outlive a family).
-  std::vector<Columns> columns_;
-  std::vector<Rows> rows_;
+  // Parts made for this family (kept for reuse: their buffers outlive a
+  // family; a deque keeps references to earlier parts valid as it grows).
+  std::deque<Columns> columns_;
+  std::deque<Rows> rows_;
   std::size_t columnsUsed_ = 0, rowsUsed_ = 0;
 };
 

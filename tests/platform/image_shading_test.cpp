@@ -13,6 +13,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "platform/distortion_model.h"
 #include "platform/image_shading_access.h"
+#include "platform/shader_renderer_family.h"
 #include "platform/shader_renderer_sampling.h"
 #include "support/matchers.h"
 #include "support/sample_data.h"
@@ -258,6 +259,31 @@ TEST(ImageShading, GreyRenderingIsExactlyTheColourRenderingInGrey) {
     }
   }
   EXPECT_EQ(blackSides, 4);
+}
+
+// Two members of a family rendered together are the bytes of two renderings
+// apart, with every sampler.
+TEST(ImageShading, FamilyMembersRenderedTogetherAreRenderedAsAlone) {
+  const auto image = picture("baboon.jpg", cv::Size(640, 480));
+  const int level = ImageSource::ShaderRenderer::samplerLevel();
+  for (int sampler = 0; sampler <= ImageSource::ShaderRenderer::bestSamplerLevel(); ++sampler) {
+    ImageSource::ShaderRenderer::setSamplerLevel(sampler);
+    ImageShading shading;
+    shading.SetShader({lens({{"f_TCorrection_F", "0.6"}, {"f_ps_distortion_ext_xshift", "0.15"}})});
+    auto& renderer = ImageSource::ImageShadingAccess::renderer(shading);
+    const cv::Size size(203, 150);
+    ImageSource::GreyFamily family;
+    family.prepare(renderer.source(image, size), renderer.coordinates(size), renderer.distortion());
+    cv::Mat first, second, alone;
+    family.render(0.25f, 0.15f, first, 0.7f, second);
+    for (const auto& [vertical, together] : {std::make_pair(0.15f, &first), std::make_pair(0.7f, &second)}) {
+      family.render(0.25f, vertical, alone);
+      EXPECT_EQ(cv::countNonZero(alone != *together), 0) << "sampler " << sampler << " V " << vertical;
+      EXPECT_GT(cv::countNonZero(alone), size.area() / 3);
+    }
+    EXPECT_GT(cv::countNonZero(first != second), size.area() / 4);  // V shows
+  }
+  ImageSource::ShaderRenderer::setSamplerLevel(level);
 }
 
 // Apply's colours are OpenCV's bilinear remap at the sampling rule's 1/32-pixel

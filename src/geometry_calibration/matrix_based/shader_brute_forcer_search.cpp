@@ -105,7 +105,7 @@ CameraDescription::Orbivane cameraWithParameters(const CameraDescription::Orbiva
 struct ShaderSearch::ThreadState {
   ImageSource::ImageShading shading;  // this thread's shading object
   ImageSource::GreyFamily family;
-  cv::Mat grey;
+  cv::Mat grey, secondGrey;
   int histogram[256] = {0};
   std::vector<std::uint16_t> pairs;
   EdgeBuffers buffers;
@@ -274,32 +274,45 @@ void ShaderSearch::evaluateFamily(const Family& family) {
   };
   state.family.prepare(renderer.source(moduleImage_, size), renderer.coordinates(size), family.member);
   lap(preparation);
-  for (const Family::Point& point : family.points) {
-    state.family.prepareParts(point.horizontal, point.vertical);
-    lap(preparation);
-    state.family.render(point.horizontal, point.vertical, state.grey);
-    lap(sampling);
-    // Counted apart from the sampling: interleaving the two was slower.
-    ImageSource::greyHistogram(state.grey, size.width, &state.family.blankRows(), state.histogram, state.pairs);
+  auto score = [&](const Family::Point& point, const cv::Mat& grey) {
+    ImageSource::greyHistogram(grey, size.width, &state.family.blankRows(), state.histogram, state.pairs);
     lap(histogram);
     // An error above the largest of a full list is not kept: the score may stop once that is certain.
     const std::uint64_t stopAt = stoppingSum(rejectAbove_.load(std::memory_order_relaxed), pixels);
-    const EdgeScore score = edgeScore(state.grey, state.histogram, referenceEdges_, state.buffers, stopAt,
-                                      &state.family.blankRows(), &referenceRowSums_);
+    const EdgeScore result = edgeScore(grey, state.histogram, referenceEdges_, state.buffers, stopAt,
+                                       &state.family.blankRows(), &referenceRowSums_);
     lap(edges);
-    if (!score.complete) ++stopped;
-    rowsSummed += std::uint64_t(score.rows);
-    if (!score.edged) continue;  // an empty rendering
+    if (!result.complete) ++stopped;
+    rowsSummed += std::uint64_t(result.rows);
+    if (!result.edged) return;  // an empty rendering
     // Most evaluations cannot enter the full list; the bound only falls, so a
     // stale value lets a few more through to the exact test under the lock.
-    if (score.complete && !(score.error > rejectAbove_.load(std::memory_order_relaxed))) {
+    if (result.complete && !(result.error > rejectAbove_.load(std::memory_order_relaxed))) {
       std::lock_guard<std::mutex> lock(bestMutex_);
-      if (!best_.rejects(score.error)) {
-        best_.insert({score.error, point.index, parametersAt(point.index)});
+      if (!best_.rejects(result.error)) {
+        best_.insert({result.error, point.index, parametersAt(point.index)});
         if (best_.full()) rejectAbove_.store(best_.largest(), std::memory_order_relaxed);
       }
     }
     if (counter_.fetch_add(1) % 10000 == 0) std::cout << " #" << std::flush;
+  };
+  // Points of one horizontal weight are rendered two at a time (they share
+  // what that weight gives the sampler).
+  for (std::size_t i = 0; i < family.points.size();) {
+    const Family::Point& point = family.points[i];
+    const bool paired = i + 1 < family.points.size() && family.points[i + 1].horizontal == point.horizontal;
+    state.family.prepareParts(point.horizontal, point.vertical);
+    if (paired) state.family.prepareParts(point.horizontal, family.points[i + 1].vertical);
+    lap(preparation);
+    if (paired) {
+      state.family.render(point.horizontal, point.vertical, state.grey, family.points[i + 1].vertical, state.secondGrey);
+    } else {
+      state.family.render(point.horizontal, point.vertical, state.grey);
+    }
+    lap(sampling);
+    score(point, state.grey);
+    if (paired) score(family.points[i + 1], state.secondGrey);
+    i += paired ? 2 : 1;
   }
   if (profiling_) {
     preparationTime_ += preparation;
