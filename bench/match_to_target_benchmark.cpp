@@ -10,11 +10,11 @@
 //
 // Baseline, run side by side on the same pairs: ORB with 10000 features on
 // the full pictures, cross-checked Hamming matching, findHomography RANSAC at
-// 3 px. Ours: MatchToTarget in mode 0 (and modes 2 and 3 on the same pairs),
-// and mode 0 with a 6x4 grid on pairs that carry a smooth non-rigid warp.
-// Goals: median <= 0.05 px, worst <= 0.3 px, mode 0 no slower than the
-// baseline per module, modes 2 and 3 at least as accurate as mode 0, the grid
-// lowering the error on the non-rigid pairs. Prints medians and ratios.
+// 3 px. Ours: MatchToTarget in mode 0 (--all-modes: modes 2 and 3 too).
+// Goals (--check exits with 1 when one is missed): mode 0 at most half the
+// baseline's median time per module, with a median corner error of at most
+// 0.008 px and a worst of at most 0.07 px. Times are medians over the pairs,
+// each pair timed baseline then ours, so both see the same load.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -38,6 +38,9 @@ using GeometryCalibration::MatrixBased::MatchToTarget;
 using Clock = std::chrono::steady_clock;
 
 const cv::Size kSize(1280, 720);
+constexpr double kTimeGoal = 0.5;       // mode 0 / baseline, medians
+constexpr double kMedianGoal = 0.008;   // px
+constexpr double kWorstGoal = 0.07;     // px
 
 struct Pair {
   Testing::Scene scene;
@@ -77,10 +80,9 @@ cv::Matx33d baseline(const cv::Mat& module, const cv::Mat& target) {
 struct Ours {
   cv::Matx33d found;
   double seconds;
-  CameraDescription::Orbivane camera;
 };
 
-Ours runOurs(const Pair& pair, MatchToTarget::CalibrateMode mode, bool grid) {
+Ours runOurs(const Pair& pair, MatchToTarget::CalibrateMode mode) {
   CameraDescription::Orbivane camera;
   for (const wchar_t* name : {L"T", L"m"}) {
     CameraDescription::OrbivaneModule module(name);
@@ -92,50 +94,36 @@ Ours runOurs(const Pair& pair, MatchToTarget::CalibrateMode mode, bool grid) {
   MatchToTarget calibrator(camera, images);
   calibrator.setCalibrationMode(mode);
   calibrator.setM2bMaxIteration(3);
-  if (grid) {
-    calibrator.setGridEnabled(true);
-    calibrator.initGrid(6, 4, L"m");
-  }
   const auto t0 = Clock::now();
+  const CameraDescription::Orbivane result = calibrator.calibrate({L"m"}, L"T");
   Ours ours;
-  ours.camera = calibrator.calibrate({L"m"}, L"T");
   ours.seconds = seconds(t0, Clock::now());
-  const cv::Matx33d mm = OrbivaneGeometry::planarHomography(ours.camera.findModule(L"m")->matrixGeometry()->matrix());
+  const cv::Matx33d mm = OrbivaneGeometry::planarHomography(result.findModule(L"m")->matrixGeometry()->matrix());
   const cv::Matx33d h = OrbivaneGeometry::textureToPixels(kSize.width, kSize.height) * mm *
                         OrbivaneGeometry::pixelsToTexture(kSize.width, kSize.height);
   ours.found = h * (1.0 / h(2, 2));
   return ours;
 }
 
-// Mean distance over a dense lattice of module pixels between where the
-// truth and the corrected module (matrix and grid) put them.
-double denseError(const Pair& pair, const Ours& ours) {
-  const auto* geometry = ours.camera.findModule(L"m")->matrixGeometry();
-  double sum = 0.0;
-  int n = 0;
-  for (int j = 1; j < 16; ++j)
-    for (int i = 1; i < 16; ++i) {
-      const double qx = i / 16.0, qy = j / 16.0;
-      double u = qx, v = qy;
-      if (geometry->uvGrid()) {
-        const auto t = geometry->uvGrid()->sample(float(qx), float(qy));
-        u = t.u;
-        v = t.v;
-      }
-      const cv::Vec3d drawn = ours.found * cv::Vec3d(qx * kSize.width, qy * kSize.height, 1.0);
-      const cv::Point2d truth = pair.truth.map(cv::Point2d(u * kSize.width, v * kSize.height));
-      sum += cv::norm(truth - cv::Point2d(drawn[0] / drawn[2], drawn[1] / drawn[2]));
-      ++n;
-    }
-  return sum / n;
-}
-
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  bool check = false, allModes = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--check") {
+      check = true;
+    } else if (arg == "--all-modes") {
+      allModes = true;
+    } else {
+      std::fprintf(stderr, "unknown option '%s' (expected --check, --all-modes)\n", arg.c_str());
+      return 2;
+    }
+  }
   cv::RNG rng(2024);
-  std::vector<Pair> pairs, bent;
+  std::vector<Pair> pairs;
   std::uint64_t seed = 1;
+  int nonRigidDraws = 0;
   for (const char* name : {"fruits.jpg", "building.jpg", "home.jpg", "baboon.jpg", "graf1.png", "aero1.jpg"}) {
     const Testing::Scene scene = Testing::makeScene(name, kSize, 0.2);
     for (int k = 0; k < 2; ++k) {
@@ -146,14 +134,12 @@ int main() {
                                        seed++);
       pairs.push_back(p);
     }
-    if (bent.size() < 3) {
-      Pair p;
-      p.scene = scene;
-      p.truth.homography = Testing::realisticMisalignment(rng, kSize, kSize, 1.0, 1.0, 0.03);
-      p.truth.amplitude = 2.5;
-      p.truth.period = 900.0;
-      p.module = Testing::renderModule(scene, p.truth, kSize, 0.9, 8.0, 2.0, seed++);
-      bent.push_back(p);
+    // The draws of the non-rigid set that used to follow (bench/grid_benchmark.cpp
+    // has it now), so that these are the same twelve pairs as before.
+    if (nonRigidDraws < 3) {
+      Testing::realisticMisalignment(rng, kSize, kSize, 1.0, 1.0, 0.03);
+      ++seed;
+      ++nonRigidDraws;
     }
   }
 
@@ -163,41 +149,39 @@ int main() {
     const cv::Matx33d hb = baseline(p.module, p.scene.target);
     timeBase.push_back(seconds(t0, Clock::now()));
     errBase.push_back(Testing::cornerError(p.truth.homography, hb, kSize));
-    const Ours o0 = runOurs(p, MatchToTarget::kFeatureMatching, false);
+    const Ours o0 = runOurs(p, MatchToTarget::kFeatureMatching);
     err0.push_back(Testing::cornerError(p.truth.homography, o0.found, kSize));
     time0.push_back(o0.seconds);
-    const Ours o2 = runOurs(p, MatchToTarget::kOpticalFlow, false);
-    err2.push_back(Testing::cornerError(p.truth.homography, o2.found, kSize));
-    time2.push_back(o2.seconds);
-    const Ours o3 = runOurs(p, MatchToTarget::kIterative, false);
-    err3.push_back(Testing::cornerError(p.truth.homography, o3.found, kSize));
-    time3.push_back(o3.seconds);
-    std::printf("pair %zu: corner error baseline %.3f px, mode 0 %.4f, mode 2 %.4f, mode 3 %.4f\n", err0.size(),
-                errBase.back(), err0.back(), err2.back(), err3.back());
+    std::printf("pair %2zu: baseline %.3f px in %4.0f ms, mode 0 %.4f px in %4.0f ms", err0.size(), errBase.back(),
+                1e3 * timeBase.back(), err0.back(), 1e3 * time0.back());
+    if (allModes) {
+      const Ours o2 = runOurs(p, MatchToTarget::kOpticalFlow);
+      err2.push_back(Testing::cornerError(p.truth.homography, o2.found, kSize));
+      time2.push_back(o2.seconds);
+      const Ours o3 = runOurs(p, MatchToTarget::kIterative);
+      err3.push_back(Testing::cornerError(p.truth.homography, o3.found, kSize));
+      time3.push_back(o3.seconds);
+      std::printf(", mode 2 %.4f px, mode 3 %.4f px", err2.back(), err3.back());
+    }
+    std::printf("\n");
   }
   std::printf("\n%zu pairs at %dx%d\n", pairs.size(), kSize.width, kSize.height);
-  std::printf("corner error  baseline: median %.4f px, worst %.4f px, %.0f ms per module\n", median(errBase),
+  std::printf("baseline: corner error median %.4f px, worst %.4f px, median %.0f ms per module\n", median(errBase),
               worst(errBase), 1e3 * median(timeBase));
-  std::printf("corner error  mode 0:   median %.4f px, worst %.4f px, %.0f ms per module\n", median(err0), worst(err0),
-              1e3 * median(time0));
-  std::printf("corner error  mode 2:   median %.4f px, worst %.4f px, %.0f ms per module\n", median(err2), worst(err2),
-              1e3 * median(time2));
-  std::printf("corner error  mode 3:   median %.4f px, worst %.4f px, %.0f ms per module\n", median(err3), worst(err3),
-              1e3 * median(time3));
-  std::printf("accuracy ratio baseline/mode 0 = %.1fx; time ratio mode 0/baseline = %.2f\n",
-              median(errBase) / std::max(1e-9, median(err0)), median(time0) / std::max(1e-9, median(timeBase)));
-  std::printf("goals: median <= 0.05 px %s, worst <= 0.3 px %s, no slower than baseline %s\n",
-              median(err0) <= 0.05 ? "met" : "MISSED", worst(err0) <= 0.3 ? "met" : "MISSED",
-              median(time0) <= median(timeBase) ? "met" : "MISSED");
-
-  std::vector<double> plain, gridded;
-  for (const auto& p : bent) {
-    plain.push_back(denseError(p, runOurs(p, MatchToTarget::kFeatureMatching, false)));
-    gridded.push_back(denseError(p, runOurs(p, MatchToTarget::kFeatureMatching, true)));
-    std::printf("non-rigid pair %zu: dense error mode 0 %.3f px, mode 0 with grid %.3f px\n", plain.size(),
-                plain.back(), gridded.back());
+  std::printf("mode 0:   corner error median %.4f px, worst %.4f px, median %.0f ms per module\n", median(err0),
+              worst(err0), 1e3 * median(time0));
+  if (allModes) {
+    std::printf("mode 2:   corner error median %.4f px, worst %.4f px, median %.0f ms per module\n", median(err2),
+                worst(err2), 1e3 * median(time2));
+    std::printf("mode 3:   corner error median %.4f px, worst %.4f px, median %.0f ms per module\n", median(err3),
+                worst(err3), 1e3 * median(time3));
   }
-  std::printf("non-rigid: median dense error mode 0 %.3f px, with 6x4 grid %.3f px, ratio %.2fx\n", median(plain),
-              median(gridded), median(plain) / std::max(1e-9, median(gridded)));
-  return 0;
+  const double ratio = median(time0) / std::max(1e-9, median(timeBase));
+  std::printf("time mode 0 / baseline = %.2f (goal <= %.2f): %s\n", ratio, kTimeGoal, ratio <= kTimeGoal ? "met" : "MISSED");
+  std::printf("accuracy: median %.4f px (goal <= %.3f) %s, worst %.4f px (goal <= %.2f) %s; %.0fx the baseline's\n",
+              median(err0), kMedianGoal, median(err0) <= kMedianGoal ? "met" : "MISSED", worst(err0), kWorstGoal,
+              worst(err0) <= kWorstGoal ? "met" : "MISSED", median(errBase) / std::max(1e-9, median(err0)));
+  const bool ok = ratio <= kTimeGoal && median(err0) <= kMedianGoal && worst(err0) <= kWorstGoal;
+  std::printf("%s\n", ok ? "goals met" : "GOALS MISSED");
+  return check && !ok ? 1 : 0;
 }

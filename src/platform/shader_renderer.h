@@ -1,10 +1,10 @@
 // The CPU renderer behind ImageSource::ImageShading. It keeps what does not
 // change between renderings of the same picture: the picture reduced to the
-// working size (colour, and grey with a zero border and each 2x2 neighbourhood
-// packed in one element for the vectorised sampler), and the texture coordinate of
-// every output pixel (clip matrix and UV grid, before the lens distortion).
-// Both are immutable once built, so renderers of several threads can share
-// them (shareCache).
+// working size (colour, and grey as a zero-bordered byte plane), and the
+// texture coordinate of every output pixel (clip matrix and UV grid, before
+// the lens distortion). Both are immutable once built, so renderers of
+// several threads can share them (shareCache). How a rendering samples the
+// working picture is written in platform/shader_renderer_sampling.h.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +24,28 @@ namespace ImageSource {
 
 class ShaderRenderer {
  public:
+  // The working picture of one picture at one reduction factor.
+  struct Source {
+    std::shared_ptr<Image::UniversalImageInterface> image;  // keeps the key alive
+    int factor = 0;      // whole reduction factor
+    cv::Size original;   // picture size in pixels
+    cv::Size working;    // reduced size
+    cv::Mat colour;      // CV_8UC3 working picture with one zero column/row before and two after
+    cv::Mat plane;       // CV_8UC1 grey of the working picture, one zero column/row before and at least
+                         // kPlaneRight zero columns and kPlaneBottom zero rows after
+  };
+  static constexpr int kPlaneRight = 80;
+  static constexpr int kPlaneBottom = 5;
+
+  // Where each output pixel of one output size shows the module.
+  struct Coordinates {
+    cv::Size size;
+    int stride = 0;                    // floats a row, a multiple of 16
+    std::vector<float> u2, v2;         // twice the texture coordinate of each output pixel (0 in padding)
+    std::vector<std::int32_t> mask;    // -1 where the pixel shows the module, 0 where it is black
+    std::vector<int> first, last;      // per row: the pixels showing the module are within [first, last)
+  };
+
   ShaderRenderer();
 
   // The chain's clip matrix (identity when none is enabled) and lens
@@ -46,12 +68,10 @@ class ShaderRenderer {
   // The colour rendering (BGR, 8 bits) of `image` at `size`.
   cv::Mat renderColour(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
 
-  // The grey rendering at `size` into `grey` (CV_8UC1; its columns may be
-  // padded to a multiple of 16: only the first size.width count) and the
-  // histogram of its size.width x size.height pixels. The grey working
-  // picture is sampled bilinearly at 1/32 pixel with 5-bit weights in whole
-  // numbers (as the colour rendering's remap does), so the plain and the
-  // vectorised samplers give the same bytes.
+  // The grey rendering at `size` into `grey` (CV_8UC1; its columns are padded
+  // to a multiple of 16: only the first size.width count) and the histogram
+  // of its size.width x size.height pixels: exactly the colour rendering
+  // converted to grey (cv::COLOR_BGR2GRAY).
   void renderGrey(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size, cv::Mat& grey,
                   int histogram[256]);
 
@@ -62,36 +82,22 @@ class ShaderRenderer {
 
   const LensDistortion& distortion() const { return distortion_; }
 
-  // Whether the vectorised sampler is used; tests switch it off to compare.
-  static bool vectorised();
-  static void setVectorised(bool on);
-  // The sampler in use: 0 plain, 1 AVX2, 2 AVX-512; setting asks for at
-  // most that level (what the processor has).
-  static int samplerLevel();
-  static void setSamplerLevel(int level);
-
- private:
-  struct Source {
-    std::shared_ptr<Image::UniversalImageInterface> image;  // keeps the key alive
-    int factor = 0;            // whole reduction factor
-    cv::Size original;         // picture size in pixels
-    cv::Mat colour;            // working colour picture
-    cv::Mat quads;             // CV_32SC1 over the grey picture with a 1-pixel zero border left/top and 2
-                               // right/bottom: element (x, y) packs bytes (x, y), (x+1, y), (x, y+1), (x+1, y+1)
-  };
-  struct Coordinates {
-    cv::Size size;
-    int stride = 0;                    // floats a row, a multiple of 16
-    std::vector<float> u2, v2;         // twice the texture coordinate of each output pixel (0 in padding)
-    std::vector<std::int32_t> mask;    // -1 where the pixel shows the module, 0 where it is black
-    std::vector<int> first, last;      // per row: the pixels showing the module are within [first, last)
-  };
-
+  // The working picture and the coordinates of a rendering at `size` (made
+  // on first use, then kept).
   std::shared_ptr<const Source> source(const std::shared_ptr<Image::UniversalImageInterface>& image, cv::Size size);
   std::shared_ptr<const Coordinates> coordinates(cv::Size size);
 
-  // Fills the remap maps for a picture of `original` pixels reduced by `factor`.
-  void fillMaps(const Coordinates& c, cv::Size original, int factor, cv::Mat& mapX, cv::Mat& mapY) const;
+  // Which grey sampler runs: 0 plain, 1 AVX2, 2 AVX-512 (with the byte
+  // permutes and dot products of VBMI and VNNI). All give the same bytes;
+  // setting asks for at most that level (what the processor has). At first
+  // the most the processor has.
+  static int samplerLevel();
+  static void setSamplerLevel(int level);
+  static int bestSamplerLevel();
+
+ private:
+  // Fills the remap maps for a picture of `original` pixels.
+  void fillMaps(const Coordinates& c, cv::Size original, cv::Mat& mapX, cv::Mat& mapY) const;
 
   cv::Matx33d homography_;        // texture -> surface
   Utils::Optional<cv::Rect2d> frame_;

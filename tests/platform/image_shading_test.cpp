@@ -2,6 +2,7 @@
 #include "orbivane/platform/image_shading.h"
 
 #include <cmath>
+#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +13,8 @@
 #include "orbivane/image/image_conversion.h"
 #include "platform/distortion_model.h"
 #include "platform/image_shading_access.h"
+#include "platform/shader_renderer_family.h"
+#include "platform/shader_renderer_sampling.h"
 #include "support/matchers.h"
 #include "support/sample_data.h"
 
@@ -173,34 +176,6 @@ TEST(ImageShading, LensDistortionFollowsItsFormulaAndEveryParameterShows) {
   EXPECT_THROW(shading.SetShader({lens(broken)}), std::invalid_argument);
 }
 
-TEST(ImageShading, GreyRenderingAgreesWithTheColourOneAndBetweenPaths) {
-  const auto image = picture("home.jpg", cv::Size(640, 480));
-  ImageShading shading;
-  shading.SetShader({lens({{"f_TCorrection_F", "0.4"}, {"f_TCorrection_H", "0.3"}, {"i_ps_distortion_ext_pwp", "3"}})});
-  const cv::Size size(160, 120);  // a reduced working picture (factor 4)
-  cv::Mat colourGrey;
-  cv::cvtColor(render(shading, image, Utils::Size{size.width, size.height}), colourGrey, cv::COLOR_BGR2GRAY);
-  auto& renderer = ImageSource::ImageShadingAccess::renderer(shading);
-  cv::Mat grey, plainGrey;
-  int histogram[256], plainHistogram[256];
-  renderer.renderGrey(image, size, grey, histogram);
-  const bool vectorised = ImageSource::ShaderRenderer::vectorised();
-  ImageSource::ShaderRenderer::setVectorised(false);
-  renderer.renderGrey(image, size, plainGrey, plainHistogram);
-  ImageSource::ShaderRenderer::setVectorised(vectorised);
-  const cv::Mat g = grey(cv::Rect(0, 0, size.width, size.height));
-  // The colour path samples at 1/32 pixel and rounds each channel: a few levels at sharp edges.
-  EXPECT_THAT(g, Testing::PictureNear(colourGrey, 6));
-  EXPECT_LT(meanDifference(g, colourGrey), 0.5);
-  EXPECT_THAT(g, Testing::PictureNear(plainGrey(cv::Rect(0, 0, size.width, size.height)), 1));
-  cv::Mat counted;
-  const int channels[] = {0}, bins[] = {256};
-  const float range[] = {0, 256};
-  const float* ranges[] = {range};
-  cv::calcHist(&g, 1, channels, cv::Mat(), counted, 1, bins, ranges);
-  for (int i = 0; i < 256; ++i) EXPECT_EQ(histogram[i], int(counted.at<float>(i))) << "bin " << i;
-}
-
 // The grey rendering of `shading` at `size` by the renderer's current sampler.
 struct GreyRendering {
   cv::Mat grey;  // size.width columns
@@ -214,48 +189,164 @@ GreyRendering renderGreyWith(ImageShading& shading, const std::shared_ptr<Image:
   return {padded(cv::Rect(0, 0, size.width, size.height)).clone(), std::vector<int>(histogram, histogram + 256)};
 }
 
-TEST(ImageShading, VectorisedGreySamplerGivesExactlyThePlainBytes) {
-  const auto image = picture("home.jpg", cv::Size(640, 480));
+std::vector<int> histogramOf(const cv::Mat& grey) {
+  std::vector<int> counts(256, 0);
+  for (int y = 0; y < grey.rows; ++y)
+    for (int x = 0; x < grey.cols; ++x) ++counts[grey.at<std::uint8_t>(y, x)];
+  return counts;
+}
+
+// Chains that bring every part of the sampling rule into play: the grid's
+// weakest and strongest distortions shifted to each side (so every edge of
+// the picture, with its black surround, is in the rendering), the division
+// method and odd powers, a perspective footprint whose rows only partly show
+// the module, and a UV grid.
+std::vector<std::list<Shader>> testedChains() {
   const cv::Matx33d perspective(0.8, 0.15, 0.1, -0.05, 0.9, 0.05, 0.2, 0.1, 1.0);
-  const std::vector<std::list<Shader>> chains{
-      // Mild and strong radial corrections with shifts: runs of neighbouring and of scattered samples.
-      {lens({{"f_TCorrection_F", "0.1"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.3"},
-             {"f_ps_distortion_ext_xshift", "-0.1"}})},
-      {lens({{"f_TCorrection_F", "0.75"}, {"f_TCorrection_H", "0.75"}, {"f_TCorrection_V", "0.75"},
-             {"f_ps_distortion_ext_xshift", "0.3"}, {"f_ps_distortion_ext_yshift", "-0.3"}})},
-      // Division, an odd power, and a perspective footprint whose rows only partly show the module.
-      {OrbivaneGeometry::clipMatrixShader(OrbivaneGeometry::matrixFromPlanarHomography(perspective)),
-       lens({{"f_TCorrection_F", "0.5"}, {"i_ps_distortion_ext_pwp", "5"}, {"i_ps_distortion_ext_method", "1"},
-             {"f_ps_distortion_ext_yshift", "0.2"}})}};
+  std::vector<std::list<Shader>> chains;
+  for (const char* x : {"-0.3", "0.3"})
+    for (const char* y : {"-0.3", "0.3"})
+      chains.push_back({lens({{"f_TCorrection_F", "0.75"}, {"f_TCorrection_H", "0.75"}, {"f_TCorrection_V", "0.75"},
+                              {"f_ps_distortion_ext_xshift", x}, {"f_ps_distortion_ext_yshift", y}})});
+  chains.push_back({lens({{"f_TCorrection_F", "0.05"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.05"},
+                          {"f_ps_distortion_ext_xshift", "-0.3"}, {"f_ps_distortion_ext_yshift", "0.25"}})});
+  chains.push_back({lens({{"f_TCorrection_F", "0.1"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.3"},
+                          {"f_ps_distortion_ext_xshift", "-0.1"}})});
+  chains.push_back({OrbivaneGeometry::clipMatrixShader(OrbivaneGeometry::matrixFromPlanarHomography(perspective)),
+                    lens({{"f_TCorrection_F", "0.5"}, {"i_ps_distortion_ext_pwp", "5"},
+                          {"i_ps_distortion_ext_method", "1"}, {"f_ps_distortion_ext_yshift", "0.2"}})});
+  chains.push_back({lens({{"f_TCorrection_F", "0.4"}, {"f_TCorrection_H", "0.3"}, {"i_ps_distortion_ext_pwp", "3"}})});
+  return chains;
+}
+
+// The search's grey rendering is exactly Apply's colour rendering converted
+// to grey by OpenCV, with every sampler, at sizes with partial blocks of 16
+// and at reductions of the picture (factors 1, 2 and 4); the histogram is the
+// grey picture's.
+TEST(ImageShading, GreyRenderingIsExactlyTheColourRenderingInGrey) {
+  const auto image = picture("home.jpg", cv::Size(640, 480));
   const int level = ImageSource::ShaderRenderer::samplerLevel();
-  ImageSource::ShaderRenderer::setSamplerLevel(2);
-  const int best = ImageSource::ShaderRenderer::samplerLevel();  // what this processor has
+  const int best = ImageSource::ShaderRenderer::bestSamplerLevel();
+  const auto chains = testedChains();
+  int blackSides = 0;
   for (std::size_t i = 0; i < chains.size(); ++i) {
-    for (const cv::Size size : {cv::Size(160, 120), cv::Size(203, 117)}) {  // a width with a partial block
+    for (const cv::Size size : {cv::Size(160, 120), cv::Size(203, 117), cv::Size(320, 240), cv::Size(640, 480)}) {
       ImageShading shading;
       shading.SetShader(chains[i]);
-      ImageSource::ShaderRenderer::setSamplerLevel(0);
-      const GreyRendering plain = renderGreyWith(shading, image, size);
-      for (int vector = 1; vector <= best; ++vector) {  // AVX2, then AVX-512 where present
-        ImageSource::ShaderRenderer::setSamplerLevel(vector);
-        const GreyRendering fast = renderGreyWith(shading, image, size);
-        EXPECT_EQ(cv::countNonZero(fast.grey != plain.grey), 0)
-            << "chain " << i << " at " << size << " level " << vector;
-        EXPECT_EQ(fast.histogram, plain.histogram) << "chain " << i << " level " << vector;
+      if (i == 5) {
+        Utils::UVGrid grid(4, 3);
+        grid.setPoint(2, 1, {0.55f, 0.3f});
+        grid.setPoint(1, 2, {0.2f, 0.7f});
+        shading.SetUVGrid(grid);
+      }
+      cv::Mat expected;
+      cv::cvtColor(render(shading, image, Utils::Size{size.width, size.height}), expected, cv::COLOR_BGR2GRAY);
+      for (int sampler = 0; sampler <= best; ++sampler) {
+        ImageSource::ShaderRenderer::setSamplerLevel(sampler);
+        const GreyRendering grey = renderGreyWith(shading, image, size);
+        EXPECT_EQ(cv::countNonZero(grey.grey != expected), 0) << "chain " << i << " at " << size << " sampler " << sampler;
+        EXPECT_EQ(grey.histogram, histogramOf(expected)) << "chain " << i << " sampler " << sampler;
       }
       ImageSource::ShaderRenderer::setSamplerLevel(level);
-      cv::Mat counted;
-      const int channels[] = {0}, bins[] = {256};
-      const float range[] = {0, 256};
-      const float* ranges[] = {range};
-      cv::calcHist(&plain.grey, 1, channels, cv::Mat(), counted, 1, bins, ranges);
-      for (int b = 0; b < 256; ++b) {
-        ASSERT_EQ(plain.histogram[std::size_t(b)], int(counted.at<float>(b))) << "bin " << b;
-      }
       // The renderings are real pictures, not black.
-      EXPECT_GT(cv::countNonZero(plain.grey), size.area() / 3) << "chain " << i;
+      EXPECT_GT(cv::countNonZero(expected), size.area() / 4) << "chain " << i;
+      if (i < 4 && size == cv::Size(160, 120)) {
+        // The strongest distortions show the picture's edges: black beyond both of them.
+        const int x = chains[i].front().parameter("f_ps_distortion_ext_xshift")->at(0) == '-' ? size.width - 1 : 0;
+        const int y = chains[i].front().parameter("f_ps_distortion_ext_yshift")->at(0) == '-' ? size.height - 1 : 0;
+        blackSides += expected.at<std::uint8_t>(size.height / 2, x) == 0 && expected.at<std::uint8_t>(y, size.width / 2) == 0;
+      }
     }
   }
+  EXPECT_EQ(blackSides, 4);
+}
+
+// Two members of a family rendered together are the bytes of two renderings
+// apart, with every sampler.
+TEST(ImageShading, FamilyMembersRenderedTogetherAreRenderedAsAlone) {
+  const auto image = picture("baboon.jpg", cv::Size(640, 480));
+  const int level = ImageSource::ShaderRenderer::samplerLevel();
+  for (int sampler = 0; sampler <= ImageSource::ShaderRenderer::bestSamplerLevel(); ++sampler) {
+    ImageSource::ShaderRenderer::setSamplerLevel(sampler);
+    ImageShading shading;
+    shading.SetShader({lens({{"f_TCorrection_F", "0.6"}, {"f_ps_distortion_ext_xshift", "0.15"}})});
+    auto& renderer = ImageSource::ImageShadingAccess::renderer(shading);
+    const cv::Size size(203, 150);
+    ImageSource::GreyFamily family;
+    family.prepare(renderer.source(image, size), renderer.coordinates(size), renderer.distortion());
+    cv::Mat first, second, alone;
+    family.render(0.25f, 0.15f, first, 0.7f, second);
+    for (const auto& [vertical, together] : {std::make_pair(0.15f, &first), std::make_pair(0.7f, &second)}) {
+      family.render(0.25f, vertical, alone);
+      EXPECT_EQ(cv::countNonZero(alone != *together), 0) << "sampler " << sampler << " V " << vertical;
+      EXPECT_GT(cv::countNonZero(alone), size.area() / 3);
+    }
+    EXPECT_GT(cv::countNonZero(first != second), size.area() / 4);  // V shows
+  }
+  ImageSource::ShaderRenderer::setSamplerLevel(level);
+}
+
+// Apply's colours are OpenCV's bilinear remap at the sampling rule's 1/32-pixel
+// positions (fixed-point maps), each channel within two levels (the moves that
+// give the interpolated grey), most of them unchanged.
+TEST(ImageShading, ColourRenderingIsTheBilinearRemapUpToTheGreyMatch) {
+  const auto image = picture("baboon.jpg", cv::Size(320, 240));
+  const auto chains = testedChains();
+  ImageShading shading;
+  shading.SetShader(chains[7]);
+  const cv::Mat ours = render(shading, image);
+  auto& renderer = ImageSource::ImageShadingAccess::renderer(shading);
+  const auto coordinates = renderer.coordinates(cv::Size(320, 240));
+  const ImageSource::LensWarp w = ImageSource::makeLensWarp(renderer.distortion(), 320, 240, 1, 320, 240);
+  // Integer maps: padded position >> 5 less the border pixel, and the 1/32 fractions.
+  cv::Mat whole(240, 320, CV_16SC2), fraction(240, 320, CV_16UC1);
+  for (int y = 0; y < 240; ++y) {
+    for (int x = 0; x < 320; ++x) {
+      const std::size_t k = std::size_t(y) * std::size_t(coordinates->stride) + std::size_t(x);
+      float ex = 0, ey = 0;
+      ImageSource::radialTerm(w, coordinates->u2[k], coordinates->v2[k], ex, ey);
+      const int rx = ImageSource::fixedPosition(ex, w.kx, w.x0, w.hiX);
+      const int ry = ImageSource::fixedPosition(ey, w.ky, w.y0, w.hiY);
+      whole.at<cv::Vec2s>(y, x) = cv::Vec2s(short((rx >> 5) - 1), short((ry >> 5) - 1));
+      fraction.at<std::uint16_t>(y, x) = std::uint16_t((ry & 31) * 32 + (rx & 31));
+    }
+  }
+  cv::Mat remapped;
+  cv::remap(Image::toMat(image), remapped, whole, fraction, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+  cv::Mat difference;
+  cv::absdiff(ours, remapped, difference);
+  double worst = 0;
+  cv::minMaxLoc(difference.reshape(1), nullptr, &worst);
+  EXPECT_LE(worst, 2.0);
+  EXPECT_LT(cv::countNonZero(difference.reshape(1)), 0.1 * 3 * 320 * 240);
+  EXPECT_GT(cv::countNonZero(difference.reshape(1)), 0);  // the grey match does move some channels
+  EXPECT_GT(meanDifference(ours, cv::Mat::zeros(ours.size(), ours.type())), 40.0);
+}
+
+// The grey rule is OpenCV's conversion for every colour, and the grey match
+// reaches every grey from any colour, moving green first.
+TEST(ImageShading, GreyOfAColourIsOpenCvsAndEveryGreyCanBeMatched) {
+  cv::Mat colours(4096, 4096, CV_8UC3);
+  for (int i = 0; i < (1 << 24); ++i) colours.at<cv::Vec3b>(i >> 12, i & 4095) = cv::Vec3b(i & 255, (i >> 8) & 255, i >> 16);
+  cv::Mat grey;
+  cv::cvtColor(colours, grey, cv::COLOR_BGR2GRAY);
+  int wrong = 0;
+  for (int i = 0; i < (1 << 24); ++i) wrong += grey.at<std::uint8_t>(i >> 12, i & 4095) != ImageSource::greyOf(i & 255, (i >> 8) & 255, i >> 16);
+  EXPECT_EQ(wrong, 0);
+  int unmatched = 0, farMoves = 0;
+  for (int b = 0; b < 256; b += 15)
+    for (int g = 0; g < 256; g += 15)
+      for (int r = 0; r < 256; r += 15)
+        for (int target = 0; target < 256; ++target) {
+          int nb = b, ng = g, nr = r;
+          ImageSource::matchGrey(nb, ng, nr, target);
+          unmatched += ImageSource::greyOf(nb, ng, nr) != target;
+          // One level of grey apart needs at most two levels of green (away from green's own limits).
+          if (std::abs(ImageSource::greyOf(b, g, r) - target) <= 1 && g > 2 && g < 253)
+            farMoves += std::abs(ng - g) > 2 || nr != r || nb != b;
+        }
+  EXPECT_EQ(unmatched, 0);
+  EXPECT_EQ(farMoves, 0);
 }
 
 TEST(ImageShading, SharedPreparationRendersLikeAnOwnOne) {

@@ -135,9 +135,11 @@ TEST(PanoramaRenderer, LensShaderDrawsAsTheShadingRendererDraws) {
   ImageSource::ImageShading shading;
   shading.SetShader({lens});
   const cv::Mat expected = Image::toMat(*shading.Apply(Image::fromMat(picture)));
-  // Where the lens reads inside the picture both draw the same; the renderer
-  // also blends the half pixel beyond the picture's edge with black, which the
-  // panorama leaves to the next module.
+  // Where the lens reads inside the picture both draw the same, up to the
+  // level or two by which the renderer moves a channel so that its grey is
+  // the picture's grey interpolated; the renderer also blends the half pixel
+  // beyond the picture's edge with black, which the panorama leaves to the
+  // next module.
   cv::Mat drawn;
   cv::cvtColor(p.picture, drawn, cv::COLOR_BGR2GRAY);
   drawn = drawn > 0;
@@ -149,7 +151,8 @@ TEST(PanoramaRenderer, LensShaderDrawsAsTheShadingRendererDraws) {
   cv::cvtColor(difference, differenceGrey, cv::COLOR_BGR2GRAY);
   double worstInside = 0;
   cv::minMaxLoc(differenceGrey, nullptr, &worstInside, nullptr, nullptr, drawn);
-  EXPECT_LE(worstInside, 1.0);
+  EXPECT_LE(worstInside, 2.0);
+  EXPECT_LT(cv::mean(differenceGrey, drawn)[0], 0.5);
   // And the lens really bends the picture.
   cv::absdiff(p.picture, picture, difference);
   EXPECT_GT(cv::mean(difference)[0], 10.0);

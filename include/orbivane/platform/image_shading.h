@@ -31,12 +31,21 @@
 // output is the footprint point (left + x / W * width, top + y / H * height)
 // (pixel (0, 0) centred on the corner, as in surface_projection.h); points
 // outside the module's unit square, and source coordinates outside the
-// picture, are black. The source is sampled bilinearly at 1/32 pixel with
-// whole-number weights (as OpenCV's remap does); when the output is much
-// smaller than the picture, the picture is first reduced by the whole factor
-// floor(min(picture width / W, picture height / H)) with area averaging, so
-// the rendering does not alias.
+// picture, are black. When the output is much smaller than the picture, the
+// picture is first reduced by the whole factor floor(min(picture width / W,
+// picture height / H)) with area averaging (the working picture), so the
+// rendering does not alias.
 //
+// Sampling: each output pixel reads the working picture at a position
+// rounded to 1/32 pixel (the formula above with every multiply-add fused,
+// written out in src/platform/shader_renderer_sampling.h) and interpolates
+// bilinearly with whole-number weights, as OpenCV's remap does. The three
+// channels are interpolated, and so is the working picture's grey
+// (cv::COLOR_BGR2GRAY); then green (where it cannot, red, then blue) moves
+// by the level or two that makes the pixel's grey exactly that interpolated
+// grey. So the rendering converted to grey is, bit for bit, the grey
+// picture interpolated, which is what the parameter search samples.
+
 // Surface and size: SetSurface sets the surface picture. Its size is the
 // output size of Apply(image) when no size is given, and Apply(size) renders
 // the surface picture itself through the chain. Without a surface,

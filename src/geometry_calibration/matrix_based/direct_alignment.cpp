@@ -38,17 +38,7 @@ struct Sums {
   double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0;
   std::array<double, 8> jI{}, j1{}, jT{};
   std::array<double, 36> h{};  // upper triangle of the Hessian, row by row
-  // Spatial gain only: normal equations of the photometric fit (regressors
-  // phi_m * I and 1; upper triangle), their right side, and the Jacobian
-  // sums of phi_m * I.
-  std::array<double, kPhotometric * (kPhotometric + 1) / 2> a{};
-  std::array<double, kPhotometric> at{};
-  std::array<std::array<double, kGainTerms>, 8> jPhiI{};
   void add(const Sums& o) {
-    for (std::size_t k = 0; k < a.size(); ++k) a[k] += o.a[k];
-    for (int k = 0; k < kPhotometric; ++k) at[k] += o.at[k];
-    for (int k = 0; k < 8; ++k)
-      for (int m = 0; m < kGainTerms; ++m) jPhiI[k][m] += o.jPhiI[k][m];
     n += o.n;
     sI += o.sI;
     sT += o.sT;
@@ -130,12 +120,11 @@ void DirectAlignment::buildPyramid(const cv::Mat& fixed, const cv::Mat& moving, 
 
 AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
                                          cv::Vec<double, 8>* gradient, bool buildHessian) {
-  return options_.spatialGain ? measureWith<true>(level, warp, hessian, gradient, buildHessian)
-                              : measureWith<false>(level, warp, hessian, gradient, buildHessian);
+  return options_.spatialGain ? measureSpatial(level, warp, hessian, gradient, buildHessian)
+                              : measureSingle(level, warp, hessian, gradient, buildHessian);
 }
 
-template <bool kSpatialGain>
-AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx33d& warp,
+AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Matx33d& warp,
                                              cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
                                              bool buildHessian) {
   AlignmentResult result;
@@ -149,8 +138,6 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
   const int count = parameterCount(options_.motion);
   const bool wantJacobian = gradient != nullptr;
   const int cols = level.moving.cols, rows = level.moving.rows;
-  // Moving picture coordinates normalised to -1..1 (spatial gain).
-  const double uScale = 2.0 / std::max(1, cols - 1), vScale = 2.0 / std::max(1, rows - 1);
 
   Sums total;
   std::mutex lock;
@@ -158,7 +145,6 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
     const cv::Range range(rowBegin, rowEnd);
     Sums sums;
     std::array<float, 8> j{};
-    std::array<double, kPhotometric> r{};  // regressors of the photometric fit (spatial gain)
     for (int y = range.start; y < range.end; ++y) {
       const float* T = level.fixed.ptr<float>(y);
       const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
@@ -190,15 +176,6 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
         rowII += double(I) * I;
         rowTT += double(t) * t;
         rowIT += double(I) * t;
-        if constexpr (kSpatialGain) {
-          const double u = px * uScale - 1.0, v = py * vScale - 1.0;
-          r = {I, u * I, v * I, u * u * I, v * v * I, u * v * I, 1.0};
-          int idx = 0;
-          for (int a = 0; a < kPhotometric; ++a) {
-            sums.at[a] += r[a] * t;
-            for (int c = a; c < kPhotometric; ++c) sums.a[idx++] += r[a] * r[c];
-          }
-        }
         if (!wantJacobian) continue;
         const float xn = static_cast<float>((x - cx) / sc);
         const float ynf = static_cast<float>(yn);
@@ -223,9 +200,6 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
           rowJI[k] += j[k] * I;
           rowJ1[k] += j[k];
           rowJT[k] += j[k] * t;
-          if constexpr (kSpatialGain) {
-            for (int m = 0; m < kGainTerms; ++m) sums.jPhiI[k][m] += j[k] * r[m];
-          }
         }
         if (buildHessian) {
           int idx = 0;
@@ -262,42 +236,9 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
   result.offset = b;
   result.correlation = cIT / std::sqrt(vI * vT);
   result.meanSquaredResidual = std::max(0.0, vT - cIT * cIT / vI);
-  // The spatial gain: least squares over the regressors; when its normal
-  // equations are singular (too little of the moving picture seen) the one
-  // gain above stands.
-  cv::Vec<double, kPhotometric> coefficients = cv::Vec<double, kPhotometric>::all(0.0);
-  bool spatial = false;
-  if constexpr (kSpatialGain) {
-    cv::Matx<double, kPhotometric, kPhotometric> a;
-    int idx = 0;
-    for (int i = 0; i < kPhotometric; ++i)
-      for (int c = i; c < kPhotometric; ++c) {
-        a(i, c) = total.a[idx];
-        a(c, i) = total.a[idx];
-        ++idx;
-      }
-    const cv::Vec<double, kPhotometric> at(total.at.data());
-    spatial = cv::solve(a, at, coefficients, cv::DECOMP_CHOLESKY);
-    for (int i = 0; i < kPhotometric && spatial; ++i) spatial = std::isfinite(coefficients[i]);
-    if (spatial) {
-      // Residual: sum t^2 - 2 c.at + c.A.c, per pixel.
-      const double explained = 2.0 * coefficients.dot(at) - coefficients.dot(a * coefficients);
-      result.meanSquaredResidual = std::max(0.0, total.sTT / n - explained / n);
-      result.gain = coefficients[0];
-      result.offset = coefficients[kGainTerms];
-    }
-  }
   if (gradient) {
     *gradient = cv::Vec<double, 8>::all(0.0);
-    for (int k = 0; k < count; ++k) {
-      if (spatial) {
-        double modelled = coefficients[kGainTerms] * total.j1[k];
-        for (int m = 0; m < kGainTerms; ++m) modelled += coefficients[m] * total.jPhiI[k][m];
-        (*gradient)[k] = modelled - total.jT[k];
-      } else {
-        (*gradient)[k] = g * total.jI[k] + b * total.j1[k] - total.jT[k];
-      }
-    }
+    for (int k = 0; k < count; ++k) (*gradient)[k] = g * total.jI[k] + b * total.j1[k] - total.jT[k];
   }
   if (hessian && buildHessian) {
     *hessian = cv::Matx<double, 8, 8>::zeros();
@@ -307,6 +248,224 @@ AlignmentResult DirectAlignment::measureWith(const Level& level, const cv::Matx3
         (*hessian)(a, c) = total.h[idx];
         (*hessian)(c, a) = total.h[idx];
         ++idx;
+      }
+  }
+  result.ok = true;
+  return result;
+}
+
+namespace {
+
+// Where a fixed pixel lands on the moving picture, and the moving picture's
+// bilinear value there; false when it lands outside or off the mask.
+struct Sampler {
+  const cv::Matx33d& w;
+  const cv::Mat& moving;
+  const cv::Mat& mask;
+  bool operator()(int x, int y, double& px, double& py, float& value) const {
+    const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
+    const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
+    const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
+    if (!(Z > 1e-9)) return false;
+    px = X / Z;
+    py = Y / Z;
+    if (!(px >= 0.0) || !(py >= 0.0) || px >= moving.cols - 1 || py >= moving.rows - 1) return false;
+    const int ix = static_cast<int>(px), iy = static_cast<int>(py);
+    const uchar* m0 = mask.ptr<uchar>(iy) + ix;
+    const uchar* m1 = mask.ptr<uchar>(iy + 1) + ix;
+    if (!(m0[0] && m0[1] && m1[0] && m1[1])) return false;
+    const float fx = static_cast<float>(px - ix), fy = static_cast<float>(py - iy);
+    const float* r0 = moving.ptr<float>(iy) + ix;
+    const float* r1 = moving.ptr<float>(iy + 1) + ix;
+    const float top = r0[0] + fx * (r0[1] - r0[0]);
+    const float bottom = r1[0] + fx * (r1[1] - r1[0]);
+    value = top + fy * (bottom - top);
+    return true;
+  }
+};
+
+}  // namespace
+
+AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Matx33d& warp,
+                                                cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
+                                                bool buildHessian) {
+  AlignmentResult result;
+  result.warp = warp;
+  const cv::Rect region = level.region;
+  if (region.empty()) return result;
+  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);
+  const Sampler sample{w, level.moving, level.mask};
+  const int cols = level.moving.cols, rows = level.moving.rows;
+  const double uScale = 2.0 / std::max(1, cols - 1), vScale = 2.0 / std::max(1, rows - 1);
+
+  // 1. The photometric model at this warp, fitted on every `stride`-th pixel
+  // of every `stride`-th row (its seven terms need far fewer pixels than the
+  // geometry): fixed ~ g(u, v) moving + b, g quadratic in the moving
+  // picture's coordinates u, v (-1..1).
+  const int stride = level.scale >= 1.0 ? 4 : level.scale >= 0.5 ? 2 : 1;
+  std::array<double, kPhotometric * (kPhotometric + 1) / 2> normalSums{};
+  std::array<double, kPhotometric> at{};
+  double fitN = 0, fitI = 0, fitT = 0, fitII = 0, fitIT = 0;
+  for (int y = region.y; y < region.y + region.height; y += stride) {
+    const float* T = level.fixed.ptr<float>(y);
+    for (int x = region.x; x < region.x + region.width; x += stride) {
+      double px = 0, py = 0;
+      float value = 0;
+      if (!sample(x, y, px, py, value)) continue;
+      const double I = value, t = T[x];
+      const double u = px * uScale - 1.0, v = py * vScale - 1.0;
+      const std::array<double, kPhotometric> r = {I, u * I, v * I, u * u * I, v * v * I, u * v * I, 1.0};
+      int idx = 0;
+      for (int i = 0; i < kPhotometric; ++i) {
+        at[std::size_t(i)] += r[std::size_t(i)] * t;
+        for (int k = i; k < kPhotometric; ++k) normalSums[std::size_t(idx++)] += r[std::size_t(i)] * r[std::size_t(k)];
+      }
+      fitN += 1.0;
+      fitI += I;
+      fitT += t;
+      fitII += I * I;
+      fitIT += I * t;
+    }
+  }
+  cv::Vec<double, kPhotometric> c = cv::Vec<double, kPhotometric>::all(0.0);
+  bool spatial = false;
+  if (fitN >= kPhotometric * 4) {
+    cv::Matx<double, kPhotometric, kPhotometric> normal;
+    int idx = 0;
+    for (int i = 0; i < kPhotometric; ++i)
+      for (int k = i; k < kPhotometric; ++k) {
+        normal(i, k) = normalSums[std::size_t(idx)];
+        normal(k, i) = normalSums[std::size_t(idx)];
+        ++idx;
+      }
+    spatial = cv::solve(normal, cv::Vec<double, kPhotometric>(at.data()), c, cv::DECOMP_CHOLESKY);
+    for (int i = 0; i < kPhotometric && spatial; ++i) spatial = std::isfinite(c[i]);
+  }
+  if (!spatial && fitN > 1.0) {
+    // Too little of the moving picture for seven terms: one gain and offset.
+    const double mI = fitI / fitN, mT = fitT / fitN, vI = fitII / fitN - mI * mI;
+    c = cv::Vec<double, kPhotometric>::all(0.0);
+    c[0] = vI > 1e-9 ? (fitIT / fitN - mI * mT) / vI : 1.0;
+    c[kGainTerms] = mT - c[0] * mI;
+  }
+
+  // 2. Every pixel: the residual of that model, its statistics, and the
+  // normal equations of the geometric update. The Jacobian of a pixel is
+  // (P xn, P yn, P, Q xn, Q yn, Q, S xn, S yn) with P, Q the fixed picture's
+  // gradient and S = -(P xn + Q yn), so per row it needs only sums over
+  // products of P, Q, S, the residual and powers of xn (yn is the row's).
+  const double cx = region.x + 0.5 * (region.width - 1), cy = region.y + 0.5 * (region.height - 1);
+  const double sc = 0.5 * std::max(region.width, region.height);
+  const int count = parameterCount(options_.motion);
+  const bool wantJacobian = gradient != nullptr;
+  struct Totals {
+    double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0, sEE = 0;
+    double g[6] = {0};        // P xn e, P e, Q xn e, Q e, S xn e, S e (times yn^k summed as needed)
+    double gy[3] = {0};       // yn P e, yn Q e, yn S e
+    double h[6][3][3] = {};   // [PP, PQ, PS, QQ, QS, SS][xn power][yn power]
+  } total;
+  std::mutex lock;
+  Utils::parallelRows(region.y, region.y + region.height, [&](int rowBegin, int rowEnd) {
+    Totals part;
+    for (int y = rowBegin; y < rowEnd; ++y) {
+      const float* T = level.fixed.ptr<float>(y);
+      const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
+      const float* GY = wantJacobian ? level.gradY.ptr<float>(y) : nullptr;
+      const double yn = (y - cy) / sc;
+      double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0, sEE = 0;
+      double pxe = 0, pe = 0, qxe = 0, qe = 0, sxe = 0, se = 0;
+      double pp0 = 0, pp1 = 0, pp2 = 0, pq0 = 0, pq1 = 0, pq2 = 0, ps0 = 0, ps1 = 0, ps2 = 0;
+      double qq0 = 0, qq1 = 0, qq2 = 0, qs0 = 0, qs1 = 0, qs2 = 0, ss0 = 0, ss1 = 0, ss2 = 0;
+      for (int x = region.x; x < region.x + region.width; ++x) {
+        double px = 0, py = 0;
+        float value = 0;
+        if (!sample(x, y, px, py, value)) continue;
+        const double I = value, t = T[x];
+        const double u = px * uScale - 1.0, v = py * vScale - 1.0;
+        const double gain = c[0] + u * (c[1] + u * c[3] + v * c[5]) + v * (c[2] + v * c[4]);
+        const double e = gain * I + c[kGainTerms] - t;
+        n += 1.0;
+        sI += I;
+        sT += t;
+        sII += I * I;
+        sTT += t * t;
+        sIT += I * t;
+        sEE += e * e;
+        if (!wantJacobian) continue;
+        const double xn = (x - cx) / sc;
+        const double P = double(GX[x]) * sc, Q = double(GY[x]) * sc;
+        const double S = -(P * xn + Q * yn);
+        pxe += P * xn * e;
+        pe += P * e;
+        qxe += Q * xn * e;
+        qe += Q * e;
+        sxe += S * xn * e;
+        se += S * e;
+        if (!buildHessian) continue;
+        const double x2 = xn * xn;
+        const double PP = P * P, PQ = P * Q, PS = P * S, QQ = Q * Q, QS = Q * S, SS = S * S;
+        pp0 += PP, pp1 += PP * xn, pp2 += PP * x2;
+        pq0 += PQ, pq1 += PQ * xn, pq2 += PQ * x2;
+        ps0 += PS, ps1 += PS * xn, ps2 += PS * x2;
+        qq0 += QQ, qq1 += QQ * xn, qq2 += QQ * x2;
+        qs0 += QS, qs1 += QS * xn, qs2 += QS * x2;
+        ss0 += SS, ss1 += SS * xn, ss2 += SS * x2;
+      }
+      part.n += n, part.sI += sI, part.sT += sT, part.sII += sII, part.sTT += sTT, part.sIT += sIT, part.sEE += sEE;
+      part.g[0] += pxe, part.g[1] += pe, part.g[2] += qxe, part.g[3] += qe, part.g[4] += sxe, part.g[5] += se;
+      part.gy[0] += yn * pe, part.gy[1] += yn * qe, part.gy[2] += yn * se;
+      const double rows3[6][3] = {{pp0, pp1, pp2}, {pq0, pq1, pq2}, {ps0, ps1, ps2},
+                                  {qq0, qq1, qq2}, {qs0, qs1, qs2}, {ss0, ss1, ss2}};
+      const double ynPower[3] = {1.0, yn, yn * yn};
+      for (int f = 0; f < 6; ++f)
+        for (int k = 0; k < 3; ++k)
+          for (int l = 0; l < 3; ++l) part.h[f][k][l] += rows3[f][k] * ynPower[l];
+    }
+    std::lock_guard<std::mutex> guard(lock);
+    total.n += part.n, total.sI += part.sI, total.sT += part.sT, total.sII += part.sII, total.sTT += part.sTT;
+    total.sIT += part.sIT, total.sEE += part.sEE;
+    for (int k = 0; k < 6; ++k) total.g[k] += part.g[k];
+    for (int k = 0; k < 3; ++k) total.gy[k] += part.gy[k];
+    for (int f = 0; f < 6; ++f)
+      for (int k = 0; k < 3; ++k)
+        for (int l = 0; l < 3; ++l) total.h[f][k][l] += part.h[f][k][l];
+  });
+
+  result.validPixels = static_cast<int>(total.n);
+  if (total.n < options_.minimumPixels) return result;
+  const double n = total.n;
+  const double mI = total.sI / n, mT = total.sT / n;
+  const double vI = total.sII / n - mI * mI, vT = total.sTT / n - mT * mT, cIT = total.sIT / n - mI * mT;
+  if (!(vI > 1e-3) || !(vT > 1e-3)) return result;  // no texture to align on
+  result.correlation = cIT / std::sqrt(vI * vT);
+  result.meanSquaredResidual = std::max(0.0, total.sEE / n);
+  result.gain = c[0];
+  result.offset = c[kGainTerms];
+  // The Jacobian's entries as (function of P/Q/S, power of xn, power of yn).
+  static const int kFunction[8] = {0, 0, 0, 1, 1, 1, 2, 2};
+  static const int kXPower[8] = {1, 0, 0, 1, 0, 0, 1, 0};
+  static const int kYPower[8] = {0, 1, 0, 0, 1, 0, 0, 1};
+  // The motion's parameters among those eight.
+  static const int kTranslation[2] = {2, 5};
+  const int* used = nullptr;
+  static const int kAll[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  used = count == 2 ? kTranslation : kAll;
+  if (gradient) {
+    // Sums by (function, power of xn, power of yn): g holds (P xn, P, Q xn, Q, S xn, S), gy the yn ones.
+    *gradient = cv::Vec<double, 8>::all(0.0);
+    for (int k = 0; k < count; ++k) {
+      const int j = used[k], f = kFunction[j];
+      (*gradient)[k] = kYPower[j] ? total.gy[f] : total.g[2 * f + (kXPower[j] ? 0 : 1)];
+    }
+  }
+  if (hessian && buildHessian) {
+    static const int kPairIndex[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
+    *hessian = cv::Matx<double, 8, 8>::zeros();
+    for (int a = 0; a < count; ++a)
+      for (int b = 0; b < count; ++b) {
+        const int ja = used[a], jb = used[b];
+        (*hessian)(a, b) = total.h[kPairIndex[kFunction[ja]][kFunction[jb]]][kXPower[ja] + kXPower[jb]]
+                                  [kYPower[ja] + kYPower[jb]];
       }
   }
   result.ok = true;
@@ -326,7 +485,11 @@ AlignmentResult DirectAlignment::evaluate(const cv::Mat& fixed, const cv::Mat& m
 }
 
 AlignmentResult DirectAlignment::align(const cv::Mat& fixed, const cv::Mat& moving, const cv::Mat& movingMask,
-                                       const cv::Matx33d& start, cv::Rect region) {
+                                       const cv::Matx33d& start, cv::Rect region, AlignmentResult* atStart) {
+  if (atStart != nullptr) {
+    *atStart = AlignmentResult();
+    atStart->warp = start;
+  }
   AlignmentResult failed;
   failed.warp = start;
   if (fixed.empty() || moving.empty() || fixed.channels() != 1 || moving.channels() != 1 || !finite(start) ||
@@ -340,6 +503,10 @@ AlignmentResult DirectAlignment::align(const cv::Mat& fixed, const cv::Mat& movi
   int levels = std::max(1, options_.levels);
   while (levels > 1 && std::min(region.width, region.height) / (1 << (levels - 1)) < kCoarsestSide) --levels;
   buildPyramid(fixed, moving, movingMask, region, levels, true);
+  if (atStart != nullptr) {
+    *atStart = measure(levels_[0], start, nullptr, nullptr, false);
+    atStart->warp = start;
+  }
 
   const int count = parameterCount(options_.motion);
   cv::Matx33d warp = start;

@@ -62,8 +62,10 @@ class DirectAlignment {
   // starting from `start`. `movingMask` (8-bit, optional) marks the moving
   // picture's valid pixels (non-zero); `region` limits the fixed pixels
   // used (empty: the whole picture).
+  // `atStart` (optional) receives the measurement of `start` at full
+  // resolution, as evaluate would give it, without building the pictures twice.
   AlignmentResult align(const cv::Mat& fixed, const cv::Mat& moving, const cv::Mat& movingMask,
-                        const cv::Matx33d& start, cv::Rect region = cv::Rect());
+                        const cv::Matx33d& start, cv::Rect region = cv::Rect(), AlignmentResult* atStart = nullptr);
 
   // The residual and correlation of `warp` at full resolution, without
   // changing it (same smoothing and gain/offset fit as `align`).
@@ -83,9 +85,13 @@ class DirectAlignment {
   // normal equations of the update.
   AlignmentResult measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
                           cv::Vec<double, 8>* gradient, bool buildHessian);
-  template <bool kSpatialGain>
-  AlignmentResult measureWith(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
-                              cv::Vec<double, 8>* gradient, bool buildHessian);
+  // The measurement with a spatial gain: the gain fitted at `warp` first,
+  // then the geometric normal equations under it.
+  AlignmentResult measureSpatial(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
+                                 cv::Vec<double, 8>* gradient, bool buildHessian);
+  // The measurement with one gain and offset.
+  AlignmentResult measureSingle(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
+                                cv::Vec<double, 8>* gradient, bool buildHessian);
 
   AlignmentOptions options_;
   std::vector<Level> levels_;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <tuple>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
@@ -17,6 +18,7 @@ constexpr int kPadding = 16;        // pixels added around both pictures before 
 constexpr int kMinimumSide = 250;   // the reduced pictures keep at least this many pixels a side
 constexpr int kMaskShrink = 7;      // the detection masks are eroded by this square
 constexpr double kSearchRadius = 0.15;  // partners are looked for within this share of the larger side
+constexpr int kPlacedFeatures = 2000;   // strongest features per picture matched near the current placement
 
 int padded(int length, int cell) { return (length + cell - 1) / cell; }
 
@@ -101,9 +103,24 @@ bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targ
   }
   std::vector<cv::KeyPoint> moduleKeys, targetKeys;
   cv::Mat moduleDescriptors, targetDescriptors;
-  detector->detectAndCompute(modulePadded, moduleDetect, moduleKeys, moduleDescriptors);
-  if (context_.aborted()) return false;
-  detector->detectAndCompute(targetPadded, targetDetect, targetKeys, targetDescriptors);
+  if (prior) {
+    // Near the current placement only the strongest features are matched
+    // (the direct refinement does the fine work): the detector finds its
+    // features as set up, and only the strongest kPlacedFeatures of each
+    // picture are described.
+    for (auto [picture, detect, keys, descriptors] :
+         {std::make_tuple(&modulePadded, &moduleDetect, &moduleKeys, &moduleDescriptors),
+          std::make_tuple(&targetPadded, &targetDetect, &targetKeys, &targetDescriptors)}) {
+      detector->detect(*picture, *keys, *detect);
+      cv::KeyPointsFilter::retainBest(*keys, kPlacedFeatures);
+      detector->compute(*picture, *keys, *descriptors);
+      if (context_.aborted()) return false;
+    }
+  } else {
+    detector->detectAndCompute(modulePadded, moduleDetect, moduleKeys, moduleDescriptors);
+    if (context_.aborted()) return false;
+    detector->detectAndCompute(targetPadded, targetDetect, targetKeys, targetDescriptors);
+  }
   context_.logger->debug("{} module and {} target features", moduleKeys.size(), targetKeys.size());
   if (moduleDescriptors.empty() || targetDescriptors.empty()) return true;
   cv::BFMatcher matcher(cv::NORM_HAMMING, true);
@@ -236,13 +253,18 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
   cv::Mat moduleContrast, targetContrast;
   clahe->apply(pictures.moduleGrey, moduleContrast);
   clahe->apply(pictures.targetGrey, targetContrast);
-  cv::Mat moduleEqualised, targetEqualised;  // colour pictures equalised per channel (for inspection)
-  for (const auto& [source, destination] : {std::make_pair(&pictures.module, &moduleEqualised),
-                                            std::make_pair(&pictures.target, &targetEqualised)}) {
-    std::vector<cv::Mat> channels;
-    cv::split(*source, channels);
-    for (auto& channel : channels) cv::equalizeHist(channel, channel);
-    cv::merge(channels, *destination);
+  // The colour pictures equalised per channel are only for inspection (the
+  // matches drawn on them at trace level): made only then.
+  const bool inspecting = context_.logger->should_log(spdlog::level::trace);
+  cv::Mat moduleEqualised, targetEqualised;
+  if (inspecting) {
+    for (const auto& [source, destination] : {std::make_pair(&pictures.module, &moduleEqualised),
+                                              std::make_pair(&pictures.target, &targetEqualised)}) {
+      std::vector<cv::Mat> channels;
+      cv::split(*source, channels);
+      for (auto& channel : channels) cv::equalizeHist(channel, channel);
+      cv::merge(channels, *destination);
+    }
   }
 
   // 5.-6. Features at the reduced scale.
@@ -272,7 +294,7 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
                          refined_, error);
 
   // 11. For inspection at debug level: the matches drawn in random colours.
-  if (context_.logger->should_log(spdlog::level::trace)) {
+  if (inspecting) {
     std::vector<cv::KeyPoint> a, b;
     std::vector<cv::DMatch> drawn;
     for (const auto& p : pairs_) {

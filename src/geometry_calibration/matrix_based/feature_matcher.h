@@ -5,19 +5,23 @@
 // Steps: a picture of 10 pixels or less fails at once; the module picture is
 // brought to the target's size (bicubic); the starting error of the input
 // homography is measured (differenceError); both pictures are turned grey
-// and their contrast raised with CLAHE (clip 4.0, 8x8 tiles), the colour
-// pictures equalised channel by channel; both are matched at a reduced scale
+// and their contrast raised with CLAHE (clip 4.0, 8x8 tiles) (at trace
+// level the colour pictures are also equalised channel by channel, to draw
+// the matches on); both are matched at a reduced scale
 // (the first factor of 1.0, 1.1, 1.2, 1.25, 1.3, 1.35 from the third on whose
 // picture size / factor is at least 250 pixels a side; full size when none
 // is), padded so that features reach the picture edges, with detection masks
 // that keep features off the edge of the module's content; ORB features
-// are matched with a cross-checking Hamming matcher, first only between
-// features within about a sixth of the picture of each other (the module picture is
-// already placed by its current matrix), then anywhere, then with BRISK
-// features when ORB yields no homography; at most 1000 pairs are collected, the best
-// 75 % by distance kept when there are more than 10, and the homography
-// estimated with RHO at 3 pixels. The estimate is then refined by direct
-// alignment and the better of the two kept.
+// (the detector with its fixed settings, 10000 features from the driver)
+// are matched with a cross-checking Hamming matcher, first only the
+// strongest 2000 of each picture and only between features within about a
+// sixth of the picture of each other (the module picture is already placed
+// by its current matrix, and the direct refinement does the fine work), then
+// all of them anywhere, then BRISK features when ORB yields no homography;
+// at most 1000 pairs are collected, the best 75 % by distance kept when
+// there are more than 10, and the homography estimated with RHO at 3
+// pixels. The estimate is then refined by direct alignment and the better
+// of the two kept.
 #pragma once
 
 #include <vector>

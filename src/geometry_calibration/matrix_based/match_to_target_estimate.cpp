@@ -103,9 +103,9 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
   DirectAlignment alignment(options);
   // The alignment maps target pixels to module pixels: the inverse.
   const cv::Matx33d start = estimate.inv();
-  const AlignmentResult before =
-      alignment.evaluate(pictures.targetGrey, pictures.moduleGrey, pictures.moduleMask, start);
-  const AlignmentResult after = alignment.align(pictures.targetGrey, pictures.moduleGrey, pictures.moduleMask, start);
+  AlignmentResult before;
+  const AlignmentResult after =
+      alignment.align(pictures.targetGrey, pictures.moduleGrey, pictures.moduleMask, start, cv::Rect(), &before);
   if (!after.ok) return estimate;
   // A result that covers much less of the target than the start did is not
   // trusted even when its residual is lower.

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 
 // GCC 12 warns about the deliberately undefined start values inside its own
 // AVX-512 intrinsics (a known false positive).
@@ -180,7 +182,19 @@ void equalisationTable(const int histogram[256], int total, std::uint8_t table[2
   }
 }
 
-EdgeScore edgeScore(const cv::Mat& grey, const int histogram[256], const cv::Mat& reference, EdgeBuffers& buffers) {
+std::uint64_t stoppingSum(float bound, double count) {
+  if (!std::isfinite(bound) || !(count > 0.0)) return UINT64_MAX;
+  if (bound < 0.0f) return 0;
+  auto above = [&](std::uint64_t sum) { return static_cast<float>(double(sum) / count) > bound; };
+  std::uint64_t sum = static_cast<std::uint64_t>(std::floor(double(bound) * count));
+  while (sum > 0 && above(sum - 1)) --sum;
+  while (!above(sum)) ++sum;
+  return sum;
+}
+
+EdgeScore edgeScore(const cv::Mat& grey, const int histogram[256], const cv::Mat& reference, EdgeBuffers& buffers,
+                    std::uint64_t stopAt, const std::vector<std::uint8_t>* blankRows,
+                    const std::vector<std::uint32_t>* referenceRowSums) {
   const int width = reference.cols, height = reference.rows;
   EdgeScore score;
   if (width <= 0 || height <= 0) return score;
@@ -192,33 +206,63 @@ EdgeScore edgeScore(const cv::Mat& grey, const int histogram[256], const cv::Mat
     cv::absdiff(edges, reference, difference);
     score.mean = cv::mean(edges)[0];
     score.error = static_cast<float>(cv::mean(difference)[0]);
+    score.edged = score.mean >= 1.0;
     return score;
   }
   std::uint8_t table[256];
   equalisationTable(histogram, width * height, table);
-  const int padded = width + 2;
-  buffers.equalised.resize(static_cast<std::size_t>(padded) * static_cast<std::size_t>(height + 2));
+  // Buffer row p + 1 holds picture row p equalised, with a reflected column
+  // on either side; buffer rows 0 and height + 1 the reflected rows 1 and height - 2.
+  const std::size_t padded = std::size_t(width) + 2;
+  buffers.equalised.resize(padded * std::size_t(height + 2));
+  buffers.ready.assign(std::size_t(height), 0);
   std::uint8_t* e = buffers.equalised.data();
-  for (int y = 0; y < height; ++y) {
-    const std::uint8_t* g = grey.ptr<std::uint8_t>(y);
-    std::uint8_t* row = e + static_cast<std::size_t>(y + 1) * std::size_t(padded);
-    lookUp(g, row + 1, width, table);
-    row[0] = row[2];
-    row[width + 1] = row[width - 1];
-  }
-  std::copy_n(e + 2 * padded, padded, e);
-  std::copy_n(e + std::size_t(height - 1) * std::size_t(padded), padded, e + std::size_t(height + 1) * std::size_t(padded));
+  const bool skipBlank = blankRows != nullptr && referenceRowSums != nullptr;
+  auto blank = [&](int p) { return skipBlank && (*blankRows)[std::size_t(p)] != 0; };
+  auto equalise = [&](int p) {
+    if (buffers.ready[std::size_t(p)]) return;
+    buffers.ready[std::size_t(p)] = 1;
+    std::uint8_t* row = e + std::size_t(p + 1) * padded;
+    if (blank(p)) {
+      std::memset(row, table[0], padded);
+    } else {
+      lookUp(grey.ptr<std::uint8_t>(p), row + 1, width, table);
+      row[0] = row[2];
+      row[width + 1] = row[width - 1];
+    }
+    if (p == 1) std::memcpy(e, row, padded);
+    if (p == height - 2) std::memcpy(e + std::size_t(height + 1) * padded, row, padded);
+  };
   std::uint64_t edgeTotal = 0, differenceTotal = 0;
+  const std::uint64_t pixels = std::uint64_t(width) * std::uint64_t(height);
   for (int y = 0; y < height; ++y) {
-    const std::uint8_t* above = e + std::size_t(y) * std::size_t(padded);
-    std::uint32_t edges = 0, differences = 0;
-    laplacianRowBest(above, above + padded, above + 2 * padded, reference.ptr<std::uint8_t>(y), width, edges,
-                     differences);
-    edgeTotal += edges;
-    differenceTotal += differences;
+    const int above = y == 0 ? 1 : y - 1, below = y == height - 1 ? height - 2 : y + 1;
+    if (blank(y) && blank(above) && blank(below)) {
+      // A constant neighbourhood: no edges, the reference's own row as difference.
+      differenceTotal += (*referenceRowSums)[std::size_t(y)];
+    } else {
+      equalise(above);
+      equalise(y);
+      equalise(below);
+      const std::uint8_t* top = e + std::size_t(y) * padded;
+      std::uint32_t edges = 0, differences = 0;
+      laplacianRowBest(top, top + padded, top + 2 * padded, reference.ptr<std::uint8_t>(y), width, edges,
+                       differences);
+      edgeTotal += edges;
+      differenceTotal += differences;
+    }
+    if (differenceTotal >= stopAt && edgeTotal >= pixels && y + 1 < height) {
+      score.rows = y + 1;
+      score.complete = false;
+      score.edged = true;
+      score.error = std::numeric_limits<float>::infinity();
+      return score;
+    }
   }
+  score.rows = height;
   score.mean = double(edgeTotal) / count;
   score.error = static_cast<float>(double(differenceTotal) / count);
+  score.edged = score.mean >= 1.0;
   return score;
 }
 

@@ -3,12 +3,14 @@
 #include "geometry_calibration/matrix_based/shader_brute_forcer_search.h"
 
 #include <algorithm>
+#include <ctime>
 #include <cmath>
 #include <cstdio>
 #include <functional>
 #include <iostream>
 #include <limits>
 #include <stdexcept>
+#include <tuple>
 
 
 #include <opencv2/imgproc.hpp>
@@ -23,12 +25,13 @@
 #include "orbivane/platform/image_shading.h"
 #include "orbivane/utils/wide_text.h"
 #include "platform/image_shading_access.h"
+#include "platform/shader_renderer_family.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
 namespace {
 
-constexpr std::size_t kBatch = 2048;  // evaluations between progress reports
+constexpr std::size_t kBatch = 2048;  // fewest evaluations between progress reports
 
 [[noreturn]] void unknownKey() { throw std::out_of_range("invalid map<K, T> key"); }
 
@@ -100,12 +103,22 @@ CameraDescription::Orbivane cameraWithParameters(const CameraDescription::Orbiva
 }
 
 struct ShaderSearch::ThreadState {
-  ImageSource::ImageShading shading;
-  std::list<OrbivaneGeometry::Shader> chain;
-  OrbivaneGeometry::Shader* shader = nullptr;
-  cv::Mat grey;
+  ImageSource::ImageShading shading;  // this thread's shading object
+  ImageSource::GreyFamily family;
+  cv::Mat grey, secondGrey;
   int histogram[256] = {0};
+  std::vector<std::uint16_t> pairs;
   EdgeBuffers buffers;
+};
+
+// Grid points that render with the same family of distortions.
+struct ShaderSearch::Family {
+  ImageSource::LensDistortion member;  // any member (H and V not read)
+  struct Point {
+    float horizontal, vertical;
+    std::uint64_t index;
+  };
+  std::vector<Point> points;  // by H, then V, then grid order
 };
 
 ShaderSearch::ShaderSearch(const CameraDescription::Orbivane& camera, Images images,
@@ -131,10 +144,7 @@ ShaderSearch::ThreadState& ShaderSearch::threadState() {
   auto& slot = states_[std::this_thread::get_id()];
   if (!slot) {
     auto state = std::make_unique<ThreadState>();
-    state->chain = chain_;
-    state->shader = &*std::find_if(state->chain.begin(), state->chain.end(),
-                                   [&](const OrbivaneGeometry::Shader& s) { return s.uid() == shaderUid_; });
-    state->shading.SetShader(state->chain);
+    state->shading.SetShader(chain_);
     state->shading.SetSurface(surface_);
     if (grid_) state->shading.SetUVGrid(*grid_);
     if (prototype_) {
@@ -156,41 +166,205 @@ std::map<std::string, float> ShaderSearch::parametersAt(std::uint64_t index) con
   return set;
 }
 
-void ShaderSearch::evaluate(std::uint64_t index) {
-  ThreadState& state = threadState();
-  std::uint64_t rest = index;
-  for (std::size_t i = values_.size(); i-- > 0;) {
-    const std::uint64_t count = values_[i].size();
-    state.shader->setParameter(names_[i], texts_[i][std::size_t(rest % count)]);
-    rest /= count;
-  }
-  state.shading.SetShader(state.chain);
-  ImageSource::ImageShadingAccess::renderer(state.shading)
-      .renderGrey(moduleImage_, referenceEdges_.size(), state.grey, state.histogram);
-  const EdgeScore score = edgeScore(state.grey, state.histogram, referenceEdges_, state.buffers);
-  if (!(score.mean >= 1.0)) return;  // an empty rendering
-  // Most evaluations cannot enter the full list; the bound only falls, so a
-  // stale value lets a few more through to the exact test under the lock.
-  if (!(score.error > rejectAbove_.load(std::memory_order_relaxed))) {
-    std::lock_guard<std::mutex> lock(bestMutex_);
-    if (!best_.rejects(score.error)) {
-      best_.insert({score.error, index, parametersAt(index)});
-      if (best_.full()) rejectAbove_.store(best_.largest(), std::memory_order_relaxed);
+namespace {
+
+enum DistortionField : std::uint8_t {
+  kStrength = 1,
+  kHorizontal = 2,
+  kVertical = 4,
+  kShiftX = 8,
+  kShiftY = 16,
+  kPower = 32,
+  kMethod = 64
+};
+
+std::uint8_t differingFields(const ImageSource::LensDistortion& a, const ImageSource::LensDistortion& b) {
+  std::uint8_t fields = 0;
+  if (a.strength != b.strength) fields |= kStrength;
+  if (a.horizontal != b.horizontal) fields |= kHorizontal;
+  if (a.vertical != b.vertical) fields |= kVertical;
+  if (a.shiftX != b.shiftX) fields |= kShiftX;
+  if (a.shiftY != b.shiftY) fields |= kShiftY;
+  if (a.power != b.power) fields |= kPower;
+  if (a.method != b.method) fields |= kMethod;
+  return fields;
+}
+
+void applyFields(ImageSource::LensDistortion& d, std::uint8_t fields, const ImageSource::LensDistortion& values) {
+  if (fields & kStrength) d.strength = values.strength;
+  if (fields & kHorizontal) d.horizontal = values.horizontal;
+  if (fields & kVertical) d.vertical = values.vertical;
+  if (fields & kShiftX) d.shiftX = values.shiftX;
+  if (fields & kShiftY) d.shiftY = values.shiftY;
+  if (fields & kPower) d.power = values.power;
+  if (fields & kMethod) d.method = values.method;
+}
+
+// Processor time of the calling thread (what the profile sums: waiting
+// for other programs on a busy machine does not count).
+std::uint64_t threadTime() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return std::uint64_t(t.tv_sec) * 1000000000u + std::uint64_t(t.tv_nsec);
+}
+
+}  // namespace
+
+void ShaderSearch::prepareDistortions() {
+  // The renderer reads the chain's lens distortion shader; the walk writes
+  // its texts into the searched shader. Each value's effect is found by
+  // writing it alone into the chain and reading the distortion back.
+  baseDistortion_ = ImageSource::LensDistortion::fromChain(chain_);
+  patchFields_.assign(names_.size(), {});
+  patchValues_.assign(names_.size(), {});
+  for (std::size_t i = 0; i < names_.size(); ++i) {
+    // A name written again later in the walk's list order is overwritten by
+    // the earlier position (the values are written last to first).
+    if (std::find(names_.begin(), names_.begin() + std::ptrdiff_t(i), names_[i]) != names_.begin() + std::ptrdiff_t(i)) {
+      patchFields_[i].assign(texts_[i].size(), 0);
+      patchValues_[i].assign(texts_[i].size(), baseDistortion_);
+      continue;
+    }
+    for (const auto& text : texts_[i]) {
+      std::list<OrbivaneGeometry::Shader> chain = chain_;
+      searchedShader(chain, shaderUid_, chain.front()).setParameter(names_[i], text);
+      const ImageSource::LensDistortion d = ImageSource::LensDistortion::fromChain(chain);
+      patchFields_[i].push_back(differingFields(d, baseDistortion_));
+      patchValues_[i].push_back(d);
     }
   }
-  if (counter_.fetch_add(1) % 10000 == 0) std::cout << " #" << std::flush;
+}
+
+ImageSource::LensDistortion ShaderSearch::distortionAt(std::uint64_t index) const {
+  ImageSource::LensDistortion d = baseDistortion_;
+  for (std::size_t i = values_.size(); i-- > 0;) {
+    const std::uint64_t count = values_[i].size();
+    const std::size_t j = std::size_t(index % count);
+    applyFields(d, patchFields_[i][j], patchValues_[i][j]);
+    index /= count;
+  }
+  return d;
+}
+
+ShaderSearch::Profile ShaderSearch::profile() const {
+  Profile p;
+  p.preparation = preparationTime_.load();
+  p.sampling = samplingTime_.load();
+  p.histogram = histogramTime_.load();
+  p.edges = edgesTime_.load();
+  p.evaluations = renderings_.load();
+  p.stopped = stopped_.load();
+  p.rowsSummed = rowsSummed_.load();
+  return p;
+}
+
+void ShaderSearch::evaluateFamily(const Family& family) {
+  ThreadState& state = threadState();
+  ImageSource::ShaderRenderer& renderer = ImageSource::ImageShadingAccess::renderer(state.shading);
+  const cv::Size size = referenceEdges_.size();
+  const double pixels = double(size.width) * double(size.height);
+  // Profiling: processor time per phase, read only when asked for.
+  std::uint64_t t = profiling_ ? threadTime() : 0;
+  std::uint64_t preparation = 0, sampling = 0, histogram = 0, edges = 0, stopped = 0, rowsSummed = 0;
+  auto lap = [&](std::uint64_t& phase) {
+    if (!profiling_) return;
+    const std::uint64_t now = threadTime();
+    phase += now - t;
+    t = now;
+  };
+  state.family.prepare(renderer.source(moduleImage_, size), renderer.coordinates(size), family.member);
+  lap(preparation);
+  auto score = [&](const Family::Point& point, const cv::Mat& grey) {
+    ImageSource::greyHistogram(grey, size.width, &state.family.blankRows(), state.histogram, state.pairs);
+    lap(histogram);
+    // An error above the largest of a full list is not kept: the score may stop once that is certain.
+    const std::uint64_t stopAt = stoppingSum(rejectAbove_.load(std::memory_order_relaxed), pixels);
+    const EdgeScore result = edgeScore(grey, state.histogram, referenceEdges_, state.buffers, stopAt,
+                                       &state.family.blankRows(), &referenceRowSums_);
+    lap(edges);
+    if (!result.complete) ++stopped;
+    rowsSummed += std::uint64_t(result.rows);
+    if (!result.edged) return;  // an empty rendering
+    // Most evaluations cannot enter the full list; the bound only falls, so a
+    // stale value lets a few more through to the exact test under the lock.
+    if (result.complete && !(result.error > rejectAbove_.load(std::memory_order_relaxed))) {
+      std::lock_guard<std::mutex> lock(bestMutex_);
+      if (!best_.rejects(result.error)) {
+        best_.insert({result.error, point.index, parametersAt(point.index)});
+        if (best_.full()) rejectAbove_.store(best_.largest(), std::memory_order_relaxed);
+      }
+    }
+    if (counter_.fetch_add(1) % 10000 == 0) std::cout << " #" << std::flush;
+  };
+  // Points of one horizontal weight are rendered two at a time (they share
+  // what that weight gives the sampler).
+  for (std::size_t i = 0; i < family.points.size();) {
+    const Family::Point& point = family.points[i];
+    const bool paired = i + 1 < family.points.size() && family.points[i + 1].horizontal == point.horizontal;
+    state.family.prepareParts(point.horizontal, point.vertical);
+    if (paired) state.family.prepareParts(point.horizontal, family.points[i + 1].vertical);
+    lap(preparation);
+    if (paired) {
+      state.family.render(point.horizontal, point.vertical, state.grey, family.points[i + 1].vertical, state.secondGrey);
+    } else {
+      state.family.render(point.horizontal, point.vertical, state.grey);
+    }
+    lap(sampling);
+    score(point, state.grey);
+    if (paired) score(family.points[i + 1], state.secondGrey);
+    i += paired ? 2 : 1;
+  }
+  if (profiling_) {
+    preparationTime_ += preparation;
+    samplingTime_ += sampling;
+    histogramTime_ += histogram;
+    edgesTime_ += edges;
+    renderings_ += family.points.size();
+    stopped_ += stopped;
+    rowsSummed_ += rowsSummed;
+  }
 }
 
 void ShaderSearch::flush(std::vector<std::uint64_t>& pending) {
   if (pending.empty()) return;
   if (!shaderKnown_) throw std::runtime_error("Shader not found");
-  Utils::parallelItems(pending.size(), 4, threads_, [&](std::size_t begin, std::size_t end) {
-    for (std::size_t i = begin; i != end; ++i) evaluate(pending[i]);
-  });
-  done_ += pending.size();
+  // The families, in the order of their first point.
+  std::vector<Family> families;
+  std::map<std::tuple<float, float, float, int, int>, std::size_t> byKey;
+  for (const std::uint64_t index : pending) {
+    const ImageSource::LensDistortion d = distortionAt(index);
+    const auto key = std::make_tuple(d.strength, d.shiftX, d.shiftY, d.power, d.method);
+    const auto it = byKey.find(key);
+    if (it == byKey.end()) {
+      byKey.emplace(key, families.size());
+      families.push_back(Family{d, {}});
+      families.back().points.push_back({d.horizontal, d.vertical, index});
+    } else {
+      families[it->second].points.push_back({d.horizontal, d.vertical, index});
+    }
+  }
+  for (auto& family : families) {
+    std::stable_sort(family.points.begin(), family.points.end(), [](const Family::Point& a, const Family::Point& b) {
+      return a.horizontal != b.horizontal ? a.horizontal < b.horizontal : a.vertical < b.vertical;
+    });
+  }
+  // In a few batches of families, each reported when done.
+  const std::size_t batch = std::max<std::size_t>(kBatch, pending.size() / 4);
+  std::size_t first = 0;
+  while (first < families.size()) {
+    std::size_t last = first, points = 0;
+    while (last < families.size() && points < batch) points += families[last++].points.size();
+    Utils::parallelItems(last - first, 1, threads_, [&](std::size_t begin, std::size_t end) {
+      for (std::size_t i = begin; i != end; ++i) evaluateFamily(families[first + i]);
+    });
+    done_ += points;
+    if (callback_) {
+      callback_(int(std::min<std::uint64_t>(done_, INT32_MAX)), int(std::min<std::uint64_t>(total_, INT32_MAX)),
+                "Searching Shader Parameters", AdvStepInfo());
+    }
+    first = last;
+  }
   pending.clear();
-  if (callback_) callback_(int(std::min<std::uint64_t>(done_, INT32_MAX)), int(std::min<std::uint64_t>(total_, INT32_MAX)),
-                           "Searching Shader Parameters", AdvStepInfo());
 }
 
 std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& module, const std::wstring& reference) {
@@ -305,13 +479,21 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
     total_ = 1;
   }
 
+  if (shaderKnown_) prepareDistortions();
+  referenceRowSums_.assign(std::size_t(referenceEdges_.rows), 0);
+  for (int r = 0; r < referenceEdges_.rows; ++r) {
+    const std::uint8_t* row = referenceEdges_.ptr<std::uint8_t>(r);
+    std::uint32_t sum = 0;
+    for (int c = 0; c < referenceEdges_.cols; ++c) sum += row[c];
+    referenceRowSums_[std::size_t(r)] = sum;
+  }
+
+  // The points of one outermost value are evaluated together (by families).
   std::vector<std::uint64_t> pending;
-  pending.reserve(kBatch);
   std::function<void(std::size_t, std::map<std::string, float>, std::uint64_t)> walk =
       [&](std::size_t position, std::map<std::string, float> set, std::uint64_t index) {
         if (position == names.size()) {
           pending.push_back(index);
-          if (pending.size() >= kBatch) flush(pending);
           return;
         }
         const auto& range = values[position];

@@ -1,5 +1,13 @@
 // Inside of the shader parameter search: the best list, the grid walk and
 // the parallel evaluation.
+//
+// The walk collects the grid points of each outermost value, works out the
+// lens distortion each one renders with (the "%f" texts read back as the
+// renderer reads them) and evaluates them family by family
+// (platform/shader_renderer_family.h): the points that share strength,
+// centre, power and method, in parallel over families, one family on one
+// thread at a time. An evaluation stops as soon as its difference sum shows
+// that the ten best would not keep it.
 #pragma once
 
 #include <atomic>
@@ -21,6 +29,7 @@
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 #include "orbivane/platform/image_shading.h"
 #include "orbivane/utils/uv_grid.h"
+#include "platform/distortion_model.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -74,11 +83,31 @@ class ShaderSearch {
   const std::list<ShaderBruteForcer::Result>& results() const { return results_; }
   std::uint64_t evaluationCount() const { return counter_.load(); }
 
+  // Where the processor time of the last search went, summed over threads
+  // (nanoseconds), when measuring was switched on before it.
+  struct Profile {
+    std::uint64_t preparation = 0;  // families' radial terms and per-axis parts
+    std::uint64_t sampling = 0;     // grey renderings
+    std::uint64_t histogram = 0;
+    std::uint64_t edges = 0;        // equalisation, Laplacian and difference
+    std::uint64_t evaluations = 0;  // renderings made
+    std::uint64_t stopped = 0;      // scores that stopped early
+    std::uint64_t rowsSummed = 0;   // rows the scores summed
+  };
+  void setProfiling(bool on) { profiling_ = on; }
+  Profile profile() const;
+
+  // The lens distortion the renderer reads for grid point `index` (after
+  // a search has prepared its walk).
+  ImageSource::LensDistortion distortionAt(std::uint64_t index) const;
+
  private:
   struct ThreadState;
+  struct Family;
   // The grid point of a place in the walk's order.
   std::map<std::string, float> parametersAt(std::uint64_t index) const;
-  void evaluate(std::uint64_t index);
+  void prepareDistortions();
+  void evaluateFamily(const Family& family);
   ThreadState& threadState();
   void flush(std::vector<std::uint64_t>& pending);
 
@@ -107,7 +136,17 @@ class ShaderSearch {
   std::vector<std::string> names_;
   std::vector<std::vector<float>> values_;
   std::vector<std::vector<std::string>> texts_;
+  // The lens distortion with every walk value at its default, and per list
+  // position and value the fields that value sets (bit per field) and
+  // their values; positions whose name came earlier in the list set nothing.
+  ImageSource::LensDistortion baseDistortion_;
+  std::vector<std::vector<std::uint8_t>> patchFields_;
+  std::vector<std::vector<ImageSource::LensDistortion>> patchValues_;
+  std::vector<std::uint32_t> referenceRowSums_;
   std::uint64_t done_ = 0, total_ = 0;
+  bool profiling_ = false;
+  std::atomic<std::uint64_t> preparationTime_{0}, samplingTime_{0}, histogramTime_{0}, edgesTime_{0},
+      renderings_{0}, stopped_{0}, rowsSummed_{0};
 
   std::mutex statesMutex_;
   std::map<std::thread::id, std::unique_ptr<ThreadState>> states_;

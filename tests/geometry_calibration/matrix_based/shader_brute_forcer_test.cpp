@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <limits>
+#include <random>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +14,7 @@
 #include "geometry_calibration/matrix_based/shader_brute_forcer_edges.h"
 #include "geometry_calibration/matrix_based/shader_brute_forcer_search.h"
 #include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/platform/image_shading.h"
 #include "support/sample_data.h"
@@ -212,6 +215,141 @@ TEST(ShaderBruteForcerEdges, FusedScoreEqualsOpenCvSequence) {
     EXPECT_EQ(score.error, static_cast<float>(cv::mean(difference)[0])) << name << " level " << level << " " << size;
   }
   GeometryCalibration::MatrixBased::setEdgeKernelLevel(best);
+}
+
+// The score with an early stop: complete scores are the full pass's, a
+// stopped one is only ever a score whose error is above the bound, blank rows
+// (given with the reference's row sums) score as read.
+TEST(ShaderBruteForcerEdges, StoppedScoresAreAboveTheirBoundAndBlankRowsScoreAsRead) {
+  using GeometryCalibration::MatrixBased::edgeScore;
+  using GeometryCalibration::MatrixBased::stoppingSum;
+  cv::Mat bgr, grey;
+  cv::resize(Testing::loadSample("building.jpg"), bgr, cv::Size(160, 120), 0, 0, cv::INTER_AREA);
+  cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+  grey.rowRange(0, 20).setTo(0);  // a band the module does not cover
+  grey.rowRange(100, 120).setTo(0);
+  std::vector<std::uint8_t> blank(120, 0);
+  for (int y = 0; y < 120; ++y) blank[std::size_t(y)] = y < 20 || y >= 100;
+  const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Testing::loadSample("fruits.jpg"), grey.size());
+  std::vector<std::uint32_t> rowSums(120, 0);
+  for (int y = 0; y < 120; ++y) rowSums[std::size_t(y)] = std::uint32_t(cv::sum(reference.row(y))[0]);
+  int histogram[256] = {0};
+  for (int y = 0; y < grey.rows; ++y)
+    for (int x = 0; x < grey.cols; ++x) ++histogram[grey.at<std::uint8_t>(y, x)];
+  GeometryCalibration::MatrixBased::EdgeBuffers buffers;
+  const auto full = edgeScore(grey, histogram, reference, buffers);
+  const auto skipping = edgeScore(grey, histogram, reference, buffers, UINT64_MAX, &blank, &rowSums);
+  EXPECT_TRUE(full.complete);
+  EXPECT_EQ(skipping.error, full.error);
+  EXPECT_EQ(skipping.mean, full.mean);
+  const double count = 160.0 * 120.0;
+  for (const float bound : {0.5f * full.error, full.error - 1e-3f, full.error, full.error + 1e-3f}) {
+    const std::uint64_t stop = stoppingSum(bound, count);
+    // The smallest sum whose error is above the bound.
+    EXPECT_GT(static_cast<float>(double(stop) / count), bound);
+    EXPECT_FALSE(static_cast<float>(double(stop - 1) / count) > bound);
+    const auto score = edgeScore(grey, histogram, reference, buffers, stop, &blank, &rowSums);
+    // Only a score above its bound may stop (one that reaches the bound on its last rows completes).
+    EXPECT_TRUE(score.complete || full.error > bound) << bound;
+    if (bound < 0.9f * full.error) {
+      EXPECT_FALSE(score.complete);
+    }
+    if (score.complete) {
+      EXPECT_EQ(score.error, full.error);
+    } else {
+      EXPECT_LT(score.rows, 120);
+    }
+    EXPECT_TRUE(score.edged);
+  }
+  EXPECT_EQ(stoppingSum(std::numeric_limits<float>::infinity(), count), UINT64_MAX);
+}
+
+// What the search scores is Apply's rendering scored by OpenCV's own steps,
+// bit for bit: for the ten best of a reduced grid and for grid points picked
+// at random, on a module that covers part of the reference (its rectangle
+// cut from it) with a clip matrix that shows part of the module's picture.
+TEST(ShaderBruteForcerSearch, ErrorsAreApplysRenderingScoredByOpenCv) {
+  ShaderFolder shaders;
+  cv::Mat photo;
+  cv::resize(Testing::loadSample("home.jpg"), photo, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+  const auto picture = Image::fromMat(photo);
+  Utils::Matrix4x4 placement;  // the module's matrix: the middle of the reference
+  placement.set(0, 0, 0.7f);
+  placement.set(1, 1, 0.65f);
+  placement.set(0, 3, 0.12f);
+  placement.set(1, 3, 0.2f);
+  Utils::Matrix4x4 clip;  // the clip matrix: a sheared part of the picture
+  clip.set(0, 0, 0.9f);
+  clip.set(0, 1, 0.1f);
+  clip.set(1, 1, 0.85f);
+  CameraDescription::Orbivane camera;
+  CameraDescription::OrbivaneModule module(L"M");
+  auto geometry = std::make_unique<OrbivaneGeometry::MatrixGeometry>(placement);
+  geometry->setShaderId(ImageSource::kLensDistortionShaderUid);
+  module.setGeometry(std::move(geometry));
+  module.setShaders({OrbivaneGeometry::clipMatrixShader(clip), lens({})});
+  camera.addModule(module);
+  ImageSource::ImageShading shading;
+  shading.SetShader({lens(gridPoint(2, 1, 0, 1, 2))});
+  Images images{{L"M", picture}, {L"reference", shading.Apply(Image::fromMat(Testing::loadSample("home.jpg")),
+                                                              Utils::Size{800, 600})}};
+  const cv::Mat reference = Image::toMat(images[L"reference"]);
+  // The reference's edge image as the search's preparation makes it (by OpenCV alone): the
+  // module's rectangle, x = int(cols * left) and so on, from where its matrix puts its corners.
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(placement);
+  ASSERT_TRUE(quad);
+  float left = 1e9f, top = 1e9f, right = -1e9f, bottom = -1e9f;
+  for (const auto& c : quad->corners) {
+    left = std::min(left, c.x), right = std::max(right, c.x), top = std::min(top, c.y), bottom = std::max(bottom, c.y);
+  }
+  const cv::Rect rect(int(800.0 * left), int(600.0 * top), int(800.0 * (right - left)), int(600.0 * (bottom - top)));
+  ASSERT_EQ(rect, cv::Rect(95, 120, 559, 389));  // truncated toward zero
+  auto scoreByOpenCv = [&](const std::map<std::string, float>& parameters, bool& edged) {
+    const auto withValues = ShaderBruteForcer::cameraWithParameters(camera, L"M", parameters);
+    ImageSource::ImageShading rendering;
+    rendering.SetShader(withValues.findModule(L"M")->shaders());
+    const cv::Mat colour = Image::toMat(rendering.Apply(picture, Utils::Size{200, 150}));
+    cv::Mat resized, grey, equalised, laplacian, edges, cut, cutEdges, difference;
+    cv::resize(reference(rect), cut, colour.size(), 0, 0, cv::INTER_LINEAR);
+    cv::cvtColor(cut, grey, cv::COLOR_BGR2GRAY);
+    cv::equalizeHist(grey, equalised);
+    cv::Laplacian(equalised, laplacian, CV_16S, 3, 1.0, 0.0, cv::BORDER_REFLECT_101);
+    cv::convertScaleAbs(laplacian, cutEdges);
+    cv::resize(colour, resized, colour.size(), 0, 0, cv::INTER_LINEAR);
+    cv::cvtColor(resized, grey, cv::COLOR_BGR2GRAY);
+    cv::equalizeHist(grey, equalised);
+    cv::Laplacian(equalised, laplacian, CV_16S, 3, 1.0, 0.0, cv::BORDER_REFLECT_101);
+    cv::convertScaleAbs(laplacian, edges);
+    edged = cv::mean(edges)[0] >= 1.0;
+    cv::absdiff(edges, cutEdges, difference);
+    return static_cast<float>(cv::mean(difference)[0]);
+  };
+  ShaderBruteForcer forcer(camera, images, reducedGrid());
+  const auto results = quietSearch(forcer);
+  ASSERT_EQ(results.size(), 10u);
+  for (const auto& result : results) {
+    bool edged = false;
+    EXPECT_EQ(result.error, scoreByOpenCv(result.parameters, edged)) << result.gridIndex;
+    EXPECT_TRUE(edged);
+  }
+  std::mt19937 random(7);
+  for (int n = 0; n < 12; ++n) {
+    const auto point = gridPoint(int(random() % 3), int(random() % 3), int(random() % 3), int(random() % 3),
+                                 int(random() % 3));
+    ShaderBruteForcer::ParameterList single;
+    for (const auto& entry : reducedGrid()) {
+      const float value = point.at(entry.first);
+      single.push_back({entry.first, {value, value + 0.5f * entry.second.step, entry.second.step, 2}});
+    }
+    ShaderBruteForcer one(camera, images, single);
+    const auto found = quietSearch(one);
+    bool edged = false;
+    const float expected = scoreByOpenCv(point, edged);
+    ASSERT_EQ(found.size(), edged ? 1u : 0u);
+    if (edged) {
+      EXPECT_EQ(found.front().error, expected) << n;
+    }
+  }
 }
 
 TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards) {

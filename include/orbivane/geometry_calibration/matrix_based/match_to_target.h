@@ -20,7 +20,9 @@
 // Modes (CalibrateMode):
 //  0  feature matching (ORB, 10000 features) with a full-resolution direct
 //     alignment refinement; with the grid enabled, the grid estimator also
-//     refines the module's UV grid cell by cell;
+//     fits the module's UV grid to the measured displacement field between
+//     the pictures (smoothly regularised, never folding; a module the
+//     homography already holds keeps a regular grid);
 //  1  no estimator: modules keep their matrices;
 //  2  dense optical flow (DIS), outlier rejection, a robust homography and
 //     the same refinement;

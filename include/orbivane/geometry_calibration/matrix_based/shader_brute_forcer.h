@@ -31,11 +31,17 @@
 // thread id under a lock, all sharing the working picture and coordinates the
 // preparation made; the best list under a second lock, which an evaluation
 // the full list could not keep does not take; an atomic evaluation counter.
-// The grey rendering is the renderer's grey output (the
-// grey working picture sampled bilinearly; it agrees with the colour
-// rendering converted to grey to within half a level on average, a few levels
-// at the sharpest edges); the edge steps from there on are exact.
-//
+// Each evaluation's error is, bit for bit, what the sequence above gives on
+// ImageShading::Apply's colour rendering (resize to the reference's edge
+// size, BGR to grey, equalisation, Laplacian, absolute value, mean of the
+// absolute difference): the search renders that rendering's grey directly
+// (orbivane/platform/image_shading.h), and fuses the edge steps. Grid points
+// that share the strength, centre, power and method are evaluated together
+// (what their renderings share is computed once), and an evaluation whose
+// difference sum already shows that the ten best would not keep it stops
+// there (the histogram equalisation needs every pixel, the difference does
+// not).
+
 // Sharding: setShard(i, n) walks only the i-th of n contiguous ranges of the
 // outermost parameter's values; the shards' results merged with
 // mergeResults are exactly the whole search's.

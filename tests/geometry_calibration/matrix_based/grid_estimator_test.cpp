@@ -1,0 +1,189 @@
+// Mode 0 with a UV grid on pictures with a known smooth non-rigid warp on
+// top of the homography: the grid holds the warp, stays regular on a rigid
+// module, fills textureless cells from their neighbours, never folds, and
+// the panorama draws the module through it.
+#include <cmath>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/platform/panorama_renderer.h"
+#include "support/scenes.h"
+
+namespace {
+
+using GeometryCalibration::MatrixBased::MatchToTarget;
+
+const cv::Size kSize(640, 360);
+
+struct Pair {
+  Testing::Scene scene;
+  Testing::ModuleTruth truth;
+  cv::Mat module;
+};
+
+Pair makePair(const char* photo, double amplitude, std::uint64_t seed, cv::Rect flat = cv::Rect()) {
+  cv::RNG rng(seed);
+  Pair p;
+  p.scene = Testing::makeScene(photo, kSize, 0.2);
+  if (!flat.empty()) {
+    // A textureless patch of the scene, seen by both pictures.
+    p.scene.picture(flat + cv::Point(cvRound(p.scene.targetOrigin.x), cvRound(p.scene.targetOrigin.y)))
+        .setTo(cv::Scalar(120, 125, 130));
+    p.scene.target = p.scene.picture(cv::Rect(cv::Point(cvRound(p.scene.targetOrigin.x), cvRound(p.scene.targetOrigin.y)),
+                                              kSize))
+                         .clone();
+  }
+  p.truth.homography = Testing::realisticMisalignment(rng, kSize, kSize);
+  p.truth.amplitude = amplitude;
+  p.truth.period = 500.0;
+  p.module = Testing::renderModule(p.scene, p.truth, kSize, 0.9, 8.0, 2.0, seed);
+  return p;
+}
+
+CameraDescription::Orbivane calibrated(const Pair& p, int columns, int rows) {
+  CameraDescription::Orbivane camera;
+  for (const wchar_t* name : {L"T", L"m"}) {
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
+    module.setImage(Image::fromMat(std::wstring(name) == L"T" ? p.scene.target : p.module));
+    camera.addModule(module);
+  }
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images = {
+      {L"T", camera.findModule(L"T")->image()}, {L"m", camera.findModule(L"m")->image()}};
+  MatchToTarget calibrator(camera, images);
+  if (columns > 0) {
+    calibrator.setGridEnabled(true);
+    calibrator.initGrid(columns, rows, L"m");
+  }
+  return calibrator.calibrate({L"m"}, L"T");
+}
+
+// Mean distance, over module positions within `area` (unit square), between
+// where the camera draws the module pixel its grid names there and where the
+// truth puts that pixel.
+double denseError(const Pair& p, const CameraDescription::Orbivane& camera, cv::Rect2d area = cv::Rect2d(0, 0, 1, 1)) {
+  const auto* geometry = camera.findModule(L"m")->matrixGeometry();
+  const cv::Matx33d h = OrbivaneGeometry::textureToPixels(kSize.width, kSize.height) *
+                        OrbivaneGeometry::planarHomography(geometry->matrix()) *
+                        OrbivaneGeometry::pixelsToTexture(kSize.width, kSize.height);
+  double sum = 0.0;
+  int n = 0;
+  for (int j = 1; j < 40; ++j)
+    for (int i = 1; i < 40; ++i) {
+      const cv::Point2d q(i / 40.0, j / 40.0);
+      if (!area.contains(q)) continue;
+      cv::Point2d t = q;
+      if (geometry->uvGrid()) {
+        const auto uv = geometry->uvGrid()->sample(float(q.x), float(q.y));
+        t = cv::Point2d(uv.u, uv.v);
+      }
+      const cv::Vec3d drawn = h * cv::Vec3d(q.x * kSize.width, q.y * kSize.height, 1.0);
+      sum += cv::norm(p.truth.map(cv::Point2d(t.x * kSize.width, t.y * kSize.height)) -
+                      cv::Point2d(drawn[0] / drawn[2], drawn[1] / drawn[2]));
+      ++n;
+    }
+  return sum / std::max(n, 1);
+}
+
+bool unfolded(const Utils::UVGrid& grid) {
+  for (int j = 0; j < grid.rows(); ++j)
+    for (int i = 0; i < grid.columns(); ++i) {
+      const Utils::UVGrid::UVPoint c[4] = {grid.point(i, j), grid.point(i + 1, j), grid.point(i + 1, j + 1),
+                                           grid.point(i, j + 1)};
+      for (int k = 0; k < 4; ++k) {
+        const auto &a = c[k], &b = c[(k + 1) % 4], &d = c[(k + 2) % 4];
+        if (!((b.u - a.u) * (d.v - b.v) - (b.v - a.v) * (d.u - b.u) > 0.0f)) return false;
+      }
+    }
+  return true;
+}
+
+// Normalised correlation of the target and the module drawn alone on a
+// panorama of the target's frame, over the pixels the module covers.
+double drawnCorrelation(const Pair& p, const CameraDescription::Orbivane& camera) {
+  ImageSource::PanoramaOptions options;
+  options.size = Utils::Size{kSize.width, kSize.height};
+  options.feather = 0.0;
+  options.modules = {L"m"};
+  const auto panorama = ImageSource::renderPanorama(camera, options);
+  EXPECT_TRUE(panorama.hasValue());
+  if (!panorama.hasValue()) return 0.0;
+  cv::Mat covered = panorama.value().coverage > 0, drawn, target;
+  cv::erode(covered, covered, cv::Mat(), cv::Point(-1, -1), 4);
+  cv::cvtColor(panorama.value().picture, drawn, cv::COLOR_BGR2GRAY);
+  cv::cvtColor(p.scene.target, target, cv::COLOR_BGR2GRAY);
+  drawn.convertTo(drawn, CV_32F);
+  target.convertTo(target, CV_32F);
+  cv::Scalar meanA, deviationA, meanB, deviationB;
+  cv::meanStdDev(drawn, meanA, deviationA, covered);
+  cv::meanStdDev(target, meanB, deviationB, covered);
+  cv::Mat product;
+  cv::multiply(drawn - meanA[0], target - meanB[0], product);
+  return cv::mean(product, covered)[0] / (deviationA[0] * deviationB[0]);
+}
+
+TEST(GridEstimator, HoldsASmoothNonRigidWarpAndThePanoramaDrawsIt) {
+  const Pair p = makePair("home.jpg", 3.0, 41);
+  const auto plain = calibrated(p, 0, 0);
+  const auto gridded = calibrated(p, 16, 9);
+  const auto* geometry = gridded.findModule(L"m")->matrixGeometry();
+  ASSERT_TRUE(geometry->uvGrid().has_value());
+  EXPECT_FALSE(geometry->uvGrid()->isRegular(1e-4f));
+  EXPECT_TRUE(unfolded(*geometry->uvGrid()));
+  const double without = denseError(p, plain), with = denseError(p, gridded);
+  EXPECT_GT(without, 1.5);
+  EXPECT_LT(with, 0.3);
+  // Through the grid the drawn module lies on the target visibly better.
+  const double correlationWithout = drawnCorrelation(p, plain), correlationWith = drawnCorrelation(p, gridded);
+  EXPECT_GT(correlationWith, correlationWithout + 0.02);
+  EXPECT_GT(correlationWith, 0.95);
+}
+
+TEST(GridEstimator, GridsUpToFineSizesStayUnfoldedAndAccurate) {
+  const Pair p = makePair("baboon.jpg", 3.0, 42);
+  for (const auto& size : {std::make_pair(16, 9), std::make_pair(32, 18), std::make_pair(48, 27)}) {
+    const auto camera = calibrated(p, size.first, size.second);
+    const auto& grid = camera.findModule(L"m")->matrixGeometry()->uvGrid();
+    ASSERT_TRUE(grid.has_value());
+    EXPECT_EQ(grid->columns(), size.first);
+    EXPECT_TRUE(unfolded(*grid)) << size.first << "x" << size.second;
+    EXPECT_LT(denseError(p, camera), size.first >= 32 ? 0.2 : 0.3) << size.first << "x" << size.second;
+  }
+}
+
+TEST(GridEstimator, RigidModuleKeepsItsRegularGrid) {
+  const Pair p = makePair("building.jpg", 0.0, 43);
+  const auto plain = calibrated(p, 0, 0);
+  const auto gridded = calibrated(p, 32, 18);
+  const auto& grid = gridded.findModule(L"m")->matrixGeometry()->uvGrid();
+  ASSERT_TRUE(grid.has_value());
+  EXPECT_TRUE(grid->isRegular(0.0f));
+  EXPECT_LT(denseError(p, gridded), 0.05);
+  EXPECT_LT(std::fabs(denseError(p, gridded) - denseError(p, plain)), 0.01);
+}
+
+TEST(GridEstimator, TexturelessCellsFollowTheirNeighbours) {
+  // A flat block over about three by three cells of a 16x9 grid, in the middle of the picture.
+  const cv::Rect flat(240, 120, 130, 110);
+  const Pair p = makePair("graf1.png", 3.0, 44, flat);
+  const auto plain = calibrated(p, 0, 0);
+  const auto gridded = calibrated(p, 16, 9);
+  const auto& grid = gridded.findModule(L"m")->matrixGeometry()->uvGrid();
+  ASSERT_TRUE(grid.has_value());
+  EXPECT_TRUE(unfolded(*grid));
+  // Inside the block (in module positions, where the target shows it) the
+  // grid has nothing to measure: its points there continue the field around.
+  const cv::Rect2d area(double(flat.x + 20) / kSize.width, double(flat.y + 20) / kSize.height,
+                        double(flat.width - 40) / kSize.width, double(flat.height - 40) / kSize.height);
+  const double without = denseError(p, plain, area), with = denseError(p, gridded, area);
+  EXPECT_GT(without, 1.0);
+  EXPECT_LT(with, 0.5);
+  EXPECT_LT(denseError(p, gridded), 0.4);
+}
+
+}  // namespace
