@@ -28,6 +28,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "bench_support.h"
+#include "camera/camera_coverage.h"
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
 #include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
 #include "orbivane/camera/orbivane.h"
@@ -145,7 +146,7 @@ cv::Mat coverageOf(const Layout& layout, cv::Size raster) {
   }
   std::vector<std::string> skipped;
   cv::Mat coverage;
-  Coverage::accumulateCoverage(Coverage::collectFootprints(camera, skipped), raster, coverage);
+  OrbivaneGeometry::Coverage::accumulateCoverage(CameraDescription::cameraFootprints(camera, skipped), raster, coverage);
   return coverage;
 }
 

@@ -45,8 +45,8 @@
 #include "orbivane/blur_detection/estimate_blur.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
-#include "orbivane/platform/recording_image_source.h"
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recording_image_source.h"
+#include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 #include "support/sample_data.h"
 

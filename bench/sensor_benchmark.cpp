@@ -26,7 +26,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/resolution_calibration.h"
-#include "platform/scene_renderer.h"
+#include "simulated/scene_renderer.h"
 #include "sensor_calibration/fisheye_center_finder.h"
 
 namespace {

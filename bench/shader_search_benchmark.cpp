@@ -42,8 +42,8 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/image_shading.h"
-#include "platform/distortion_model.h"
+#include "orbivane/shading/image_shading.h"
+#include "shading/distortion_model.h"
 #include "support/sample_data.h"
 
 namespace {

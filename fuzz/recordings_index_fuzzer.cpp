@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recordings_index.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

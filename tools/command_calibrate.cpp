@@ -21,7 +21,7 @@
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/calibration_pipeline.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/rendering/panorama_renderer.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
 #include "report_json.h"
@@ -53,7 +53,7 @@ std::string fixed(double value, int decimals) {
 // wide, with outlines and seams.
 void drawPanorama(const CameraDescription::Orbivane& camera, const std::list<std::wstring>& modules,
                   const std::string& path) {
-  ImageSource::PanoramaOptions options;
+  OrbivaneRendering::PanoramaOptions options;
   options.overlay = true;
   for (const auto& name : modules)
     if (camera.findModule(name)) options.modules.push_back(name);
@@ -62,7 +62,7 @@ void drawPanorama(const CameraDescription::Orbivane& camera, const std::list<std
     const double scale = std::min(1.0, 1600.0 / size.width);
     options.size = Utils::Size{std::max(1, int(size.width * scale)), std::max(1, int(size.height * scale))};
   }
-  auto panorama = ImageSource::renderPanorama(camera, options);
+  auto panorama = OrbivaneRendering::renderPanorama(camera, options);
   if (!panorama) throw CommandError("cannot draw the panorama for the report: " + panorama.error());
   auto saved = Image::saveMat(panorama.value().picture, path);
   if (!saved) throw CommandError(saved.error());

@@ -21,7 +21,7 @@
 #include "orbivane/geometry/shader_directories.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/sensor_calibration/final_matrix.h"
+#include "orbivane/camera/final_matrix.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace Tool {
@@ -57,7 +57,7 @@ std::vector<std::string> moduleProblems(const CameraDescription::OrbivaneModule&
         problems.push_back(std::string("the clip-matrix shader's values cannot be read: ") + e.what());
       }
     }
-    const auto final = SensorCalibration::finalMatrix(module);
+    const auto final = CameraDescription::finalMatrix(module);
     if (problems.empty() && (!final || !OrbivaneGeometry::moduleSurfaceQuad(*final))) {
       problems.push_back("the picture does not project onto the surface (a corner on or behind the horizon)");
     }

@@ -18,7 +18,7 @@
 #include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/rendering/panorama_renderer.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace Tool {
@@ -52,9 +52,9 @@ void prepareFolder(const std::string& dir) {
 }
 
 void writePanorama(const CameraDescription::Orbivane& camera, bool grid, const std::string& path) {
-  ImageSource::PanoramaOptions o;
+  OrbivaneRendering::PanoramaOptions o;
   o.overlay = grid;
-  auto panorama = ImageSource::renderPanorama(camera, o);
+  auto panorama = OrbivaneRendering::renderPanorama(camera, o);
   if (!panorama) throw CommandError(panorama.error());
   Demo::writePicture(panorama.value().picture, path);
 }

@@ -21,7 +21,7 @@
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 #include "interrupt_watch.h"
 #include "progress.h"

@@ -24,7 +24,7 @@
 #include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image_selection/smart_finder_match_to_target.h"
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 #include "interrupt_watch.h"
 #include "progress.h"

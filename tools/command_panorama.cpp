@@ -10,7 +10,7 @@
 #include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/rendering/panorama_renderer.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace Tool {
@@ -42,7 +42,7 @@ void addPanoramaCommand(CLI::App& app) {
       ->capture_default_str();
   command->callback([] {
     JsonOutput output(json);
-    ImageSource::PanoramaOptions options;
+    OrbivaneRendering::PanoramaOptions options;
     if (!size.empty()) options.size = parsePictureSize(size);
     options.feather = feather;
     options.overlay = grid;
@@ -51,7 +51,7 @@ void addPanoramaCommand(CLI::App& app) {
     auto loaded = CameraDescription::loadCameraFile(camera);
     if (!loaded) throw CommandError(loaded.error());
     checkOutputFile(out, cameraInputs(loaded.value(), camera), "--out");
-    auto panorama = ImageSource::renderPanorama(loaded.value(), options);
+    auto panorama = OrbivaneRendering::renderPanorama(loaded.value(), options);
     if (!panorama) throw CommandError(panorama.error());
     for (const auto& line : panorama.value().skipped) std::cout << line << "\n";
     for (const auto& line : panorama.value().notes) std::cerr << "orbivane-calibrate: " << line << "\n";

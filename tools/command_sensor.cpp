@@ -26,7 +26,7 @@
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/simulated/simulated_camera.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
 #include "orbivane/utils/atomic_file.h"

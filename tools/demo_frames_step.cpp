@@ -15,7 +15,7 @@
 #include "demo_steps.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
 

@@ -2,7 +2,7 @@
 #include <exception>
 
 #include "command_line.h"
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recordings_index.h"
 
 namespace Tool {
 

@@ -49,15 +49,15 @@
 
 #include "orbivane/blur_detection/estimate_blur.h"
 
-#include "orbivane/platform/camera_backend.h"
-#include "orbivane/platform/image_shading.h"
-#include "orbivane/platform/quarn_records.h"
-#include "orbivane/platform/quarn_session.h"
-#include "orbivane/platform/recording_image_source.h"
-#include "orbivane/platform/recordings_index.h"
-#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/session/camera_backend.h"
+#include "orbivane/shading/image_shading.h"
+#include "orbivane/session/quarn_records.h"
+#include "orbivane/session/quarn_session.h"
+#include "orbivane/recordings/recording_image_source.h"
+#include "orbivane/recordings/recordings_index.h"
+#include "orbivane/simulated/simulated_camera.h"
 
-#include "orbivane/sensor_calibration/final_matrix.h"
+#include "orbivane/camera/final_matrix.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"

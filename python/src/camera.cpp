@@ -13,9 +13,9 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/shader.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/image_shading.h"
-#include "orbivane/platform/panorama_renderer.h"
-#include "orbivane/sensor_calibration/final_matrix.h"
+#include "orbivane/shading/image_shading.h"
+#include "orbivane/rendering/panorama_renderer.h"
+#include "orbivane/camera/final_matrix.h"
 
 namespace OrbivanePython {
 namespace {
@@ -206,17 +206,17 @@ void setLinkage(OrbivaneModule& module, const py::object& value) {
 }
 
 py::object renderPanorama(const Orbivane& camera, const py::object& size, double feather, bool overlay, bool full) {
-  ImageSource::PanoramaOptions options;
+  OrbivaneRendering::PanoramaOptions options;
   if (!size.is_none()) {
     const auto wh = size.cast<std::pair<int, int>>();
     options.size = Utils::Size{wh.first, wh.second};
   }
   options.feather = feather;
   options.overlay = overlay;
-  Utils::ReturnState<ImageSource::Panorama, std::string> result = Utils::failure("not drawn");
+  Utils::ReturnState<OrbivaneRendering::Panorama, std::string> result = Utils::failure("not drawn");
   {
     py::gil_scoped_release release;
-    result = ImageSource::renderPanorama(camera, options);
+    result = OrbivaneRendering::renderPanorama(camera, options);
   }
   if (!result) throw LibraryError(result.error());
   const auto& panorama = result.value();
@@ -388,7 +388,7 @@ void registerCamera(py::module_& m) {
       .def(
           "final_matrix",
           [](const OrbivaneModule& mod) -> py::object {
-            const auto matrix = SensorCalibration::finalMatrix(mod);
+            const auto matrix = CameraDescription::finalMatrix(mod);
             return matrix ? py::object(matrixArray(*matrix)) : py::none();
           },
           "The module matrix composed with its clip matrix, as the viewer draws it; None when not available.")

@@ -11,7 +11,7 @@
 #include "bindings.h"
 #include "orbivane/blur_detection/estimate_blur.h"
 #include "orbivane/image_selection/smart_finder_image.h"
-#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/simulated/simulated_camera.h"
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"

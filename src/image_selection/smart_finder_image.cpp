@@ -16,8 +16,8 @@
 #include "logging/logger_setup.h"
 #include "orbivane/blur_detection/estimate_blur.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/recording_image_source.h"
-#include "orbivane/platform/recordings_index.h"
+#include "orbivane/recordings/recording_image_source.h"
+#include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace OrbivaneCalibration {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "orbivane/camera/orbivane_module.h"
-#include "orbivane/platform/quarn_session.h"
+#include "orbivane/session/quarn_session.h"
 #include "orbivane/utils/return_state.h"
 
 namespace SensorCalibration {

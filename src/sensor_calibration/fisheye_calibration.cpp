@@ -11,7 +11,7 @@
 #include "logging/logger_setup.h"
 #include "orbivane/utils/wide_text.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/quarn_session.h"
+#include "orbivane/session/quarn_session.h"
 #include "sensor_calibration/device_access.h"
 #include "sensor_calibration/fisheye_center_finder.h"
 

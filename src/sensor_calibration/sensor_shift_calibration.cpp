@@ -10,8 +10,8 @@
 #include "logging/logger_setup.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/quarn_session.h"
-#include "orbivane/sensor_calibration/final_matrix.h"
+#include "orbivane/session/quarn_session.h"
+#include "orbivane/camera/final_matrix.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
 #include "orbivane/utils/wide_text.h"
 #include "sensor_calibration/device_access.h"
@@ -108,7 +108,7 @@ Utils::ReturnState<SensorShifter::OverlapMeasurement, std::string> captureAndMea
 // at the middle of its right edge, into the right module through its own.
 // 1:1 when either module lacks a usable matrix.
 double rightPixelsFor(const std::shared_ptr<Module>& left, const std::shared_ptr<Module>& right, double leftPixels) {
-  const auto matrix = finalMatrix(*left);
+  const auto matrix = CameraDescription::finalMatrix(*left);
   if (!matrix || !left->image() || left->image()->width() <= 0) return leftPixels;
   const auto j = surfaceJacobian(*matrix, 1.0, 0.5);
   if (!j) return leftPixels;
@@ -130,7 +130,7 @@ Utils::ReturnState<SensorShifter::PixelShift, std::string> SensorShifter::cvtToP
   if (!module->image() || module->image()->width() <= 0 || module->image()->height() <= 0) {
     return Utils::failure("Module " + nameOf(*module) + " has no picture to measure its pixels on");
   }
-  const auto matrix = finalMatrix(*module);
+  const auto matrix = CameraDescription::finalMatrix(*module);
   if (!matrix) return Utils::failure("Module " + nameOf(*module) + " has no usable final matrix");
   const auto j = surfaceJacobian(*matrix, 0.5, 0.5);
   if (!j || std::fabs(cv::determinant(*j)) < 1e-12) {

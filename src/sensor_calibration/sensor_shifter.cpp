@@ -27,7 +27,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "orbivane/geometry/surface_projection.h"
-#include "orbivane/sensor_calibration/final_matrix.h"
+#include "orbivane/camera/final_matrix.h"
 #include "sensor_calibration/device_access.h"
 
 namespace SensorCalibration {
@@ -75,7 +75,7 @@ void narrow(SensorShifter::SensorInfo& info, double a0, double a1, double a2, do
 
 void applyVirtualLimits(const std::shared_ptr<Module>& module, SensorShifter::SensorInfo& info, float buffer) {
   const auto* geometry = module->matrixGeometry();
-  const auto final = finalMatrix(*module);
+  const auto final = CameraDescription::finalMatrix(*module);
   if (geometry == nullptr || !final || module->image() == nullptr) return;
   const Utils::SurfaceQuad rect = SensorShifter::getUnclippedRect(module, info);
   const auto shown = projectQuad(*final, rect);
@@ -91,7 +91,7 @@ void applyVirtualLimits(const std::shared_ptr<Module>& module, SensorShifter::Se
   double leftOverlap = 0.0, rightOverlap = 0.0;  // surface units
   if (linkage != nullptr && !linkage->left.empty()) leftOverlap = linkage->overlap * shownWidth;
   const auto neighbour = module->neighbour();
-  const auto neighbourFinal = neighbour ? finalMatrix(*neighbour) : Utils::Optional<Utils::Matrix4x4>();
+  const auto neighbourFinal = neighbour ? CameraDescription::finalMatrix(*neighbour) : Utils::Optional<Utils::Matrix4x4>();
   const auto neighbourQuad =
       neighbourFinal ? OrbivaneGeometry::moduleSurfaceQuad(*neighbourFinal) : Utils::Optional<Utils::SurfaceQuad>();
   if (neighbourQuad) {

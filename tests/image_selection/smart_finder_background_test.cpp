@@ -12,7 +12,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
 #include "orbivane/utils/wide_text.h"
-#include "platform/recordings_test_videos.h"
+#include "recordings/recordings_test_videos.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "image_selection/smart_finder_scoring.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
-#include "platform/recordings_test_videos.h"
+#include "recordings/recordings_test_videos.h"
 #include "support/sample_data.h"
 
 namespace {

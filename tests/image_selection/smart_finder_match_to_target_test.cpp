@@ -10,7 +10,7 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "platform/recordings_test_videos.h"
+#include "recordings/recordings_test_videos.h"
 #include "support/sample_data.h"
 #include "support/scenes.h"
 

@@ -8,9 +8,9 @@
 
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/quarn_session.h"
-#include "orbivane/platform/simulated_camera.h"
-#include "platform/scene_renderer.h"
+#include "orbivane/session/quarn_session.h"
+#include "orbivane/simulated/simulated_camera.h"
+#include "simulated/scene_renderer.h"
 #include "sensor_calibration/fisheye_center_finder.h"
 #include "support/captured_log.h"
 #include "support/matchers.h"

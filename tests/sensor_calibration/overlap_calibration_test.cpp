@@ -8,7 +8,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/simulated/simulated_camera.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
 #include "orbivane/utils/wide_text.h"
 #include "support/sample_data.h"

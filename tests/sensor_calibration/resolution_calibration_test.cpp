@@ -9,8 +9,8 @@
 
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/simulated_camera.h"
-#include "platform/scene_renderer.h"
+#include "orbivane/simulated/simulated_camera.h"
+#include "simulated/scene_renderer.h"
 #include "support/captured_log.h"
 #include "sensor_calibration/blob_pairs.h"
 

@@ -10,8 +10,8 @@
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/quarn_session.h"
-#include "orbivane/platform/simulated_camera.h"
+#include "orbivane/session/quarn_session.h"
+#include "orbivane/simulated/simulated_camera.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 //
 // Use: construct with the camera (modules with connections to recordings,
 // e.g. backend "simulated" with address = a recordings index, see
-// orbivane/platform/recordings_index.h), set the options, register a status
+// orbivane/recordings/recordings_index.h), set the options, register a status
 // callback, call find(), then read results() or cameraWithPictures().
 //
 // How a module is searched:

@@ -14,6 +14,7 @@
 #include <opencv2/imgproc.hpp>
 #include <spdlog/logger.h>
 
+#include "camera/camera_coverage.h"
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
 #include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
 #include "logging/logger_setup.h"
@@ -91,11 +92,11 @@ struct AutoClipping::Impl {
   bool buildCoverage() {
     if (!camera) return fail("AutoClipping: no camera description");
     if (camera->modules().empty()) return fail("AutoClipping: the camera has no modules");
-    const auto footprints = AutoClippingCoverage::collectFootprints(*camera, skipped);
+    const auto footprints = CameraDescription::cameraFootprints(*camera, skipped);
     for (const std::string& line : skipped) logger->warn("{}", line);
     if (footprints.empty()) return fail("AutoClipping: no module of the camera can be projected onto the panorama");
-    const cv::Size raster = AutoClippingCoverage::rasterSize(camera->panoramaSize(), footprints);
-    AutoClippingCoverage::accumulateCoverage(footprints, raster, coverage);
+    const cv::Size raster = OrbivaneGeometry::Coverage::rasterSize(camera->panoramaSize(), footprints);
+    OrbivaneGeometry::Coverage::accumulateCoverage(footprints, raster, coverage);
     logger->info("AutoClipping: coverage of {} module(s) on a {}x{} raster", footprints.size(), raster.width,
                  raster.height);
     return true;

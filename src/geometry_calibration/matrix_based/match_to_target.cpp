@@ -2,7 +2,7 @@
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 
 #include "geometry_calibration/matrix_based/match_to_target_state.h"
-#include "orbivane/sensor_calibration/final_matrix.h"
+#include "orbivane/camera/final_matrix.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -83,7 +83,7 @@ Utils::Matrix4x4 MatchToTarget::calculateFinMatrix(const CameraDescription::Orbi
 
 Utils::Matrix4x4 MatchToTarget::calculateFinMatrix(std::shared_ptr<const CameraDescription::OrbivaneModule> module) {
   if (!module) return Utils::Matrix4x4::identity();
-  const auto final = SensorCalibration::finalMatrix(*module);
+  const auto final = CameraDescription::finalMatrix(*module);
   return final ? *final : Utils::Matrix4x4::identity();
 }
 

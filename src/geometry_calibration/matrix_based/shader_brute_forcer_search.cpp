@@ -22,10 +22,10 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image/rgb_image.h"
-#include "orbivane/platform/image_shading.h"
+#include "orbivane/shading/image_shading.h"
 #include "orbivane/utils/wide_text.h"
-#include "platform/image_shading_access.h"
-#include "platform/shader_renderer_family.h"
+#include "shading/image_shading_access.h"
+#include "shading/shader_renderer_family.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {

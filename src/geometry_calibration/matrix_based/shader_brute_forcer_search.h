@@ -4,7 +4,7 @@
 // The walk collects the grid points of each outermost value, works out the
 // lens distortion each one renders with (the "%f" texts read back as the
 // renderer reads them) and evaluates them family by family
-// (platform/shader_renderer_family.h): the points that share strength,
+// (shading/shader_renderer_family.h): the points that share strength,
 // centre, power and method, in parallel over families, one family on one
 // thread at a time. An evaluation stops as soon as its difference sum shows
 // that the ten best would not keep it.
@@ -27,9 +27,9 @@
 
 #include "orbivane/geometry/shader_directories.h"
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
-#include "orbivane/platform/image_shading.h"
+#include "orbivane/shading/image_shading.h"
 #include "orbivane/utils/uv_grid.h"
-#include "platform/distortion_model.h"
+#include "shading/distortion_model.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {

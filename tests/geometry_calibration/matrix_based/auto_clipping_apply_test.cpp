@@ -17,7 +17,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/rendering/panorama_renderer.h"
 #include "support/sample_data.h"
 
 namespace {
@@ -173,10 +173,10 @@ TEST(AutoClippingApply, TheClippedCameraDrawsTheCropOfItsPanorama) {
   ASSERT_TRUE(clipped) << clipped.error();
   EXPECT_EQ(clipped.value().panoramaSize(), (Utils::Size{rect.width, rect.height}));
 
-  ImageSource::PanoramaOptions options;
+  OrbivaneRendering::PanoramaOptions options;
   options.feather = 0.0;
-  const auto whole = ImageSource::renderPanorama(rig.camera, options);
-  const auto cut = ImageSource::renderPanorama(clipped.value(), options);
+  const auto whole = OrbivaneRendering::renderPanorama(rig.camera, options);
+  const auto cut = OrbivaneRendering::renderPanorama(clipped.value(), options);
   ASSERT_TRUE(whole && cut);
   ASSERT_EQ(cut.value().picture.size(), rect.size());
   // Every pixel of the clipped panorama is covered by a module.

@@ -12,7 +12,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
+#include "camera/camera_coverage.h"
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/region_based_geometry.h"
@@ -428,9 +428,9 @@ TEST(AutoClippingRaster, WithoutPanoramaSizeThePicturesGiveTheAspect) {
 
   // A panorama size, when set, is the raster; huge ones are rastered
   // smaller, keeping the aspect.
-  namespace Coverage = GeometryCalibration::MatrixBased::AutoClippingCoverage;
+  namespace Coverage = OrbivaneGeometry::Coverage;
   std::vector<std::string> skipped;
-  const auto footprints = Coverage::collectFootprints(*camera, skipped);
+  const auto footprints = CameraDescription::cameraFootprints(*camera, skipped);
   EXPECT_EQ(Coverage::rasterSize({640, 360}, footprints), cv::Size(640, 360));
   EXPECT_EQ(Coverage::rasterSize({20000, 5000}, footprints), cv::Size(8192, 2048));
   EXPECT_EQ(Coverage::rasterSize({3, 100000}, footprints), cv::Size(1, 8192));

@@ -11,7 +11,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/panorama_renderer.h"
+#include "orbivane/rendering/panorama_renderer.h"
 #include "support/scenes.h"
 
 namespace {
@@ -106,11 +106,11 @@ bool unfolded(const Utils::UVGrid& grid) {
 // Normalised correlation of the target and the module drawn alone on a
 // panorama of the target's frame, over the pixels the module covers.
 double drawnCorrelation(const Pair& p, const CameraDescription::Orbivane& camera) {
-  ImageSource::PanoramaOptions options;
+  OrbivaneRendering::PanoramaOptions options;
   options.size = Utils::Size{kSize.width, kSize.height};
   options.feather = 0.0;
   options.modules = {L"m"};
-  const auto panorama = ImageSource::renderPanorama(camera, options);
+  const auto panorama = OrbivaneRendering::renderPanorama(camera, options);
   EXPECT_TRUE(panorama.hasValue());
   if (!panorama.hasValue()) return 0.0;
   cv::Mat covered = panorama.value().coverage > 0, drawn, target;

@@ -16,7 +16,7 @@
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "orbivane/platform/image_shading.h"
+#include "orbivane/shading/image_shading.h"
 #include "support/sample_data.h"
 
 namespace {

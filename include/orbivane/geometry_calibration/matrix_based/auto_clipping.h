@@ -19,7 +19,7 @@
 // not change the area a module covers and is not read.
 //
 // A module covers what its final matrix (module matrix x clip matrix, see
-// orbivane/sensor_calibration/final_matrix.h) puts on the surface, as the
+// orbivane/camera/final_matrix.h) puts on the surface, as the
 // viewer draws it. Modules without matrix geometry, with unreadable
 // clip-matrix values, with a singular or non-finite matrix, or
 // whose unit square does not project (a corner on or behind the horizon, or
@@ -77,7 +77,7 @@
 // - viewerOffset(): offset() moved by half an element right and down: the
 //   crop that puts the rectangle's element centres on the pixel centres of
 //   the clipped panorama (a W x H panorama shows surface point (X / W, Y / H)
-//   at pixel (X, Y), see orbivane/platform/panorama_renderer.h), so its edge
+//   at pixel (X, Y), see orbivane/rendering/panorama_renderer.h), so its edge
 //   pixels show elements that are well covered, not the edge between a
 //   covered and an uncovered one. The right and bottom values may then be
 //   half an element below 0.

@@ -4,7 +4,7 @@
 //
 // Reference preparation: the surface is a quarter of the reference's width
 // and height (each shifted right by 2 bits); the module's picture is rendered
-// at that size (orbivane/platform/image_shading.h: the rendering frames the
+// at that size (orbivane/shading/image_shading.h: the rendering frames the
 // module's footprint). The module's rectangle on the reference is the
 // bounding box (left, top, right, bottom) of where the module's matrix puts
 // its unit square (orbivane/geometry/surface_projection.h), in the
@@ -35,7 +35,7 @@
 // ImageShading::Apply's colour rendering (resize to the reference's edge
 // size, BGR to grey, equalisation, Laplacian, absolute value, mean of the
 // absolute difference): the search renders that rendering's grey directly
-// (orbivane/platform/image_shading.h), and fuses the edge steps. Grid points
+// (orbivane/shading/image_shading.h), and fuses the edge steps. Grid points
 // that share the strength, centre, power and method are evaluated together
 // (what their renderings share is computed once), and an evaluation whose
 // difference sum already shows that the ten best would not keep it stops
