@@ -13,7 +13,7 @@
 
 #include "command_line.h"
 #include "demo_report.h"
-#include "demo_scene.h"
+#include "synthetic/rig.h"
 #include "demo_steps.h"
 #include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
@@ -83,9 +83,9 @@ void run() {
   fs::create_directories(fs::path(dir) / "pictures", made);
   std::cout << "Building the virtual camera from opencv-doc photographs (" << (o.quick ? "quick" : "full")
             << " size) ..." << std::endl;
-  Demo::Scene scene;
+  Synthetic::Rig scene;
   try {
-    scene = Demo::makeScene(o.data, o.quick);
+    scene = Synthetic::makeRig(o.data, o.quick);
   } catch (const std::exception& e) {
     throw CommandError(e.what());
   }
@@ -96,7 +96,7 @@ void run() {
     module->setImagePath(dir + "/" + file);
   }
   Demo::writePicture(scene.picture, dir + "/pictures/scene.png");
-  const CameraDescription::Orbivane truthCamera = Demo::withMatrices(scene.camera, scene.truth);
+  const CameraDescription::Orbivane truthCamera = Synthetic::withMatrices(scene.camera, scene.truth);
   saveCamera(scene.camera, dir + "/camera-before.json");
   saveCamera(truthCamera, dir + "/camera-truth.json");
   writePanorama(scene.camera, false, dir + "/panorama-before.png");

@@ -28,6 +28,8 @@
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
+#include "synthetic/corner_error.h"
+#include "synthetic/reference_pipelines.h"
 
 namespace Tool {
 namespace Demo {
@@ -53,27 +55,10 @@ constexpr double kClippingTolerancePx = 2.0;    // clipping offsets against thos
 constexpr double kResolutionTolerance = 0.01;   // relative
 constexpr double kFisheyeTolerancePx = 1.5;     // circle centre against the window's middle (window step 1)
 
-std::string px(const CornerError& e) { return number(e.mean, 2) + " / " + number(e.max, 2); }
+std::string px(const Synthetic::CornerError& e) { return number(e.mean, 2) + " / " + number(e.max, 2); }
 
-std::list<std::wstring> moduleList(const Scene& s) { return {s.names.begin(), s.names.end()}; }
+std::list<std::wstring> moduleList(const Synthetic::Rig& s) { return {s.names.begin(), s.names.end()}; }
 
-
-// The blur score the plain OpenCV way: grey, Laplacian, masked variance.
-int referenceBlur(const cv::Mat& bgr) {
-  cv::Mat grey, laplacian;
-  cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
-  cv::Laplacian(grey, laplacian, CV_64F, 3, 1.0, 0.0, cv::BORDER_DEFAULT);
-  cv::Mat mask(grey.size(), CV_8UC1);
-  const float rows = static_cast<float>(grey.rows);
-  for (int i = 0; i < grey.rows; ++i) {
-    const float fi = static_cast<float>(i);
-    const bool out = (0.66f * rows < fi && fi < 0.68f * rows) || (0.49f * rows < fi && fi < 0.51f * rows);
-    mask.row(i).setTo(out ? 0 : 1);
-  }
-  cv::Scalar mean, deviation;
-  cv::meanStdDev(laplacian, mean, deviation, mask);
-  return static_cast<int>(deviation[0] * deviation[0]);
-}
 
 OrbivaneGeometry::Shader lensShader(const std::map<std::string, float>& values) {
   std::map<std::string, std::string> texts{{"i_ps_distortion_ext_pwp", "2"}, {"i_ps_distortion_ext_method", "0"}};
@@ -100,17 +85,17 @@ namespace {
 // panorama of `panorama` pixels.
 struct RigError {
   double mean = 0.0, worst = 0.0;
-  std::map<std::wstring, CornerError> modules;
+  std::map<std::wstring, Synthetic::CornerError> modules;
 };
 
-RigError rigError(const Scene& s, const CameraDescription::Orbivane& camera,
+RigError rigError(const Synthetic::Rig& s, const CameraDescription::Orbivane& camera,
                   const std::map<std::wstring, Utils::Matrix4x4>& truth, cv::Size panorama) {
   RigError e;
   for (const auto& name : s.names) {
     const auto module = camera.findModule(name);
-    const CornerError c = module && module->matrixGeometry()
-                              ? cornerError(module->matrixGeometry()->matrix(), truth.at(name), panorama)
-                              : CornerError{1e9, 1e9};
+    const Synthetic::CornerError c = module && module->matrixGeometry()
+                              ? Synthetic::cornerError(module->matrixGeometry()->matrix(), truth.at(name), panorama)
+                              : Synthetic::CornerError{1e9, 1e9};
     e.modules[name] = c;
     e.mean += c.mean / double(s.names.size());
     e.worst = std::max(e.worst, c.max);
@@ -137,7 +122,7 @@ std::string worstSeam(const std::vector<GeometryCalibration::SeamResidual>& seam
 }
 
 Section matchSection(const StepContext& c, const GeometryCalibration::StepReport& step) {
-  const Scene& s = c.scene;
+  const Synthetic::Rig& s = c.scene;
   Section section;
   section.id = "target-matching";
   section.title = "Target matching";
@@ -153,7 +138,7 @@ Section matchSection(const StepContext& c, const GeometryCalibration::StepReport
   const RigError after = rigError(s, step.camera, s.truth, s.panorama);
   int aligned = 0;
   for (const auto& name : s.names) {
-    const CornerError before = cornerError(s.misaligned.at(name), s.truth.at(name), s.panorama);
+    const Synthetic::CornerError before = Synthetic::cornerError(s.misaligned.at(name), s.truth.at(name), s.panorama);
     const auto& report = step.modules.at(name);
     aligned += report.status == GeometryCalibration::ModuleStatus::aligned ? 1 : 0;
     section.table.push_back({Utils::toUtf8(name), s.misalignment.at(name), px(before), px(after.modules.at(name)),
@@ -168,7 +153,7 @@ Section matchSection(const StepContext& c, const GeometryCalibration::StepReport
 
 Section neighbourSection(const StepContext& c, const GeometryCalibration::StepReport& matched,
                          const GeometryCalibration::StepReport& step) {
-  const Scene& s = c.scene;
+  const Synthetic::Rig& s = c.scene;
   Section section;
   section.id = "neighbour-stitching";
   section.title = "Neighbour stitching";
@@ -211,7 +196,7 @@ std::vector<float> trueClipping(const CameraDescription::Orbivane& truth) {
 
 Section clipSection(const StepContext& c, const GeometryCalibration::StepReport& stitched,
                     const GeometryCalibration::StepReport& step) {
-  const Scene& s = c.scene;
+  const Synthetic::Rig& s = c.scene;
   Section section;
   section.id = "clipping";
   section.title = "Automatic clipping";
@@ -255,7 +240,7 @@ Section clipSection(const StepContext& c, const GeometryCalibration::StepReport&
 }  // namespace
 
 GeometryOutcome runGeometryPipeline(const StepContext& c) {
-  const Scene& s = c.scene;
+  const Synthetic::Rig& s = c.scene;
   CameraDescription::Orbivane camera(s.camera);
   CameraDescription::OrbivaneModule target(L"Target");
   target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
@@ -398,7 +383,7 @@ Section runShaderSearch(const StepContext& c) {
 }
 
 Section runBlurScores(const StepContext& c) {
-  const Scene& s = c.scene;
+  const Synthetic::Rig& s = c.scene;
   Section section;
   section.id = "blur";
   section.title = "Blur scores";
@@ -422,7 +407,7 @@ Section runBlurScores(const StepContext& c) {
     const Stopwatch watch;
     const int ours = BlurDetection::estimateBlur(Image::fromMat(p.second), 0);
     seconds += watch.seconds();
-    const int plain = referenceBlur(p.second);
+    const int plain = Synthetic::referenceBlur(p.second, 0);
     allSame = allSame && ours == plain;
     if (p.first == "M3") sharp = ours;
     if (p.first == "M3 defocused") soft = ours;

@@ -10,13 +10,13 @@
 #include <opencv2/core/mat.hpp>
 
 #include "demo_report.h"
-#include "demo_scene.h"
+#include "synthetic/rig.h"
 
 namespace Tool {
 namespace Demo {
 
 struct StepContext {
-  const Scene& scene;
+  const Synthetic::Rig& scene;
   const CameraDescription::Orbivane& truth;  // the camera with its true matrices
   std::string dir;                           // output folder
   std::string data;                          // opencv-doc sample folder

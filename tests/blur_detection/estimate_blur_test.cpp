@@ -10,8 +10,8 @@
 #include "orbivane/blur_detection/estimate_blur.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image/yuv_image.h"
-#include "support/reference_pipelines.h"
-#include "support/sample_data.h"
+#include "synthetic/reference_pipelines.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -21,18 +21,18 @@ std::shared_ptr<Image::UniversalImageInterface> picture(const cv::Mat& bgr) { re
 
 TEST(EstimateBlur, EqualsTheOpenCvSequenceOnRealPicturesAtEveryTurn) {
   for (const char* name : {"baboon.jpg", "fruits.jpg", "building.jpg", "home.jpg", "graf1.png", "smarties.png"}) {
-    const cv::Mat bgr = Testing::loadSample(name);
+    const cv::Mat bgr = Synthetic::loadSample(name);
     const auto image = picture(bgr);
     for (int rotation : {0, 90, 180, 270}) {
-      const int expected = Testing::referenceBlur(bgr, rotation);
+      const int expected = Synthetic::referenceBlur(bgr, rotation);
       EXPECT_EQ(estimateBlur(image, rotation), expected) << name << " at " << rotation;
     }
     // Other ways of writing the same turns.
-    EXPECT_EQ(estimateBlur(image, -270), Testing::referenceBlur(bgr, 90)) << name;
-    EXPECT_EQ(estimateBlur(image, -90), Testing::referenceBlur(bgr, 270)) << name;
-    EXPECT_EQ(estimateBlur(image, -180), Testing::referenceBlur(bgr, 180)) << name;
-    EXPECT_EQ(estimateBlur(image, 30), Testing::referenceBlur(bgr, 0)) << name;
-    EXPECT_EQ(estimateBlur(image, 400), Testing::referenceBlur(bgr, 0)) << name;
+    EXPECT_EQ(estimateBlur(image, -270), Synthetic::referenceBlur(bgr, 90)) << name;
+    EXPECT_EQ(estimateBlur(image, -90), Synthetic::referenceBlur(bgr, 270)) << name;
+    EXPECT_EQ(estimateBlur(image, -180), Synthetic::referenceBlur(bgr, 180)) << name;
+    EXPECT_EQ(estimateBlur(image, 30), Synthetic::referenceBlur(bgr, 0)) << name;
+    EXPECT_EQ(estimateBlur(image, 400), Synthetic::referenceBlur(bgr, 0)) << name;
   }
 }
 
@@ -43,14 +43,14 @@ TEST(EstimateBlur, EqualsTheOpenCvSequenceOnRandomPicturesOfAwkwardSizes) {
     cv::Mat bgr(size, CV_8UC3);
     cv::randu(bgr, 0, 256);
     for (int rotation : {0, 90, 180, 270}) {
-      EXPECT_EQ(estimateBlur(picture(bgr), rotation), Testing::referenceBlur(bgr, rotation))
+      EXPECT_EQ(estimateBlur(picture(bgr), rotation), Synthetic::referenceBlur(bgr, rotation))
           << size << " at " << rotation;
     }
   }
 }
 
 TEST(EstimateBlur, SharpPicturesScoreHigherThanBlurredOnes) {
-  const cv::Mat sharp = Testing::loadSample("building.jpg");
+  const cv::Mat sharp = Synthetic::loadSample("building.jpg");
   cv::Mat soft, softer;
   cv::GaussianBlur(sharp, soft, cv::Size(0, 0), 1.5);
   cv::GaussianBlur(sharp, softer, cv::Size(0, 0), 4.0);
@@ -63,7 +63,7 @@ TEST(EstimateBlur, SharpPicturesScoreHigherThanBlurredOnes) {
 }
 
 TEST(EstimateBlur, EveryPictureKindGivesTheSameScore) {
-  const cv::Mat bgr = Testing::loadSample("fruits.jpg");
+  const cv::Mat bgr = Synthetic::loadSample("fruits.jpg");
   const auto reference = Image::fromMat(bgr);
   const int expected = estimateBlur(reference, 0);
   for (int mapping : {Image::kMappingBGRA, Image::kMappingRGB, Image::kMappingRGBA, Image::kMappingARGB}) {
@@ -71,7 +71,7 @@ TEST(EstimateBlur, EveryPictureKindGivesTheSameScore) {
   }
   // A YUV picture is converted back to BGR first; 4:4:4 keeps it close.
   const auto yuv = Image::YUVImage::fromRGB(*reference, Image::kChroma444);
-  EXPECT_EQ(estimateBlur(yuv, 0), Testing::referenceBlur(Image::toMat(*yuv), 0));
+  EXPECT_EQ(estimateBlur(yuv, 0), Synthetic::referenceBlur(Image::toMat(*yuv), 0));
 }
 
 TEST(EstimateBlur, BadInputThrowsLikeTheOpenCvCalls) {
@@ -79,7 +79,7 @@ TEST(EstimateBlur, BadInputThrowsLikeTheOpenCvCalls) {
   EXPECT_THROW(estimateBlur(std::make_shared<Image::RGBImage>(0, 0, Image::kMappingBGR), 0), cv::Exception);
   // Exactly between two quarter turns, or near none of the turning rule's
   // anchors, the picture is left unturned (empty).
-  const auto image = picture(Testing::loadSample("baboon.jpg"));
+  const auto image = picture(Synthetic::loadSample("baboon.jpg"));
   for (int rotation : {45, 135, 225, 315, -45, 450, 720, -360, -330}) {
     EXPECT_THROW(estimateBlur(image, rotation), cv::Exception) << rotation;
   }
@@ -129,11 +129,11 @@ TEST(BlurBands, TheFigureIsTruncatedNotRounded) {
   // x=1: 2*(0+3+0+3) - 0 = 12
   // x=2: neighbours x=1 both sides: 2*(0+0+0+0) - 8*3 = -24
   // mean -4, variance (16 + 256 + 400) / 3 = 224.
-  EXPECT_EQ(estimateBlur(picture(bgr), 0), Testing::referenceBlur(bgr, 0));
+  EXPECT_EQ(estimateBlur(picture(bgr), 0), Synthetic::referenceBlur(bgr, 0));
   // Values 0, 0, 1 give Laplacians 0, 4, -8: mean -4/3, variance 24.888...: 24.
   for (int x = 0; x < 3; ++x) bgr.at<cv::Vec3b>(0, x) = cv::Vec3b(x == 2, x == 2, x == 2);
   EXPECT_EQ(estimateBlur(picture(bgr), 0), 24);
-  EXPECT_EQ(Testing::referenceBlur(bgr, 0), 24);
+  EXPECT_EQ(Synthetic::referenceBlur(bgr, 0), 24);
 }
 
 }  // namespace

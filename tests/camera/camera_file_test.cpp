@@ -13,7 +13,7 @@
 #include "orbivane/geometry/region_based_geometry.h"
 #include "orbivane/image/image_conversion.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -48,12 +48,12 @@ const char kFullCamera[] = R"({
 
 // A folder with the full camera file and its picture.
 struct CameraFolder {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   std::string file;
   CameraFolder() : file(dir.file("camera.json")) {
     fs::create_directory(dir.file("pictures"));
-    fs::copy_file(Testing::samplePath("fruits.jpg"), dir.file("pictures/fruits.jpg"));
-    Testing::writeText(file, kFullCamera);
+    fs::copy_file(Synthetic::samplePath("fruits.jpg"), dir.file("pictures/fruits.jpg"));
+    Synthetic::writeText(file, kFullCamera);
   }
 };
 
@@ -110,9 +110,9 @@ void expectSameCamera(const Orbivane& a, const Orbivane& b) {
 }
 
 // Writes `text` as a camera file and returns the load error (or "(loaded)").
-std::string loadError(const Testing::TemporaryDirectory& dir, const std::string& text) {
+std::string loadError(const Synthetic::TemporaryDirectory& dir, const std::string& text) {
   const std::string path = dir.file("broken.json");
-  Testing::writeText(path, text);
+  Synthetic::writeText(path, text);
   const auto loaded = CameraDescription::loadCameraFile(path);
   return loaded.hasError() ? loaded.error() : "(loaded)";
 }
@@ -176,7 +176,7 @@ TEST(CameraFile, FullFileLoadsEveryKey) {
   // The picture path is resolved against the camera file's folder and loaded.
   EXPECT_EQ(fs::path(a.imagePath()), fs::path(folder.dir.file("pictures/fruits.jpg")).lexically_normal());
   ASSERT_NE(a.image(), nullptr);
-  EXPECT_THAT(Image::toMat(a.image()), Testing::PictureNear(Testing::loadSample("fruits.jpg"), 0));
+  EXPECT_THAT(Image::toMat(a.image()), Testing::PictureNear(Synthetic::loadSample("fruits.jpg"), 0));
 
   const auto* region = dynamic_cast<const OrbivaneGeometry::RegionBasedGeometry*>(camera.modules()[1]->geometry());
   ASSERT_NE(region, nullptr);
@@ -196,7 +196,7 @@ TEST(CameraFile, SavedFileLoadsBackTheSameCamera) {
   const std::string beside = folder.dir.file("saved.json");
   const auto saved = CameraDescription::saveCameraFile(first.value(), beside);
   ASSERT_TRUE(saved.hasValue()) << saved.error();
-  EXPECT_THAT(Testing::readText(beside), HasSubstr("\"pictures/fruits.jpg\""));
+  EXPECT_THAT(Synthetic::readText(beside), HasSubstr("\"pictures/fruits.jpg\""));
   const auto second = CameraDescription::loadCameraFile(beside);
   ASSERT_TRUE(second.hasValue()) << second.error();
   expectSameCamera(first.value(), second.value());
@@ -205,7 +205,7 @@ TEST(CameraFile, SavedFileLoadsBackTheSameCamera) {
   fs::create_directory(folder.dir.file("elsewhere"));
   const std::string deeper = folder.dir.file("elsewhere/camera.json");
   ASSERT_TRUE(CameraDescription::saveCameraFile(second.value(), deeper).hasValue());
-  EXPECT_THAT(Testing::readText(deeper), HasSubstr("\"../pictures/fruits.jpg\""));
+  EXPECT_THAT(Synthetic::readText(deeper), HasSubstr("\"../pictures/fruits.jpg\""));
   const auto third = CameraDescription::loadCameraFile(deeper);
   ASSERT_TRUE(third.hasValue()) << third.error();
   expectSameCamera(first.value(), third.value());
@@ -242,7 +242,7 @@ TEST(CameraFile, WrittenFilesAreReadableAndRoundTripToTheSameBytes) {
 
   const std::string first = folder.dir.file("first.json");
   ASSERT_TRUE(CameraDescription::saveCameraFile(camera, first).hasValue());
-  const std::string text = Testing::readText(first);
+  const std::string text = Synthetic::readText(first);
   EXPECT_THAT(text, HasSubstr("\"matrix\": [\n"
                               "          0.4, 0.33333334, 0, 1e-07,\n"
                               "          -2.5, 123456.79, 0, 0,\n"
@@ -268,13 +268,13 @@ TEST(CameraFile, WrittenFilesAreReadableAndRoundTripToTheSameBytes) {
   ASSERT_TRUE(again.hasValue()) << again.error();
   const std::string second = folder.dir.file("second.json");
   ASSERT_TRUE(CameraDescription::saveCameraFile(again.value(), second).hasValue());
-  EXPECT_EQ(Testing::readText(second), text);
+  EXPECT_EQ(Synthetic::readText(second), text);
   EXPECT_EQ(again.value().modules()[0]->matrixGeometry()->matrix(), m) << "every value read back exactly";
 }
 
 TEST(CameraFile, ACameraBuiltInCodeKeepsThePathsOfItsPictures) {
-  Testing::TemporaryDirectory dir;
-  fs::copy_file(Testing::samplePath("fruits.jpg"), dir.file("fruits.jpg"));
+  Synthetic::TemporaryDirectory dir;
+  fs::copy_file(Synthetic::samplePath("fruits.jpg"), dir.file("fruits.jpg"));
   const auto picture = Image::loadImage(dir.file("fruits.jpg"));
   ASSERT_TRUE(picture.hasValue());
   Orbivane camera;
@@ -286,7 +286,7 @@ TEST(CameraFile, ACameraBuiltInCodeKeepsThePathsOfItsPictures) {
   camera.addModule(inMemory);
   fs::create_directory(dir.file("out"));
   ASSERT_TRUE(CameraDescription::saveCameraFile(camera, dir.file("out/camera.json")).hasValue());
-  const std::string text = Testing::readText(dir.file("out/camera.json"));
+  const std::string text = Synthetic::readText(dir.file("out/camera.json"));
   EXPECT_THAT(text, HasSubstr("\"image\": \"../fruits.jpg\""));
   const auto loaded = CameraDescription::loadCameraFile(dir.file("out/camera.json"));
   ASSERT_TRUE(loaded.hasValue()) << loaded.error();
@@ -296,8 +296,8 @@ TEST(CameraFile, ACameraBuiltInCodeKeepsThePathsOfItsPictures) {
 }
 
 TEST(CameraFile, MinimalFileLoads) {
-  Testing::TemporaryDirectory dir;
-  Testing::writeText(dir.file("min.json"), R"({"format":"orbivane-camera","version":1,"modules":[{"name":"A"}]})");
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeText(dir.file("min.json"), R"({"format":"orbivane-camera","version":1,"modules":[{"name":"A"}]})");
   const auto loaded = CameraDescription::loadCameraFile(dir.file("min.json"));
   ASSERT_TRUE(loaded.hasValue()) << loaded.error();
   const Orbivane& camera = loaded.value();
@@ -323,7 +323,7 @@ TEST(CameraFile, MinimalFileLoads) {
 }
 
 TEST(CameraFile, ErrorsNameTheFileThePathAndTheFault) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::string file = dir.file("broken.json");
   const auto fails = [&](const std::string& text, const std::string& where, const std::string& what) {
     const std::string error = loadError(dir, text);
@@ -379,7 +379,7 @@ TEST(CameraFile, SavingIsAtomic) {
   // Saving over a longer file replaces it completely.
   const auto saved = CameraDescription::saveCameraFile(small, folder.file);
   ASSERT_TRUE(saved.hasValue()) << saved.error();
-  EXPECT_EQ(Testing::readText(folder.file), CameraDescription::cameraToJson(small, folder.dir.path()));
+  EXPECT_EQ(Synthetic::readText(folder.file), CameraDescription::cameraToJson(small, folder.dir.path()));
   const auto reloaded = CameraDescription::loadCameraFile(folder.file);
   ASSERT_TRUE(reloaded.hasValue()) << reloaded.error();
   ASSERT_EQ(reloaded.value().modules().size(), 1u);

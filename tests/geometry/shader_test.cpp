@@ -18,7 +18,7 @@
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/shader_directories.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -77,7 +77,7 @@ const char kTestUid[] = "7E57C0DE";
 
 void writeShader(const std::string& path, const std::string& name) {
   fs::create_directories(fs::path(path).parent_path());
-  Testing::writeText(path, std::string("uid = ") + kTestUid + "\nname = " + name + "\nparam i_level = 3\n");
+  Synthetic::writeText(path, std::string("uid = ") + kTestUid + "\nname = " + name + "\nparam i_level = 3\n");
 }
 
 }  // namespace
@@ -271,9 +271,9 @@ TEST(ShaderDirectories, AValueThatDoesNotFitTheBufferCannotBeRead) {
 }
 
 TEST(ShaderFile, LoadsUidNameAndDefaults) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::string path = dir.file("0001ABCD.shader");
-  Testing::writeText(path,
+  Synthetic::writeText(path,
                      "# a comment\n"
                      "\n"
                      "   uid =   0001ABCD  \r\n"
@@ -292,9 +292,9 @@ TEST(ShaderFile, LoadsUidNameAndDefaults) {
 }
 
 TEST(ShaderFile, ErrorsNameTheFileAndTheLine) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const auto errorOf = [&](const std::string& name, const std::string& text) {
-    Testing::writeText(dir.file(name), text);
+    Synthetic::writeText(dir.file(name), text);
     const auto loaded = OrbivaneGeometry::loadShaderFile(dir.file(name));
     return loaded.hasError() ? loaded.error() : std::string("(loaded)");
   };
@@ -319,8 +319,8 @@ TEST(ShaderFile, ErrorsNameTheFileAndTheLine) {
 }
 
 TEST(ShaderFile, FoundThroughProgramDataInDirectoryOrder) {
-  Testing::TemporaryDirectory data;
-  Testing::TemporaryDirectory files;
+  Synthetic::TemporaryDirectory data;
+  Synthetic::TemporaryDirectory files;
   ScopedEnvironment dataVariable("ProgramData", data.path().c_str());
   ScopedEnvironment filesVariable("ProgramFiles", files.path().c_str());
   const std::string first = data.path() + "/Hollbrink/Shaders/" + kTestUid + ".shader";
@@ -342,7 +342,7 @@ TEST(ShaderFile, FoundThroughProgramDataInDirectoryOrder) {
   writeShader(first, "first");
 
   // knownShaders takes a UID from the first directory and skips broken files.
-  Testing::writeText(data.path() + "/Hollbrink/Shaders/BADBAD00.shader", "this is not a shader\n");
+  Synthetic::writeText(data.path() + "/Hollbrink/Shaders/BADBAD00.shader", "this is not a shader\n");
   const auto known = OrbivaneGeometry::knownShaders();
   ASSERT_EQ(known.count(kTestUid), 1u);
   EXPECT_EQ(known.at(kTestUid).name, "first");

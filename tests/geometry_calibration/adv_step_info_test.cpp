@@ -7,7 +7,7 @@
 #include "orbivane/geometry_calibration/adv_step_info.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -86,7 +86,7 @@ TEST(AdvStepInfo, MovingLeavesTheSourceEmpty) {
 // camera as it stood after that module (earlier modules calibrated, later
 // ones not yet), "Calibrating Module" carries nothing.
 TEST(AdvStepInfo, TheCalibratorsStepsCarryTheCameraAsItStood) {
-  cv::Mat scene = Testing::loadSample("building.jpg");
+  cv::Mat scene = Synthetic::loadSample("building.jpg");
   cv::resize(scene, scene, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
   CameraDescription::Orbivane camera;
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;

@@ -12,7 +12,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "demo_scene.h"
+#include "synthetic/corner_error.h"
+#include "synthetic/rig.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
@@ -22,17 +23,15 @@
 namespace {
 
 using GeometryCalibration::ModuleStatus;
-using Tool::Demo::cornerError;
-using Tool::Demo::Scene;
-
+using Synthetic::cornerError;
 struct Rig {
-  Scene scene;
+  Synthetic::Rig scene;
   CameraDescription::Orbivane camera;  // the misaligned modules and the target
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
 };
 
 Rig makeRig(bool quick) {
-  Rig rig{Tool::Demo::makeScene(std::string(ORBIVANE_SAMPLE_DATA_DIR), quick), {}, {}};
+  Rig rig{Synthetic::makeRig(std::string(ORBIVANE_SAMPLE_DATA_DIR), quick), {}, {}};
   rig.camera = rig.scene.camera;
   CameraDescription::OrbivaneModule target(L"Target");
   target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));

@@ -17,7 +17,7 @@
 
 #include "orbivane/image/yuv_image.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ bool noTemporaryLeftovers(const std::string& folder) {
 }  // namespace
 
 TEST(ImageConversion, EveryMappingGivesTheSameBgrMat) {
-  const cv::Mat bgr = Testing::loadSample("building.jpg");
+  const cv::Mat bgr = Synthetic::loadSample("building.jpg");
   const auto image = Image::fromMat(bgr);
   EXPECT_EQ(image->mapping(), Image::kMappingBGR);
   EXPECT_EQ(image->width(), bgr.cols);
@@ -66,7 +66,7 @@ TEST(ImageConversion, EveryMappingGivesTheSameBgrMat) {
 
 TEST(ImageConversion, FromMatAcceptsGreyBgrBgraAndViews) {
   cv::Mat grey;
-  cv::cvtColor(Testing::loadSample("home.jpg"), grey, cv::COLOR_BGR2GRAY);
+  cv::cvtColor(Synthetic::loadSample("home.jpg"), grey, cv::COLOR_BGR2GRAY);
   const auto fromGrey = Image::fromMat(grey);
   EXPECT_EQ(fromGrey->mapping(), Image::kMappingBGR);
   const std::uint8_t g = grey.at<std::uint8_t>(50, 70);
@@ -81,7 +81,7 @@ TEST(ImageConversion, FromMatAcceptsGreyBgrBgraAndViews) {
   EXPECT_EQ(fromBgra->pixel(2, 1), (Image::RGBPixel{30, 20, 10, 40}));
 
   // A view into a larger picture (rows not contiguous) is copied row by row.
-  const cv::Mat fruits = Testing::loadSample("fruits.jpg");
+  const cv::Mat fruits = Synthetic::loadSample("fruits.jpg");
   const cv::Mat view = fruits(cv::Rect(33, 47, 101, 59));
   ASSERT_FALSE(view.isContinuous());
   EXPECT_THAT(Image::toMat(*Image::fromMat(view)), Testing::PictureNear(view.clone(), 0));
@@ -96,18 +96,18 @@ TEST(ImageConversion, FromMatRejectsOtherDepthsAndChannelCounts) {
 }
 
 TEST(ImageConversion, LoadImageReadsRealPictures) {
-  const std::string path = Testing::samplePath("baboon.jpg");
+  const std::string path = Synthetic::samplePath("baboon.jpg");
   const auto loaded = Image::loadImage(path);
   ASSERT_TRUE(loaded.hasValue()) << loaded.error();
   EXPECT_EQ(loaded.value()->width(), 512);
   EXPECT_EQ(loaded.value()->height(), 512);
-  EXPECT_THAT(Image::toMat(*loaded.value()), Testing::PictureNear(Testing::loadSample("baboon.jpg"), 0));
+  EXPECT_THAT(Image::toMat(*loaded.value()), Testing::PictureNear(Synthetic::loadSample("baboon.jpg"), 0));
   struct stat info {};
   ASSERT_EQ(::stat(path.c_str(), &info), 0);
   EXPECT_EQ(loaded.value()->timestamp(), static_cast<std::int64_t>(info.st_mtime) * 1000);
 
   // 16-bit pictures are scaled to 8 bits, alpha is kept.
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   cv::Mat deep(2, 2, CV_16UC4, cv::Scalar(65535, 257 * 100, 0, 257 * 20));
   ASSERT_TRUE(cv::imwrite(dir.file("deep.png"), deep));
   const auto scaled = Image::loadImage(dir.file("deep.png"));
@@ -117,27 +117,27 @@ TEST(ImageConversion, LoadImageReadsRealPictures) {
 }
 
 TEST(ImageConversion, LoadImageExplainsWhyItFailed) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::string missing = dir.file("nowhere.png");
   const auto a = Image::loadImage(missing);
   ASSERT_TRUE(a.hasError());
   EXPECT_THAT(a.error(), ::testing::AllOf(HasSubstr(missing), HasSubstr("no such file")));
 
   const std::string corrupt = dir.file("x.png");
-  Testing::writeText(corrupt, std::string("\x89PNG\r\n\x1a\n garbage that is no picture at all IEND", 47));
+  Synthetic::writeText(corrupt, std::string("\x89PNG\r\n\x1a\n garbage that is no picture at all IEND", 47));
   const auto b = Image::loadImage(corrupt);
   ASSERT_TRUE(b.hasError());
   EXPECT_THAT(b.error(), ::testing::AllOf(HasSubstr(corrupt), HasSubstr("decoded")));
 
   // Pictures cut short are refused, not decoded with their missing part grey.
   for (const char* name : {"baboon.jpg", "graf1.png"}) {
-    const std::string whole = Testing::readText(Testing::samplePath(name));
+    const std::string whole = Synthetic::readText(Synthetic::samplePath(name));
     const std::string cut = dir.file(std::string("cut-") + name);
-    Testing::writeText(cut, whole.substr(0, whole.size() / 2));
+    Synthetic::writeText(cut, whole.substr(0, whole.size() / 2));
     const auto d = Image::loadImage(cut);
     ASSERT_TRUE(d.hasError()) << name;
     EXPECT_THAT(d.error(), ::testing::AllOf(HasSubstr(cut), HasSubstr("truncated"))) << name;
-    Testing::writeText(cut, whole);
+    Synthetic::writeText(cut, whole);
     EXPECT_TRUE(Image::loadImage(cut).hasValue()) << name << " whole";
   }
 
@@ -149,8 +149,8 @@ TEST(ImageConversion, LoadImageExplainsWhyItFailed) {
 }
 
 TEST(ImageConversion, SavedPngReadsBackExactly) {
-  Testing::TemporaryDirectory dir;
-  const cv::Mat fruits = Testing::loadSample("fruits.jpg");
+  Synthetic::TemporaryDirectory dir;
+  const cv::Mat fruits = Synthetic::loadSample("fruits.jpg");
   const auto image = Image::fromMat(fruits)->converted(Image::kMappingRGB);
   const auto saved = Image::saveImage(*image, dir.file("fruits.png"));
   ASSERT_TRUE(saved.hasValue()) << saved.error();
@@ -176,8 +176,8 @@ TEST(ImageConversion, SavedPngReadsBackExactly) {
 }
 
 TEST(ImageConversion, SaveRefusesBadNamesAndNeverLeavesAHalfFile) {
-  Testing::TemporaryDirectory dir;
-  const cv::Mat box = Testing::loadSample("box.png");
+  Synthetic::TemporaryDirectory dir;
+  const cv::Mat box = Synthetic::loadSample("box.png");
   const auto noExtension = Image::saveMat(box, dir.file("picture"));
   ASSERT_TRUE(noExtension.hasError());
   EXPECT_THAT(noExtension.error(), ::testing::AllOf(HasSubstr(dir.file("picture")), HasSubstr("extension")));
@@ -192,18 +192,18 @@ TEST(ImageConversion, SaveRefusesBadNamesAndNeverLeavesAHalfFile) {
 
   // Saving over an existing, larger file replaces it whole.
   const std::string path = dir.file("shot.png");
-  ASSERT_TRUE(Image::saveMat(Testing::loadSample("baboon.jpg"), path).hasValue());
+  ASSERT_TRUE(Image::saveMat(Synthetic::loadSample("baboon.jpg"), path).hasValue());
   ASSERT_TRUE(Image::saveMat(box, path).hasValue());
   EXPECT_THAT(cv::imread(path, cv::IMREAD_COLOR), Testing::PictureNear(box, 0));
 
   // When the file cannot be replaced (a folder of that name), what was there stays.
   const std::string folder = dir.file("taken.png");
   fs::create_directory(folder);
-  Testing::writeText(folder + "/note.txt", "old");
+  Synthetic::writeText(folder + "/note.txt", "old");
   const auto failed = Image::saveMat(box, folder);
   ASSERT_TRUE(failed.hasError());
   EXPECT_THAT(failed.error(), HasSubstr(folder));
-  EXPECT_EQ(Testing::readText(folder + "/note.txt"), "old");
+  EXPECT_EQ(Synthetic::readText(folder + "/note.txt"), "old");
   EXPECT_TRUE(noTemporaryLeftovers(dir.path()));
 }
 
@@ -228,7 +228,7 @@ TEST(ImageConversion, TurnForSnapsToTheEightAnchors) {
 }
 
 TEST(ImageConversion, TurnByRotationMatchesOpenCvRotate) {
-  const cv::Mat source = Testing::loadSample("home.jpg")(cv::Rect(20, 10, 64, 37)).clone();
+  const cv::Mat source = Synthetic::loadSample("home.jpg")(cv::Rect(20, 10, 64, 37)).clone();
   const struct {
     double degrees;
     int rotateCode;  // -1: unchanged
@@ -264,7 +264,7 @@ TEST(ImageConversion, TurnByRotationMatchesOpenCvRotate) {
 }
 
 TEST(ImageConversion, TurnByRotationLeavesTheOutputAloneInTheGap) {
-  const cv::Mat source = Testing::loadSample("box.png");
+  const cv::Mat source = Synthetic::loadSample("box.png");
   for (double d : {45.0, 135.0, 225.0, 315.0, -45.0}) {
     cv::Mat empty;
     Image::turnByRotation(source, empty, d);

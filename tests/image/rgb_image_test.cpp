@@ -13,7 +13,7 @@
 
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image/yuv_image.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -106,7 +106,7 @@ TEST(RGBImage, UnknownMappingsAreRejected) {
 }
 
 TEST(RGBImage, ConversionBetweenMappingsKeepsColours) {
-  const cv::Mat bgr = Testing::loadSample("fruits.jpg");
+  const cv::Mat bgr = Synthetic::loadSample("fruits.jpg");
   const auto source = Image::fromMat(bgr);
   source->setTimestamp(123456);
   for (const auto& layout : kLayouts) {
@@ -126,7 +126,7 @@ TEST(RGBImage, ConversionBetweenMappingsKeepsColours) {
 }
 
 TEST(RGBImage, YuvCounterpartIsMadeOnceAndKept) {
-  const auto image = Image::fromMat(Testing::loadSample("baboon.jpg"));
+  const auto image = Image::fromMat(Synthetic::loadSample("baboon.jpg"));
   image->setTimestamp(1000);  // an old picture: the counterpart is stamped when it is made
   const std::int64_t before = Image::currentTimeMilliseconds();
   const auto first = image->yuvImage(Image::kChroma420);
@@ -144,7 +144,7 @@ TEST(RGBImage, YuvCounterpartIsMadeOnceAndKept) {
   EXPECT_EQ(image->yuvImage(Image::kChroma422).get(), first.get());
 
   // Another picture has its own counterpart, made with what it asked first.
-  const auto other = Image::fromMat(Testing::loadSample("baboon.jpg"));
+  const auto other = Image::fromMat(Synthetic::loadSample("baboon.jpg"));
   const auto otherYuv = other->yuvImage(Image::kChroma444);
   EXPECT_NE(otherYuv.get(), first.get());
   EXPECT_EQ(otherYuv->subsampling(), Image::kChroma444);

@@ -12,7 +12,7 @@
 
 #include "orbivane/image/image_conversion.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ TEST(YUVImage, ChromaPlaneSizesRoundUp) {
     EXPECT_THROW(yuv.planeData(-1), std::out_of_range);
   }
   // An odd-sized real picture converts without touching memory outside the planes.
-  const cv::Mat odd = Testing::loadSample("fruits.jpg")(cv::Rect(0, 0, 301, 199)).clone();
+  const cv::Mat odd = Synthetic::loadSample("fruits.jpg")(cv::Rect(0, 0, 301, 199)).clone();
   const auto yuv = Image::YUVImage::fromRGB(*Image::fromMat(odd), Image::kChroma420);
   EXPECT_EQ(yuv->planeWidth(1), 151);
   EXPECT_EQ(yuv->planeHeight(2), 100);
@@ -77,7 +77,7 @@ TEST(YUVImage, ChromaPlaneSizesRoundUp) {
 }
 
 TEST(YUVImage, LumaIsOpenCvsBt601Luma) {
-  const cv::Mat bgr = Testing::loadSample("fruits.jpg");
+  const cv::Mat bgr = Synthetic::loadSample("fruits.jpg");
   cv::Mat reference;
   cv::cvtColor(bgr, reference, cv::COLOR_BGR2YUV);
   cv::Mat luma;
@@ -108,7 +108,7 @@ TEST(YUVImage, ChromaPlanesAreBlueDifferenceThenRedDifference) {
 TEST(YUVImage, ChromaFollowsTheJpegCoefficients) {
   // Full-range BT.601 as JPEG: Cb = 128 + 0.564 (B - Y), Cr = 128 + 0.713 (R - Y),
   // which is OpenCV's YCrCb with the chroma in the other order.
-  const cv::Mat bgr = Testing::loadSample("fruits.jpg");
+  const cv::Mat bgr = Synthetic::loadSample("fruits.jpg");
   cv::Mat ycrcb;
   cv::cvtColor(bgr, ycrcb, cv::COLOR_BGR2YCrCb);
   cv::Mat cr, cb;
@@ -121,7 +121,7 @@ TEST(YUVImage, ChromaFollowsTheJpegCoefficients) {
 
 TEST(YUVImage, FullChromaRoundTripKeepsRealPictures) {
   for (const char* name : {"fruits.jpg", "baboon.jpg", "building.jpg"}) {
-    const cv::Mat bgr = Testing::loadSample(name);
+    const cv::Mat bgr = Synthetic::loadSample(name);
     EXPECT_THAT(roundTrip(bgr, Image::kChroma444), Testing::PictureNear(bgr, 2)) << name;
   }
 }
@@ -145,7 +145,7 @@ TEST(YUVImage, SubsampledRoundTripsStayCloseOnRealPictures) {
   // Measured: fruits 1.2 / 2.2, baboon 1.9 / 5.7 (its fur is rich in fine colour).
   const Case cases[] = {{"fruits.jpg", 1.6, 2.8}, {"baboon.jpg", 2.5, 7.0}};
   for (const auto& c : cases) {
-    const cv::Mat bgr = Testing::loadSample(c.name);
+    const cv::Mat bgr = Synthetic::loadSample(c.name);
     const double e422 = worstChannelMeanError(roundTrip(bgr, Image::kChroma422), bgr);
     const double e420 = worstChannelMeanError(roundTrip(bgr, Image::kChroma420), bgr);
     EXPECT_LE(e422, c.mean422) << c.name;

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
-#include "image_selection/person_scene_truth.h"
+#include "synthetic/walking_video.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ constexpr int kPerson = 60;  // px, the smallest person
 
 class BackgroundModelOnWalkingVideo : public testing::Test {
  protected:
-  static void SetUpTestSuite() { video_ = new Testing::WalkingVideo(Testing::readWalkingVideo(30, 27)); }
+  static void SetUpTestSuite() { video_ = new Synthetic::WalkingVideo(Synthetic::readWalkingVideo(30, 27)); }
   static void TearDownTestSuite() {
     delete video_;
     video_ = nullptr;
@@ -36,9 +36,9 @@ class BackgroundModelOnWalkingVideo : public testing::Test {
     return BackgroundModel(thumbs(pictures), kFactor, pictures.front().size());
   }
   static const cv::Mat& frame(int index) { return video_->frames[static_cast<std::size_t>(index / 30)]; }
-  static Testing::WalkingVideo* video_;
+  static Synthetic::WalkingVideo* video_;
 };
-Testing::WalkingVideo* BackgroundModelOnWalkingVideo::video_ = nullptr;
+Synthetic::WalkingVideo* BackgroundModelOnWalkingVideo::video_ = nullptr;
 
 double meanAbsoluteDifference(const cv::Mat& a, const cv::Mat& b) {
   cv::Mat fa, fb, d;
@@ -118,12 +118,12 @@ TEST_F(BackgroundModelOnWalkingVideo, TheModelOfTheBusyStreetIsTheEmptyStreet) {
   ASSERT_TRUE(busy.measured);
   EXPECT_GE(busy.personBlobs, 4);
   EXPECT_GT(busy.share, 0.005);
-  const cv::Mat truth = Testing::foregroundMask(frame(600), video_->background);
+  const cv::Mat truth = Synthetic::foregroundMask(frame(600), video_->background);
   EXPECT_GT(cv::countNonZero(truth(busy.largestBlobBox)), 0.3 * busy.largestBlobBox.area()) << busy.largestBlobBox;
   EXPECT_GE(busy.largestBlobBox.height, 100);
 
   // The same frame with its people painted out is at the noise level.
-  const ForegroundMeasure empty = m.measure(thumb(Testing::emptyScene(frame(600), video_->background)), kPerson);
+  const ForegroundMeasure empty = m.measure(thumb(Synthetic::emptyScene(frame(600), video_->background)), kPerson);
   EXPECT_EQ(empty.personBlobs, 0);
   EXPECT_LT(empty.share, 0.002);
   EXPECT_FALSE(BackgroundModel::personSized(empty.largestBlob, empty.largestBlobBox, kPerson));
@@ -132,11 +132,11 @@ TEST_F(BackgroundModelOnWalkingVideo, TheModelOfTheBusyStreetIsTheEmptyStreet) {
 
 TEST_F(BackgroundModelOnWalkingVideo, APersonPutIntoTheEmptyStreetIsItsLargestBlob) {
   const BackgroundModel m = model(video_->frames);
-  const Testing::PersonCutout walker = Testing::cutOutWalker(frame(600), video_->background, 100);
-  const cv::Mat empty = Testing::emptyScene(frame(300), video_->background);
+  const Synthetic::PersonCutout walker = Synthetic::cutOutWalker(frame(600), video_->background, 100);
+  const cv::Mat empty = Synthetic::emptyScene(frame(300), video_->background);
   cv::Mat picture = empty.clone();
   const cv::Point at(350, 330);  // on the road
-  Testing::pastePerson(picture, walker, at);
+  Synthetic::pastePerson(picture, walker, at);
   // The truth: the pixels the person really changes (a channel by more than 20 levels).
   cv::Mat difference, changed;
   cv::absdiff(picture, empty, difference);
@@ -178,15 +178,15 @@ TEST_F(BackgroundModelOnWalkingVideo, AnExposureChangeOrNoiseIsNoForeground) {
   for (int c = 0; c < 3; ++c) {
     EXPECT_LT(meanAbsoluteDifference(OrbivaneCalibration::matchExposure(model[c], truth[c]), truth[c]), 1.5) << c;
   }
-  cv::Mat dark = Testing::emptyScene(frame(300), video_->background);
+  cv::Mat dark = Synthetic::emptyScene(frame(300), video_->background);
   dark.convertTo(dark, -1, 0.5, 10);
-  for (const cv::Mat& empty : {dark, Testing::emptyScene(frame(300), video_->background)}) {
+  for (const cv::Mat& empty : {dark, Synthetic::emptyScene(frame(300), video_->background)}) {
     const ForegroundMeasure f = m.measure(thumb(empty), kPerson);
     EXPECT_EQ(f.personBlobs, 0);
     EXPECT_LT(f.share, 0.002);
   }
   // Strong sensor noise raises the frame's noise level instead of giving foreground.
-  cv::Mat noisy = Testing::emptyScene(frame(300), video_->background), noise(noisy.size(), CV_16SC3);
+  cv::Mat noisy = Synthetic::emptyScene(frame(300), video_->background), noise(noisy.size(), CV_16SC3);
   cv::randn(noise, 0, 20);
   cv::Mat noisy16;
   noisy.convertTo(noisy16, CV_16SC3);
@@ -202,17 +202,17 @@ TEST_F(BackgroundModelOnWalkingVideo, WhatNeverMovesIsPartOfTheModel) {
   // A person standing at the same place in every frame is part of the empty
   // scene for the model (as the parked van is); only when they leave does
   // their place differ.
-  const Testing::PersonCutout walker = Testing::cutOutWalker(frame(600), video_->background, 100);
+  const Synthetic::PersonCutout walker = Synthetic::cutOutWalker(frame(600), video_->background, 100);
   const cv::Point at(300, 250);
   std::vector<cv::Mat> frames;
   for (const auto& f : video_->frames) {
     frames.push_back(f.clone());
-    Testing::pastePerson(frames.back(), walker, at);
+    Synthetic::pastePerson(frames.back(), walker, at);
   }
   const BackgroundModel m = model(frames);
-  cv::Mat with = Testing::emptyScene(frame(300), video_->background);
+  cv::Mat with = Synthetic::emptyScene(frame(300), video_->background);
   const cv::Mat without = with.clone();
-  Testing::pastePerson(with, walker, at);
+  Synthetic::pastePerson(with, walker, at);
   EXPECT_EQ(m.measure(thumb(with), kPerson).personBlobs, 0);
   const ForegroundMeasure gone = m.measure(thumb(without), kPerson);
   EXPECT_GE(gone.personBlobs, 1);

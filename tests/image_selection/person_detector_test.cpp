@@ -18,8 +18,8 @@
 
 #include "image_selection/person_detector_decoding.h"
 #include "image_selection/person_detector_hog.h"
-#include "image_selection/person_scene_truth.h"
-#include "support/sample_data.h"
+#include "synthetic/walking_video.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ using OrbivaneCalibration::PersonDetectorOptions;
 using testing::HasSubstr;
 
 // Options that find no network files anywhere (fixed paths in an empty folder).
-PersonDetectorOptions offlineOptions(const Testing::TemporaryDirectory& folder, PersonDetectorKind kind) {
+PersonDetectorOptions offlineOptions(const Synthetic::TemporaryDirectory& folder, PersonDetectorKind kind) {
   PersonDetectorOptions options;
   options.kind = kind;
   options.yoloConfig = folder.file("missing.cfg");
@@ -76,7 +76,7 @@ void writeBytes(const std::string& path, const std::string& bytes) {
 // where the picture is bright. Every anchor calls its object a person (class 0
 // logit 8, class 1 logit -8). Writes yolov3-spp.cfg and .weights into `folder`.
 void writeTinyYolo(const std::string& folder) {
-  Testing::writeText(folder + "/yolov3-spp.cfg",
+  Synthetic::writeText(folder + "/yolov3-spp.cfg",
                      "[net]\nwidth=416\nheight=416\nchannels=3\n\n"
                      "[maxpool]\nsize=32\nstride=32\n\n"
                      "[convolutional]\nfilters=255\nsize=1\nstride=1\npad=0\nactivation=linear\n\n"
@@ -121,7 +121,7 @@ TEST(PersonDetectorKind, NamesReadBackAndUnknownWordsAreRefused) {
 
 class HogOnWalkingVideo : public testing::Test {
  protected:
-  static void SetUpTestSuite() { video_ = new Testing::WalkingVideo(Testing::readWalkingVideo(20, 40)); }
+  static void SetUpTestSuite() { video_ = new Synthetic::WalkingVideo(Synthetic::readWalkingVideo(20, 40)); }
   static void TearDownTestSuite() {
     delete video_;
     video_ = nullptr;
@@ -132,24 +132,24 @@ class HogOnWalkingVideo : public testing::Test {
     }
     throw std::runtime_error("frame " + std::to_string(index) + " was not kept");
   }
-  static Testing::WalkingVideo* video_;
+  static Synthetic::WalkingVideo* video_;
 };
-Testing::WalkingVideo* HogOnWalkingVideo::video_ = nullptr;
+Synthetic::WalkingVideo* HogOnWalkingVideo::video_ = nullptr;
 
 TEST_F(HogOnWalkingVideo, FindsTheClearlyVisibleWalkersAndNothingOffThePeople) {
   auto detector = hog();
   int walkers = 0, found = 0;
   for (int index : {200, 240, 360, 440, 520, 600, 680, 760}) {
     const cv::Mat& picture = frame(index);
-    const cv::Mat mask = Testing::foregroundMask(picture, video_->background);
+    const cv::Mat mask = Synthetic::foregroundMask(picture, video_->background);
     const std::vector<PersonDetection> detections = detector->detect(picture);
     EXPECT_FALSE(detections.empty()) << "frame " << index;
-    for (const cv::Rect& blob : Testing::foregroundBlobs(mask)) {
+    for (const cv::Rect& blob : Synthetic::foregroundBlobs(mask)) {
       // One person: at least 90 px high, narrower than 0.8 of its height.
-      if (!Testing::clearWalker(blob, picture.size(), 90) || blob.width > 0.8 * blob.height) continue;
+      if (!Synthetic::clearWalker(blob, picture.size(), 90) || blob.width > 0.8 * blob.height) continue;
       ++walkers;
       bool hit = false;
-      for (const PersonDetection& d : detections) hit = hit || Testing::detectionMatchesBlob(d.box, blob);
+      for (const PersonDetection& d : detections) hit = hit || Synthetic::detectionMatchesBlob(d.box, blob);
       found += hit;
     }
     for (const PersonDetection& d : detections) {
@@ -176,11 +176,11 @@ TEST_F(HogOnWalkingVideo, FindsNobodyInTheEmptySceneNorInStillPhotographs) {
   for (int index : {200, 600}) {
     const cv::Mat& picture = frame(index);
     const cv::Mat empty =
-        Testing::paintPeopleOut(picture, video_->background, Testing::foregroundMask(picture, video_->background));
+        Synthetic::paintPeopleOut(picture, video_->background, Synthetic::foregroundMask(picture, video_->background));
     EXPECT_TRUE(detector->detect(empty).empty()) << "frame " << index << " with its people painted out";
   }
   for (const char* still : {"building.jpg", "fruits.jpg"}) {
-    EXPECT_TRUE(detector->detect(Testing::loadSample(still)).empty()) << still;
+    EXPECT_TRUE(detector->detect(Synthetic::loadSample(still)).empty()) << still;
   }
 }
 
@@ -219,22 +219,22 @@ TEST_F(HogOnWalkingVideo, FindsSmallWalkersAndWalkersCutByASide) {
   int small = 0, smallFound = 0, cut = 0, cutFound = 0;
   for (std::size_t i = 0; i < video_->frames.size(); ++i) {
     const cv::Mat& picture = video_->frames[i];
-    const std::vector<cv::Rect> blobs = Testing::foregroundBlobs(Testing::foregroundMask(picture, video_->background));
+    const std::vector<cv::Rect> blobs = Synthetic::foregroundBlobs(Synthetic::foregroundMask(picture, video_->background));
     const auto found = [](const std::vector<PersonDetection>& detections, const cv::Rect& blob) {
       return std::any_of(detections.begin(), detections.end(),
-                         [&](const PersonDetection& d) { return Testing::detectionMatchesBlob(d.box, blob); });
+                         [&](const PersonDetection& d) { return Synthetic::detectionMatchesBlob(d.box, blob); });
     };
     if (i % 4 != 0) continue;
     // Walkers of 55 to 71 px: the search enlarges the picture for 60 px persons.
     const auto detections = detector->detect(picture);
     for (const cv::Rect& blob : blobs) {
-      if (!Testing::clearWalker(blob, picture.size(), 55) || blob.height >= 72) continue;
+      if (!Synthetic::clearWalker(blob, picture.size(), 55) || blob.height >= 72) continue;
       ++small;
       smallFound += found(detections, blob);
     }
     // Walkers of 90 px and more, 40 % of their width beyond the left or the right side.
     for (const cv::Rect& blob : blobs) {
-      if (!Testing::clearWalker(blob, picture.size(), 90) || blob.width > 0.6 * blob.height) continue;
+      if (!Synthetic::clearWalker(blob, picture.size(), 90) || blob.width > 0.6 * blob.height) continue;
       const int cutAt = static_cast<int>(0.4 * blob.width);
       for (const cv::Rect& view : {cv::Rect(blob.x + cutAt, 0, picture.cols - blob.x - cutAt, picture.rows),
                                    cv::Rect(0, 0, blob.x + blob.width - cutAt, picture.rows)}) {
@@ -287,7 +287,7 @@ TEST(PersonDetectorHog, RefusesEmptyAndUnsupportedPicturesClearly) {
 // ---------------------------------------------------------------- choice and logging
 
 TEST(PersonDetectorCreate, AutoWithoutNetworkFilesIsHogAndSaysSo) {
-  Testing::TemporaryDirectory folder;
+  Synthetic::TemporaryDirectory folder;
   ScopedEnvironment noDarknet("ORBIVANE_DARKNET_DIR", folder.file("nowhere"));
   std::ostringstream log;
   auto logger = std::make_shared<spdlog::logger>("SmartFinder", std::make_shared<spdlog::sinks::ostream_sink_st>(log));
@@ -314,7 +314,7 @@ TEST(PersonDetectorCreate, RefusesOptionsOutOfRange) {
 }
 
 TEST(PersonDetectorCreate, HaarLoadsDebiansCascadeAndNamesAMissingOrBrokenOne) {
-  Testing::TemporaryDirectory folder;
+  Synthetic::TemporaryDirectory folder;
   PersonDetectorOptions options;
   options.kind = PersonDetectorKind::HaarFullBody;
   auto created = PersonDetector::create(options);
@@ -332,7 +332,7 @@ TEST(PersonDetectorCreate, HaarLoadsDebiansCascadeAndNamesAMissingOrBrokenOne) {
 // ---------------------------------------------------------------- YOLO
 
 TEST(PersonDetectorYolo, MissingFilesAreNamedWithEveryPlaceTried) {
-  Testing::TemporaryDirectory folder;
+  Synthetic::TemporaryDirectory folder;
   ScopedEnvironment darknet("ORBIVANE_DARKNET_DIR", folder.file("from-environment"));
   const auto created = PersonDetector::create(offlineOptions(folder, PersonDetectorKind::Yolo));
   ASSERT_TRUE(created.hasError());
@@ -342,7 +342,7 @@ TEST(PersonDetectorYolo, MissingFilesAreNamedWithEveryPlaceTried) {
 }
 
 TEST(PersonDetectorYolo, CorruptFilesGiveAClearError) {
-  Testing::TemporaryDirectory folder;
+  Synthetic::TemporaryDirectory folder;
   writeTinyYolo(folder.path());
   PersonDetectorOptions options = offlineOptions(folder, PersonDetectorKind::Yolo);
   options.yoloConfig = folder.file("garbage.cfg");
@@ -362,7 +362,7 @@ TEST(PersonDetectorYolo, CorruptFilesGiveAClearError) {
   EXPECT_THAT(created.error(), HasSubstr("garbage.weights does not fit"));
 
   // Cut short: the header and a few values (OpenCV alone would accept it).
-  const std::string whole = Testing::readText(folder.file("yolov3-spp.weights"));
+  const std::string whole = Synthetic::readText(folder.file("yolov3-spp.weights"));
   options.yoloWeights = folder.file("short.weights");
   writeBytes(options.yoloWeights, whole.substr(0, 20 + 4 * 300));
   created = PersonDetector::create(options);
@@ -370,7 +370,7 @@ TEST(PersonDetectorYolo, CorruptFilesGiveAClearError) {
   EXPECT_THAT(created.error(), HasSubstr("short.weights is too short for " + options.yoloConfig + ": 1220 bytes"));
 
   // A layout without a [yolo] layer is no detector.
-  Testing::writeText(folder.file("classifier.cfg"),
+  Synthetic::writeText(folder.file("classifier.cfg"),
                      "[net]\nwidth=416\nheight=416\nchannels=3\n\n[maxpool]\nsize=32\nstride=32\n");
   options.yoloConfig = folder.file("classifier.cfg");
   options.yoloWeights = folder.file("yolov3-spp.weights");
@@ -384,7 +384,7 @@ TEST(PersonDetectorYolo, CorruptFilesGiveAClearError) {
 }
 
 TEST(PersonDetectorYolo, FindsTheOnePersonATinyNetworkSees) {
-  Testing::TemporaryDirectory folder;
+  Synthetic::TemporaryDirectory folder;
   writeTinyYolo(folder.path());
   PersonDetectorOptions options = offlineOptions(folder, PersonDetectorKind::Auto);
   options.yoloDirectory = folder.path();  // the fixed paths are missing: the folder is used
@@ -435,7 +435,7 @@ TEST(PersonDetectorDecoding, DetectionOutputKeepsSurePersonsInPicturePixels) {
 // ---------------------------------------------------------------- Mask R-CNN
 
 TEST(PersonDetectorMaskRcnn, MissingAndCorruptFilesGiveAClearError) {
-  Testing::TemporaryDirectory folder;
+  Synthetic::TemporaryDirectory folder;
   PersonDetectorOptions options = offlineOptions(folder, PersonDetectorKind::MaskRcnn);
   EXPECT_THAT(PersonDetector::create(options).error(), HasSubstr("frozen graph was not given"));
   options.maskRcnnModel = folder.file("mask.pb");
@@ -443,7 +443,7 @@ TEST(PersonDetectorMaskRcnn, MissingAndCorruptFilesGiveAClearError) {
   EXPECT_THAT(PersonDetector::create(options).error(), HasSubstr("mask.pb does not exist"));
   writeBytes(options.maskRcnnModel, std::string("\xff\xfe\x00\x13garbage\x7f\x80", 13));
   EXPECT_THAT(PersonDetector::create(options).error(), HasSubstr("mask.pbtxt does not exist"));
-  Testing::writeText(options.maskRcnnConfig, "node { name: \"image_tensor\" op: \"Placeholder\" ");
+  Synthetic::writeText(options.maskRcnnConfig, "node { name: \"image_tensor\" op: \"Placeholder\" ");
   const auto created = PersonDetector::create(options);
   ASSERT_TRUE(created.hasError());
   EXPECT_THAT(created.error(), HasSubstr("cannot read " + options.maskRcnnModel + " (frozen graph)"));

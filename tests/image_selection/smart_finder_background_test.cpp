@@ -7,12 +7,12 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
-#include "image_selection/person_scene_truth.h"
+#include "synthetic/walking_video.h"
 #include "image_selection/smart_finder_scoring.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/image_selection/smart_finder_image.h"
 #include "orbivane/utils/wide_text.h"
-#include "recordings/recordings_test_videos.h"
+#include "synthetic/recording_videos.h"
 
 namespace {
 
@@ -36,12 +36,12 @@ constexpr double kSceneNoise = 0.01;
 class FinderOnStreetRecordings : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    middle_ = new Testing::WalkingClip(Testing::readWalkingClip(200, kFrames, 10, kMiddle));
-    corner_ = new Testing::WalkingClip(Testing::readWalkingClip(300, kFrames, 10, kVanCorner));
+    middle_ = new Synthetic::WalkingClip(Synthetic::readWalkingClip(200, kFrames, 10, kMiddle));
+    corner_ = new Synthetic::WalkingClip(Synthetic::readWalkingClip(300, kFrames, 10, kVanCorner));
     // The person put in: the first clear walker of at least 100 px in the middle view.
     for (const cv::Mat& frame : middle_->frames) {
       try {
-        walker_ = new Testing::PersonCutout(Testing::cutOutWalker(frame, middle_->localBackground, 100));
+        walker_ = new Synthetic::PersonCutout(Synthetic::cutOutWalker(frame, middle_->localBackground, 100));
         break;
       } catch (const std::runtime_error&) {
       }
@@ -57,13 +57,13 @@ class FinderOnStreetRecordings : public testing::Test {
   void SetUp() override { ASSERT_NE(walker_, nullptr) << "no clear walker in the middle view"; }
 
   // Frame k of a recording of the view: real, or with its people painted out.
-  static cv::Mat real(const Testing::WalkingClip& clip, int k) {
+  static cv::Mat real(const Synthetic::WalkingClip& clip, int k) {
     return clip.frames[static_cast<std::size_t>(k)].clone();
   }
   // Painted with the clip's own median (nobody lingers): the video's light
   // changes, and the median of the whole video would leave visible patches.
-  static cv::Mat empty(const Testing::WalkingClip& clip, int k) {
-    return Testing::emptyScene(clip.frames[static_cast<std::size_t>(k)], clip.localBackground);
+  static cv::Mat empty(const Synthetic::WalkingClip& clip, int k) {
+    return Synthetic::emptyScene(clip.frames[static_cast<std::size_t>(k)], clip.localBackground);
   }
   // A little darker (a cloud): a worse exposure score.
   static cv::Mat dimmer(cv::Mat frame) {
@@ -81,8 +81,8 @@ class FinderOnStreetRecordings : public testing::Test {
   // Writes the recording of module "cam" and searches it.
   std::vector<SmartFinderFrame> search(const std::function<cv::Mat(int)>& draw,
                                        const SmartFinderOptions& o = everyHalfSecond()) {
-    Testing::writeVideo(dir_.file("cam.avi"), kFrames, 10.0, draw);
-    Testing::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), kStart, 0.0}});
+    Synthetic::writeVideo(dir_.file("cam.avi"), kFrames, 10.0, draw);
+    Synthetic::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), kStart, 0.0}});
     CameraDescription::Orbivane camera;
     CameraDescription::OrbivaneModule module(L"cam");
     Quarn::QuarnConnection c;
@@ -115,16 +115,16 @@ class FinderOnStreetRecordings : public testing::Test {
     return in;
   }
 
-  static Testing::WalkingClip* middle_;
-  static Testing::WalkingClip* corner_;
-  static Testing::PersonCutout* walker_;
-  Testing::TemporaryDirectory dir_;
+  static Synthetic::WalkingClip* middle_;
+  static Synthetic::WalkingClip* corner_;
+  static Synthetic::PersonCutout* walker_;
+  Synthetic::TemporaryDirectory dir_;
   std::vector<SmartFinderFrame> samples_;
   std::string lastText_;
 };
-Testing::WalkingClip* FinderOnStreetRecordings::middle_ = nullptr;
-Testing::WalkingClip* FinderOnStreetRecordings::corner_ = nullptr;
-Testing::PersonCutout* FinderOnStreetRecordings::walker_ = nullptr;
+Synthetic::WalkingClip* FinderOnStreetRecordings::middle_ = nullptr;
+Synthetic::WalkingClip* FinderOnStreetRecordings::corner_ = nullptr;
+Synthetic::PersonCutout* FinderOnStreetRecordings::walker_ = nullptr;
 
 // The best score among the samples.
 double bestScoreIn(const std::vector<SmartFinderFrame>& samples) {
@@ -141,7 +141,7 @@ TEST_F(FinderOnStreetRecordings, APersonStandingStillAtTheBorderIsNotChosen) {
     if (k < 40) return real(*middle_, k);
     if (k >= 70) return dimmer(empty(*middle_, k));
     cv::Mat frame = empty(*middle_, k);
-    Testing::pastePerson(frame, *walker_, {x, 230});
+    Synthetic::pastePerson(frame, *walker_, {x, 230});
     return frame;
   });
   ASSERT_FALSE(moments.empty());
@@ -170,12 +170,12 @@ TEST_F(FinderOnStreetRecordings, APersonStandingStillAtTheBorderIsNotChosen) {
 TEST_F(FinderOnStreetRecordings, ASmallPersonFarAwayIsNotChosen) {
   // Frames 40-69: the empty street and a person 45 px tall walking slowly on
   // the far path (half a pixel a frame); 70-99: the empty street, darker.
-  const Testing::PersonCutout small = Testing::scaledCutout(*walker_, 45);
+  const Synthetic::PersonCutout small = Synthetic::scaledCutout(*walker_, 45);
   const auto moments = search([&](int k) {
     if (k < 40) return real(*middle_, k);
     if (k >= 70) return dimmer(empty(*middle_, k));
     cv::Mat frame = empty(*middle_, k);
-    Testing::pastePerson(frame, small, {60 + (k - 40) / 2, 40});
+    Synthetic::pastePerson(frame, small, {60 + (k - 40) / 2, 40});
     return frame;
   });
   ASSERT_FALSE(moments.empty());
@@ -200,13 +200,13 @@ TEST_F(FinderOnStreetRecordings, AParkedVehicleDoesNotBlockAFrame) {
   // The corner with the parked van, and a second van (the first, twice as
   // large) parked on the road in every frame; frames 50-99 are empty.
   const cv::Rect van(653, 45, 72, 56);
-  Testing::PersonCutout parked;
+  Synthetic::PersonCutout parked;
   cv::resize(corner_->localBackground(van - kVanCorner.tl()), parked.picture, {}, 2.0, 2.0, cv::INTER_LINEAR);
   parked.mask = cv::Mat(parked.picture.size(), CV_8UC1, cv::Scalar(255));
   const cv::Point where(60, 300);
   const auto moments = search([&](int k) {
     cv::Mat frame = k < 50 ? real(*corner_, k) : empty(*corner_, k);
-    Testing::pastePerson(frame, parked, where);
+    Synthetic::pastePerson(frame, parked, where);
     return frame;
   });
   ASSERT_FALSE(moments.empty());
@@ -260,7 +260,7 @@ TEST_F(FinderOnStreetRecordings, SomeoneWhoStaysMostOfTheWindowDoesNotBlockTheEm
   // (the median of the window shows them); 70-99: the empty street.
   const auto moments = search([&](int k) {
     cv::Mat frame = empty(*middle_, k);
-    if (k < 70) Testing::pastePerson(frame, *walker_, {120, 220});
+    if (k < 70) Synthetic::pastePerson(frame, *walker_, {120, 220});
     return frame;
   });
   ASSERT_FALSE(moments.empty());
@@ -331,8 +331,8 @@ TEST_F(FinderOnStreetRecordings, AWindowWithoutAFreeFrameEndsInABuiltBackground)
   EXPECT_LT(meanError(built), 3.0);
   EXPECT_EQ(best.persons, 0);
   EXPECT_EQ(best.foregroundPersons, 0);
-  EXPECT_TRUE(Testing::noPersonIn(built, truth, cv::Rect(0, 0, truth.cols, truth.rows), 100));
-  for (int k : {10, 50, 90}) EXPECT_FALSE(Testing::noPersonIn(real(*middle_, k), truth, {0, 0, 288, 432}, 100)) << k;
+  EXPECT_TRUE(Synthetic::noPersonIn(built, truth, cv::Rect(0, 0, truth.cols, truth.rows), 100));
+  for (int k : {10, 50, 90}) EXPECT_FALSE(Synthetic::noPersonIn(real(*middle_, k), truth, {0, 0, 288, 432}, 100)) << k;
 }
 
 }  // namespace

@@ -12,8 +12,8 @@
 #include "image_selection/smart_finder_scoring.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
-#include "recordings/recordings_test_videos.h"
-#include "support/sample_data.h"
+#include "synthetic/recording_videos.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -52,17 +52,17 @@ SmartFinderOptions hogEvery(double stepSeconds) {
 // 40 frames at 10 fps: the walker crosses during frames 0-23; the empty
 // frames 24-39 are slightly blurred except frame 33.
 struct Crossing {
-  Testing::TemporaryDirectory dir;
-  cv::Mat background = Testing::walkerBackground();
+  Synthetic::TemporaryDirectory dir;
+  cv::Mat background = Synthetic::walkerBackground();
   std::string index = dir.file("rec.json");
   Crossing() {
-    const cv::Mat walker = Testing::vtestWalker();
-    Testing::writeVideo(dir.file("front.avi"), 40, 10.0, [&](int i) {
-      cv::Mat frame = i < 24 ? Testing::withWalker(background, walker, 10 + i * 12) : background.clone();
+    const cv::Mat walker = Synthetic::vtestWalker();
+    Synthetic::writeVideo(dir.file("front.avi"), 40, 10.0, [&](int i) {
+      cv::Mat frame = i < 24 ? Synthetic::withWalker(background, walker, 10 + i * 12) : background.clone();
       if (i != 33) cv::GaussianBlur(frame, frame, {0, 0}, 1.2);
       return frame;
     });
-    Testing::writeIndex(index, {{"front", dir.file("front.avi"), kStart, 0.0}});
+    Synthetic::writeIndex(index, {{"front", dir.file("front.avi"), kStart, 0.0}});
   }
 };
 
@@ -137,16 +137,16 @@ TEST(SmartFinderImageTest, SeveralMomentsKeepTheirDistanceAndAWindowLimitsTheSea
 }
 
 TEST(SmartFinderImageTest, ExposureDecidesBetweenEquallyEmptyFrames) {
-  Testing::TemporaryDirectory dir;
-  const cv::Mat background = Testing::walkerBackground();
+  Synthetic::TemporaryDirectory dir;
+  const cv::Mat background = Synthetic::walkerBackground();
   // Frames 0-3 dark, 4-5 blown out, 6 well exposed, 7-9 dark again.
-  Testing::writeVideo(dir.file("room.avi"), 10, 10.0, [&](int i) {
+  Synthetic::writeVideo(dir.file("room.avi"), 10, 10.0, [&](int i) {
     cv::Mat frame;
     if (i == 6) return background.clone();
     background.convertTo(frame, -1, i == 4 || i == 5 ? 1.6 : 0.3, i == 4 || i == 5 ? 90 : 0);
     return frame;
   });
-  Testing::writeIndex(dir.file("rec.json"), {{"room", dir.file("room.avi"), kStart, 0.0}});
+  Synthetic::writeIndex(dir.file("rec.json"), {{"room", dir.file("room.avi"), kStart, 0.0}});
   SmartFinderImage finder(cameraOn(dir.file("rec.json"), {"room"}));
   SmartFinderOptions o = hogEvery(0.1);
   o.blurWeight = 0.2;
@@ -165,12 +165,12 @@ TEST(SmartFinderImageTest, ExposureDecidesBetweenEquallyEmptyFrames) {
 }
 
 TEST(SmartFinderImageTest, BuildsACleanBackgroundWhenSomeoneIsAlwaysInThePicture) {
-  Testing::TemporaryDirectory dir;
-  const cv::Mat background = Testing::walkerBackground();
-  const cv::Mat walker = Testing::vtestWalker();
-  Testing::writeVideo(dir.file("busy.avi"), 30, 10.0,
-                      [&](int i) { return Testing::withWalker(background, walker, i * 10); });
-  Testing::writeIndex(dir.file("rec.json"), {{"busy", dir.file("busy.avi"), kStart, 0.0}});
+  Synthetic::TemporaryDirectory dir;
+  const cv::Mat background = Synthetic::walkerBackground();
+  const cv::Mat walker = Synthetic::vtestWalker();
+  Synthetic::writeVideo(dir.file("busy.avi"), 30, 10.0,
+                      [&](int i) { return Synthetic::withWalker(background, walker, i * 10); });
+  Synthetic::writeIndex(dir.file("rec.json"), {{"busy", dir.file("busy.avi"), kStart, 0.0}});
   SmartFinderImage finder(cameraOn(dir.file("rec.json"), {"busy"}));
   SmartFinderOptions o = hogEvery(0.0);
   o.samples = 10;

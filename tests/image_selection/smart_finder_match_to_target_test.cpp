@@ -10,9 +10,10 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "recordings/recordings_test_videos.h"
-#include "support/sample_data.h"
-#include "support/scenes.h"
+#include "synthetic/recording_videos.h"
+#include "synthetic/sample_data.h"
+#include "synthetic/target_scenes.h"
+#include "support/matchers.h"
 
 namespace {
 
@@ -24,17 +25,17 @@ const cv::Size kSize(320, 240);
 constexpr int kOffset = 64;  // the module's crop starts 64 pixels right of the target's
 
 struct Rig {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   cv::Mat photo;
   CameraDescription::Orbivane camera;
   std::string index = dir.file("rec.json");
 
   Rig() {
-    cv::resize(Testing::loadSample("fruits.jpg"), photo, {kSize.width + kOffset, kSize.height}, 0, 0, cv::INTER_AREA);
-    const cv::Mat walker = Testing::vtestWalker();  // 100 x 181
+    cv::resize(Synthetic::loadSample("fruits.jpg"), photo, {kSize.width + kOffset, kSize.height}, 0, 0, cv::INTER_AREA);
+    const cv::Mat walker = Synthetic::vtestWalker();  // 100 x 181
     // The target sees the walker in frames 0-11, the module in frames 8-19.
     const auto video = [&](const std::string& name, int crop, int from, int to) {
-      Testing::writeVideo(dir.file(name), 20, 10.0, [&, crop, from, to](int i) {
+      Synthetic::writeVideo(dir.file(name), 20, 10.0, [&, crop, from, to](int i) {
         cv::Mat frame = photo(cv::Rect(crop, 0, kSize.width, kSize.height)).clone();
         if (i >= from && i < to) walker.copyTo(frame(cv::Rect(10 + (i - from) * 15, 30, walker.cols, walker.rows)));
         return frame;
@@ -42,7 +43,7 @@ struct Rig {
     };
     video("target.avi", 0, 0, 12);
     video("module.avi", kOffset, 8, 20);
-    Testing::writeIndex(index,
+    Synthetic::writeIndex(index,
                         {{"T", dir.file("target.avi"), kStart, 0.0}, {"M", dir.file("module.avi"), kStart, 0.0}});
     for (const auto& [name, matrix] :
          {std::make_pair(L"T", Utils::Matrix4x4::identity()), std::make_pair(L"M", misplaced())}) {
@@ -85,7 +86,7 @@ OrbivaneCalibration::SmartFinderOptions hogOptions() {
 TEST(SmartFinderMatchToTargetTest, AlignsTheModuleOnEmptyFramesOfItsRecording) {
   Rig rig;
   const cv::Matx33d truth(1, 0, kOffset, 0, 1, 0, 0, 0, 1);
-  ASSERT_GT(Testing::cornerError(truth, placement(rig.camera), kSize), 5.0);
+  ASSERT_GT(Synthetic::cornerError(truth, placement(rig.camera), kSize), 5.0);
 
   SmartFinderMatchToTarget smart(rig.camera);
   smart.setFinderOptions(hogOptions());
@@ -108,7 +109,7 @@ TEST(SmartFinderMatchToTargetTest, AlignsTheModuleOnEmptyFramesOfItsRecording) {
   EXPECT_EQ(frames.at(L"M").front().persons, 0);
   EXPECT_LT(frames.at(L"M").front().frame, 8);
 
-  EXPECT_LT(Testing::cornerError(truth, placement(result), kSize), 0.5);
+  EXPECT_THAT(placement(result), Testing::HomographyNear(truth, 0.5, kSize));
   EXPECT_LT(smart.error(L"M"), 10.0f);
   EXPECT_EQ(result.findModule(L"M")->image(), frames.at(L"M").front().picture);
   // One progress run: the finder's samples, then the matcher's steps.
@@ -126,7 +127,7 @@ TEST(SmartFinderMatchToTargetTest, AGivenTargetPictureIsUsedAndAbortStopsEarly) 
   smart.setFinderOptions(hogOptions());
   const auto result = smart.calibrate({L"M"}, L"T");
   EXPECT_EQ(smart.frames().count(L"T"), 0u);  // not searched: its picture was given
-  EXPECT_LT(Testing::cornerError(truth, placement(result), kSize), 0.5);
+  EXPECT_THAT(placement(result), Testing::HomographyNear(truth, 0.5, kSize));
 
   SmartFinderMatchToTarget stopped(rig.camera);
   stopped.setFinderOptions(hogOptions());
@@ -135,7 +136,7 @@ TEST(SmartFinderMatchToTargetTest, AGivenTargetPictureIsUsedAndAbortStopsEarly) 
   });
   const auto partial = stopped.calibrate({L"M"}, L"T");
   EXPECT_TRUE(stopped.error().empty());
-  EXPECT_GT(Testing::cornerError(truth, placement(partial), kSize), 5.0);  // left where it was
+  EXPECT_GT(Synthetic::cornerError(truth, placement(partial), kSize), 5.0);  // left where it was
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 
 #include "logging/logger_setup.h"
 #include "orbivane/logging/logger_configuration.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
-using Testing::readText;
-using Testing::TemporaryDirectory;
-using Testing::writeText;
+using Synthetic::readText;
+using Synthetic::TemporaryDirectory;
+using Synthetic::writeText;
 
 const char kDefaultText[] =
     "{\n\t\"Logger\" :\n\t[\n"

@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "recordings/recordings_test_videos.h"
-#include "support/sample_data.h"
+#include "synthetic/recording_videos.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -85,15 +85,15 @@ TEST(RecordingsIndexTest, MalformedFilesNameTheFileThePathAndTheProblem) {
 }
 
 TEST(RecordingsIndexTest, SavedIndexReadsBackAndSpansComeFromTheFile) {
-  Testing::TemporaryDirectory dir;
-  Testing::writeNumberedVideo(dir.file("clip.avi"), 30, 10.0);
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeNumberedVideo(dir.file("clip.avi"), 30, 10.0);
   const std::int64_t start = Quarn::parseTimestamp("2026-11-22T10:00:00Z").value();
-  Testing::writeIndex(dir.file("rec.json"), {{"front", dir.file("clip.avi"), start, 0.0},
+  Synthetic::writeIndex(dir.file("rec.json"), {{"front", dir.file("clip.avi"), start, 0.0},
                                              {"back", dir.file("clip.avi"), start + 500, 25.0}});
   EXPECT_TRUE(Quarn::isRecordingsIndexFile(dir.file("rec.json")));
   EXPECT_FALSE(Quarn::isRecordingsIndexFile(dir.file("clip.avi")));
   // Written relative to the index, read back absolute.
-  EXPECT_NE(Testing::readText(dir.file("rec.json")).find("\"video\": \"clip.avi\""), std::string::npos);
+  EXPECT_NE(Synthetic::readText(dir.file("rec.json")).find("\"video\": \"clip.avi\""), std::string::npos);
   const auto index = Quarn::loadRecordingsIndex(dir.file("rec.json"));
   ASSERT_TRUE(index) << index.error();
   EXPECT_EQ(index.value().recordings[0].video, dir.path() + "/clip.avi");
@@ -118,7 +118,7 @@ TEST(RecordingsIndexTest, SavedIndexReadsBackAndSpansComeFromTheFile) {
   EXPECT_EQ(fast.frameStartMs(7), start + 500 + 280);
 
   EXPECT_FALSE(Quarn::probeVideo(dir.file("missing.avi")));
-  Testing::writeText(dir.file("broken.avi"), "not a video at all");
+  Synthetic::writeText(dir.file("broken.avi"), "not a video at all");
   const auto broken = Quarn::probeVideo(dir.file("broken.avi"));
   ASSERT_FALSE(broken);
   EXPECT_NE(broken.error().find("broken.avi"), std::string::npos);

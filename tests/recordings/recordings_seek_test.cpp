@@ -10,9 +10,9 @@
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/shading/image_shading.h"
 #include "orbivane/utils/wide_text.h"
-#include "recordings/recordings_test_videos.h"
+#include "synthetic/recording_videos.h"
 #include "recordings/video_frame_reader.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -34,16 +34,16 @@ int numberAt(RecordingImageSource& source, std::int64_t t, const std::wstring& m
   auto images = source.getImages();
   EXPECT_TRUE(images) << (images ? "" : images.error());
   if (!images) return -1;
-  return Testing::readFrameNumber(Image::toMat(images.value().at(module)));
+  return Synthetic::readFrameNumber(Image::toMat(images.value().at(module)));
 }
 
 TEST(RecordingsSeekTest, EveryTimeGivesTheFrameWhoseSpanHoldsIt) {
-  Testing::TemporaryDirectory dir;
-  Testing::writeNumberedVideo(dir.file("left.avi"), 120, 25.0);
-  Testing::writeNumberedVideo(dir.file("right.avi"), 90, 30.0);
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeNumberedVideo(dir.file("left.avi"), 120, 25.0);
+  Synthetic::writeNumberedVideo(dir.file("right.avi"), 90, 30.0);
   const std::int64_t start = Quarn::parseTimestamp("2026-11-22T10:00:00Z").value();
   // The right module starts 1.01 s later and plays at 30 fps (frames of 33.3 ms).
-  Testing::writeIndex(dir.file("rec.json"), {{"left", dir.file("left.avi"), start, 0.0},
+  Synthetic::writeIndex(dir.file("rec.json"), {{"left", dir.file("left.avi"), start, 0.0},
                                              {"right", dir.file("right.avi"), start + 1010, 0.0}});
   RecordingImageSource source;
   ASSERT_TRUE(
@@ -60,8 +60,8 @@ TEST(RecordingsSeekTest, EveryTimeGivesTheFrameWhoseSpanHoldsIt) {
     ASSERT_TRUE(images) << images.error();
     const int left = static_cast<int>((t - start) / 40);
     const int right = static_cast<int>(std::floor((t - start - 1010) * 30.0 / 1000.0));
-    EXPECT_EQ(Testing::readFrameNumber(Image::toMat(images.value().at(L"left"))), left) << t - start;
-    EXPECT_EQ(Testing::readFrameNumber(Image::toMat(images.value().at(L"right"))), right) << t - start;
+    EXPECT_EQ(Synthetic::readFrameNumber(Image::toMat(images.value().at(L"left"))), left) << t - start;
+    EXPECT_EQ(Synthetic::readFrameNumber(Image::toMat(images.value().at(L"right"))), right) << t - start;
     EXPECT_EQ(source.position(L"left").value().frame, left);
     EXPECT_EQ(source.position(L"left").value().frameStartMs, start + 40 * left);
   }
@@ -76,7 +76,7 @@ TEST(RecordingsSeekTest, EveryTimeGivesTheFrameWhoseSpanHoldsIt) {
 
 TEST(RecordingsSeekTest, SeekingVtestMatchesReadingFrontToBack) {
   // vtest.avi: 768 x 576 pedestrians at 10 fps, an inter-frame codec.
-  const std::string path = Testing::samplePath("vtest.avi");
+  const std::string path = Synthetic::samplePath("vtest.avi");
   constexpr int kFrames = 160;
   std::vector<cv::Mat> truth;
   cv::VideoCapture plain(path);
@@ -85,9 +85,9 @@ TEST(RecordingsSeekTest, SeekingVtestMatchesReadingFrontToBack) {
     ASSERT_TRUE(plain.read(f));
     truth.push_back(f);
   }
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::int64_t start = 1'700'000'000'000LL;
-  Testing::writeIndex(dir.file("rec.json"), {{"street", path, start, 0.0}});
+  Synthetic::writeIndex(dir.file("rec.json"), {{"street", path, start, 0.0}});
   RecordingImageSource source;
   ASSERT_TRUE(source.init({recordedModule("street", dir.file("rec.json"))}));
   source.setIgnoreGeometryGrid(true);
@@ -104,25 +104,25 @@ TEST(RecordingsSeekTest, SeekingVtestMatchesReadingFrontToBack) {
 TEST(RecordingsSeekTest, ReaderFallsBackToReadingForwardWhenStampsCannotCheckASeek) {
   // A rate that disagrees with the file's stamps makes them useless for
   // checking: every far jump must then read forward and still be exact.
-  Testing::TemporaryDirectory dir;
-  Testing::writeNumberedVideo(dir.file("clip.avi"), 150, 25.0);
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeNumberedVideo(dir.file("clip.avi"), 150, 25.0);
   ImageSource::VideoFrameReader wrongRate(dir.file("clip.avi"), 150, 7.0);
   for (int frame : {120, 5, 149, 60, 0, 100}) {
     const auto f = wrongRate.frame(frame);
     ASSERT_TRUE(f) << f.error();
-    EXPECT_EQ(Testing::readFrameNumber(f.value()), frame);
+    EXPECT_EQ(Synthetic::readFrameNumber(f.value()), frame);
   }
   ImageSource::VideoFrameReader right(dir.file("clip.avi"), 150, 25.0);
-  for (int frame : {120, 5, 149, 60, 0, 100}) EXPECT_EQ(Testing::readFrameNumber(right.frame(frame).value()), frame);
+  for (int frame : {120, 5, 149, 60, 0, 100}) EXPECT_EQ(Synthetic::readFrameNumber(right.frame(frame).value()), frame);
   EXPECT_EQ(right.seekFallbacks(), 0);
   EXPECT_FALSE(right.frame(150));
   EXPECT_FALSE(right.frame(-1));
 }
 
 TEST(RecordingsSeekTest, GeometryGridIsDrawnUnlessIgnored) {
-  Testing::TemporaryDirectory dir;
-  Testing::writeNumberedVideo(dir.file("clip.avi"), 5, 10.0);
-  Testing::writeIndex(dir.file("rec.json"), {{"m", dir.file("clip.avi"), 0, 0.0}});
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeNumberedVideo(dir.file("clip.avi"), 5, 10.0);
+  Synthetic::writeIndex(dir.file("rec.json"), {{"m", dir.file("clip.avi"), 0, 0.0}});
   auto module = recordedModule("m", dir.file("rec.json"));
   // A 1 x 1 grid that shows the texture mirrored left to right.
   Utils::UVGrid grid(1, 1);
@@ -134,7 +134,7 @@ TEST(RecordingsSeekTest, GeometryGridIsDrawnUnlessIgnored) {
   const cv::Mat drawn = Image::toMat(source.getImages().value().at(L"m"));
   source.setIgnoreGeometryGrid(true);
   const cv::Mat raw = Image::toMat(source.getImages().value().at(L"m"));
-  EXPECT_EQ(Testing::readFrameNumber(raw), 2);
+  EXPECT_EQ(Synthetic::readFrameNumber(raw), 2);
   ASSERT_EQ(drawn.size(), raw.size());
   // The drawn picture is the same renderer's output on the raw frame, and
   // (away from the edges) the mirror image of it.
@@ -151,10 +151,10 @@ TEST(RecordingsSeekTest, GeometryGridIsDrawnUnlessIgnored) {
 }
 
 TEST(RecordingsSeekTest, ClearErrorsOutsideTheRecordingsAndForBadModules) {
-  Testing::TemporaryDirectory dir;
-  Testing::writeNumberedVideo(dir.file("clip.avi"), 10, 10.0);
-  Testing::writeText(dir.file("broken.avi"), "not a video");
-  Testing::writeIndex(dir.file("rec.json"), {{"m", dir.file("clip.avi"), 10000, 0.0},
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeNumberedVideo(dir.file("clip.avi"), 10, 10.0);
+  Synthetic::writeText(dir.file("broken.avi"), "not a video");
+  Synthetic::writeIndex(dir.file("rec.json"), {{"m", dir.file("clip.avi"), 10000, 0.0},
                                              {"n", dir.file("clip.avi"), 10500, 0.0},
                                              {"x", dir.file("broken.avi"), 10000, 0.0}});
   RecordingImageSource source;

@@ -5,8 +5,8 @@
 #include "orbivane/session/quarn_session.h"
 #include "orbivane/recordings/recording_player.h"
 #include "orbivane/simulated/simulated_camera.h"
-#include "recordings/recordings_test_videos.h"
-#include "support/sample_data.h"
+#include "synthetic/recording_videos.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -22,14 +22,14 @@ QuarnConnection toIndex(const std::string& index, const std::string& device, con
 }
 
 struct TwoClips {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   std::int64_t start = Quarn::parseTimestamp("2026-11-22T10:00:00Z").value();
   std::string index = dir.file("rec.json");
   TwoClips() {
-    Testing::writeNumberedVideo(dir.file("a1.avi"), 20, 10.0);  // 2 s
-    Testing::writeNumberedVideo(dir.file("a2.avi"), 10, 10.0);  // 1 s
+    Synthetic::writeNumberedVideo(dir.file("a1.avi"), 20, 10.0);  // 2 s
+    Synthetic::writeNumberedVideo(dir.file("a2.avi"), 10, 10.0);  // 1 s
     // Module a: 10:00:00-10:00:02 and 10:00:05-10:00:06; module b: 10:00:00-10:00:02.
-    Testing::writeIndex(index, {{"a", dir.file("a2.avi"), start + 5000, 0.0},
+    Synthetic::writeIndex(index, {{"a", dir.file("a2.avi"), start + 5000, 0.0},
                                 {"a", dir.file("a1.avi"), start, 0.0},
                                 {"b", dir.file("a1.avi"), start, 0.0}});
   }
@@ -82,7 +82,7 @@ TEST(RecordingsSessionTest, ShowTrackChecksTheTrackAndCaptureShowsIt) {
   auto picture = session.CaptureImage({}).get();
   ASSERT_TRUE(picture) << picture.error();
   EXPECT_EQ(picture.value().size(), cv::Size(192, 128));
-  EXPECT_EQ(Testing::readFrameNumber(picture.value()), 0);
+  EXPECT_EQ(Synthetic::readFrameNumber(picture.value()), 0);
 
   Quarn::SearchInfo stranger = found.value()[0];
   stranger.track = clips.dir.file("elsewhere.avi");
@@ -127,8 +127,8 @@ TEST(RecordingsSessionTest, RecordedModulesHaveNoSensorWindowAndUnknownOnesDoNot
 }
 
 TEST(RecordingsSessionTest, MalformedIndexAndMissingVideosAreClearErrors) {
-  Testing::TemporaryDirectory dir;
-  Testing::writeText(dir.file("bad.json"),
+  Synthetic::TemporaryDirectory dir;
+  Synthetic::writeText(dir.file("bad.json"),
                      R"({"format": "orbivane-recordings", "version": 1, "recordings": [{"module": "a"}]})");
   QuarnSession session;
   const auto bad = session.Connect(toIndex(dir.file("bad.json"), "a"), nullptr);
@@ -136,7 +136,7 @@ TEST(RecordingsSessionTest, MalformedIndexAndMissingVideosAreClearErrors) {
   EXPECT_NE(bad.error().find("bad.json"), std::string::npos);
   EXPECT_NE(bad.error().find("at /recordings/0: missing key 'video'"), std::string::npos);
 
-  Testing::writeIndex(dir.file("rec.json"), {{"a", dir.file("gone.avi"), 0, 0.0}});
+  Synthetic::writeIndex(dir.file("rec.json"), {{"a", dir.file("gone.avi"), 0, 0.0}});
   ASSERT_TRUE(session.Connect(toIndex(dir.file("rec.json"), "a"), nullptr));
   const auto search = session.Search({"a", 0, 1000}, {}).get();
   ASSERT_FALSE(search);
@@ -144,7 +144,7 @@ TEST(RecordingsSessionTest, MalformedIndexAndMissingVideosAreClearErrors) {
 }
 
 TEST(RecordingsSessionTest, CamerasWithoutAnIndexStillDoNotSearch) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   auto camera = Quarn::SimulatedCamera::open(dir.file("state.json")).value();
   Quarn::SimulatedModule m;
   m.id = "front";

@@ -16,7 +16,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/shading/image_shading.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ struct TwoModules {
 
 TwoModules twoModules(double rightGain = 1.0) {
   TwoModules t;
-  t.scene = Testing::loadSample("fruits.jpg");
+  t.scene = Synthetic::loadSample("fruits.jpg");
   const cv::Size size = t.scene.size();
   const int width = 300;
   cv::Mat right = t.scene(cv::Rect(t.overlapBegin, 0, width, size.height)).clone();
@@ -76,7 +76,7 @@ TEST(PanoramaRenderer, ModulesCutFromAPhotographPutItBackTogether) {
 }
 
 TEST(PanoramaRenderer, TurnedModuleLandsWhereOpenCVsPerspectiveWarpPutsIt) {
-  const cv::Mat picture = Testing::loadSample("building.jpg");
+  const cv::Mat picture = Synthetic::loadSample("building.jpg");
   const cv::Size panorama(1000, 700);
   // Texture -> surface: scaled into the panorama, turned by 7 degrees, with a keystone.
   const double a = 7.0 * CV_PI / 180.0;
@@ -116,7 +116,7 @@ TEST(PanoramaRenderer, TurnedModuleLandsWhereOpenCVsPerspectiveWarpPutsIt) {
 }
 
 TEST(PanoramaRenderer, LensShaderDrawsAsTheShadingRendererDraws) {
-  const cv::Mat picture = Testing::loadSample("baboon.jpg");
+  const cv::Mat picture = Synthetic::loadSample("baboon.jpg");
   const OrbivaneGeometry::Shader lens(ImageSource::kLensDistortionShaderUid,
                                       {{"f_TCorrection_F", "0.300000"},
                                        {"f_TCorrection_H", "0.450000"},

@@ -11,7 +11,7 @@
 #include "orbivane/simulated/simulated_camera.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
 #include "orbivane/utils/wide_text.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ using testing::HasSubstr;
 std::shared_ptr<Image::RGBImage> part(const cv::Mat& photo, cv::Rect r) { return Image::fromMat(photo(r).clone()); }
 
 TEST(OverlapMeasurementTest, FindsKnownOverlapsOnCropsOfAPhotograph) {
-  const cv::Mat photo = Testing::loadSample("building.jpg");  // 868 x 600
+  const cv::Mat photo = Synthetic::loadSample("building.jpg");  // 868 x 600
   const auto left = part(photo, {0, 0, 400, 500});
   struct Case {
     cv::Rect right;
@@ -55,9 +55,9 @@ TEST(OverlapMeasurementTest, FindsKnownOverlapsOnCropsOfAPhotograph) {
 }
 
 TEST(OverlapMeasurementTest, RefusesPicturesThatDoNotOverlapOrCannotBeMatched) {
-  const cv::Mat photo = Testing::loadSample("building.jpg");
+  const cv::Mat photo = Synthetic::loadSample("building.jpg");
   const auto left = part(photo, {0, 0, 400, 500});
-  const auto unrelated = SensorShifter::measureOverlap(left, Image::fromMat(Testing::loadSample("baboon.jpg")));
+  const auto unrelated = SensorShifter::measureOverlap(left, Image::fromMat(Synthetic::loadSample("baboon.jpg")));
   ASSERT_FALSE(unrelated);
   EXPECT_THAT(unrelated.error(), HasSubstr("do not overlap"));
   const auto flat = SensorShifter::measureOverlap(left, Image::fromMat(cv::Mat(300, 300, CV_8UC3, cv::Scalar::all(80))));
@@ -121,7 +121,7 @@ Pair cameraPair(const std::string& name, int step, const Quarn::SimulatedFaults&
     Quarn::SimulatedModule m;
     m.id = id;
     m.scene.kind = "image";
-    m.scene.imagePath = Testing::samplePath(id == "A" ? "building.jpg" : rightPicture);
+    m.scene.imagePath = Synthetic::samplePath(id == "A" ? "building.jpg" : rightPicture);
     if (rightPicture == "building.jpg") {
       m.scene.cropX = crop;
       m.scene.cropWidth = 520;
@@ -301,7 +301,7 @@ TEST(OverlapImageTest, ShowsBothStripsAndTheOverlapLaidTogether) {
 
   auto lonely = std::make_shared<OrbivaneModule>(L"lonely");
   EXPECT_EQ(SensorShifter::overlapImg(p.left, lonely), nullptr);
-  lonely->setImage(Image::fromMat(Testing::loadSample("baboon.jpg")));
+  lonely->setImage(Image::fromMat(Synthetic::loadSample("baboon.jpg")));
   EXPECT_EQ(SensorShifter::overlapImg(p.left, lonely), nullptr);
 }
 

@@ -16,7 +16,7 @@
 #include "shading/shader_renderer_family.h"
 #include "shading/shader_renderer_sampling.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ using OrbivaneGeometry::Shader;
 
 std::shared_ptr<Image::UniversalImageInterface> picture(const char* name, cv::Size size) {
   cv::Mat m;
-  cv::resize(Testing::loadSample(name), m, size, 0, 0, cv::INTER_AREA);
+  cv::resize(Synthetic::loadSample(name), m, size, 0, 0, cv::INTER_AREA);
   return Image::fromMat(m);
 }
 

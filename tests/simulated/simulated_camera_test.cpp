@@ -8,7 +8,7 @@
 
 #include "simulated/scene_renderer.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ SimulatedModule baboonModule() {
   SimulatedModule m;
   m.id = "left";
   m.scene.kind = "image";
-  m.scene.imagePath = Testing::samplePath("baboon.jpg");  // 512 x 512
+  m.scene.imagePath = Synthetic::samplePath("baboon.jpg");  // 512 x 512
   m.window.width = 256;
   m.window.height = 256;
   m.window.xStep = 4;
@@ -29,11 +29,11 @@ SimulatedModule baboonModule() {
 }
 
 TEST(SimulatedCameraTest, CaptureIsTheWindowCropAndFollowsTheWindow) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   auto camera = SimulatedCamera::open(dir.file("state.json"));
   ASSERT_TRUE(camera);
   ASSERT_TRUE(camera.value()->addModule(baboonModule()));
-  const cv::Mat frame = Testing::loadSample("baboon.jpg");
+  const cv::Mat frame = Synthetic::loadSample("baboon.jpg");
 
   // Limits default to the largest range that keeps the window on the frame.
   auto info = camera.value()->sensorInfo("left");
@@ -56,7 +56,7 @@ TEST(SimulatedCameraTest, CaptureIsTheWindowCropAndFollowsTheWindow) {
 }
 
 TEST(SimulatedCameraTest, StateFileIsSharedBetweenOpeningsAndRoundTrips) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::string path = dir.file("state.json");
   {
     auto camera = SimulatedCamera::open(path);
@@ -75,9 +75,9 @@ TEST(SimulatedCameraTest, StateFileIsSharedBetweenOpeningsAndRoundTrips) {
   EXPECT_EQ(m.value().window.y, 6);
   EXPECT_EQ(m.value().latencyMs, 3);
   EXPECT_EQ(m.value().faults.writeTimeoutMs, 77);
-  EXPECT_EQ(m.value().scene.imagePath, Testing::samplePath("baboon.jpg"));
+  EXPECT_EQ(m.value().scene.imagePath, Synthetic::samplePath("baboon.jpg"));
 
-  Testing::writeText(dir.file("bad.json"), "{\"format\": \"something else\"}");
+  Synthetic::writeText(dir.file("bad.json"), "{\"format\": \"something else\"}");
   auto bad = SimulatedCamera::open(dir.file("bad.json"));
   ASSERT_TRUE(bad);
   EXPECT_FALSE(bad.value()->module("left"));
@@ -85,10 +85,10 @@ TEST(SimulatedCameraTest, StateFileIsSharedBetweenOpeningsAndRoundTrips) {
 
   // Numbers a window cannot hold are refused by name, not wrapped around.
   for (const char* number : {"2e10", "20000000000000000000.5", "2.5", "-3e9", "\"2\""}) {
-    Testing::writeText(dir.file("window.json"),
+    Synthetic::writeText(dir.file("window.json"),
                        std::string(R"({"format": "orbivane-simulated-camera", "modules": [{"id": "A", )") +
                            R"("window": {"x": 0, "yStep": )" + number + "}}]}");
-    const auto read = SimulatedCamera::fromJson(Testing::readText(dir.file("window.json")));
+    const auto read = SimulatedCamera::fromJson(Synthetic::readText(dir.file("window.json")));
     ASSERT_FALSE(read) << number;
     EXPECT_THAT(read.error(), HasSubstr("\"yStep\"")) << number;
   }
@@ -114,7 +114,7 @@ TEST(SimulatedCameraTest, BadScenesAreRefused) {
 }
 
 TEST(SimulatedCameraTest, CroppedPicturesAreTheirFramesAndRoundTrip) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   auto camera = SimulatedCamera::open(dir.file("state.json"));
   ASSERT_TRUE(camera);
   SimulatedModule m = baboonModule();
@@ -123,7 +123,7 @@ TEST(SimulatedCameraTest, CroppedPicturesAreTheirFramesAndRoundTrip) {
   m.scene.cropWidth = 320;
   m.scene.cropHeight = 300;
   ASSERT_TRUE(camera.value()->addModule(m));
-  const cv::Mat photo = Testing::loadSample("baboon.jpg");
+  const cv::Mat photo = Synthetic::loadSample("baboon.jpg");
   auto frame = camera.value()->sensorFrame("left");
   ASSERT_TRUE(frame);
   EXPECT_THAT(frame.value(), Testing::PictureNear(photo(cv::Rect(100, 50, 320, 300)), 0));

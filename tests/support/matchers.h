@@ -1,6 +1,6 @@
 // Matchers with named tolerances, so accuracy tests read like their claim:
 //   EXPECT_THAT(found, MatrixNear(truth, 1e-6));
-//   EXPECT_THAT(found, HomographyNear(truth, 0.05, 1280, 720));
+//   EXPECT_THAT(found, HomographyNear(truth, 0.05, cv::Size(1280, 720)));
 //   EXPECT_THAT(picture, PictureNear(expected, 2));
 #pragma once
 
@@ -10,6 +10,7 @@
 #include <opencv2/core.hpp>
 
 #include "orbivane/utils/matrix4x4.h"
+#include "synthetic/corner_error.h"
 
 // Failure messages name a picture's size and type, not its every pixel.
 namespace cv {
@@ -35,13 +36,11 @@ MATCHER_P2(MatrixNear, truth, tolerance, "every element within " + ::testing::Pr
   return true;
 }
 
-// Mean corner error in pixels of a width x height picture mapped by two 3x3
-// homographies.
-double cornerError(const cv::Matx33d& found, const cv::Matx33d& truth, int width, int height);
-
-MATCHER_P4(HomographyNear, truth, pixels, width, height,
+// The mean corner error (Synthetic::cornerError, pixel-centre corners of a
+// picture of `size`) of a 3x3 homography.
+MATCHER_P3(HomographyNear, truth, pixels, size,
            "maps the picture's corners within " + ::testing::PrintToString(pixels) + " px of the truth") {
-  const double e = cornerError(arg, truth, width, height);
+  const double e = Synthetic::cornerError(cv::Matx33d(arg), cv::Matx33d(truth), size);
   *result_listener << "mean corner error " << e << " px";
   return e <= pixels;
 }

@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -34,14 +34,14 @@ bool hasTemporaryLeftovers(const std::string& folder) {
 }  // namespace
 
 TEST(AtomicFile, WritingReplacesTheWholeContent) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::string path = dir.file("camera.json");
   ASSERT_TRUE(Utils::writeFileAtomically(path, "a rather long first content\n").hasValue());
-  EXPECT_EQ(Testing::readText(path), "a rather long first content\n");
+  EXPECT_EQ(Synthetic::readText(path), "a rather long first content\n");
   const std::string binary("x\0y\xFF\n", 5);
   const auto second = Utils::writeFileAtomically(path, binary);
   ASSERT_TRUE(second.hasValue()) << second.error();
-  EXPECT_EQ(Testing::readText(path), binary);
+  EXPECT_EQ(Synthetic::readText(path), binary);
   EXPECT_THAT(entries(dir.path()), ::testing::ElementsAre("camera.json"));
   // The temporary file's private mode is not kept.
   struct stat info {};
@@ -53,7 +53,7 @@ TEST(AtomicFile, WritingReplacesTheWholeContent) {
 }
 
 TEST(AtomicFile, MissingFolderFailsNamingThePathAndCreatesNothing) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   const std::string path = dir.file("missing/deeper/out.txt");
   const auto result = Utils::writeFileAtomically(path, "text");
   ASSERT_TRUE(result.hasError());
@@ -63,17 +63,17 @@ TEST(AtomicFile, MissingFolderFailsNamingThePathAndCreatesNothing) {
 }
 
 TEST(AtomicFile, FailedReplaceLeavesTheTargetIntact) {
-  Testing::TemporaryDirectory dir;
+  Synthetic::TemporaryDirectory dir;
   // The target is a folder with content: the rename must fail and nothing of
   // the folder may change.
   const std::string target = dir.file("target");
   fs::create_directory(target);
-  Testing::writeText(target + "/inside.txt", "keep me");
+  Synthetic::writeText(target + "/inside.txt", "keep me");
   const auto result = Utils::writeFileAtomically(target, "replacement");
   ASSERT_TRUE(result.hasError());
   EXPECT_THAT(result.error(), HasSubstr(target));
   EXPECT_TRUE(fs::is_directory(target));
-  EXPECT_EQ(Testing::readText(target + "/inside.txt"), "keep me");
+  EXPECT_EQ(Synthetic::readText(target + "/inside.txt"), "keep me");
   EXPECT_FALSE(hasTemporaryLeftovers(dir.path()));
   EXPECT_THAT(entries(dir.path()), ::testing::ElementsAre("target"));
 }

@@ -18,7 +18,7 @@
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/rendering/panorama_renderer.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -133,7 +133,7 @@ struct PhotoRig {
 };
 
 PhotoRig photoRig() {
-  const cv::Mat photo = Testing::loadSample("building.jpg");
+  const cv::Mat photo = Synthetic::loadSample("building.jpg");
   PhotoRig rig;
   rig.camera.setPanoramaSize({rig.panorama.width, rig.panorama.height});
   cv::Mat scene;

@@ -20,7 +20,7 @@
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
 #include "support/captured_log.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -411,7 +411,7 @@ TEST(AutoClippingGeometryMode, AMissingSeamCutsThePanoramaToItsLargerSide) {
 }
 
 TEST(AutoClippingRaster, WithoutPanoramaSizeThePicturesGiveTheAspect) {
-  const cv::Mat fruits = Testing::loadSample("fruits.jpg");
+  const cv::Mat fruits = Synthetic::loadSample("fruits.jpg");
   auto camera = halvesCamera();
   camera->setPanoramaSize({});
   AutoClipping without(camera);

@@ -10,8 +10,9 @@
 #include "geometry_calibration/matrix_based/direct_alignment.h"
 #include "geometry_calibration/matrix_based/optical_flow_estimator.h"
 #include "logging/logger_setup.h"
-#include "support/sample_data.h"
-#include "support/scenes.h"
+#include "synthetic/sample_data.h"
+#include "synthetic/target_scenes.h"
+#include "support/matchers.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ TEST(FeatureMatcherSteps, FivePairsGiveAHomography) {
   }
   cv::Matx33d h;
   ASSERT_TRUE(FeatureMatcher::homographyOfPairs(pairs, h));
-  EXPECT_LT(Testing::cornerError(truth, h, cv::Size(320, 240)), 1e-3);
+  EXPECT_THAT(h, Testing::HomographyNear(truth, 1e-3, cv::Size(320, 240)));
 }
 
 TEST(FeatureMatcherSteps, TinyAndTexturelessPicturesFail) {
@@ -67,12 +68,12 @@ TEST(FeatureMatcherSteps, TinyAndTexturelessPicturesFail) {
 }
 
 TEST(FeatureMatcherSteps, RecoversAShiftAndRotationWithRefinement) {
-  const Testing::Scene scene = Testing::makeScene("building.jpg", cv::Size(320, 240));
-  Testing::ModuleTruth truth;
+  const Synthetic::Scene scene = Synthetic::makeScene("building.jpg", cv::Size(320, 240));
+  Synthetic::ModuleTruth truth;
   cv::RNG rng(4);
-  truth.homography = Testing::realisticMisalignment(rng, cv::Size(320, 240), cv::Size(320, 240));
+  truth.homography = Synthetic::realisticMisalignment(rng, cv::Size(320, 240), cv::Size(320, 240));
   WorkPictures pictures;
-  pictures.module = Testing::renderModule(scene, truth, cv::Size(320, 240), 1.1, -5, 2.0, 3);
+  pictures.module = Synthetic::renderModule(scene, truth, cv::Size(320, 240), 1.1, -5, 2.0, 3);
   pictures.target = scene.target;
   pictures.prepareGrey();
   FeatureMatcher matcher(context());
@@ -80,24 +81,24 @@ TEST(FeatureMatcherSteps, RecoversAShiftAndRotationWithRefinement) {
   ASSERT_LT(r.error, FLT_MAX);
   EXPECT_GE(r.value, 5);
   EXPECT_LE(matcher.lastPairs().size(), 750u);  // 1000 at most, 75 % kept
-  EXPECT_LT(Testing::cornerError(truth.homography, cv::Matx33d(r.homography), cv::Size(320, 240)), 0.1);
+  EXPECT_THAT(cv::Matx33d(r.homography), Testing::HomographyNear(truth.homography, 0.1, cv::Size(320, 240)));
   // The error is a share of pixels in percent.
   EXPECT_GE(r.error, 0.0f);
   EXPECT_LE(r.error, 100.0f);
 }
 
 TEST(DirectAlignmentSteps, SubPixelHomographyWithGainAndOffset) {
-  const Testing::Scene scene = Testing::makeScene("fruits.jpg", cv::Size(320, 240));
-  Testing::ModuleTruth truth;
+  const Synthetic::Scene scene = Synthetic::makeScene("fruits.jpg", cv::Size(320, 240));
+  Synthetic::ModuleTruth truth;
   truth.homography = cv::Matx33d(0.99, 0.02, 1.37, -0.015, 1.01, -0.62, 1e-5, -2e-5, 1);
-  cv::Mat module = Testing::renderModule(scene, truth, cv::Size(320, 240), 0.7, 30, 1.0, 9), grey, target;
+  cv::Mat module = Synthetic::renderModule(scene, truth, cv::Size(320, 240), 0.7, 30, 1.0, 9), grey, target;
   cv::cvtColor(module, grey, cv::COLOR_BGR2GRAY);
   cv::cvtColor(scene.target, target, cv::COLOR_BGR2GRAY);
   DirectAlignment alignment;
   // target -> module is the inverse of the truth; start from the identity (about 1.5 px off).
   const auto r = alignment.align(target, grey, cv::Mat(), cv::Matx33d::eye());
   ASSERT_TRUE(r.ok);
-  EXPECT_LT(Testing::cornerError(truth.homography, r.warp.inv(), cv::Size(320, 240)), 0.05);
+  EXPECT_THAT(r.warp.inv(), Testing::HomographyNear(truth.homography, 0.05, cv::Size(320, 240)));
   EXPECT_NEAR(r.gain, 1.0 / 0.7, 0.05);
   EXPECT_GT(r.correlation, 0.95);
   // A flat picture has nothing to align on.

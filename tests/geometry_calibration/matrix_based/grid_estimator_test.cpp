@@ -12,7 +12,7 @@
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/rendering/panorama_renderer.h"
-#include "support/scenes.h"
+#include "synthetic/target_scenes.h"
 
 namespace {
 
@@ -21,15 +21,15 @@ using GeometryCalibration::MatrixBased::MatchToTarget;
 const cv::Size kSize(640, 360);
 
 struct Pair {
-  Testing::Scene scene;
-  Testing::ModuleTruth truth;
+  Synthetic::Scene scene;
+  Synthetic::ModuleTruth truth;
   cv::Mat module;
 };
 
 Pair makePair(const char* photo, double amplitude, std::uint64_t seed, cv::Rect flat = cv::Rect()) {
   cv::RNG rng(seed);
   Pair p;
-  p.scene = Testing::makeScene(photo, kSize, 0.2);
+  p.scene = Synthetic::makeScene(photo, kSize, 0.2);
   if (!flat.empty()) {
     // A textureless patch of the scene, seen by both pictures.
     p.scene.picture(flat + cv::Point(cvRound(p.scene.targetOrigin.x), cvRound(p.scene.targetOrigin.y)))
@@ -38,10 +38,10 @@ Pair makePair(const char* photo, double amplitude, std::uint64_t seed, cv::Rect 
                                               kSize))
                          .clone();
   }
-  p.truth.homography = Testing::realisticMisalignment(rng, kSize, kSize);
+  p.truth.homography = Synthetic::realisticMisalignment(rng, kSize, kSize);
   p.truth.amplitude = amplitude;
   p.truth.period = 500.0;
-  p.module = Testing::renderModule(p.scene, p.truth, kSize, 0.9, 8.0, 2.0, seed);
+  p.module = Synthetic::renderModule(p.scene, p.truth, kSize, 0.9, 8.0, 2.0, seed);
   return p;
 }
 

@@ -20,8 +20,9 @@
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
 #include "support/captured_log.h"
-#include "support/sample_data.h"
-#include "support/scenes.h"
+#include "synthetic/sample_data.h"
+#include "synthetic/target_scenes.h"
+#include "support/matchers.h"
 
 namespace {
 
@@ -48,7 +49,7 @@ Utils::Matrix4x4 boxMatrix(double x0, double y0, double x1, double y1) {
 
 Rig makeRig() {
   Rig rig;
-  cv::Mat scene = Testing::loadSample("building.jpg");
+  cv::Mat scene = Synthetic::loadSample("building.jpg");
   cv::resize(scene, scene, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
   auto add = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
     CameraDescription::OrbivaneModule module(name);
@@ -165,12 +166,12 @@ TEST(MatchToTargetContract, SkippedModulesAreLoggedWithTheirMessages) {
 // 1000 (750 after the best three quarters), taken from every part of the
 // overlap, not from one band.
 TEST(MatchToTargetContract, ThePairCapOnHdPicturesKeepsTheWholeOverlap) {
-  const Testing::Scene scene = Testing::makeScene("aloeL.jpg", cv::Size(1920, 1080));
-  Testing::ModuleTruth truth;
+  const Synthetic::Scene scene = Synthetic::makeScene("aloeL.jpg", cv::Size(1920, 1080));
+  Synthetic::ModuleTruth truth;
   cv::RNG rng(12);
-  truth.homography = Testing::realisticMisalignment(rng, cv::Size(1920, 1080), cv::Size(1920, 1080), 1.0, 1.0, 0.02);
+  truth.homography = Synthetic::realisticMisalignment(rng, cv::Size(1920, 1080), cv::Size(1920, 1080), 1.0, 1.0, 0.02);
   GeometryCalibration::MatrixBased::WorkPictures pictures;
-  pictures.module = Testing::renderModule(scene, truth, cv::Size(1920, 1080), 1.0, 0.0, 1.0, 5);
+  pictures.module = Synthetic::renderModule(scene, truth, cv::Size(1920, 1080), 1.0, 0.0, 1.0, 5);
   pictures.target = scene.target;
   pictures.prepareGrey();
   GeometryCalibration::MatrixBased::FeatureMatcher matcher(
@@ -184,7 +185,7 @@ TEST(MatchToTargetContract, ThePairCapOnHdPicturesKeepsTheWholeOverlap) {
   for (const auto& p : pairs) ++cells[std::min(2, int(p.targetY * 3 / 1080))][std::min(2, int(p.targetX * 3 / 1920))];
   for (int y = 0; y < 3; ++y)
     for (int x = 0; x < 3; ++x) EXPECT_GT(cells[y][x], 20) << "cell " << x << ", " << y;
-  EXPECT_LT(Testing::cornerError(truth.homography, cv::Matx33d(r.homography), cv::Size(1920, 1080)), 0.1);
+  EXPECT_THAT(cv::Matx33d(r.homography), Testing::HomographyNear(truth.homography, 0.1, cv::Size(1920, 1080)));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -139,7 +139,7 @@ TEST(MatchToTargetRules, ModeThreeRecursesWithACountdownAndOneProgressBar) {
 }
 
 TEST(MatchToTargetRules, ModeZeroReportsEachModuleTwiceWithinTheTotal) {
-  cv::Mat picture = Testing::loadSample("fruits.jpg");
+  cv::Mat picture = Synthetic::loadSample("fruits.jpg");
   cv::resize(picture, picture, cv::Size(320, 240), 0, 0, cv::INTER_AREA);
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images = {
       {L"T", Image::fromMat(picture)}, {L"a", Image::fromMat(picture)}};
@@ -165,7 +165,7 @@ TEST(MatchToTargetRules, ModeZeroReportsEachModuleTwiceWithinTheTotal) {
 }
 
 TEST(MatchToTargetRules, WorkSystemTransformsAreInverse) {
-  cv::Mat picture = Testing::loadSample("fruits.jpg");
+  cv::Mat picture = Synthetic::loadSample("fruits.jpg");
   cv::Mat small;
   cv::resize(picture, small, cv::Size(200, 150), 0, 0, cv::INTER_AREA);
   auto cam = camera({L"a", L"T"});

@@ -15,7 +15,8 @@
 #include "orbivane/geometry/region_based_geometry.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
-#include "support/scenes.h"
+#include "synthetic/target_scenes.h"
+#include "support/matchers.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInter
 struct Rig {
   CameraDescription::Orbivane camera;
   Images images;
-  std::map<std::wstring, Testing::ModuleTruth> truths;
+  std::map<std::wstring, Synthetic::ModuleTruth> truths;
   std::map<std::wstring, cv::Size> sizes;
   cv::Size targetSize;
 };
@@ -42,14 +43,14 @@ void addModule(Rig& rig, const std::wstring& name, const Utils::Matrix4x4& matri
 // A target "T" with `targetMatrix` and modules whose matrices place them
 // where the target is; their pictures see the scene through `truths`.
 Rig makeRig(const std::string& sample, cv::Size targetSize, const Utils::Matrix4x4& targetMatrix,
-            const std::vector<std::pair<std::wstring, std::pair<cv::Size, Testing::ModuleTruth>>>& modules) {
+            const std::vector<std::pair<std::wstring, std::pair<cv::Size, Synthetic::ModuleTruth>>>& modules) {
   Rig rig;
-  const Testing::Scene scene = Testing::makeScene(sample, targetSize);
+  const Synthetic::Scene scene = Synthetic::makeScene(sample, targetSize);
   rig.targetSize = targetSize;
   addModule(rig, L"T", targetMatrix, scene.target);
   std::uint64_t seed = 7;
   for (const auto& [name, placement] : modules) {
-    const cv::Mat picture = Testing::renderModule(scene, placement.second, placement.first, 0.85, 12.0, 2.0, seed++);
+    const cv::Mat picture = Synthetic::renderModule(scene, placement.second, placement.first, 0.85, 12.0, 2.0, seed++);
     addModule(rig, name, targetMatrix, picture);
     rig.truths[name] = placement.second;
   }
@@ -70,19 +71,19 @@ cv::Matx33d foundHomography(const CameraDescription::Orbivane& camera, const std
 TEST(MatchToTargetEndToEnd, RecoversKnownHomographiesToAFractionOfAPixel) {
   cv::RNG rng(11);
   const cv::Size size(320, 240);
-  std::vector<std::pair<std::wstring, std::pair<cv::Size, Testing::ModuleTruth>>> modules;
+  std::vector<std::pair<std::wstring, std::pair<cv::Size, Synthetic::ModuleTruth>>> modules;
   for (const wchar_t* name : {L"a", L"b"}) {
-    Testing::ModuleTruth truth;
-    truth.homography = Testing::realisticMisalignment(rng, size, size);
+    Synthetic::ModuleTruth truth;
+    truth.homography = Synthetic::realisticMisalignment(rng, size, size);
     modules.push_back({name, {size, truth}});
   }
   Rig rig = makeRig("fruits.jpg", size, Utils::Matrix4x4::identity(), modules);
   MatchToTarget calibrator(rig.camera, rig.images);
   const auto result = calibrator.calibrate({L"a", L"b"}, L"T");
   for (const auto& [name, truth] : rig.truths) {
-    const double before = Testing::cornerError(truth.homography, cv::Matx33d::eye(), size);
+    const double before = Synthetic::cornerError(truth.homography, cv::Matx33d::eye(), size);
     const double after =
-        Testing::cornerError(truth.homography, foundHomography(result, name, size, L"T", size), size);
+        Synthetic::cornerError(truth.homography, foundHomography(result, name, size, L"T", size), size);
     EXPECT_GT(before, 3.0);
     EXPECT_LT(after, 0.1) << "module " << std::string(name.begin(), name.end());
     EXPECT_LT(calibrator.error(name), 10.0f);
@@ -99,8 +100,8 @@ TEST(MatchToTargetEndToEnd, DifferentPictureSizesAndAPlacedTargetLandOnTheSameSu
   // the same surface point.
   cv::RNG rng(5);
   const cv::Size targetSize(320, 240), moduleSize(400, 300);
-  Testing::ModuleTruth truth;
-  truth.homography = Testing::realisticMisalignment(rng, moduleSize, targetSize);
+  Synthetic::ModuleTruth truth;
+  truth.homography = Synthetic::realisticMisalignment(rng, moduleSize, targetSize);
   Utils::Matrix4x4 placed = Utils::Matrix4x4::identity();
   placed.set(0, 0, 0.5f);
   placed.set(1, 1, 0.4f);
@@ -129,8 +130,8 @@ TEST(MatchToTargetEndToEnd, DifferentPictureSizesAndAPlacedTargetLandOnTheSameSu
 TEST(MatchToTargetEndToEnd, OpticalFlowAndIterativeModesAreAsAccurate) {
   cv::RNG rng(23);
   const cv::Size size(320, 240);
-  Testing::ModuleTruth truth;
-  truth.homography = Testing::realisticMisalignment(rng, size, size, 2.0, 2.0, 0.05);
+  Synthetic::ModuleTruth truth;
+  truth.homography = Synthetic::realisticMisalignment(rng, size, size, 2.0, 2.0, 0.05);
   Rig rig = makeRig("home.jpg", size, Utils::Matrix4x4::identity(), {{L"m", {size, truth}}});
   for (const auto mode : {MatchToTarget::kOpticalFlow, MatchToTarget::kIterative}) {
     MatchToTarget calibrator(rig.camera, rig.images);
@@ -138,7 +139,7 @@ TEST(MatchToTargetEndToEnd, OpticalFlowAndIterativeModesAreAsAccurate) {
     calibrator.setM2bMaxIteration(2);
     const auto result = calibrator.calibrate({L"m"}, L"T");
     const double after =
-        Testing::cornerError(truth.homography, foundHomography(result, L"m", size, L"T", size), size);
+        Synthetic::cornerError(truth.homography, foundHomography(result, L"m", size, L"T", size), size);
     EXPECT_LT(after, 0.1) << "mode " << int(mode);
     EXPECT_EQ(calibrator.error().count(L"m"), 1u);
   }
@@ -147,8 +148,8 @@ TEST(MatchToTargetEndToEnd, OpticalFlowAndIterativeModesAreAsAccurate) {
 TEST(MatchToTargetEndToEnd, GridModeMovesTheGridTowardsANonRigidWarp) {
   cv::RNG rng(3);
   const cv::Size size(320, 240);
-  Testing::ModuleTruth truth;
-  truth.homography = Testing::realisticMisalignment(rng, size, size, 1.0, 1.0, 0.03);
+  Synthetic::ModuleTruth truth;
+  truth.homography = Synthetic::realisticMisalignment(rng, size, size, 1.0, 1.0, 0.03);
   truth.amplitude = 2.0;
   truth.period = 500.0;
   Rig rig = makeRig("baboon.jpg", size, Utils::Matrix4x4::identity(), {{L"m", {size, truth}}});
@@ -193,7 +194,7 @@ TEST(MatchToTargetEndToEnd, GridModeMovesTheGridTowardsANonRigidWarp) {
 
 TEST(MatchToTargetBadInput, SkipsWithoutHarm) {
   const cv::Size size(320, 240);
-  const Testing::Scene scene = Testing::makeScene("fruits.jpg", size);
+  const Synthetic::Scene scene = Synthetic::makeScene("fruits.jpg", size);
   Rig rig;
   addModule(rig, L"T", Utils::Matrix4x4::identity(), scene.target);
   addModule(rig, L"blank", Utils::Matrix4x4::identity(), cv::Mat(size, CV_8UC3, cv::Scalar(90, 90, 90)));
@@ -230,7 +231,7 @@ TEST(MatchToTargetBadInput, SkipsWithoutHarm) {
   EXPECT_FLOAT_EQ(calibrator.error(L"blank"), 10.0f);  // a failed module after normalisation
   // The target matched to itself stays where it is.
   const auto self = result.findModule(L"T")->matrixGeometry()->matrix();
-  EXPECT_LT(Testing::cornerError(cv::Matx33d::eye(), foundHomography(result, L"T", size, L"T", size), size), 0.05);
+  EXPECT_THAT(foundHomography(result, L"T", size, L"T", size), Testing::HomographyNear(cv::Matx33d::eye(), 0.05, size));
   EXPECT_TRUE(self.isFinite());
 
   // No usable target: every module is skipped, nothing changes.
@@ -245,10 +246,10 @@ TEST(MatchToTargetBadInput, SkipsWithoutHarm) {
 TEST(MatchToTargetAbort, FromAnotherThreadReturnsThePartlyUpdatedCamera) {
   cv::RNG rng(19);
   const cv::Size size(320, 240);
-  std::vector<std::pair<std::wstring, std::pair<cv::Size, Testing::ModuleTruth>>> modules;
+  std::vector<std::pair<std::wstring, std::pair<cv::Size, Synthetic::ModuleTruth>>> modules;
   for (const wchar_t* name : {L"a", L"b", L"c"}) {
-    Testing::ModuleTruth truth;
-    truth.homography = Testing::realisticMisalignment(rng, size, size);
+    Synthetic::ModuleTruth truth;
+    truth.homography = Synthetic::realisticMisalignment(rng, size, size);
     modules.push_back({name, {size, truth}});
   }
   Rig rig = makeRig("graf1.png", size, Utils::Matrix4x4::identity(), modules);

@@ -19,7 +19,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "support/captured_log.h"
 #include "support/matchers.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ constexpr int kChainLength = 6;
 // modules side by side.
 const cv::Mat& scene() {
   static const cv::Mat s = [] {
-    const cv::Mat sample = Testing::loadSample("building.jpg");
+    const cv::Mat sample = Synthetic::loadSample("building.jpg");
     const cv::Size area((kChainLength - 1) * (kStride + 5) + kPicture.width + 8, kPicture.height + 16);
     const cv::Mat band = sample(cv::Rect(0, 0, sample.cols, std::min(sample.rows, sample.cols * area.height / area.width + 1)));
     cv::Mat out;

@@ -17,7 +17,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/shading/image_shading.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -51,7 +51,7 @@ class ShaderFolder {
   }
 
  private:
-  Testing::TemporaryDirectory folder_;
+  Synthetic::TemporaryDirectory folder_;
   std::string old_;
   bool had_ = false;
 };
@@ -79,7 +79,7 @@ Scene scene(const std::map<std::string, float>& truth, const char* photo = "frui
             std::string shaderId = ImageSource::kLensDistortionShaderUid) {
   Scene s;
   cv::Mat m;
-  cv::resize(Testing::loadSample(photo), m, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+  cv::resize(Synthetic::loadSample(photo), m, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
   const auto picture = Image::fromMat(m);
   ImageSource::ImageShading shading;
   shading.SetShader({lens(truth)});
@@ -197,9 +197,9 @@ TEST(ShaderBruteForcerEdges, FusedScoreEqualsOpenCvSequence) {
     GeometryCalibration::MatrixBased::setEdgeKernelLevel(level);
     ASSERT_EQ(GeometryCalibration::MatrixBased::edgeKernelLevel(), level);
     cv::Mat bgr, grey;
-    cv::resize(Testing::loadSample(name), bgr, size, 0, 0, cv::INTER_AREA);
+    cv::resize(Synthetic::loadSample(name), bgr, size, 0, 0, cv::INTER_AREA);
     cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
-    const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Testing::loadSample("fruits.jpg"), grey.size());
+    const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Synthetic::loadSample("fruits.jpg"), grey.size());
     int histogram[256] = {0};
     for (int y = 0; y < grey.rows; ++y) {
       for (int x = 0; x < grey.cols; ++x) ++histogram[grey.at<std::uint8_t>(y, x)];
@@ -224,13 +224,13 @@ TEST(ShaderBruteForcerEdges, StoppedScoresAreAboveTheirBoundAndBlankRowsScoreAsR
   using GeometryCalibration::MatrixBased::edgeScore;
   using GeometryCalibration::MatrixBased::stoppingSum;
   cv::Mat bgr, grey;
-  cv::resize(Testing::loadSample("building.jpg"), bgr, cv::Size(160, 120), 0, 0, cv::INTER_AREA);
+  cv::resize(Synthetic::loadSample("building.jpg"), bgr, cv::Size(160, 120), 0, 0, cv::INTER_AREA);
   cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
   grey.rowRange(0, 20).setTo(0);  // a band the module does not cover
   grey.rowRange(100, 120).setTo(0);
   std::vector<std::uint8_t> blank(120, 0);
   for (int y = 0; y < 120; ++y) blank[std::size_t(y)] = y < 20 || y >= 100;
-  const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Testing::loadSample("fruits.jpg"), grey.size());
+  const cv::Mat reference = GeometryCalibration::MatrixBased::edgeImageOfColour(Synthetic::loadSample("fruits.jpg"), grey.size());
   std::vector<std::uint32_t> rowSums(120, 0);
   for (int y = 0; y < 120; ++y) rowSums[std::size_t(y)] = std::uint32_t(cv::sum(reference.row(y))[0]);
   int histogram[256] = {0};
@@ -271,7 +271,7 @@ TEST(ShaderBruteForcerEdges, StoppedScoresAreAboveTheirBoundAndBlankRowsScoreAsR
 TEST(ShaderBruteForcerSearch, ErrorsAreApplysRenderingScoredByOpenCv) {
   ShaderFolder shaders;
   cv::Mat photo;
-  cv::resize(Testing::loadSample("home.jpg"), photo, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+  cv::resize(Synthetic::loadSample("home.jpg"), photo, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
   const auto picture = Image::fromMat(photo);
   Utils::Matrix4x4 placement;  // the module's matrix: the middle of the reference
   placement.set(0, 0, 0.7f);
@@ -291,7 +291,7 @@ TEST(ShaderBruteForcerSearch, ErrorsAreApplysRenderingScoredByOpenCv) {
   camera.addModule(module);
   ImageSource::ImageShading shading;
   shading.SetShader({lens(gridPoint(2, 1, 0, 1, 2))});
-  Images images{{L"M", picture}, {L"reference", shading.Apply(Image::fromMat(Testing::loadSample("home.jpg")),
+  Images images{{L"M", picture}, {L"reference", shading.Apply(Image::fromMat(Synthetic::loadSample("home.jpg")),
                                                               Utils::Size{800, 600})}};
   const cv::Mat reference = Image::toMat(images[L"reference"]);
   // The reference's edge image as the search's preparation makes it (by OpenCV alone): the

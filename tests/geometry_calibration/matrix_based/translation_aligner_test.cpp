@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ constexpr int kFine = 8;
 
 cv::Mat greyScene(const std::string& sample, cv::Size pictureArea) {
   cv::Mat grey;
-  cv::cvtColor(Testing::loadSample(sample), grey, cv::COLOR_BGR2GRAY);
+  cv::cvtColor(Synthetic::loadSample(sample), grey, cv::COLOR_BGR2GRAY);
   const double up = std::max(double(kFine) * pictureArea.width / grey.cols, double(kFine) * pictureArea.height / grey.rows);
   cv::Mat scene;
   cv::resize(grey, scene, cv::Size(), up, up, cv::INTER_CUBIC);

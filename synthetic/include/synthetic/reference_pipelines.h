@@ -3,11 +3,11 @@
 
 #include <opencv2/core/mat.hpp>
 
-namespace Testing {
+namespace Synthetic {
 
 // The blur score the obvious way: turn (cv::rotate), BGR to grey, Laplacian to
 // 64-bit float (aperture 3), mask of the two row bands, meanStdDev, squared
 // and truncated. `rotation` must be a multiple of 90.
 int referenceBlur(const cv::Mat& bgr, int rotation);
 
-}  // namespace Testing
+}  // namespace Synthetic

@@ -1,11 +1,11 @@
-#include "support/reference_pipelines.h"
+#include "synthetic/reference_pipelines.h"
 
 #include <stdexcept>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-namespace Testing {
+namespace Synthetic {
 
 int referenceBlur(const cv::Mat& bgr, int rotation) {
   cv::Mat turned;
@@ -40,4 +40,4 @@ int referenceBlur(const cv::Mat& bgr, int rotation) {
   return static_cast<int>(stddev[0] * stddev[0]);
 }
 
-}  // namespace Testing
+}  // namespace Synthetic

@@ -1,8 +1,8 @@
-// The demo's virtual camera: a wide scene put together from photographs of
-// the opencv-doc package, five modules that each see a part of it through a
-// known homography (slightly turned, with a little keystone, and with their
-// own exposure), and the same camera with known misalignments as a camera
-// fresh from assembly would have them.
+// A virtual camera rig, as the demo, tests and benchmarks use it: a wide
+// scene put together from photographs of the opencv-doc package, modules that
+// each see a part of it through a known homography (slightly turned, with a
+// little keystone, and with their own exposure), and the same camera with
+// known misalignments as a camera fresh from assembly would have them.
 //
 // Units: the panorama is the surface's unit square, scenePixels wide and high
 // (one scene pixel = one panorama pixel). Corner errors are in those pixels.
@@ -19,10 +19,9 @@
 #include "orbivane/image/universal_image_interface.h"
 #include "orbivane/utils/matrix4x4.h"
 
-namespace Tool {
-namespace Demo {
+namespace Synthetic {
 
-struct Scene {
+struct Rig {
   cv::Mat picture;                 // the whole scene (BGR); also the target picture
   std::vector<std::string> photographs;  // files it was put together from
   cv::Size panorama;               // = picture size
@@ -35,7 +34,7 @@ struct Scene {
   CameraDescription::Orbivane camera;  // the misaligned camera, pictures attached
 };
 
-struct SceneOptions {
+struct RigOptions {
   bool quick = false;     // half the size (300 rows, 360x270 modules)
   bool straight = false;  // every module upright without keystone (rectangles on the panorama)
   int modules = 5;        // 2..8 modules side by side, overlapping by about a fifth of their width
@@ -53,10 +52,10 @@ struct SceneOptions {
 // scene; `straight` mounts every module upright without keystone (the modules
 // are then rectangles on the panorama, as neighbour stitching assumes).
 // Throws std::runtime_error when a photograph is missing.
-Scene makeScene(const std::string& dataDirectory, bool quick, bool straight = false);
+Rig makeRig(const std::string& dataDirectory, bool quick, bool straight = false);
 // Throws std::invalid_argument for options out of range (module count, a
 // seed of 0 with other than five modules, no photograph).
-Scene makeScene(const std::string& dataDirectory, const SceneOptions& options);
+Rig makeRig(const std::string& dataDirectory, const RigOptions& options);
 
 // A copy of `camera` whose modules carry `matrices` (modules not named keep theirs).
 CameraDescription::Orbivane withMatrices(const CameraDescription::Orbivane& camera,
@@ -64,12 +63,4 @@ CameraDescription::Orbivane withMatrices(const CameraDescription::Orbivane& came
 // The module matrices of a camera, by module name.
 std::map<std::wstring, Utils::Matrix4x4> matricesOf(const CameraDescription::Orbivane& camera);
 
-struct CornerError {
-  double mean = 0.0;  // panorama pixels, over the four corners
-  double max = 0.0;
-};
-// How far the module's unit-square corners land from where `truth` puts them.
-CornerError cornerError(const Utils::Matrix4x4& matrix, const Utils::Matrix4x4& truth, cv::Size panorama);
-
-}  // namespace Demo
-}  // namespace Tool
+}  // namespace Synthetic

@@ -13,9 +13,9 @@
 #include <opencv2/videoio.hpp>
 
 #include "orbivane/recordings/recordings_index.h"
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
-namespace Testing {
+namespace Synthetic {
 
 constexpr int kNumberBits = 10;  // frame numbers 0 .. 1023
 constexpr int kBlock = 16;       // block size in pixels
@@ -95,4 +95,4 @@ inline void writeIndex(const std::string& path, const std::vector<Quarn::Recordi
   if (!saved) throw std::runtime_error(saved.error());
 }
 
-}  // namespace Testing
+}  // namespace Synthetic

@@ -5,7 +5,7 @@
 
 #include <opencv2/core/mat.hpp>
 
-namespace Testing {
+namespace Synthetic {
 
 // Full path of a file of the sample data folder.
 std::string samplePath(const std::string& name);
@@ -32,4 +32,4 @@ class TemporaryDirectory {
 void writeText(const std::string& path, const std::string& text);
 std::string readText(const std::string& path);
 
-}  // namespace Testing
+}  // namespace Synthetic

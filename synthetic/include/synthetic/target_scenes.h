@@ -9,7 +9,7 @@
 
 #include <opencv2/core.hpp>
 
-namespace Testing {
+namespace Synthetic {
 
 // A photograph scaled to cover `size` with room around it (the scene the
 // target and the modules see); the target is its centre crop.
@@ -42,8 +42,4 @@ cv::Mat renderModule(const Scene& scene, const ModuleTruth& truth, cv::Size size
 cv::Matx33d realisticMisalignment(cv::RNG& rng, cv::Size moduleSize, cv::Size targetSize, double degrees = 3.0,
                                   double percent = 3.0, double shift = 0.1);
 
-// Mean distance, in target pixels, between where `truth` and `found` put the
-// four corners of a module picture of `moduleSize`.
-double cornerError(const cv::Matx33d& truth, const cv::Matx33d& found, cv::Size moduleSize);
-
-}  // namespace Testing
+}  // namespace Synthetic

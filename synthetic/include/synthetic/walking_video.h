@@ -16,9 +16,9 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
-namespace Testing {
+namespace Synthetic {
 
 struct WalkingVideo {
   std::vector<cv::Mat> frames;  // BGR frames kept
@@ -209,4 +209,4 @@ inline void pastePerson(cv::Mat& picture, const PersonCutout& person, cv::Point 
   person.picture(source).copyTo(picture(inside), person.mask(source));
 }
 
-}  // namespace Testing
+}  // namespace Synthetic

@@ -1,5 +1,5 @@
 // The demo's virtual camera; see demo_scene.h.
-#include "demo_scene.h"
+#include "synthetic/rig.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,8 +16,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 
-namespace Tool {
-namespace Demo {
+namespace Synthetic {
 namespace {
 
 constexpr int kDemoModules = 5;
@@ -95,14 +94,14 @@ cv::Mat loadPhotograph(const std::string& path, int height) {
 
 }  // namespace
 
-Scene makeScene(const std::string& dataDirectory, bool quick, bool straight) {
-  SceneOptions options;
+Rig makeRig(const std::string& dataDirectory, bool quick, bool straight) {
+  RigOptions options;
   options.quick = quick;
   options.straight = straight;
-  return makeScene(dataDirectory, options);
+  return makeRig(dataDirectory, options);
 }
 
-Scene makeScene(const std::string& dataDirectory, const SceneOptions& options) {
+Rig makeRig(const std::string& dataDirectory, const RigOptions& options) {
   const int count = options.modules;
   if (count < 2 || count > 8) throw std::invalid_argument("a rig has 2 to 8 modules, not " + std::to_string(count));
   if (options.seed == 0 && count != kDemoModules) {
@@ -122,7 +121,7 @@ Scene makeScene(const std::string& dataDirectory, const SceneOptions& options) {
     }
   }
 
-  Scene s;
+  Rig s;
   const bool quick = options.quick;
   const int height = quick ? 300 : 600;
   s.photographs = options.photographs;
@@ -212,20 +211,4 @@ std::map<std::wstring, Utils::Matrix4x4> matricesOf(const CameraDescription::Orb
   return out;
 }
 
-CornerError cornerError(const Utils::Matrix4x4& matrix, const Utils::Matrix4x4& truth, cv::Size panorama) {
-  CornerError e;
-  const auto a = OrbivaneGeometry::moduleSurfaceQuad(matrix);
-  const auto b = OrbivaneGeometry::moduleSurfaceQuad(truth);
-  if (!a || !b) return CornerError{1e9, 1e9};
-  for (int k = 0; k < 4; ++k) {
-    const double dx = (a->corners[k].x - b->corners[k].x) * panorama.width;
-    const double dy = (a->corners[k].y - b->corners[k].y) * panorama.height;
-    const double d = std::hypot(dx, dy);
-    e.mean += d / 4.0;
-    e.max = std::max(e.max, d);
-  }
-  return e;
-}
-
-}  // namespace Demo
-}  // namespace Tool
+}  // namespace Synthetic

@@ -1,14 +1,14 @@
 // Synthetic target-matching scenes.
-#include "support/scenes.h"
+#include "synthetic/target_scenes.h"
 
 #include <algorithm>
 #include <cmath>
 
 #include <opencv2/imgproc.hpp>
 
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
-namespace Testing {
+namespace Synthetic {
 namespace {
 constexpr double kPi = 3.14159265358979323846;
 }
@@ -86,17 +86,4 @@ cv::Matx33d realisticMisalignment(cv::RNG& rng, cv::Size moduleSize, cv::Size ta
   return h * (1.0 / h(2, 2));
 }
 
-double cornerError(const cv::Matx33d& truth, const cv::Matx33d& found, cv::Size moduleSize) {
-  const cv::Point2d corners[4] = {{0, 0},
-                                  {moduleSize.width - 1.0, 0},
-                                  {moduleSize.width - 1.0, moduleSize.height - 1.0},
-                                  {0, moduleSize.height - 1.0}};
-  double sum = 0.0;
-  for (const auto& c : corners) {
-    const cv::Vec3d a = truth * cv::Vec3d(c.x, c.y, 1.0), b = found * cv::Vec3d(c.x, c.y, 1.0);
-    sum += std::hypot(a[0] / a[2] - b[0] / b[2], a[1] / a[2] - b[1] / b[2]);
-  }
-  return sum / 4.0;
-}
-
-}  // namespace Testing
+}  // namespace Synthetic

@@ -1,4 +1,4 @@
-#include "support/sample_data.h"
+#include "synthetic/sample_data.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -8,7 +8,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 
-namespace Testing {
+namespace Synthetic {
 
 std::string samplePath(const std::string& name) { return std::string(ORBIVANE_SAMPLE_DATA_DIR) + "/" + name; }
 
@@ -42,4 +42,4 @@ std::string readText(const std::string& path) {
   return s.str();
 }
 
-}  // namespace Testing
+}  // namespace Synthetic
