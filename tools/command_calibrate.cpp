@@ -16,7 +16,7 @@
 
 #include "command_line.h"
 #include "json_output.h"
-#include "demo_report.h"
+#include "demo/demo_report.h"
 #include "interrupt_watch.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry_calibration/calibration_pipeline.h"

@@ -1,15 +1,24 @@
-// The demo's calibration steps: each runs one calibrator on the virtual
-// camera (or the simulated camera) with a progress bar, measures its result
-// against the known truth and describes it as a report section.
+// The demo's calibration steps, one file each (geometry_step.cpp,
+// shader_step.cpp, blur_step.cpp, fisheye_step.cpp, resolution_step.cpp,
+// frames_step.cpp): each runs one calibrator on the synthetic rig (or the
+// simulated camera) with a progress bar, measures its result against the
+// known truth and describes it as a report section.
 #pragma once
 
 #include <chrono>
+#include <list>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <opencv2/core/mat.hpp>
 
 #include "demo_report.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/session/quarn_session.h"
+#include "orbivane/simulated/simulated_camera.h"
+#include "synthetic/corner_error.h"
 #include "synthetic/rig.h"
 
 namespace Tool {
@@ -39,9 +48,23 @@ Section runFisheyeCentring(const StepContext& context);
 Section runResolution(const StepContext& context);
 Section runFrameFinding(const StepContext& context);
 
-// Shared helpers.
+// Tolerances the demo holds each calibrator to.
+constexpr double kAlignmentTolerancePx = 1.0;   // module corners against the truth
+constexpr double kClippingTolerancePx = 2.0;    // clipping offsets against those of the true camera
+constexpr double kResolutionTolerance = 0.01;   // relative
+constexpr double kFisheyeTolerancePx = 1.5;     // circle centre against the window's middle (window step 1)
+
+using ImageMap = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+// Shared helpers (demo_support.cpp).
 std::string number(double value, int decimals);
 void writePicture(const cv::Mat& picture, const std::string& path);
+// A corner error as "mean / worst" pixels.
+std::string px(const Synthetic::CornerError& e);
+std::list<std::wstring> moduleList(const Synthetic::Rig& s);
+Quarn::QuarnConnection simulatedConnection(const std::string& address, const std::string& device);
+// Top-left pixel of a simulated module's window on its sensor frame.
+cv::Point windowCorner(const Quarn::SimulatedModule& m, cv::Size frame);
 
 class Stopwatch {
  public:
