@@ -72,9 +72,9 @@ Utils::ReturnState<bool, std::string> SmartFinderOptions::validate() const {
   return true;
 }
 
-class SmartFinderImageState {
+struct SmartFinderImage::Impl {
  public:
-  explicit SmartFinderImageState(const CameraDescription::Orbivane& c)
+  explicit Impl(const CameraDescription::Orbivane& c)
       : camera(c), logger(Utils::calibratorLogger(kLoggerName)) {}
 
   std::atomic<bool> abortFlag{false};
@@ -90,16 +90,16 @@ class SmartFinderImageState {
 };
 
 SmartFinderImage::SmartFinderImage(const CameraDescription::Orbivane& camera)
-    : state_(std::make_unique<SmartFinderImageState>(camera)) {}
+    : impl_(std::make_unique<SmartFinderImage::Impl>(camera)) {}
 SmartFinderImage::~SmartFinderImage() = default;
 
-void SmartFinderImage::setOptions(const SmartFinderOptions& options) { state_->options = options; }
-SmartFinderOptions SmartFinderImage::options() const { return state_->options; }
+void SmartFinderImage::setOptions(const SmartFinderOptions& options) { impl_->options = options; }
+SmartFinderOptions SmartFinderImage::options() const { return impl_->options; }
 void SmartFinderImage::registerStatusCallback(GeometryCalibration::StatusCallback callback) {
-  state_->callback = std::move(callback);
+  impl_->callback = std::move(callback);
 }
-void SmartFinderImage::abort() { state_->abortFlag = true; }
-bool SmartFinderImage::aborted() const { return state_->abortFlag; }
+void SmartFinderImage::abort() { impl_->abortFlag = true; }
+bool SmartFinderImage::aborted() const { return impl_->abortFlag; }
 
 namespace {
 
@@ -447,7 +447,7 @@ class ModuleSearch {
 
 Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::string> SmartFinderImage::find(
     std::list<std::wstring> modules) {
-  SmartFinderImageState& s = *state_;
+  SmartFinderImage::Impl& s = *impl_;
   const SmartFinderOptions options = s.options;
   auto valid = options.validate();
   if (!valid) return Utils::failure(valid.error());
@@ -599,33 +599,33 @@ Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::s
 }
 
 std::map<std::wstring, std::vector<SmartFinderFrame>> SmartFinderImage::results() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->results;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->results;
 }
 
 std::map<std::wstring, std::string> SmartFinderImage::errors() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->errors;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->errors;
 }
 
 std::map<std::wstring, std::vector<SmartFinderFrame>> SmartFinderImage::samples() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->samples;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->samples;
 }
 
-std::string SmartFinderImage::detectorDescription() const { return state_->detectorDescription; }
+std::string SmartFinderImage::detectorDescription() const { return impl_->detectorDescription; }
 
 std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> SmartFinderImage::images() const {
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  for (const auto& [name, moments] : state_->results) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  for (const auto& [name, moments] : impl_->results) {
     if (!moments.empty() && moments.front().picture) images[name] = moments.front().picture;
   }
   return images;
 }
 
 CameraDescription::Orbivane SmartFinderImage::cameraWithPictures() const {
-  CameraDescription::Orbivane copy = state_->camera;
+  CameraDescription::Orbivane copy = impl_->camera;
   for (const auto& [name, picture] : images()) {
     const auto module = copy.findModule(name);
     if (!module) continue;

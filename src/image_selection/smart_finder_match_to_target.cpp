@@ -13,9 +13,9 @@ namespace OrbivaneCalibration {
 
 using GeometryCalibration::MatrixBased::MatchToTarget;
 
-class SmartFinderMatchToTargetState {
+struct SmartFinderMatchToTarget::Impl {
  public:
-  SmartFinderMatchToTargetState(const CameraDescription::Orbivane& c,
+  Impl(const CameraDescription::Orbivane& c,
                                 std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> i)
       : camera(c), images(std::move(i)), logger(Utils::calibratorLogger("SmartFinderMatchToTarget")) {}
 
@@ -43,12 +43,12 @@ class SmartFinderMatchToTargetState {
 SmartFinderMatchToTarget::SmartFinderMatchToTarget(
     const CameraDescription::Orbivane& camera,
     std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images)
-    : state_(std::make_unique<SmartFinderMatchToTargetState>(camera, std::move(images))) {}
+    : impl_(std::make_unique<SmartFinderMatchToTarget::Impl>(camera, std::move(images))) {}
 
 SmartFinderMatchToTarget::~SmartFinderMatchToTarget() = default;
 
 CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::wstring> modules, std::wstring target) {
-  SmartFinderMatchToTargetState& s = *state_;
+  SmartFinderMatchToTarget::Impl& s = *impl_;
   if (s.abortFlag) return s.camera;
 
   // 1. Pictures: the target's own (given) picture, else its picked frame;
@@ -160,60 +160,60 @@ CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::w
   return result;
 }
 
-void SmartFinderMatchToTarget::setFinderOptions(const SmartFinderOptions& options) { state_->finderOptions = options; }
-SmartFinderOptions SmartFinderMatchToTarget::finderOptions() const { return state_->finderOptions; }
-void SmartFinderMatchToTarget::setCalibrationMode(const CalibrateMode& mode) { state_->mode = mode; }
-SmartFinderMatchToTarget::CalibrateMode SmartFinderMatchToTarget::calibrationMode() const { return state_->mode; }
-void SmartFinderMatchToTarget::setGridEnabled(const bool& enabled) { state_->gridEnabled = enabled; }
+void SmartFinderMatchToTarget::setFinderOptions(const SmartFinderOptions& options) { impl_->finderOptions = options; }
+SmartFinderOptions SmartFinderMatchToTarget::finderOptions() const { return impl_->finderOptions; }
+void SmartFinderMatchToTarget::setCalibrationMode(const CalibrateMode& mode) { impl_->mode = mode; }
+SmartFinderMatchToTarget::CalibrateMode SmartFinderMatchToTarget::calibrationMode() const { return impl_->mode; }
+void SmartFinderMatchToTarget::setGridEnabled(const bool& enabled) { impl_->gridEnabled = enabled; }
 void SmartFinderMatchToTarget::initGrid(const int& columns, const int& rows, const std::wstring& module) {
-  state_->gridSizes[module] = {columns, rows};
+  impl_->gridSizes[module] = {columns, rows};
 }
 Utils::UVGrid SmartFinderMatchToTarget::getGrid(const std::wstring& module) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  if (state_->lastMatcher) return state_->lastMatcher->getGrid(module);
-  const auto it = state_->gridSizes.find(module);
-  return it == state_->gridSizes.end() ? Utils::UVGrid() : Utils::UVGrid(it->second.first, it->second.second);
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  if (impl_->lastMatcher) return impl_->lastMatcher->getGrid(module);
+  const auto it = impl_->gridSizes.find(module);
+  return it == impl_->gridSizes.end() ? Utils::UVGrid() : Utils::UVGrid(it->second.first, it->second.second);
 }
-void SmartFinderMatchToTarget::setM2nMaxIteration(const std::uint64_t& limit) { state_->m2n = limit; }
-std::uint64_t SmartFinderMatchToTarget::m2nMaxIteration() const { return state_->m2n; }
-void SmartFinderMatchToTarget::setM2bMaxIteration(const std::uint64_t& limit) { state_->m2b = limit; }
-std::uint64_t SmartFinderMatchToTarget::m2bMaxIteration() const { return state_->m2b; }
-void SmartFinderMatchToTarget::allowScale(const float& scale) { state_->scale = scale; }
+void SmartFinderMatchToTarget::setM2nMaxIteration(const std::uint64_t& limit) { impl_->m2n = limit; }
+std::uint64_t SmartFinderMatchToTarget::m2nMaxIteration() const { return impl_->m2n; }
+void SmartFinderMatchToTarget::setM2bMaxIteration(const std::uint64_t& limit) { impl_->m2b = limit; }
+std::uint64_t SmartFinderMatchToTarget::m2bMaxIteration() const { return impl_->m2b; }
+void SmartFinderMatchToTarget::allowScale(const float& scale) { impl_->scale = scale; }
 void SmartFinderMatchToTarget::registerStatusCallback(GeometryCalibration::StatusCallback callback) {
-  state_->callback = std::move(callback);
+  impl_->callback = std::move(callback);
 }
 
 void SmartFinderMatchToTarget::abort() {
-  state_->abortFlag = true;
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  if (state_->runningFinder) state_->runningFinder->abort();
-  if (state_->runningMatcher) state_->runningMatcher->abort();
+  impl_->abortFlag = true;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  if (impl_->runningFinder) impl_->runningFinder->abort();
+  if (impl_->runningMatcher) impl_->runningMatcher->abort();
 }
 
 std::map<std::wstring, float> SmartFinderMatchToTarget::error() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->lastMatcher ? state_->lastMatcher->error() : std::map<std::wstring, float>{};
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->lastMatcher ? impl_->lastMatcher->error() : std::map<std::wstring, float>{};
 }
 
 std::map<std::wstring, GeometryCalibration::ModuleReport> SmartFinderMatchToTarget::moduleReports() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->lastMatcher ? state_->lastMatcher->moduleReports()
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->lastMatcher ? impl_->lastMatcher->moduleReports()
                              : std::map<std::wstring, GeometryCalibration::ModuleReport>{};
 }
 
 float SmartFinderMatchToTarget::error(const std::wstring& module) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->lastMatcher ? state_->lastMatcher->error(module) : std::numeric_limits<float>::max();
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->lastMatcher ? impl_->lastMatcher->error(module) : std::numeric_limits<float>::max();
 }
 
 std::map<std::wstring, std::vector<SmartFinderFrame>> SmartFinderMatchToTarget::frames() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->frames;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->frames;
 }
 
 std::map<std::wstring, std::string> SmartFinderMatchToTarget::finderErrors() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->finderErrors;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->finderErrors;
 }
 
 }  // namespace OrbivaneCalibration

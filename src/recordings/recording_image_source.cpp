@@ -42,7 +42,7 @@ struct RecordingModuleSource {
   std::unique_ptr<ImageShading> shading;
 };
 
-class RecordingImageSourceState {
+struct RecordingImageSource::Impl {
  public:
   std::vector<std::unique_ptr<RecordingModuleSource>> modules;
   bool ignoreGrid = false;
@@ -110,7 +110,7 @@ const Quarn::SearchInfo* holding(const std::vector<Quarn::SearchInfo>& list, std
 
 }  // namespace
 
-RecordingImageSource::RecordingImageSource() : state_(std::make_unique<RecordingImageSourceState>()) {}
+RecordingImageSource::RecordingImageSource() : impl_(std::make_unique<RecordingImageSource::Impl>()) {}
 RecordingImageSource::~RecordingImageSource() = default;
 
 Utils::ReturnState<bool, std::string> RecordingImageSource::init(std::list<CameraDescription::OrbivaneModule> modules) {
@@ -131,14 +131,14 @@ Utils::ReturnState<bool, std::string> RecordingImageSource::init(std::list<Camer
     source->session = session.value();
     sources.push_back(std::move(source));
   }
-  state_->modules = std::move(sources);
+  impl_->modules = std::move(sources);
   return true;
 }
 
 Utils::ReturnState<bool, std::string> RecordingImageSource::seekToAbsolutePosition(std::int64_t timeMs) {
-  if (state_->modules.empty()) return Utils::failure("the recording image source has no modules (call init first)");
+  if (impl_->modules.empty()) return Utils::failure("the recording image source has no modules (call init first)");
   std::vector<std::pair<RecordingModuleSource*, Position>> moves;
-  for (auto& source : state_->modules) {
+  for (auto& source : impl_->modules) {
     const Quarn::SearchInfo* recording = holding(source->known, timeMs);
     if (recording == nullptr) {
       Quarn::SearchCriteria criteria;
@@ -183,13 +183,13 @@ Utils::ReturnState<bool, std::string> RecordingImageSource::seekToAbsolutePositi
   return true;
 }
 
-void RecordingImageSource::setIgnoreGeometryGrid(bool ignore) { state_->ignoreGrid = ignore; }
-bool RecordingImageSource::ignoreGeometryGrid() const { return state_->ignoreGrid; }
+void RecordingImageSource::setIgnoreGeometryGrid(bool ignore) { impl_->ignoreGrid = ignore; }
+bool RecordingImageSource::ignoreGeometryGrid() const { return impl_->ignoreGrid; }
 
 Utils::ReturnState<std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>, std::string>
 RecordingImageSource::getImages() {
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
-  for (auto& source : state_->modules) {
+  for (auto& source : impl_->modules) {
     if (!source->positioned) {
       return Utils::failure("module '" + source->name + "' has no position yet (call seekToAbsolutePosition first)");
     }
@@ -198,7 +198,7 @@ RecordingImageSource::getImages() {
     auto frame = readerFor(*source, timing.value()).frame(source->position.frame);
     if (!frame) return Utils::failure("module '" + source->name + "': " + frame.error());
     std::shared_ptr<Image::UniversalImageInterface> picture = Image::fromMat(frame.value().clone());
-    if (!state_->ignoreGrid) {
+    if (!impl_->ignoreGrid) {
       const auto* geometry = source->module.matrixGeometry();
       std::list<OrbivaneGeometry::Shader> shaders;
       for (const auto& shader : source->module.shaders()) {
@@ -223,7 +223,7 @@ RecordingImageSource::getImages() {
 
 Utils::ReturnState<RecordingImageSource::Position, std::string> RecordingImageSource::position(
     const std::wstring& module) const {
-  for (const auto& source : state_->modules) {
+  for (const auto& source : impl_->modules) {
     if (source->module.name() != module) continue;
     if (!source->positioned) return Utils::failure("module '" + source->name + "' has no position yet");
     return source->position;
@@ -233,7 +233,7 @@ Utils::ReturnState<RecordingImageSource::Position, std::string> RecordingImageSo
 
 Utils::ReturnState<std::vector<Quarn::SearchInfo>, std::string> RecordingImageSource::recordings(
     const std::wstring& module, std::int64_t fromMs, std::int64_t toMs) const {
-  for (const auto& source : state_->modules) {
+  for (const auto& source : impl_->modules) {
     if (source->module.name() != module) continue;
     Quarn::SearchCriteria criteria;
     criteria.device = source->module.connection()->device;
@@ -248,7 +248,7 @@ Utils::ReturnState<std::vector<Quarn::SearchInfo>, std::string> RecordingImageSo
 
 std::vector<std::wstring> RecordingImageSource::modules() const {
   std::vector<std::wstring> names;
-  for (const auto& source : state_->modules) names.push_back(source->module.name());
+  for (const auto& source : impl_->modules) names.push_back(source->module.name());
   return names;
 }
 

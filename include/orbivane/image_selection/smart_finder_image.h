@@ -144,7 +144,6 @@ struct ORBIVANE_EXPORT SmartFinderFrame {
   std::shared_ptr<Image::UniversalImageInterface> picture;  // BGR, 8 bits
 };
 
-class SmartFinderImageState;
 
 class ORBIVANE_EXPORT SmartFinderImage {
  public:
@@ -186,7 +185,8 @@ class ORBIVANE_EXPORT SmartFinderImage {
   CameraDescription::Orbivane cameraWithPictures() const;
 
  private:
-  std::unique_ptr<SmartFinderImageState> state_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace OrbivaneCalibration

@@ -37,7 +37,6 @@
 
 namespace OrbivaneCalibration {
 
-class SmartFinderMatchToTargetState;
 
 class ORBIVANE_EXPORT SmartFinderMatchToTarget {
  public:
@@ -86,7 +85,8 @@ class ORBIVANE_EXPORT SmartFinderMatchToTarget {
   std::map<std::wstring, std::string> finderErrors() const;
 
  private:
-  std::unique_ptr<SmartFinderMatchToTargetState> state_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace OrbivaneCalibration

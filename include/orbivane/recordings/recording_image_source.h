@@ -40,7 +40,6 @@
 
 namespace ImageSource {
 
-class RecordingImageSourceState;
 
 class ORBIVANE_EXPORT RecordingImageSource {
  public:
@@ -86,7 +85,8 @@ class ORBIVANE_EXPORT RecordingImageSource {
   std::vector<std::wstring> modules() const;
 
  private:
-  std::unique_ptr<RecordingImageSourceState> state_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace ImageSource

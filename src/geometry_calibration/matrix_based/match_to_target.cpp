@@ -1,79 +1,86 @@
 // The exported target-matching calibrator; the work is done by its state.
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 
+#include <memory>
+
 #include "geometry_calibration/matrix_based/match_to_target_state.h"
 #include "orbivane/camera/final_matrix.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
 
+// The calibrator's inside is its engine, MatchToTargetState.
+struct MatchToTarget::Impl : MatchToTargetState {
+  using MatchToTargetState::MatchToTargetState;
+};
+
 MatchToTarget::MatchToTarget(const CameraDescription::Orbivane& camera,
                              std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images)
-    : state_(new MatchToTargetState(camera, std::move(images))) {}
+    : impl_(std::make_unique<Impl>(camera, std::move(images))) {}
 
-MatchToTarget::~MatchToTarget() { delete state_; }
+MatchToTarget::~MatchToTarget() = default;
 
 CameraDescription::Orbivane MatchToTarget::calibrate(std::list<std::wstring> modules, std::wstring target) {
-  return state_->calibrate(*this, modules, target);
+  return impl_->calibrate(*this, modules, target);
 }
 
-void MatchToTarget::setCalibrationMode(const CalibrateMode& mode) { state_->mode = mode; }
-MatchToTarget::CalibrateMode MatchToTarget::calibrationMode() const { return state_->mode; }
+void MatchToTarget::setCalibrationMode(const CalibrateMode& mode) { impl_->mode = mode; }
+MatchToTarget::CalibrateMode MatchToTarget::calibrationMode() const { return impl_->mode; }
 
-void MatchToTarget::setGridEnabled(const bool& enabled) { state_->gridEnabled = enabled; }
+void MatchToTarget::setGridEnabled(const bool& enabled) { impl_->gridEnabled = enabled; }
 
 void MatchToTarget::initGrid(const int& columns, const int& rows, const std::wstring& module) {
-  state_->grids[module] = Utils::UVGrid(columns, rows);
+  impl_->grids[module] = Utils::UVGrid(columns, rows);
 }
 
 Utils::UVGrid MatchToTarget::getGrid(const std::wstring& module) const {
-  const auto it = state_->grids.find(module);
-  return it == state_->grids.end() ? Utils::UVGrid() : it->second;
+  const auto it = impl_->grids.find(module);
+  return it == impl_->grids.end() ? Utils::UVGrid() : it->second;
 }
 
 void MatchToTarget::setM2nMaxIteration(const std::uint64_t& limit) {
-  state_->m2nLimit = limit;
-  state_->m2nCountdown = limit;
+  impl_->m2nLimit = limit;
+  impl_->m2nCountdown = limit;
 }
-std::uint64_t MatchToTarget::m2nMaxIteration() const { return state_->m2nLimit; }
+std::uint64_t MatchToTarget::m2nMaxIteration() const { return impl_->m2nLimit; }
 
-void MatchToTarget::setM2bMaxIteration(const std::uint64_t& limit) { state_->m2bLimit = limit; }
-std::uint64_t MatchToTarget::m2bMaxIteration() const { return state_->m2bLimit; }
+void MatchToTarget::setM2bMaxIteration(const std::uint64_t& limit) { impl_->m2bLimit = limit; }
+std::uint64_t MatchToTarget::m2bMaxIteration() const { return impl_->m2bLimit; }
 
-void MatchToTarget::allowScale(const float& scale) { state_->allowedScale = scale; }
+void MatchToTarget::allowScale(const float& scale) { impl_->allowedScale = scale; }
 
 void MatchToTarget::registerStatusCallback(
     std::function<void(int, int, std::string, GeometryCalibration::AdvStepInfo)> callback) {
-  state_->callback = std::move(callback);
+  impl_->callback = std::move(callback);
 }
 
-void MatchToTarget::abort() { state_->abort.store(true); }
+void MatchToTarget::abort() { impl_->abort.store(true); }
 
-std::map<std::wstring, float> MatchToTarget::error() const { return state_->errors; }
+std::map<std::wstring, float> MatchToTarget::error() const { return impl_->errors; }
 
 std::map<std::wstring, GeometryCalibration::ModuleReport> MatchToTarget::moduleReports() const {
-  return state_->reports;
+  return impl_->reports;
 }
 
 float MatchToTarget::error(const std::wstring& module) const {
-  const auto it = state_->errors.find(module);
-  return it == state_->errors.end() ? kFailedError : it->second;
+  const auto it = impl_->errors.find(module);
+  return it == impl_->errors.end() ? kFailedError : it->second;
 }
 
 std::vector<std::shared_ptr<Image::UniversalImageInterface>> MatchToTarget::imgsWorkingCopy(
     const std::wstring& module) const {
-  const auto it = state_->workingCopies.find(module);
-  return it == state_->workingCopies.end() ? std::vector<std::shared_ptr<Image::UniversalImageInterface>>()
+  const auto it = impl_->workingCopies.find(module);
+  return it == impl_->workingCopies.end() ? std::vector<std::shared_ptr<Image::UniversalImageInterface>>()
                                            : it->second;
 }
 
 Utils::Matrix4x4 MatchToTarget::transformToWorkSystem(const std::wstring& module,
                                                       const Utils::Matrix4x4& matrix) const {
-  return state_->toWorkSystem(module, matrix);
+  return impl_->toWorkSystem(module, matrix);
 }
 
 Utils::Matrix4x4 MatchToTarget::transformToResulte(const std::wstring& module, const Utils::Matrix4x4& matrix) const {
-  return state_->toResult(module, matrix);
+  return impl_->toResult(module, matrix);
 }
 
 Utils::Matrix4x4 MatchToTarget::calculateFinMatrix(const CameraDescription::Orbivane& camera,

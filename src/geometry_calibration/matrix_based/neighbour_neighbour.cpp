@@ -7,10 +7,15 @@
 namespace GeometryCalibration {
 namespace MatrixBased {
 
+// The calibrator's inside is its engine, NeighbourStitcher.
+struct NeighbourNeighbour::Impl : NeighbourStitcher {
+  using NeighbourStitcher::NeighbourStitcher;
+};
+
 NeighbourNeighbour::NeighbourNeighbour(const CameraDescription::Orbivane& camera,
                                        std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images,
                                        int levels, int iterations, float step)
-    : impl_(std::make_unique<NeighbourStitcher>(camera, std::move(images), levels, iterations, step)),
+    : impl_(std::make_unique<Impl>(camera, std::move(images), levels, iterations, step)),
       levels_(levels),
       iterations_(iterations),
       step_(step) {}

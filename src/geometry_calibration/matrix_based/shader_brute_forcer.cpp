@@ -9,6 +9,11 @@
 namespace GeometryCalibration {
 namespace MatrixBased {
 
+// The calibrator's inside is its engine, ShaderSearch.
+struct ShaderBruteForcer::Impl : ShaderSearch {
+  using ShaderSearch::ShaderSearch;
+};
+
 ShaderBruteForcer::ShaderBruteForcer(const CameraDescription::Orbivane& camera,
                                      std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images)
     : ShaderBruteForcer(camera, std::move(images), defaultParameterList()) {}
@@ -16,7 +21,7 @@ ShaderBruteForcer::ShaderBruteForcer(const CameraDescription::Orbivane& camera,
 ShaderBruteForcer::ShaderBruteForcer(const CameraDescription::Orbivane& camera,
                                      std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images,
                                      ParameterList parameters)
-    : impl_(std::make_unique<ShaderSearch>(camera, std::move(images), std::move(parameters))) {}
+    : impl_(std::make_unique<Impl>(camera, std::move(images), std::move(parameters))) {}
 
 ShaderBruteForcer::~ShaderBruteForcer() = default;
 

@@ -55,7 +55,6 @@
 namespace GeometryCalibration {
 namespace MatrixBased {
 
-class MatchToTargetState;
 
 class ORBIVANE_EXPORT MatchToTarget {
  public:
@@ -149,7 +148,8 @@ class ORBIVANE_EXPORT MatchToTarget {
   static Utils::Matrix4x4 calculateFinMatrix(std::shared_ptr<const CameraDescription::OrbivaneModule> module);
 
  private:
-  MatchToTargetState* state_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace MatrixBased

@@ -54,7 +54,6 @@
 namespace GeometryCalibration {
 namespace MatrixBased {
 
-class NeighbourStitcher;
 
 class ORBIVANE_EXPORT NeighbourNeighbour {
  public:
@@ -102,7 +101,8 @@ class ORBIVANE_EXPORT NeighbourNeighbour {
  private:
   std::pair<float, float> calibratePair(std::wstring first, std::wstring second, bool apply);
 
-  std::unique_ptr<NeighbourStitcher> impl_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
   const int levels_;
   const int iterations_;
   const float step_;

@@ -63,7 +63,6 @@
 namespace GeometryCalibration {
 namespace MatrixBased {
 
-class ShaderSearch;
 
 class ORBIVANE_EXPORT ShaderBruteForcer {
  public:
@@ -131,7 +130,8 @@ class ORBIVANE_EXPORT ShaderBruteForcer {
                                                           const std::map<std::string, float>& parameters);
 
  private:
-  std::unique_ptr<ShaderSearch> impl_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace MatrixBased
