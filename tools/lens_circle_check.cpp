@@ -1,5 +1,6 @@
 // The lens circle check; see lens_circle_check.h.
 #include "lens_circle_check.h"
+#include "orbivane/image/image_conversion.h"
 
 #include <cstdio>
 
@@ -20,14 +21,7 @@ LensCircleCheck checkLensCircle(const cv::Mat& picture, int threshold, double x,
     check.reason = "no circle";
     return check;
   }
-  cv::Mat grey, bright;
-  if (picture.channels() == 3) {
-    cv::cvtColor(picture, grey, cv::COLOR_BGR2GRAY);
-  } else if (picture.channels() == 4) {
-    cv::cvtColor(picture, grey, cv::COLOR_BGRA2GRAY);
-  } else {
-    grey = picture;
-  }
+  cv::Mat grey = Image::greyOf(picture), bright;
   cv::threshold(grey, bright, threshold, 255, cv::THRESH_BINARY);
   cv::Mat disc = cv::Mat::zeros(grey.size(), CV_8U);
   cv::circle(disc, cv::Point2d(x, y), int(radius + 0.5), cv::Scalar(255), cv::FILLED, cv::LINE_8);

@@ -467,19 +467,9 @@ class CameraJsonWriter {
 Utils::ReturnState<Orbivane, std::string> parseCameraJson(const std::string& text, const std::string& baseDirectory,
                                                           const std::string& source,
                                                           const CameraFileOptions& options) {
-  json root;
-  try {
-    root = json::parse(text);
-  } catch (const json::parse_error& e) {
-    std::string what = e.what();
-    const std::size_t bracket = what.find("] ");
-    if (bracket != std::string::npos) what = what.substr(bracket + 2);
-    return Utils::failure("camera file '" + source + "': not valid JSON: " + what);
-  } catch (const json::out_of_range&) {
-    // A number too large for a double.
-    return Utils::failure("camera file '" + source + "': at " + Utils::jsonPathWhereParsingStops(text) +
-                          ": a number too large to be held (beyond about 1.8e308)");
-  }
+  auto parsed = Utils::parseJsonText(text, "camera file '" + source + "'");
+  if (!parsed) return Utils::failure(parsed.error());
+  const json& root = parsed.value();
   try {
     return parseCamera(root, baseDirectory, options);
   } catch (const std::exception& e) {

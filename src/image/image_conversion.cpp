@@ -63,6 +63,13 @@ cv::Mat toMat(const std::shared_ptr<UniversalImageInterface>& image) {
   return toMat(*image);
 }
 
+cv::Mat greyOf(const cv::Mat& picture) {
+  if (picture.channels() == 1) return picture;
+  cv::Mat grey;
+  cv::cvtColor(picture, grey, picture.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
+  return grey;
+}
+
 std::shared_ptr<RGBImage> fromMat(const cv::Mat& mat) {
   if (mat.depth() != CV_8U || (mat.channels() != 1 && mat.channels() != 3 && mat.channels() != 4)) {
     throw std::invalid_argument("fromMat: expected an 8-bit matrix with 1, 3 or 4 channels, got " +

@@ -2,6 +2,7 @@
 #include "image_selection/smart_finder_scoring.h"
 
 #include "utils/parallel.h"
+#include "orbivane/image/image_conversion.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,14 +17,7 @@ namespace OrbivaneCalibration {
 ExposureMeasure measureExposure(const cv::Mat& picture) {
   ExposureMeasure m;
   if (picture.empty()) return m;
-  cv::Mat grey;
-  if (picture.channels() == 3) {
-    cv::cvtColor(picture, grey, cv::COLOR_BGR2GRAY);
-  } else if (picture.channels() == 4) {
-    cv::cvtColor(picture, grey, cv::COLOR_BGRA2GRAY);
-  } else {
-    grey = picture;
-  }
+  cv::Mat grey = Image::greyOf(picture);
   m.brightness = cv::mean(grey)[0];
   const double total = static_cast<double>(grey.total());
   const double dark = cv::countNonZero(grey <= 5);
@@ -71,12 +65,7 @@ double measureMotion(const cv::Mat& frame, const cv::Mat& other) {
   // Grey, reduced by 4 with area averaging: noise, compression and a change
   // of focus average out, something that moves does not.
   auto reduced = [](const cv::Mat& picture) {
-    cv::Mat g;
-    if (picture.channels() == 1) {
-      g = picture;
-    } else {
-      cv::cvtColor(picture, g, picture.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
-    }
+    cv::Mat g = Image::greyOf(picture);
     if (g.cols >= 64 && g.rows >= 64) cv::resize(g, g, cv::Size(g.cols / 4, g.rows / 4), 0, 0, cv::INTER_AREA);
     return g;
   };

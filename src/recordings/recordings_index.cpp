@@ -210,18 +210,9 @@ std::string formatTimestamp(std::int64_t timeMs) {
 Utils::ReturnState<RecordingsIndex, std::string> parseRecordingsIndex(const std::string& text,
                                                                      const std::string& baseDirectory,
                                                                      const std::string& source) {
-  json root;
-  try {
-    root = json::parse(text);
-  } catch (const json::parse_error& e) {
-    std::string what = e.what();
-    const std::size_t bracket = what.find("] ");
-    if (bracket != std::string::npos) what = what.substr(bracket + 2);
-    return Utils::failure("recordings index '" + source + "': not valid JSON: " + what);
-  } catch (const json::exception&) {
-    return Utils::failure("recordings index '" + source + "': at " + Utils::jsonPathWhereParsingStops(text) +
-                          ": a number too large to be held");
-  }
+  auto parsed = Utils::parseJsonText(text, "recordings index '" + source + "'");
+  if (!parsed) return Utils::failure(parsed.error());
+  const json& root = parsed.value();
   try {
     RecordingsIndex index = parseIndex(root, baseDirectory);
     index.path = source;

@@ -55,13 +55,7 @@ FisheyeCalibration::FisheyeCalibration(const CameraDescription::OrbivaneModule& 
 FisheyeCalibration::~FisheyeCalibration() = default;
 
 void FisheyeCalibration::updateOrbivane(const CameraDescription::Orbivane& camera) {
-  const auto found = camera.findModule(impl_->module.name());
-  if (!found) {
-    impl_->logger->warn("Module {} is not in the new camera description; keeping the module as it was",
-                        Utils::toUtf8(impl_->module.name()));
-    return;
-  }
-  impl_->module = *found;
+  takeModuleFrom(camera, impl_->module, *impl_->logger);
 }
 
 int FisheyeCalibration::threshold() const { return impl_->threshold; }

@@ -1,5 +1,6 @@
 // The lens circle search.
 #include "sensor_calibration/fisheye_center_finder.h"
+#include "orbivane/image/image_conversion.h"
 
 #include <cmath>
 #include <iostream>
@@ -28,14 +29,7 @@ void FisheyeCenterFinder::run() {
     radiusf_ = -1.0f;
     return;
   }
-  cv::Mat grey;
-  if (picture_.channels() == 3) {
-    cv::cvtColor(picture_, grey, cv::COLOR_BGR2GRAY);
-  } else if (picture_.channels() == 4) {
-    cv::cvtColor(picture_, grey, cv::COLOR_BGRA2GRAY);
-  } else {
-    grey = picture_;
-  }
+  cv::Mat grey = Image::greyOf(picture_);
   grey.convertTo(grey, CV_8U, 1.0, 0.0);
   cv::GaussianBlur(grey, grey, cv::Size(19, 19), 2.0, 2.0);
 

@@ -1,6 +1,7 @@
 // Overlap of two neighbouring pictures: template search and the inspection
 // picture.
 #include "sensor_calibration/overlap_measurement.h"
+#include "orbivane/image/image_conversion.h"
 
 #include <algorithm>
 #include <cmath>
@@ -22,14 +23,7 @@ double parabolaPeak(double before, double at, double after) {
 }  // namespace
 
 cv::Mat greyOf(const cv::Mat& picture) {
-  cv::Mat grey;
-  if (picture.channels() == 3) {
-    cv::cvtColor(picture, grey, cv::COLOR_BGR2GRAY);
-  } else if (picture.channels() == 4) {
-    cv::cvtColor(picture, grey, cv::COLOR_BGRA2GRAY);
-  } else {
-    grey = picture;
-  }
+  cv::Mat grey = Image::greyOf(picture);
   if (grey.depth() == CV_16U) {
     grey.convertTo(grey, CV_8U, 1.0 / 257.0);
   } else if (grey.depth() != CV_8U) {

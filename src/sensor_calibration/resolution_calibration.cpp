@@ -47,13 +47,7 @@ ResolutionCalibration::ResolutionCalibration(const CameraDescription::OrbivaneMo
 ResolutionCalibration::~ResolutionCalibration() = default;
 
 void ResolutionCalibration::updateOrbivane(const CameraDescription::Orbivane& camera) {
-  const auto found = camera.findModule(impl_->module.name());
-  if (!found) {
-    impl_->logger->warn("Module {} is not in the new camera description; keeping the module as it was",
-                        Utils::toUtf8(impl_->module.name()));
-    return;
-  }
-  impl_->module = *found;
+  takeModuleFrom(camera, impl_->module, *impl_->logger);
 }
 
 int ResolutionCalibration::circleCount() const { return impl_->count; }

@@ -73,4 +73,19 @@ std::string jsonPathWhereParsingStops(const std::string& text) {
   return tracker.path();
 }
 
+ReturnState<nlohmann::json, std::string> parseJsonText(const std::string& text, const std::string& what) {
+  try {
+    return json::parse(text);
+  } catch (const json::parse_error& e) {
+    std::string words = e.what();
+    const std::size_t bracket = words.find("] ");  // drop nlohmann's "[json.exception.parse_error.101] "
+    if (bracket != std::string::npos) words = words.substr(bracket + 2);
+    return failure(what + ": not valid JSON: " + words);
+  } catch (const json::exception&) {
+    // The only other way a parse fails: a number too large for a double.
+    return failure(what + ": at " + jsonPathWhereParsingStops(text) +
+                   ": a number too large to be held (beyond about 1.8e308)");
+  }
+}
+
 }  // namespace Utils

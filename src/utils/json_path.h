@@ -6,9 +6,18 @@
 
 #include <string>
 
+#include <nlohmann/json.hpp>
+
+#include "orbivane/utils/return_state.h"
+
 namespace Utils {
 
 // The path of the value the parser was at when it stopped ("/" at the top).
 std::string jsonPathWhereParsingStops(const std::string& text);
+
+// Parses a user's JSON file. A failure reads "<what>: not valid JSON: <the
+// parser's words>" or "<what>: at <JSON path>: a number too large to be held
+// (beyond about 1.8e308)"; `what` names the file ("camera file 'cam.json'").
+ReturnState<nlohmann::json, std::string> parseJsonText(const std::string& text, const std::string& what);
 
 }  // namespace Utils

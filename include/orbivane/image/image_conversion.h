@@ -23,6 +23,10 @@ ORBIVANE_EXPORT cv::Mat toMat(const std::shared_ptr<UniversalImageInterface>& im
 // 4 (BGRA). Throws std::invalid_argument for other depths or channel counts.
 ORBIVANE_EXPORT std::shared_ptr<RGBImage> fromMat(const cv::Mat& mat);
 
+// The grey of a matrix of 1, 3 (BGR) or 4 (BGRA) channels, any depth:
+// cv::cvtColor for colour, the matrix itself (not copied) for one channel.
+ORBIVANE_EXPORT cv::Mat greyOf(const cv::Mat& picture);
+
 // Reads a picture file (any format OpenCV reads; 16-bit pictures are scaled to
 // 8 bits, alpha is kept). The error names the file and says whether it is
 // missing or cannot be decoded.
