@@ -10,6 +10,7 @@
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/image/rgb_image.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -30,10 +31,7 @@ OrbivaneModule richModule(const std::wstring& name, float shift) {
   m.setShaders({OrbivaneGeometry::clipMatrixShader(Matrix4x4::translation(shift, 0.0f))});
   m.setImage(std::make_shared<Image::RGBImage>(4, 3, Image::kMappingBGR));
   m.setImagePath("/pictures/" + std::to_string(static_cast<int>(shift * 10)) + ".png");
-  Quarn::QuarnConnection c;
-  c.backend = "simulated";
-  c.address = "/tmp/state.json";
-  c.device = "cam";
+  const Quarn::QuarnConnection c = Synthetic::simulatedConnection("/tmp/state.json", "cam");
   m.setConnection(c);
   return m;
 }

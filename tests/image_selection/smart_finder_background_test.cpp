@@ -13,6 +13,7 @@
 #include "orbivane/image_selection/smart_finder_image.h"
 #include "orbivane/utils/wide_text.h"
 #include "synthetic/recording_videos.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -85,10 +86,7 @@ class FinderOnStreetRecordings : public testing::Test {
     Synthetic::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), kStart, 0.0}});
     CameraDescription::Orbivane camera;
     CameraDescription::OrbivaneModule module(L"cam");
-    Quarn::QuarnConnection c;
-    c.backend = "simulated";
-    c.address = dir_.file("rec.json");
-    c.device = "cam";
+    const Quarn::QuarnConnection c = Synthetic::recordingsConnection(dir_.file("rec.json"), "cam");
     module.setConnection(c);
     camera.addModule(module);
     SmartFinderImage finder(camera);

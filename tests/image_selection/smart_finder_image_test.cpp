@@ -14,6 +14,7 @@
 #include "orbivane/utils/wide_text.h"
 #include "synthetic/recording_videos.h"
 #include "synthetic/sample_data.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -27,10 +28,7 @@ CameraDescription::Orbivane cameraOn(const std::string& index, const std::vector
   CameraDescription::Orbivane camera;
   for (const auto& name : modules) {
     CameraDescription::OrbivaneModule module(Utils::fromUtf8(name));
-    Quarn::QuarnConnection c;
-    c.backend = "simulated";
-    c.address = index;
-    c.device = name;
+    const Quarn::QuarnConnection c = Synthetic::recordingsConnection(index, name);
     module.setConnection(c);
     camera.addModule(module);
   }

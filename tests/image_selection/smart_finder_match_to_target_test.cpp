@@ -14,6 +14,7 @@
 #include "synthetic/sample_data.h"
 #include "synthetic/target_scenes.h"
 #include "support/matchers.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -49,10 +50,7 @@ struct Rig {
          {std::make_pair(L"T", Utils::Matrix4x4::identity()), std::make_pair(L"M", misplaced())}) {
       CameraDescription::OrbivaneModule module(name);
       module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
-      Quarn::QuarnConnection c;
-      c.backend = "simulated";
-      c.address = index;
-      c.device = name == std::wstring(L"T") ? "T" : "M";
+      const Quarn::QuarnConnection c = Synthetic::recordingsConnection(index, name == std::wstring(L"T") ? "T" : "M");
       module.setConnection(c);
       camera.addModule(module);
     }

@@ -13,6 +13,7 @@
 #include "synthetic/recording_videos.h"
 #include "recordings/video_frame_reader.h"
 #include "synthetic/sample_data.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -20,10 +21,7 @@ using ImageSource::RecordingImageSource;
 
 CameraDescription::OrbivaneModule recordedModule(const std::string& name, const std::string& index) {
   CameraDescription::OrbivaneModule module(Utils::fromUtf8(name));
-  Quarn::QuarnConnection c;
-  c.backend = "simulated";
-  c.address = index;
-  c.device = name;
+  const Quarn::QuarnConnection c = Synthetic::recordingsConnection(index, name);
   module.setConnection(c);
   return module;
 }

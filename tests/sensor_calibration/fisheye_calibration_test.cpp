@@ -14,6 +14,7 @@
 #include "sensor_calibration/fisheye_center_finder.h"
 #include "support/captured_log.h"
 #include "support/matchers.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -46,10 +47,7 @@ OrbivaneModule fisheyeModule(const std::string& name, cv::Point2d centre, int xS
   m.faults = faults;
   EXPECT_TRUE(camera->addModule(m));
   OrbivaneModule module(std::wstring(name.begin(), name.end()));
-  Quarn::QuarnConnection c;
-  c.backend = "simulated";
-  c.address = "memory:fisheye-" + name;
-  c.device = name;
+  const Quarn::QuarnConnection c = Synthetic::simulatedConnection("memory:fisheye-" + name, name);
   module.setConnection(c);
   return module;
 }

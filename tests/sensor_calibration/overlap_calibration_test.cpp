@@ -12,6 +12,7 @@
 #include "orbivane/sensor_calibration/sensor_shifter.h"
 #include "orbivane/utils/wide_text.h"
 #include "synthetic/sample_data.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -132,10 +133,7 @@ Pair cameraPair(const std::string& name, int step, const Quarn::SimulatedFaults&
     if (id == "B") m.faults = rightFaults;
     EXPECT_TRUE(camera->addModule(m));
     auto module = std::make_shared<OrbivaneModule>(Utils::fromUtf8(name + id));
-    Quarn::QuarnConnection c;
-    c.backend = "simulated";
-    c.address = p.address;
-    c.device = id;
+    const Quarn::QuarnConnection c = Synthetic::simulatedConnection(p.address, id);
     module->setConnection(c);
     (id == "A" ? p.left : p.right) = module;
   }

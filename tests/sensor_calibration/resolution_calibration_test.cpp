@@ -13,6 +13,7 @@
 #include "simulated/scene_renderer.h"
 #include "support/captured_log.h"
 #include "sensor_calibration/blob_pairs.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -88,10 +89,7 @@ TargetCamera targetCamera(const std::string& address) {
   t.module.window.width = 1200;
   t.module.window.height = 900;
   EXPECT_TRUE(t.camera->addModule(t.module));
-  Quarn::QuarnConnection c;
-  c.backend = "simulated";
-  c.address = address;
-  c.device = "front";
+  const Quarn::QuarnConnection c = Synthetic::simulatedConnection(address, "front");
   t.described.setConnection(c);
   return t;
 }
@@ -151,10 +149,7 @@ TEST(ResolutionCalibrationTest, ApplyNeedsResultsConnectionAndSensor) {
   m.window.height = 900;
   ASSERT_TRUE(camera->addModule(m));
   OrbivaneModule module(L"front");
-  Quarn::QuarnConnection c;
-  c.backend = "simulated";
-  c.address = "memory:resolution";
-  c.device = "front";
+  const Quarn::QuarnConnection c = Synthetic::simulatedConnection("memory:resolution", "front");
   module.setConnection(c);
   const auto picture = Image::fromMat(camera->capture("front").value());
 

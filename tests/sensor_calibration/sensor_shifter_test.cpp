@@ -12,6 +12,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/session/quarn_session.h"
 #include "orbivane/simulated/simulated_camera.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -31,10 +32,7 @@ std::shared_ptr<OrbivaneModule> moduleOnCamera(const std::string& name, int xSte
   m.faults = faults;
   EXPECT_TRUE(camera->addModule(m));
   auto module = std::make_shared<OrbivaneModule>(std::wstring(name.begin(), name.end()));
-  Quarn::QuarnConnection c;
-  c.backend = "simulated";
-  c.address = "memory:shifter-" + name;
-  c.device = name;
+  const Quarn::QuarnConnection c = Synthetic::simulatedConnection("memory:shifter-" + name, name);
   module->setConnection(c);
   module->setImage(Image::fromMat(cv::Mat(100, 200, CV_8UC3, cv::Scalar::all(90))));
   module->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));

@@ -6,6 +6,7 @@
 
 #include "orbivane/session/camera_backend.h"
 #include "orbivane/simulated/simulated_camera.h"
+#include "synthetic/connections.h"
 
 namespace {
 
@@ -14,11 +15,7 @@ using Quarn::QuarnSession;
 using Quarn::SimulatedCamera;
 
 QuarnConnection connectionTo(const std::string& camera, const std::string& device) {
-  QuarnConnection c;
-  c.backend = "simulated";
-  c.address = "memory:" + camera;
-  c.device = device;
-  return c;
+  return Synthetic::simulatedConnection("memory:" + camera, device);
 }
 
 std::shared_ptr<SimulatedCamera> cameraWithFisheye(const std::string& name, const Quarn::SimulatedFaults& faults) {

@@ -18,6 +18,7 @@
 #include "orbivane/image/universal_image_interface.h"
 #include "orbivane/session/quarn_session.h"
 #include "orbivane/simulated/simulated_camera.h"
+#include "synthetic/connections.h"
 #include "synthetic/corner_error.h"
 #include "synthetic/rig.h"
 
@@ -62,7 +63,6 @@ void writePicture(const cv::Mat& picture, const std::string& path);
 // A corner error as "mean / worst" pixels.
 std::string px(const Synthetic::CornerError& e);
 std::list<std::wstring> moduleList(const Synthetic::Rig& s);
-Quarn::QuarnConnection simulatedConnection(const std::string& address, const std::string& device);
 // Top-left pixel of a simulated module's window on its sensor frame.
 cv::Point windowCorner(const Quarn::SimulatedModule& m, cv::Size frame);
 

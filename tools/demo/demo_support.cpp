@@ -26,14 +26,6 @@ std::string px(const Synthetic::CornerError& e) { return number(e.mean, 2) + " /
 
 std::list<std::wstring> moduleList(const Synthetic::Rig& s) { return {s.names.begin(), s.names.end()}; }
 
-Quarn::QuarnConnection simulatedConnection(const std::string& address, const std::string& device) {
-  Quarn::QuarnConnection connection;
-  connection.backend = "simulated";
-  connection.address = address;
-  connection.device = device;
-  return connection;
-}
-
 // Top-left pixel of a simulated module's window on its sensor frame.
 cv::Point windowCorner(const Quarn::SimulatedModule& m, cv::Size frame) {
   return {(frame.width - m.window.width) / 2 + m.window.x, (frame.height - m.window.height) / 2 + m.window.y};

@@ -36,7 +36,7 @@ Section runFisheyeCentring(const StepContext& c) {
 
   CameraDescription::OrbivaneModule module(L"fisheye");
   module.setFisheye(true);
-  module.setConnection(simulatedConnection(address, m.id));
+  module.setConnection(Synthetic::simulatedConnection(address, m.id));
 
   Progress progress("fisheye centring");
   progress.update(1, 3, "finding the lens circle");

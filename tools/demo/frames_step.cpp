@@ -113,11 +113,7 @@ Section runFrameFinding(const StepContext& c) {
   CameraDescription::Orbivane camera;
   for (const auto& view : views) {
     CameraDescription::OrbivaneModule module(Utils::fromUtf8(view.name));
-    Quarn::QuarnConnection connection;
-    connection.backend = "recordings";
-    connection.address = indexPath;
-    connection.device = view.name;
-    module.setConnection(connection);
+    module.setConnection(Synthetic::recordingsConnection(indexPath, view.name));
     camera.addModule(module);
   }
 

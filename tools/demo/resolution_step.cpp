@@ -39,7 +39,7 @@ Section runResolution(const StepContext& c) {
   const double truthMm = realX * 1000.0 / m.scene.spacingX;
 
   CameraDescription::OrbivaneModule module(L"target");
-  module.setConnection(simulatedConnection(address, m.id));
+  module.setConnection(Synthetic::simulatedConnection(address, m.id));
   Progress progress("resolution");
   progress.update(1, 1, "measuring the three-circle target");
   const Stopwatch watch;

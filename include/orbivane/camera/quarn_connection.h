@@ -1,9 +1,10 @@
 // What the session library needs to reach the recording system that serves a
 // module. The library only stores it per module and hands it to the session.
-//   backend  "quarn" for a real recording system, "simulated" for our
-//            simulated camera
-//   address  host name of the recording system, or for the simulated camera
-//            the path of its state file
+//   backend  "quarn" for a real recording system, "recordings" for a
+//            recordings index played back, "simulated" for our simulated
+//            camera (a test double of a device with sensor windows)
+//   address  host name of the recording system; the recordings index's path;
+//            or the simulated camera's state file ("memory:NAME" in memory)
 //   port     TCP port, 0 for the backend's default
 //   user, password  credentials, may be empty
 //   device   the module's sensor on that system (camera or channel id)
