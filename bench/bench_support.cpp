@@ -2,12 +2,17 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include <benchmark/benchmark.h>
 
 namespace Bench {
 namespace {
+
+bool initialised = false;
 
 // Prints the usual table and keeps the median real time of each benchmark.
 class MedianReporter : public benchmark::ConsoleReporter {
@@ -42,10 +47,58 @@ class MedianReporter : public benchmark::ConsoleReporter {
   }
 };
 
+void usage(const char* program, const std::vector<std::string>& ownFlags) {
+  std::fprintf(stderr, "usage: %s [--check] [--smoke]", program);
+  for (const std::string& flag : ownFlags) std::fprintf(stderr, " [%s]", flag.c_str());
+  std::fprintf(stderr, " [--benchmark_...]\n");
+}
+
 }  // namespace
 
-std::map<std::string, double> runAndCompare(int argc, char** argv, const std::vector<Pair>& pairs) {
-  benchmark::Initialize(&argc, argv);
+Options parseOptions(int argc, char** argv, const std::vector<std::string>& ownFlags) {
+  Options options;
+  std::vector<std::string> forBenchmark;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--check") {
+      options.check = true;
+    } else if (arg == "--smoke") {
+      options.smoke = true;
+    } else if (std::find(ownFlags.begin(), ownFlags.end(), arg) != ownFlags.end()) {
+      options.flags.insert(arg);
+    } else if (arg.rfind("--benchmark_", 0) == 0 || arg.rfind("--v=", 0) == 0) {
+      forBenchmark.push_back(arg);
+    } else if (arg == "--help" || arg == "-h") {
+      usage(argv[0], ownFlags);
+      forBenchmark.push_back("--help");
+    } else {
+      std::fprintf(stderr, "%s: unknown option '%s'\n", argv[0], arg.c_str());
+      usage(argv[0], ownFlags);
+      std::exit(2);
+    }
+  }
+  if (options.smoke) forBenchmark.insert(forBenchmark.begin(), "--benchmark_min_time=0.01");
+
+  // Google Benchmark keeps the program's name for its report: these outlive the call.
+  static std::vector<std::string> storage;
+  static std::vector<char*> arguments;
+  storage = {argv[0]};
+  storage.insert(storage.end(), forBenchmark.begin(), forBenchmark.end());
+  arguments.clear();
+  for (std::string& s : storage) arguments.push_back(s.data());
+  arguments.push_back(nullptr);
+  int count = static_cast<int>(storage.size());
+  benchmark::Initialize(&count, arguments.data());
+  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) std::exit(2);
+  initialised = true;
+  return options;
+}
+
+std::map<std::string, double> runAndCompare(const Options&, const std::vector<Pair>& pairs) {
+  if (!initialised) {
+    std::fprintf(stderr, "Bench::runAndCompare needs Bench::parseOptions first\n");
+    std::exit(2);
+  }
   MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::map<std::string, double> ratios;
@@ -60,6 +113,45 @@ std::map<std::string, double> runAndCompare(int argc, char** argv, const std::ve
   }
   std::fflush(stdout);
   return ratios;
+}
+
+bool Goals::correctness(bool met, const char* text, ...) {
+  std::printf("goal ");
+  va_list arguments;
+  va_start(arguments, text);
+  std::vprintf(text, arguments);
+  va_end(arguments);
+  std::printf(": %s\n", met ? "met" : "MISSED");
+  std::fflush(stdout);
+  ++judged_;
+  if (!met) ++missed_;
+  return met;
+}
+
+bool Goals::speed(bool met, const char* text, ...) {
+  std::printf("goal ");
+  va_list arguments;
+  va_start(arguments, text);
+  std::vprintf(text, arguments);
+  va_end(arguments);
+  if (options_.smoke) {
+    std::printf(": not judged (smoke run)\n");
+    ++unjudged_;
+  } else {
+    std::printf(": %s\n", met ? "met" : "MISSED");
+    ++judged_;
+    if (!met) ++missed_;
+  }
+  std::fflush(stdout);
+  return met;
+}
+
+int Goals::finish() const {
+  std::printf("%s (%d of %d goals met", missed_ == 0 ? "goals met" : "GOAL MISSED", judged_ - missed_, judged_);
+  if (unjudged_ > 0) std::printf(", %d speed goal%s not judged in a smoke run", unjudged_, unjudged_ == 1 ? "" : "s");
+  std::printf(")\n");
+  std::fflush(stdout);
+  return (options_.check || options_.smoke) && missed_ > 0 ? 1 : 0;
 }
 
 }  // namespace Bench

@@ -14,7 +14,9 @@
 // Goals (--check exits with 1 when one is missed): on every non-rigid pair a
 // dense error of at most 0.3 px with grids of 16x9, 32x18 and 64x36; on
 // every rigid pair no grid worse than no grid (by more than 0.001 px); no
-// grid folds over.
+// grid folds over. --smoke takes the first three photographs only (the same
+// six pairs as a full run starts with) and judges as --check does: every
+// goal here is one of accuracy, and holds for each pair.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -28,7 +30,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
-#include "support/scenes.h"
+#include "synthetic/target_scenes.h"
 
 namespace {
 
@@ -41,8 +43,8 @@ constexpr double kRigidSlack = 0.001;  // px a grid may add on a rigid pair
 
 struct Pair {
   std::string name;
-  Testing::Scene scene;
-  Testing::ModuleTruth truth;
+  Synthetic::Scene scene;
+  Synthetic::ModuleTruth truth;
   cv::Mat module;
 };
 
@@ -122,35 +124,42 @@ Run runOurs(const Pair& pair, int columns, int rows) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false;
+  bool check = false, smoke = false;
   for (int i = 1; i < argc; ++i) {
     if (std::string(argv[i]) == "--check") {
       check = true;
+    } else if (std::string(argv[i]) == "--smoke") {
+      smoke = true;
     } else {
-      std::fprintf(stderr, "unknown option '%s' (expected --check)\n", argv[i]);
+      std::fprintf(stderr, "unknown option '%s' (expected --check, --smoke)\n", argv[i]);
       return 2;
     }
   }
+  const std::size_t photographs = smoke ? 3 : 6;
   cv::RNG rng(2025);
   std::vector<Pair> pairs;
   std::uint64_t seed = 100;
   for (const char* name : {"fruits.jpg", "building.jpg", "home.jpg", "baboon.jpg", "graf1.png", "aero1.jpg"}) {
-    const Testing::Scene scene = Testing::makeScene(name, kSize, 0.2);
+    if (pairs.size() >= 2 * photographs) break;
+    const Synthetic::Scene scene = Synthetic::makeScene(name, kSize, 0.2);
     for (const double amplitude : {3.0, 0.0}) {
       Pair p;
       p.name = std::string(name) + (amplitude > 0 ? " bent" : " rigid");
       p.scene = scene;
-      p.truth.homography = Testing::realisticMisalignment(rng, kSize, kSize);
+      p.truth.homography = Synthetic::realisticMisalignment(rng, kSize, kSize);
       p.truth.amplitude = amplitude;
       p.truth.period = 900.0;
-      p.module = Testing::renderModule(scene, p.truth, kSize, rng.uniform(0.85, 1.15), rng.uniform(-10.0, 10.0), 2.0,
+      p.module = Synthetic::renderModule(scene, p.truth, kSize, rng.uniform(0.85, 1.15), rng.uniform(-10.0, 10.0), 2.0,
                                        seed++);
       pairs.push_back(p);
     }
   }
   const std::vector<std::pair<int, int>> sizes = {{0, 0}, {6, 4}, {16, 9}, {32, 18}, {64, 36}};
   std::vector<std::vector<double>> bent(sizes.size()), rigid(sizes.size()), times(sizes.size());
-  bool ok = true;
+  double worstBent = 0.0;     // px, non-rigid pairs, grids of 16x9 and more
+  double rigidExcess = -1e9;  // px, the most a grid added on a rigid pair
+  bool bentMet = true, rigidMet = true;
+  int folds = 0;
   std::printf("%-18s", "pair");
   for (const auto& s : sizes) std::printf(s.first ? "   %2dx%-2d" : "  no grid", s.first, s.second);
   std::printf("   (dense error, px)\n");
@@ -164,9 +173,15 @@ int main(int argc, char** argv) {
       (nonRigid ? bent : rigid)[k].push_back(run.dense);
       times[k].push_back(run.seconds);
       if (k == 0) without = run.dense;
-      ok = ok && run.unfolded;
-      if (nonRigid && sizes[k].first >= 16) ok = ok && run.dense <= kNonRigidGoal;
-      if (!nonRigid && k > 0) ok = ok && run.dense <= without + kRigidSlack;
+      folds += run.unfolded ? 0 : 1;
+      if (nonRigid && sizes[k].first >= 16) {
+        bentMet = bentMet && run.dense <= kNonRigidGoal;
+        worstBent = std::max(worstBent, run.dense);
+      }
+      if (!nonRigid && k > 0) {
+        rigidMet = rigidMet && run.dense <= without + kRigidSlack;
+        rigidExcess = std::max(rigidExcess, run.dense - without);
+      }
     }
     std::printf("\n");
   }
@@ -180,8 +195,17 @@ int main(int argc, char** argv) {
   for (const auto& v : bent) std::printf("  %7.4f", *std::max_element(v.begin(), v.end()));
   std::printf("\nseconds per module ");
   for (const auto& v : times) std::printf("  %7.2f", median(v));
-  std::printf("\n\ngoals: non-rigid <= %.1f px with grids of 16x9 and more, rigid never worse than without a grid "
-              "(+%.3f px), no fold-overs (marked !): %s\n",
-              kNonRigidGoal, kRigidSlack, ok ? "met" : "MISSED");
-  return check && !ok ? 1 : 0;
+  std::printf("\n\n");
+  bool ok = true;
+  const auto goal = [&ok](bool met) {
+    ok = ok && met;
+    return met ? "met" : "MISSED";
+  };
+  std::printf("goal worst non-rigid dense error with grids of 16x9 and more %.4f px, at most %.1f px: %s\n",
+              worstBent, kNonRigidGoal, goal(bentMet));
+  std::printf("goal the most a grid added on a rigid pair %+.4f px, at most +%.3f px: %s\n", rigidExcess,
+              kRigidSlack, goal(rigidMet));
+  std::printf("goal grids folded over (marked !) %d, none: %s\n", folds, goal(folds == 0));
+  std::printf("%s\n", ok ? "goals met" : "GOALS MISSED");
+  return (check || smoke) && !ok ? 1 : 0;
 }

@@ -14,7 +14,9 @@
 // Goals (--check exits with 1 when one is missed): mode 0 at most half the
 // baseline's median time per module, with a median corner error of at most
 // 0.008 px and a worst of at most 0.07 px. Times are medians over the pairs,
-// each pair timed baseline then ours, so both see the same load.
+// each pair timed baseline then ours, so both see the same load. --smoke
+// judges the accuracy goals, not the time (the medians are ones of the whole
+// set, so it runs every pair).
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -30,7 +32,8 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
-#include "support/scenes.h"
+#include "synthetic/corner_error.h"
+#include "synthetic/target_scenes.h"
 
 namespace {
 
@@ -43,8 +46,8 @@ constexpr double kMedianGoal = 0.008;   // px
 constexpr double kWorstGoal = 0.07;     // px
 
 struct Pair {
-  Testing::Scene scene;
-  Testing::ModuleTruth truth;
+  Synthetic::Scene scene;
+  Synthetic::ModuleTruth truth;
   cv::Mat module;
 };
 
@@ -108,15 +111,17 @@ Ours runOurs(const Pair& pair, MatchToTarget::CalibrateMode mode) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false, allModes = false;
+  bool check = false, smoke = false, allModes = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--check") {
       check = true;
+    } else if (arg == "--smoke") {
+      smoke = true;
     } else if (arg == "--all-modes") {
       allModes = true;
     } else {
-      std::fprintf(stderr, "unknown option '%s' (expected --check, --all-modes)\n", arg.c_str());
+      std::fprintf(stderr, "unknown option '%s' (expected --check, --smoke, --all-modes)\n", arg.c_str());
       return 2;
     }
   }
@@ -125,19 +130,19 @@ int main(int argc, char** argv) {
   std::uint64_t seed = 1;
   int nonRigidDraws = 0;
   for (const char* name : {"fruits.jpg", "building.jpg", "home.jpg", "baboon.jpg", "graf1.png", "aero1.jpg"}) {
-    const Testing::Scene scene = Testing::makeScene(name, kSize, 0.2);
+    const Synthetic::Scene scene = Synthetic::makeScene(name, kSize, 0.2);
     for (int k = 0; k < 2; ++k) {
       Pair p;
       p.scene = scene;
-      p.truth.homography = Testing::realisticMisalignment(rng, kSize, kSize);
-      p.module = Testing::renderModule(scene, p.truth, kSize, rng.uniform(0.8, 1.2), rng.uniform(-15.0, 15.0), 2.0,
+      p.truth.homography = Synthetic::realisticMisalignment(rng, kSize, kSize);
+      p.module = Synthetic::renderModule(scene, p.truth, kSize, rng.uniform(0.8, 1.2), rng.uniform(-15.0, 15.0), 2.0,
                                        seed++);
       pairs.push_back(p);
     }
     // The draws of the non-rigid set that used to follow (bench/grid_benchmark.cpp
     // has it now), so that these are the same twelve pairs as before.
     if (nonRigidDraws < 3) {
-      Testing::realisticMisalignment(rng, kSize, kSize, 1.0, 1.0, 0.03);
+      Synthetic::realisticMisalignment(rng, kSize, kSize, 1.0, 1.0, 0.03);
       ++seed;
       ++nonRigidDraws;
     }
@@ -148,18 +153,18 @@ int main(int argc, char** argv) {
     const auto t0 = Clock::now();
     const cv::Matx33d hb = baseline(p.module, p.scene.target);
     timeBase.push_back(seconds(t0, Clock::now()));
-    errBase.push_back(Testing::cornerError(p.truth.homography, hb, kSize));
+    errBase.push_back(Synthetic::cornerError(p.truth.homography, hb, kSize));
     const Ours o0 = runOurs(p, MatchToTarget::kFeatureMatching);
-    err0.push_back(Testing::cornerError(p.truth.homography, o0.found, kSize));
+    err0.push_back(Synthetic::cornerError(p.truth.homography, o0.found, kSize));
     time0.push_back(o0.seconds);
     std::printf("pair %2zu: baseline %.3f px in %4.0f ms, mode 0 %.4f px in %4.0f ms", err0.size(), errBase.back(),
                 1e3 * timeBase.back(), err0.back(), 1e3 * time0.back());
     if (allModes) {
       const Ours o2 = runOurs(p, MatchToTarget::kOpticalFlow);
-      err2.push_back(Testing::cornerError(p.truth.homography, o2.found, kSize));
+      err2.push_back(Synthetic::cornerError(p.truth.homography, o2.found, kSize));
       time2.push_back(o2.seconds);
       const Ours o3 = runOurs(p, MatchToTarget::kIterative);
-      err3.push_back(Testing::cornerError(p.truth.homography, o3.found, kSize));
+      err3.push_back(Synthetic::cornerError(p.truth.homography, o3.found, kSize));
       time3.push_back(o3.seconds);
       std::printf(", mode 2 %.4f px, mode 3 %.4f px", err2.back(), err3.back());
     }
@@ -177,11 +182,17 @@ int main(int argc, char** argv) {
                 worst(err3), 1e3 * median(time3));
   }
   const double ratio = median(time0) / std::max(1e-9, median(timeBase));
-  std::printf("time mode 0 / baseline = %.2f (goal <= %.2f): %s\n", ratio, kTimeGoal, ratio <= kTimeGoal ? "met" : "MISSED");
-  std::printf("accuracy: median %.4f px (goal <= %.3f) %s, worst %.4f px (goal <= %.2f) %s; %.0fx the baseline's\n",
-              median(err0), kMedianGoal, median(err0) <= kMedianGoal ? "met" : "MISSED", worst(err0), kWorstGoal,
-              worst(err0) <= kWorstGoal ? "met" : "MISSED", median(errBase) / std::max(1e-9, median(err0)));
-  const bool ok = ratio <= kTimeGoal && median(err0) <= kMedianGoal && worst(err0) <= kWorstGoal;
+  const bool timeMet = ratio <= kTimeGoal;
+  const bool medianMet = median(err0) <= kMedianGoal, worstMet = worst(err0) <= kWorstGoal;
+  std::printf("goal time mode 0 / baseline %.2f, at most %.2f: %s\n", ratio, kTimeGoal,
+              smoke ? "not judged (smoke run)" : timeMet ? "met" : "MISSED");
+  std::printf("goal corner error median %.4f px, at most %.3f px: %s\n", median(err0), kMedianGoal,
+              medianMet ? "met" : "MISSED");
+  std::printf("goal corner error worst %.4f px, at most %.2f px: %s\n", worst(err0), kWorstGoal,
+              worstMet ? "met" : "MISSED");
+  std::printf("mode 0's median corner error is %.0fx smaller than the baseline's\n",
+              median(errBase) / std::max(1e-9, median(err0)));
+  const bool ok = (smoke || timeMet) && medianMet && worstMet;
   std::printf("%s\n", ok ? "goals met" : "GOALS MISSED");
-  return check && !ok ? 1 : 0;
+  return (check || smoke) && !ok ? 1 : 0;
 }
