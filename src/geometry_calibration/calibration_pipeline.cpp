@@ -117,7 +117,7 @@ SeamResidual measureSeam(const CameraDescription::Orbivane& camera, const Calibr
   const cv::Point2d density(greyA.cols / widthA, greyA.rows / heightA);
   const cv::Size raster(static_cast<int>(std::ceil((right - left) * density.x)),
                         static_cast<int>(std::ceil((bottom - top) * density.y)));
-  if (raster.width < 16 || raster.height < 16 || raster.area() > 64 * 1024 * 1024) return fail("no overlap");
+  if (raster.width < 16 || raster.height < 16 || double(raster.width) * raster.height > 64.0 * 1024 * 1024) return fail("no overlap");
 
   cv::Mat drawnA, maskA, drawnB, maskB;
   drawOnRaster(greyA, ha, cv::Point2d(left, top), density, raster, drawnA, maskA);

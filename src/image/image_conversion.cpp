@@ -159,7 +159,7 @@ Utils::ReturnState<std::shared_ptr<RGBImage>, std::string> loadImage(const std::
     if (std::string(e.what()).find("CV_IO_MAX_IMAGE_PIXELS") != std::string::npos) {
       const cv::Size size = headerSize(path);
       return Utils::failure("cannot read picture '" + path + "': " +
-                            (size.area() > 0 ? "a picture of " + std::to_string(size.width) + " x " +
+                            (size.width > 0 && size.height > 0 ? "a picture of " + std::to_string(size.width) + " x " +
                                                    std::to_string(size.height) + " pixels"
                                              : std::string("the picture")) +
                             " is larger than the " + std::to_string(kLargestPicture) + " pixels a picture may have");
