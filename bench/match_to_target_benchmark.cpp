@@ -139,7 +139,7 @@ int main(int argc, char** argv) {
                                        seed++);
       pairs.push_back(p);
     }
-    // The draws of the non-rigid set that used to follow (bench/grid_benchmark.cpp
+    // The draws of the non-rigid set that used to follow (bench/match_to_target_grid_benchmark.cpp
     // has it now), so that these are the same twelve pairs as before.
     if (nonRigidDraws < 3) {
       Synthetic::realisticMisalignment(rng, kSize, kSize, 1.0, 1.0, 0.03);

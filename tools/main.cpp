@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
     bool known = false;
     std::string names;
     for (const CLI::App* sub : app.get_subcommands({})) {
-      known = known || sub->get_name() == argv[1];
+      known = known || sub->check_name(argv[1]);  // its name or an alias
       names += (names.empty() ? "" : ", ") + sub->get_name();
     }
     if (!known) {

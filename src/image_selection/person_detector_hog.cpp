@@ -7,7 +7,7 @@
 // with boxes of that size score a median of 1.9), so the small boxes must be
 // surer. The picture's left and right sides are continued by their mirror
 // image: half a person at the side plus its mirror looks like a person to
-// HOG. Measured on every tenth frame of vtest.avi (person_detection_benchmark)
+// HOG. Measured on every tenth frame of vtest.avi (person_detector_benchmark)
 // against the search at 750 rows without mirrored sides: walkers of 55..79 px
 // found 124 of 140 (105), of 80 px and more 189 of 196 (189), walkers cut 40 %
 // by a side 224 of 304 (27); 1 of 80 frames with their people painted out

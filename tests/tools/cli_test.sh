@@ -55,6 +55,10 @@ grep -q "cannot be decoded" err.txt || fail "corrupt picture message: $(cat err.
 "$tool" blur "$data/baboon.jpg" --rotation 45 >/dev/null 2>err.txt && fail "45 degrees must fail"
 grep -q "not within 45 degrees of a quarter turn" err.txt || fail "45 degrees message: $(cat err.txt)"
 "$tool" nonsense >/dev/null 2>&1 && fail "an unknown command must fail"
+# The calibrators' own names reach the same commands.
+for alias in auto-clipping:autoclip shader-brute-forcer:shader-search smart-finder-image:find-frames; do
+  "$tool" "${alias%%:*}" --help 2>&1 | grep -q "Usage: .* ${alias##*:} " || fail "${alias%%:*} is ${alias##*:}"
+done
 
 # camera validate
 cp "$data/fruits.jpg" fruits.jpg

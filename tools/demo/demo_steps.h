@@ -1,6 +1,6 @@
-// The demo's calibration steps, one file each (geometry_step.cpp,
-// shader_step.cpp, blur_step.cpp, fisheye_step.cpp, resolution_step.cpp,
-// frames_step.cpp): each runs one calibrator on the synthetic rig (or the
+// The demo's calibration steps, one file each (calibration_pipeline_step.cpp,
+// shader_brute_forcer_step.cpp, estimate_blur_step.cpp, fisheye_calibration_step.cpp, resolution_calibration_step.cpp,
+// smart_finder_image_step.cpp): each runs one calibrator on the synthetic rig (or the
 // simulated camera) with a progress bar, measures its result against the
 // known truth and describes it as a report section.
 #pragma once

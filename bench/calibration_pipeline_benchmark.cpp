@@ -14,7 +14,7 @@
 // matrix (up to the clipping crop), every good module aligned. --check exits
 // with 1 when a goal is missed; the step times are printed, not judged.
 //
-// Usage: pipeline_benchmark [--check] [--smoke] [RUNS [MODULES]]   (default 3
+// Usage: calibration_pipeline_benchmark [--check] [--smoke] [RUNS [MODULES]]   (default 3
 // runs, every rig; MODULES 4, 5 or 6 runs that rig only). --smoke is one run
 // of the four-module rig unless RUNS or MODULES say otherwise, judged as
 // --check judges.

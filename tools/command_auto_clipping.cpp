@@ -250,6 +250,7 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
 void addAutoclipCommand(CLI::App& app) {
   CLI::App* command =
       app.add_subcommand("autoclip", "Find the largest well-covered rectangle of a camera's panorama for clipping");
+  command->alias("auto-clipping");  // the calibrator's own name (AutoClipping)
   static AutoclipOptions o;
   command->add_option("CAMERA", o.camera, "Camera file (JSON)")->required();
   command->add_option("--values", o.values,

@@ -221,6 +221,7 @@ void runFind(const FindOptions& options) {
 void addFindFramesCommand(CLI::App& app) {
   CLI::App* command = app.add_subcommand(
       "find-frames", "Find moments without persons in a camera's recordings and write them as pictures");
+  command->alias("smart-finder-image");  // the calibrator's own name (SmartFinderImage)
   static FindOptions options;
   command->add_option("RECORDINGS", options.recordings, "Recordings index (JSON)")->required();
   command->add_option("--from", options.from, "Start of the time window (ISO-8601 UTC or ms since the epoch)");

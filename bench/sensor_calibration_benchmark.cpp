@@ -18,7 +18,7 @@
 // 150th: that separates the accuracy of the binary rim from the error the
 // sparse sampling adds.
 //
-// Usage: sensor_benchmark [--check] [--smoke] [COUNT [SEED]] (300 pictures,
+// Usage: sensor_calibration_benchmark [--check] [--smoke] [COUNT [SEED]] (300 pictures,
 // seed 20240607; use another seed to check figures on pictures not looked at
 // before). --smoke takes 30 pictures of each kind unless COUNT is given; every
 // goal here is one of accuracy, so it judges them all.

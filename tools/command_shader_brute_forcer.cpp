@@ -235,6 +235,7 @@ void runMerge(const MergeOptions& options) {
 void addShaderSearchCommands(CLI::App& app) {
   CLI::App* search = app.add_subcommand(
       "shader-search", "Search a module's lens distortion parameters and write the ten best camera files");
+  search->alias("shader-brute-forcer");  // the calibrator's own name (ShaderBruteForcer)
   static SearchOptions searchOptions;
   search->add_option("CAMERA", searchOptions.camera, "Camera file (JSON) with the module's picture")->required();
   search->add_option("--module", searchOptions.module, "Module whose shader is searched")->required();
