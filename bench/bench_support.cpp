@@ -1,3 +1,4 @@
+// Running paired benchmarks and judging their goals; see bench_support.h.
 #include "bench_support.h"
 
 #include <unistd.h>

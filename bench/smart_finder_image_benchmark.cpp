@@ -13,7 +13,7 @@
 // Accuracy: 10 s windows every 2.5 s, one sample a second. Truth per frame:
 // free in the painted stretch, not free where a person was put in, and for
 // the real video free when its foreground against the scene's background
-// (person_scene_truth.h, 20 grey levels) has no blob of more than 100 px in
+// (synthetic/walking_video.h, 20 grey levels) has no blob of more than 100 px in
 // the view. For
 // every window that samples a free frame the chosen frame must be free (goal:
 // every one); a window without one should end in a built background.

@@ -1,3 +1,4 @@
+// The Laplacian statistics of the blur score; see laplacian_statistics.h.
 #include "blur_detection/laplacian_statistics.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Corner errors of found placements against the truth; see corner_error.h.
 #include "synthetic/corner_error.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The plain OpenCV reference pipelines; see reference_pipelines.h.
 #include "synthetic/reference_pipelines.h"
 
 #include <stdexcept>

@@ -1,4 +1,4 @@
-// The demo's virtual camera; see demo_scene.h.
+// The synthetic rig; see rig.h.
 #include "synthetic/rig.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The opencv-doc sample data and temporary folders; see sample_data.h.
 #include "synthetic/sample_data.h"
 
 #include <cstdlib>
