@@ -95,6 +95,27 @@ Options parseOptions(int argc, char** argv, const std::vector<std::string>& ownF
   return options;
 }
 
+Options parsePlainOptions(int argc, char** argv, const std::string& usage, std::size_t maxPositional,
+                          const std::vector<std::string>& ownFlags) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--check") {
+      options.check = true;
+    } else if (arg == "--smoke") {
+      options.smoke = true;
+    } else if (std::find(ownFlags.begin(), ownFlags.end(), arg) != ownFlags.end()) {
+      options.flags.insert(arg);
+    } else if (arg.rfind("-", 0) != 0 && options.positional.size() < maxPositional) {
+      options.positional.push_back(arg);
+    } else {
+      std::fprintf(stderr, "usage: %s [--check] [--smoke] %s\n", argv[0], usage.c_str());
+      std::exit(2);
+    }
+  }
+  return options;
+}
+
 std::map<std::string, double> runAndCompare(const Options&, const std::vector<Pair>& pairs) {
   if (!initialised) {
     std::fprintf(stderr, "Bench::runAndCompare needs Bench::parseOptions first\n");

@@ -24,6 +24,7 @@ struct Options {
   bool check = false;
   bool smoke = false;
   std::set<std::string> flags;  // the program's own flags that were given
+  std::vector<std::string> positional;  // plain arguments (parsePlainOptions only)
 
   bool has(const std::string& flag) const { return flags.count(flag) > 0; }
 };
@@ -33,6 +34,12 @@ struct Options {
 // later still wins). An unknown option prints a usage line and exits with 2.
 // `ownFlags` are the program's own flags (e.g. "--no-full-grid").
 Options parseOptions(int argc, char** argv, const std::vector<std::string>& ownFlags = {});
+
+// The same options for a program that does not run Google Benchmark: --check,
+// --smoke, its own flags and up to `maxPositional` plain arguments. Anything
+// else prints "usage: PROGRAM [--check] [--smoke] <usage>" and exits with 2.
+Options parsePlainOptions(int argc, char** argv, const std::string& usage, std::size_t maxPositional = 0,
+                          const std::vector<std::string>& ownFlags = {});
 
 // Runs every registered benchmark (each should ask for repetitions so that a
 // median exists), prints Google Benchmark's table, then one line per pair:

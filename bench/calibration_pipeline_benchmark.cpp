@@ -31,6 +31,7 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry_calibration/calibration_pipeline.h"
 #include "orbivane/image/image_conversion.h"
+#include "bench_support.h"
 
 namespace {
 
@@ -160,21 +161,10 @@ bool runRig(const Rig& rig, const std::string& data, int runs) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false, smoke = false;
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "[RUNS [MODULES]]", 2);
+  const bool check = options.check, smoke = options.smoke;
   std::vector<const char*> positional;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--check") {
-      check = true;
-    } else if (arg == "--smoke") {
-      smoke = true;
-    } else if (arg.rfind("--", 0) == 0 || positional.size() == 2) {
-      std::fprintf(stderr, "usage: %s [--check] [--smoke] [RUNS [MODULES]]\n", argv[0]);
-      return 2;
-    } else {
-      positional.push_back(argv[i]);
-    }
-  }
+  for (const std::string& p : options.positional) positional.push_back(p.c_str());
   const int runs = !positional.empty() ? std::max(1, std::atoi(positional[0])) : smoke ? 1 : 3;
   const std::string data = ORBIVANE_SAMPLE_DATA_DIR;
   std::vector<Rig> rigs(3);

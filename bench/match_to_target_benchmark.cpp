@@ -34,6 +34,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "synthetic/corner_error.h"
 #include "synthetic/target_scenes.h"
+#include "bench_support.h"
 
 namespace {
 
@@ -111,20 +112,8 @@ Ours runOurs(const Pair& pair, MatchToTarget::CalibrateMode mode) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false, smoke = false, allModes = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--check") {
-      check = true;
-    } else if (arg == "--smoke") {
-      smoke = true;
-    } else if (arg == "--all-modes") {
-      allModes = true;
-    } else {
-      std::fprintf(stderr, "unknown option '%s' (expected --check, --smoke, --all-modes)\n", arg.c_str());
-      return 2;
-    }
-  }
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "[--all-modes]", 0, {"--all-modes"});
+  const bool check = options.check, smoke = options.smoke, allModes = options.has("--all-modes");
   cv::RNG rng(2024);
   std::vector<Pair> pairs;
   std::uint64_t seed = 1;

@@ -31,6 +31,7 @@
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/image/image_conversion.h"
 #include "synthetic/target_scenes.h"
+#include "bench_support.h"
 
 namespace {
 
@@ -124,17 +125,8 @@ Run runOurs(const Pair& pair, int columns, int rows) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false, smoke = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::string(argv[i]) == "--check") {
-      check = true;
-    } else if (std::string(argv[i]) == "--smoke") {
-      smoke = true;
-    } else {
-      std::fprintf(stderr, "unknown option '%s' (expected --check, --smoke)\n", argv[i]);
-      return 2;
-    }
-  }
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "");
+  const bool check = options.check, smoke = options.smoke;
   const std::size_t photographs = smoke ? 3 : 6;
   cv::RNG rng(2025);
   std::vector<Pair> pairs;

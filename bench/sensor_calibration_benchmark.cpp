@@ -37,6 +37,7 @@
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 #include "simulated/scene_renderer.h"
 #include "sensor_calibration/fisheye_center_finder.h"
+#include "bench_support.h"
 
 namespace {
 
@@ -85,21 +86,10 @@ struct Quiet {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false, smoke = false;
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "[COUNT [SEED]]", 2);
+  const bool check = options.check, smoke = options.smoke;
   std::vector<const char*> positional;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--check") {
-      check = true;
-    } else if (arg == "--smoke") {
-      smoke = true;
-    } else if (arg.rfind("--", 0) == 0 || positional.size() == 2) {
-      std::fprintf(stderr, "usage: %s [--check] [--smoke] [COUNT [SEED]]\n", argv[0]);
-      return 2;
-    } else {
-      positional.push_back(argv[i]);
-    }
-  }
+  for (const std::string& p : options.positional) positional.push_back(p.c_str());
   const int count = !positional.empty() ? std::max(10, std::atoi(positional[0])) : smoke ? 30 : 300;
   const unsigned long long seed = positional.size() > 1 ? std::strtoull(positional[1], nullptr, 10) : 20240607ULL;
   cv::RNG rng(seed);

@@ -55,6 +55,7 @@
 #include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
 #include "synthetic/sample_data.h"
+#include "bench_support.h"
 
 namespace {
 
@@ -352,21 +353,13 @@ std::pair<double, double> timing() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool check = false, smoke = false;
-  std::string keep;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--check") {
-      check = true;
-    } else if (arg == "--smoke") {
-      smoke = true;
-    } else if (arg == "--keep" && i + 1 < argc && keep.empty()) {
-      keep = argv[++i];
-    } else {
-      std::fprintf(stderr, "usage: %s [--check] [--smoke] | --keep DIR\n", argv[0]);
-      return 2;
-    }
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "| --keep DIR", 1, {"--keep"});
+  const bool check = options.check, smoke = options.smoke;
+  if (options.has("--keep") != (options.positional.size() == 1)) {
+    std::fprintf(stderr, "usage: %s [--check] [--smoke] | --keep DIR\n", argv[0]);
+    return 2;
   }
+  const std::string keep = options.has("--keep") ? options.positional.front() : std::string();
   if (smoke) {
     windowStep = 10000;
     timedRuns = 1;
