@@ -47,6 +47,7 @@
 #include "orbivane/shading/image_shading.h"
 #include "shading/distortion_model.h"
 #include "synthetic/sample_data.h"
+#include "synthetic/lens_shader.h"
 
 namespace {
 
@@ -68,16 +69,6 @@ std::map<std::string, float> truth() {
   return t;
 }
 
-OrbivaneGeometry::Shader lensShader(const std::map<std::string, float>& values) {
-  std::map<std::string, std::string> texts{{"i_ps_distortion_ext_pwp", "2"}, {"i_ps_distortion_ext_method", "0"}};
-  for (const auto& v : values) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%f", double(v.second));
-    texts[v.first] = text;
-  }
-  return OrbivaneGeometry::Shader(ImageSource::kLensDistortionShaderUid, texts);
-}
-
 struct Scene {
   std::shared_ptr<Image::UniversalImageInterface> picture, reference;
   CameraDescription::Orbivane camera;
@@ -96,13 +87,13 @@ const Scene& scene() {
     cv::resize(photo, small, kModule, 0, 0, cv::INTER_CUBIC);
     out.picture = Image::fromMat(small);
     ImageSource::ImageShading shading;
-    shading.SetShader({lensShader(truth())});
+    shading.SetShader({Synthetic::lensShader(truth())});
     out.reference = shading.Apply(Image::fromMat(large), Utils::Size{kReference.width, kReference.height});
     CameraDescription::OrbivaneModule module(L"M");
     auto geometry = std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4());
     geometry->setShaderId(ImageSource::kLensDistortionShaderUid);
     module.setGeometry(std::move(geometry));
-    module.setShaders({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4()), lensShader({})});
+    module.setShaders({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4()), Synthetic::lensShader({})});
     out.camera.addModule(module);
     out.images[L"M"] = out.picture;
     out.images[L"reference"] = out.reference;

@@ -17,26 +17,17 @@
 #include "orbivane/shading/image_shading.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
+#include "synthetic/lens_shader.h"
 
 namespace Tool {
 namespace Demo {
 
 namespace {
 
-OrbivaneGeometry::Shader lensShader(const std::map<std::string, float>& values) {
-  std::map<std::string, std::string> texts{{"i_ps_distortion_ext_pwp", "2"}, {"i_ps_distortion_ext_method", "0"}};
-  for (const auto& v : values) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%f", double(v.second));
-    texts[v.first] = text;
-  }
-  return OrbivaneGeometry::Shader(ImageSource::kLensDistortionShaderUid, texts);
-}
-
 cv::Mat renderThrough(const std::shared_ptr<Image::UniversalImageInterface>& picture,
                       const std::map<std::string, float>& values) {
   ImageSource::ImageShading shading;
-  shading.SetShader({lensShader(values)});
+  shading.SetShader({Synthetic::lensShader(values)});
   return Image::toMat(*shading.Apply(picture, Utils::Size{picture->width(), picture->height()}));
 }
 
@@ -81,7 +72,7 @@ Section runShaderSearch(const StepContext& c) {
   auto geometry = std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity());
   geometry->setShaderId(ImageSource::kLensDistortionShaderUid);
   module.setGeometry(std::move(geometry));
-  module.setShaders({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4::identity()), lensShader({})});
+  module.setShaders({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4::identity()), Synthetic::lensShader({})});
   module.setImage(picture);
   camera.addModule(module);
   ImageMap images{{moduleName, picture}, {L"reference", Image::fromMat(reference)}};
