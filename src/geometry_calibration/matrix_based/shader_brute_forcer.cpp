@@ -1,9 +1,11 @@
 // The exported shader parameter search; the work is done by ShaderSearch.
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 
-#include "geometry_calibration/matrix_based/shader_brute_forcer_search.h"
 #include <cmath>
+#include <set>
+#include <stdexcept>
 
+#include "geometry_calibration/matrix_based/shader_brute_forcer_search.h"
 #include "orbivane/geometry/shader_directories.h"
 
 namespace GeometryCalibration {
@@ -21,7 +23,12 @@ ShaderBruteForcer::ShaderBruteForcer(const CameraDescription::Orbivane& camera,
 ShaderBruteForcer::ShaderBruteForcer(const CameraDescription::Orbivane& camera,
                                      std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images,
                                      ParameterList parameters)
-    : impl_(std::make_unique<Impl>(camera, std::move(images), std::move(parameters))) {}
+{
+  if (const auto valid = validateParameters(parameters); !valid) {
+    throw std::invalid_argument("shader search parameters: " + valid.error());
+  }
+  impl_ = std::make_unique<Impl>(camera, std::move(images), std::move(parameters));
+}
 
 ShaderBruteForcer::~ShaderBruteForcer() = default;
 
@@ -59,6 +66,28 @@ std::vector<float> ShaderBruteForcer::parameterValues(const std::string& name, c
     values.push_back(value);
   }
   return values;
+}
+
+Utils::ReturnState<bool, std::string> ShaderBruteForcer::validateParameters(const ParameterList& parameters) {
+  constexpr double kMostPoints = 1099511627776.0;  // 2^40
+  std::set<std::string> seen;
+  double points = 1.0;
+  for (const auto& [name, range] : parameters) {
+    if (name.empty()) return Utils::failure("a parameter without a name");
+    if (!seen.insert(name).second) return Utils::failure("'" + name + "' is listed twice");
+    if (name != "i_ps_distortion_ext_pwp") {
+      if (!std::isfinite(range.min) || !std::isfinite(range.max)) {
+        return Utils::failure("'" + name + "': min and max must be finite numbers");
+      }
+      if (!std::isfinite(range.step) || !(range.step > 0.0f)) {
+        return Utils::failure("'" + name + "': the step must be a finite number above 0");
+      }
+      if (!(range.min < range.max)) return Utils::failure("'" + name + "': min must be below max (no values)");
+    }
+    points *= double(parameterValues(name, range).size());
+    if (points > kMostPoints) return Utils::failure("more than 2^40 grid points");
+  }
+  return true;
 }
 
 std::uint64_t ShaderBruteForcer::gridSize(const ParameterList& parameters) {

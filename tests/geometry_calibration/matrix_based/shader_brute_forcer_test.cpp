@@ -139,6 +139,42 @@ TEST(ShaderBruteForcerGrid, FixedGridCountsAndRanges) {
   EXPECT_TRUE(ShaderBruteForcer::parameterValues("f_TCorrection_F", {0.6f, 0.5f, 0.1f, 2}).empty());
 }
 
+// A list the search cannot walk is refused by the constructor, naming the
+// entry, instead of searching nothing (or for ever).
+TEST(ShaderBruteForcerGrid, RefusesParameterListsItCannotWalk) {
+  using List = ShaderBruteForcer::ParameterList;
+  const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+  EXPECT_TRUE(ShaderBruteForcer::validateParameters(ShaderBruteForcer::defaultParameterList()));
+  EXPECT_TRUE(ShaderBruteForcer::validateParameters({}));
+  // pwp's values are fixed, so its range is not read
+  EXPECT_TRUE(ShaderBruteForcer::validateParameters(List{{"i_ps_distortion_ext_pwp", {}}}));
+  const std::vector<std::pair<List, std::string>> refused = {
+      {{{"f_TCorrection_F", {0.1f, 0.5f, 0.0f, 2}}}, "'f_TCorrection_F': the step must be a finite number above 0"},
+      {{{"f_TCorrection_F", {0.1f, 0.5f, -0.1f, 2}}}, "the step must be a finite number above 0"},
+      {{{"f_TCorrection_F", {0.1f, 0.5f, nan, 2}}}, "the step must be a finite number above 0"},
+      {{{"f_TCorrection_F", {nan, 0.5f, 0.1f, 2}}}, "min and max must be finite numbers"},
+      {{{"f_TCorrection_F", {0.1f, inf, 0.1f, 2}}}, "min and max must be finite numbers"},
+      {{{"f_TCorrection_F", {0.5f, 0.5f, 0.1f, 2}}}, "min must be below max"},
+      {{{"f_TCorrection_F", {0.1f, 0.5f, 0.1f, 2}}, {"f_TCorrection_F", {0.1f, 0.5f, 0.1f, 2}}}, "listed twice"},
+      {{{"", {0.1f, 0.5f, 0.1f, 2}}}, "without a name"},
+      {{{"a", {0, 1, 1e-4f, 2}}, {"b", {0, 1, 1e-4f, 2}}, {"c", {0, 1, 1e-4f, 2}}, {"d", {0, 1, 0.5f, 2}}},
+       "more than 2^40 grid points"},
+  };
+  CameraDescription::Orbivane camera;
+  for (const auto& [list, words] : refused) {
+    const auto valid = ShaderBruteForcer::validateParameters(list);
+    ASSERT_FALSE(valid) << words;
+    EXPECT_THAT(valid.error(), testing::HasSubstr(words));
+    try {
+      ShaderBruteForcer forcer(camera, {}, list);
+      ADD_FAILURE() << "constructed with: " << words;
+    } catch (const std::invalid_argument& e) {
+      EXPECT_THAT(e.what(), testing::HasSubstr("shader search parameters: "));
+      EXPECT_THAT(e.what(), testing::HasSubstr(words));
+    }
+  }
+}
+
 TEST(ShaderBruteForcerGrid, BestListKeepsTenDistinctErrorsAndTheEarlierOfEqualOnes) {
   // Equal errors in any order keep the lowest grid index; only ten distinct errors stay.
   std::vector<ShaderBruteForcer::Result> results;
@@ -447,12 +483,8 @@ TEST(ShaderBruteForcerSearch, BadInputFailsClearlyOrGivesNothing) {
   }
   {
     auto empty = reducedGrid();
-    std::next(empty.begin(), 2)->second.max = 0.2f;  // below its min
-    ShaderBruteForcer forcer(s.camera, s.images, empty);
-    std::list<CameraDescription::Orbivane> cameras;
-    EXPECT_TRUE(quietSearch(forcer, &cameras).empty());
-    EXPECT_TRUE(cameras.empty());
-    EXPECT_EQ(forcer.evaluationCount(), 0u);
+    std::next(empty.begin(), 2)->second.max = 0.2f;  // below its min: a grid without points
+    EXPECT_THROW(ShaderBruteForcer(s.camera, s.images, empty), std::invalid_argument);
   }
   {
     Images tiny = s.images;

@@ -59,6 +59,7 @@
 #include "orbivane/export.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/return_state.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -85,7 +86,9 @@ class ORBIVANE_EXPORT ShaderBruteForcer {
   // step 0.05, x and y shift -0.3..0.3 step 0.05 (304,200 points).
   ShaderBruteForcer(const CameraDescription::Orbivane& camera,
                     std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images);
-  // Another parameter list (tests, coarse searches).
+  // Another parameter list (tests, coarse searches). Throws
+  // std::invalid_argument with validateParameters' words for a list it
+  // refuses.
   ShaderBruteForcer(const CameraDescription::Orbivane& camera,
                     std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images,
                     ParameterList parameters);
@@ -116,6 +119,11 @@ class ORBIVANE_EXPORT ShaderBruteForcer {
   std::uint64_t evaluationCount() const;
 
   static ParameterList defaultParameterList();
+  // Whether a list can be searched: every name given once and not empty;
+  // for every parameter but i_ps_distortion_ext_pwp (whose values are fixed,
+  // 2..20) finite min and max, a finite step above 0 and at least one value
+  // (min < max); at most 2^40 grid points. The error names the entry.
+  static Utils::ReturnState<bool, std::string> validateParameters(const ParameterList& parameters);
   // The values a list entry takes, in walk order.
   static std::vector<float> parameterValues(const std::string& name, const MinMaxStep& range);
   // Points of the whole grid.
