@@ -5,13 +5,8 @@
 # with no foreground, its picture must equal that frame, and the camera file
 # must load.
 set -u
-tool=$1
-data=$2
-failures=0
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/cli_common.sh"
 
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 cd "$work" || exit 1
 
@@ -159,5 +154,4 @@ grep -q -- "--from expects ISO-8601" err.txt || fail "--from yesterday message: 
 grep -q -- "--to expects ISO-8601" err.txt || fail "--to message: $(cat err.txt)"
 [ -e late ] && fail "a refused run made its output folder"
 
-[ "$failures" -eq 0 ] && echo "find-frames ok"
-exit $((failures > 0))
+finish "find-frames ok"

@@ -6,14 +6,9 @@
 # progress ends at its total; an output path that cannot or must not be
 # written is refused before any work, and nothing is written.
 set -u
-tool=$1
-data=$2
-failures=0
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/cli_common.sh"
 cd "$work" || exit 1
 
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 # Standard output parses as exactly one JSON document.
 one_document() {  # file
@@ -171,8 +166,4 @@ cmp -s cam.json cam-before.json || fail "a refused command changed the camera fi
 cmp -s view1.png view1-before.png || fail "a refused command changed a picture"
 [ ! -e missing ] || fail "a refused command made a folder"
 
-if [ "$failures" -ne 0 ]; then
-  echo "$failures check(s) failed"
-  exit 1
-fi
-echo "all command-line usability checks passed"
+finish "all command-line usability checks passed"

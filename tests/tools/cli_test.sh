@@ -3,14 +3,8 @@
 # against Debian's python3-opencv as an independent oracle, camera files, and
 # what the library does with OrbivaneCalibration.cfg when it is loaded.
 set -u
-tool=$1
-data=$2
-failures=0
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/cli_common.sh"
 
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-expect_eq() { [ "$1" == "$2" ] || fail "$3: got '$1', expected '$2'"; }
 
 oracle_blur() {  # picture, rotation (multiple of 90)
   /usr/bin/python3 - "$1" "$2" <<'PY'
@@ -277,8 +271,4 @@ sys.exit(0 if ok else 1)" "$out" || fail "calibrate reports each step and module
 "$tool" calibrate decoy.json --target T --out decoy.json >/dev/null 2>&1 && fail "calibrate refuses to write over its camera file"
 "$tool" calibrate decoy.json --target T --steps match,warp --out x.json >/dev/null 2>&1 && fail "calibrate refuses an unknown step"
 
-if [ "$failures" -ne 0 ]; then
-  echo "$failures check(s) failed"
-  exit 1
-fi
-echo "all command-line checks passed"
+finish "all command-line checks passed"

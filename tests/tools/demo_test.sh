@@ -5,13 +5,8 @@
 # true camera must give back the scene it was cut from (checked with Debian's
 # python3-opencv).
 set -u
-tool=$1
-data=$2
 source_dir=$3
-failures=0
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+source "$(dirname "$0")/cli_common.sh"
 
 out="$work/demo"
 "$tool" demo --quick --out "$out" --data "$data" >"$work/demo.log" 2>&1
@@ -51,5 +46,4 @@ PY
 # The report in a real browser.
 bash "$source_dir/scripts/check-report.sh" "$out/report.html" "$work/report.png" || fail "report check"
 
-[ "$failures" == 0 ] && echo "demo: all checks passed"
-exit "$failures"
+finish "demo: all checks passed"
