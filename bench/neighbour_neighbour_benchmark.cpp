@@ -31,13 +31,14 @@
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 #include "orbivane/image/image_conversion.h"
+#include "synthetic/fine_scene.h"
 #include "synthetic/sample_data.h"
 
 namespace {
 
 using GeometryCalibration::MatrixBased::TranslationAligner;
 
-constexpr int kFine = 8;
+constexpr int kFine = Synthetic::kFineScale;
 const cv::Size kPicture(320, 240);
 constexpr int kLevels = 4, kIterations = 6;
 constexpr float kStep = 1.0f;
@@ -48,21 +49,10 @@ struct Pair {
 };
 
 cv::Mat noisy(const cv::Mat& picture, double gain, double offset, cv::RNG& rng) {
-  cv::Mat f;
-  picture.convertTo(f, CV_32F, gain, offset);
-  cv::Mat n(picture.size(), f.type());
-  rng.fill(n, cv::RNG::NORMAL, 0.0, 2.0);
-  f += n;
-  cv::Mat out;
-  f.convertTo(out, picture.type());
-  return out;
+  return Synthetic::withGainAndNoise(picture, gain, offset, 2.0, rng);
 }
 
-cv::Mat reduce(const cv::Mat& scene, cv::Point at, cv::Size size) {
-  cv::Mat out;
-  cv::resize(scene(cv::Rect(at.x, at.y, size.width * kFine, size.height * kFine)), out, size, 0, 0, cv::INTER_AREA);
-  return out;
-}
+cv::Mat reduce(const cv::Mat& scene, cv::Point at, cv::Size size) { return Synthetic::cutFine(scene, at, size); }
 
 const std::vector<Pair>& pairs() {
   static const std::vector<Pair> all = [] {

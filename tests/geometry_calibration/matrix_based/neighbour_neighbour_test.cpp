@@ -19,6 +19,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "support/captured_log.h"
 #include "support/matchers.h"
+#include "synthetic/fine_scene.h"
 #include "synthetic/sample_data.h"
 
 namespace {
@@ -27,7 +28,7 @@ using GeometryCalibration::MatrixBased::NeighbourNeighbour;
 using GeometryCalibration::MatrixBased::NeighbourStitcher;
 using Utils::Matrix4x4;
 
-constexpr int kFine = 8;                   // scene pixels per picture pixel
+constexpr int kFine = Synthetic::kFineScale;  // scene pixels per picture pixel
 const cv::Size kPicture(240, 180);          // module pictures
 constexpr double kWidth = 0.25;             // surface width of a module
 constexpr double kHeight = 0.75;            // surface height of a module
@@ -53,17 +54,7 @@ const cv::Mat& scene() {
 // The picture whose pixel (0, 0) is at scene pixel `at`: exact reduction of
 // the scene block there, then gain, offset and noise.
 cv::Mat cutPicture(cv::Point at, double gain, double offset, cv::RNG& rng) {
-  cv::Mat reduced;
-  cv::resize(scene()(cv::Rect(at.x, at.y, kPicture.width * kFine, kPicture.height * kFine)), reduced, kPicture, 0, 0,
-             cv::INTER_AREA);
-  cv::Mat f;
-  reduced.convertTo(f, CV_32FC3, gain, offset);
-  cv::Mat noise(kPicture, CV_32FC3);
-  rng.fill(noise, cv::RNG::NORMAL, 0.0, 2.0);
-  f += noise;
-  cv::Mat out;
-  f.convertTo(out, CV_8UC3);
-  return out;
+  return Synthetic::withGainAndNoise(Synthetic::cutFine(scene(), at, kPicture), gain, offset, 2.0, rng);
 }
 
 Matrix4x4 placement(double left, double top) {

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
+#include "synthetic/fine_scene.h"
 #include "synthetic/sample_data.h"
 
 namespace {
@@ -20,32 +21,16 @@ using GeometryCalibration::MatrixBased::comparisonRectangle;
 using GeometryCalibration::MatrixBased::pyramidDepth;
 using GeometryCalibration::MatrixBased::TranslationAligner;
 
-// A scene sampled 8 times finer than the pictures cut from it: a picture whose
-// pixel (0, 0) is scene pixel (X, Y) is the INTER_AREA reduction of the
-// scene's 8W x 8H block there, so moving the block by k scene pixels moves
-// the picture by exactly k / 8 pixels.
-constexpr int kFine = 8;
+constexpr int kFine = Synthetic::kFineScale;
 
 cv::Mat greyScene(const std::string& sample, cv::Size pictureArea) {
   cv::Mat grey;
   cv::cvtColor(Synthetic::loadSample(sample), grey, cv::COLOR_BGR2GRAY);
-  const double up = std::max(double(kFine) * pictureArea.width / grey.cols, double(kFine) * pictureArea.height / grey.rows);
-  cv::Mat scene;
-  cv::resize(grey, scene, cv::Size(), up, up, cv::INTER_CUBIC);
-  return scene;
+  return Synthetic::fineScene(grey, pictureArea);
 }
 
 cv::Mat cut(const cv::Mat& scene, int x, int y, cv::Size size, double gain, double offset, double noise, cv::RNG& rng) {
-  cv::Mat reduced;
-  cv::resize(scene(cv::Rect(x, y, size.width * kFine, size.height * kFine)), reduced, size, 0, 0, cv::INTER_AREA);
-  cv::Mat f;
-  reduced.convertTo(f, CV_32F, gain, offset);
-  cv::Mat n(size, CV_32F);
-  rng.fill(n, cv::RNG::NORMAL, 0.0, noise);
-  f += n;
-  cv::Mat out;
-  f.convertTo(out, CV_8U);
-  return out;
+  return Synthetic::withGainAndNoise(Synthetic::cutFine(scene, {x, y}, size), gain, offset, noise, rng);
 }
 
 }  // namespace
