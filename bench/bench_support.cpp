@@ -138,25 +138,25 @@ std::map<std::string, double> runAndCompare(const Options&, const std::vector<Pa
 }
 
 bool Goals::correctness(bool met, const char* text, ...) {
-  std::printf("goal ");
   va_list arguments;
   va_start(arguments, text);
-  std::vprintf(text, arguments);
+  judge(met, false, text, arguments);
   va_end(arguments);
-  std::printf(": %s\n", met ? "met" : "MISSED");
-  std::fflush(stdout);
-  ++judged_;
-  if (!met) ++missed_;
   return met;
 }
 
 bool Goals::speed(bool met, const char* text, ...) {
-  std::printf("goal ");
   va_list arguments;
   va_start(arguments, text);
-  std::vprintf(text, arguments);
+  judge(met, true, text, arguments);
   va_end(arguments);
-  if (options_.smoke) {
+  return met;
+}
+
+void Goals::judge(bool met, bool speed, const char* text, va_list arguments) {
+  std::printf("goal ");
+  std::vprintf(text, arguments);
+  if (speed && options_.smoke) {
     std::printf(": not judged (smoke run)\n");
     ++unjudged_;
   } else {
@@ -165,7 +165,6 @@ bool Goals::speed(bool met, const char* text, ...) {
     if (!met) ++missed_;
   }
   std::fflush(stdout);
-  return met;
 }
 
 int Goals::finish() const {

@@ -3,6 +3,7 @@
 // program takes, and its goals with their verdicts.
 #pragma once
 
+#include <cstdarg>
 #include <map>
 #include <set>
 #include <string>
@@ -75,6 +76,9 @@ class Goals {
   int finish() const;
 
  private:
+  // Prints the goal's line and counts it; a speed goal in a smoke run is not judged.
+  void judge(bool met, bool speed, const char* text, va_list arguments);
+
   Options options_;
   int judged_ = 0, missed_ = 0, unjudged_ = 0;
 };

@@ -87,15 +87,8 @@ struct Ours {
 };
 
 Ours runOurs(const Pair& pair, MatchToTarget::CalibrateMode mode) {
-  CameraDescription::Orbivane camera;
-  for (const wchar_t* name : {L"T", L"m"}) {
-    CameraDescription::OrbivaneModule module(name);
-    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
-    camera.addModule(module);
-  }
-  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images = {
-      {L"T", Image::fromMat(pair.scene.target)}, {L"m", Image::fromMat(pair.module)}};
-  MatchToTarget calibrator(camera, images);
+  const Synthetic::PairCamera start = Synthetic::pairCamera(pair.scene.target, pair.module);
+  MatchToTarget calibrator(start.camera, start.images);
   calibrator.setCalibrationMode(mode);
   calibrator.setM2bMaxIteration(3);
   const auto t0 = Clock::now();

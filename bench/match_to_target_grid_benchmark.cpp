@@ -62,32 +62,9 @@ double median(std::vector<double> v) {
   return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
 }
 
-// Every cell of the grid keeps its orientation.
-bool unfolded(const Utils::UVGrid& grid) {
-  for (int j = 0; j < grid.rows(); ++j)
-    for (int i = 0; i < grid.columns(); ++i) {
-      const Utils::UVGrid::UVPoint c[4] = {grid.point(i, j), grid.point(i + 1, j), grid.point(i + 1, j + 1),
-                                           grid.point(i, j + 1)};
-      for (int k = 0; k < 4; ++k) {
-        const auto& p = c[k];
-        const auto& q = c[(k + 1) % 4];
-        const auto& r = c[(k + 2) % 4];
-        if (!((q.u - p.u) * (r.v - q.v) - (q.v - p.v) * (r.u - q.u) > 0.0f)) return false;
-      }
-    }
-  return true;
-}
-
 Run runOurs(const Pair& pair, int columns, int rows) {
-  CameraDescription::Orbivane camera;
-  for (const wchar_t* name : {L"T", L"m"}) {
-    CameraDescription::OrbivaneModule module(name);
-    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
-    camera.addModule(module);
-  }
-  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images = {
-      {L"T", Image::fromMat(pair.scene.target)}, {L"m", Image::fromMat(pair.module)}};
-  MatchToTarget calibrator(camera, images);
+  const Synthetic::PairCamera start = Synthetic::pairCamera(pair.scene.target, pair.module);
+  MatchToTarget calibrator(start.camera, start.images);
   calibrator.setCalibrationMode(MatchToTarget::kFeatureMatching);
   if (columns > 0) {
     calibrator.setGridEnabled(true);
@@ -98,27 +75,8 @@ Run runOurs(const Pair& pair, int columns, int rows) {
   Run run;
   run.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
   const auto* geometry = result.findModule(L"m")->matrixGeometry();
-  const cv::Matx33d h = OrbivaneGeometry::textureToPixels(kSize.width, kSize.height) *
-                        OrbivaneGeometry::planarHomography(geometry->matrix()) *
-                        OrbivaneGeometry::pixelsToTexture(kSize.width, kSize.height);
-  double sum = 0.0;
-  int n = 0;
-  for (int j = 1; j < 32; ++j)
-    for (int i = 1; i < 32; ++i) {
-      const double qx = i / 32.0, qy = j / 32.0;
-      double u = qx, v = qy;
-      if (geometry->uvGrid()) {
-        const auto t = geometry->uvGrid()->sample(float(qx), float(qy));
-        u = t.u;
-        v = t.v;
-      }
-      const cv::Vec3d drawn = h * cv::Vec3d(qx * kSize.width, qy * kSize.height, 1.0);
-      const cv::Point2d truth = pair.truth.map(cv::Point2d(u * kSize.width, v * kSize.height));
-      sum += cv::norm(truth - cv::Point2d(drawn[0] / drawn[2], drawn[1] / drawn[2]));
-      ++n;
-    }
-  run.dense = sum / n;
-  if (geometry->uvGrid()) run.unfolded = unfolded(*geometry->uvGrid());
+  run.dense = Synthetic::denseError(pair.truth, *geometry, kSize, 32);
+  if (geometry->uvGrid()) run.unfolded = Synthetic::gridUnfolded(*geometry->uvGrid());
   return run;
 }
 

@@ -7,6 +7,9 @@
 #include <opencv2/imgproc.hpp>
 
 #include "synthetic/sample_data.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
 
 namespace Synthetic {
 namespace {
@@ -84,6 +87,54 @@ cv::Matx33d realisticMisalignment(cv::RNG& rng, cv::Size moduleSize, cv::Size ta
   const cv::Matx33d similar(scale * c, -scale * s + shear, 0, scale * s, scale * c, 0, px, py, 1);
   const cv::Matx33d h = back * similar * centre * place;
   return h * (1.0 / h(2, 2));
+}
+
+PairCamera pairCamera(const cv::Mat& target, const cv::Mat& module) {
+  PairCamera pair;
+  for (const wchar_t* name : {L"T", L"m"}) {
+    CameraDescription::OrbivaneModule m(name);
+    m.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
+    pair.camera.addModule(m);
+  }
+  pair.images = {{L"T", Image::fromMat(target)}, {L"m", Image::fromMat(module)}};
+  return pair;
+}
+
+double denseError(const ModuleTruth& truth, const OrbivaneGeometry::MatrixGeometry& geometry, cv::Size size,
+                  int samples, cv::Rect2d area) {
+  const cv::Matx33d h = OrbivaneGeometry::textureToPixels(size.width, size.height) *
+                        OrbivaneGeometry::planarHomography(geometry.matrix()) *
+                        OrbivaneGeometry::pixelsToTexture(size.width, size.height);
+  double sum = 0.0;
+  int n = 0;
+  for (int j = 1; j < samples; ++j)
+    for (int i = 1; i < samples; ++i) {
+      const cv::Point2d q(double(i) / samples, double(j) / samples);
+      if (!area.contains(q)) continue;
+      cv::Point2d t = q;
+      if (geometry.uvGrid()) {
+        const auto uv = geometry.uvGrid()->sample(float(q.x), float(q.y));
+        t = cv::Point2d(uv.u, uv.v);
+      }
+      const cv::Vec3d drawn = h * cv::Vec3d(q.x * size.width, q.y * size.height, 1.0);
+      sum += cv::norm(truth.map(cv::Point2d(t.x * size.width, t.y * size.height)) -
+                      cv::Point2d(drawn[0] / drawn[2], drawn[1] / drawn[2]));
+      ++n;
+    }
+  return sum / std::max(n, 1);
+}
+
+bool gridUnfolded(const Utils::UVGrid& grid) {
+  for (int j = 0; j < grid.rows(); ++j)
+    for (int i = 0; i < grid.columns(); ++i) {
+      const Utils::UVGrid::UVPoint c[4] = {grid.point(i, j), grid.point(i + 1, j), grid.point(i + 1, j + 1),
+                                           grid.point(i, j + 1)};
+      for (int k = 0; k < 4; ++k) {
+        const auto &a = c[k], &b = c[(k + 1) % 4], &d = c[(k + 2) % 4];
+        if (!((b.u - a.u) * (d.v - b.v) - (b.v - a.v) * (d.u - b.u) > 0.0f)) return false;
+      }
+    }
+  return true;
 }
 
 }  // namespace Synthetic

@@ -5,9 +5,16 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
 
 #include <opencv2/core.hpp>
+
+#include "orbivane/camera/orbivane.h"
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/image/universal_image_interface.h"
+#include "orbivane/utils/uv_grid.h"
 
 namespace Synthetic {
 
@@ -41,5 +48,26 @@ cv::Mat renderModule(const Scene& scene, const ModuleTruth& truth, cv::Size size
 // (of `targetSize`) around the identity placement of the two pictures.
 cv::Matx33d realisticMisalignment(cv::RNG& rng, cv::Size moduleSize, cv::Size targetSize, double degrees = 3.0,
                                   double percent = 3.0, double shift = 0.1);
+
+// A camera of a target "T" and a module "m", both with the identity matrix,
+// and their pictures: what a matching run on one pair starts from (the
+// module's true placement is then the pair's homography between pixels).
+struct PairCamera {
+  CameraDescription::Orbivane camera;
+  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
+};
+PairCamera pairCamera(const cv::Mat& target, const cv::Mat& module);
+
+// How far a module's placement (matrix and UV grid) draws its pixels from
+// where `truth` puts them: the mean distance in target pixels over a
+// samples x samples lattice of module positions (i / samples, j / samples,
+// 0 < i, j < samples) inside `area` (unit square). Module and target
+// pictures are both of `size`.
+double denseError(const ModuleTruth& truth, const OrbivaneGeometry::MatrixGeometry& geometry, cv::Size size,
+                  int samples = 40, cv::Rect2d area = cv::Rect2d(0, 0, 1, 1));
+
+// Whether every cell of a UV grid keeps its corners counter-clockwise in
+// (u, v) (no fold-over).
+bool gridUnfolded(const Utils::UVGrid& grid);
 
 }  // namespace Synthetic

@@ -63,44 +63,8 @@ CameraDescription::Orbivane calibrated(const Pair& p, int columns, int rows) {
   return calibrator.calibrate({L"m"}, L"T");
 }
 
-// Mean distance, over module positions within `area` (unit square), between
-// where the camera draws the module pixel its grid names there and where the
-// truth puts that pixel.
 double denseError(const Pair& p, const CameraDescription::Orbivane& camera, cv::Rect2d area = cv::Rect2d(0, 0, 1, 1)) {
-  const auto* geometry = camera.findModule(L"m")->matrixGeometry();
-  const cv::Matx33d h = OrbivaneGeometry::textureToPixels(kSize.width, kSize.height) *
-                        OrbivaneGeometry::planarHomography(geometry->matrix()) *
-                        OrbivaneGeometry::pixelsToTexture(kSize.width, kSize.height);
-  double sum = 0.0;
-  int n = 0;
-  for (int j = 1; j < 40; ++j)
-    for (int i = 1; i < 40; ++i) {
-      const cv::Point2d q(i / 40.0, j / 40.0);
-      if (!area.contains(q)) continue;
-      cv::Point2d t = q;
-      if (geometry->uvGrid()) {
-        const auto uv = geometry->uvGrid()->sample(float(q.x), float(q.y));
-        t = cv::Point2d(uv.u, uv.v);
-      }
-      const cv::Vec3d drawn = h * cv::Vec3d(q.x * kSize.width, q.y * kSize.height, 1.0);
-      sum += cv::norm(p.truth.map(cv::Point2d(t.x * kSize.width, t.y * kSize.height)) -
-                      cv::Point2d(drawn[0] / drawn[2], drawn[1] / drawn[2]));
-      ++n;
-    }
-  return sum / std::max(n, 1);
-}
-
-bool unfolded(const Utils::UVGrid& grid) {
-  for (int j = 0; j < grid.rows(); ++j)
-    for (int i = 0; i < grid.columns(); ++i) {
-      const Utils::UVGrid::UVPoint c[4] = {grid.point(i, j), grid.point(i + 1, j), grid.point(i + 1, j + 1),
-                                           grid.point(i, j + 1)};
-      for (int k = 0; k < 4; ++k) {
-        const auto &a = c[k], &b = c[(k + 1) % 4], &d = c[(k + 2) % 4];
-        if (!((b.u - a.u) * (d.v - b.v) - (b.v - a.v) * (d.u - b.u) > 0.0f)) return false;
-      }
-    }
-  return true;
+  return Synthetic::denseError(p.truth, *camera.findModule(L"m")->matrixGeometry(), kSize, 40, area);
 }
 
 // Normalised correlation of the target and the module drawn alone on a
@@ -134,7 +98,7 @@ TEST(GridEstimator, HoldsASmoothNonRigidWarpAndThePanoramaDrawsIt) {
   const auto* geometry = gridded.findModule(L"m")->matrixGeometry();
   ASSERT_TRUE(geometry->uvGrid().has_value());
   EXPECT_FALSE(geometry->uvGrid()->isRegular(1e-4f));
-  EXPECT_TRUE(unfolded(*geometry->uvGrid()));
+  EXPECT_TRUE(Synthetic::gridUnfolded(*geometry->uvGrid()));
   const double without = denseError(p, plain), with = denseError(p, gridded);
   EXPECT_GT(without, 1.5);
   EXPECT_LT(with, 0.3);
@@ -151,7 +115,7 @@ TEST(GridEstimator, GridsUpToFineSizesStayUnfoldedAndAccurate) {
     const auto& grid = camera.findModule(L"m")->matrixGeometry()->uvGrid();
     ASSERT_TRUE(grid.has_value());
     EXPECT_EQ(grid->columns(), size.first);
-    EXPECT_TRUE(unfolded(*grid)) << size.first << "x" << size.second;
+    EXPECT_TRUE(Synthetic::gridUnfolded(*grid)) << size.first << "x" << size.second;
     EXPECT_LT(denseError(p, camera), size.first >= 32 ? 0.2 : 0.3) << size.first << "x" << size.second;
   }
 }
@@ -175,7 +139,7 @@ TEST(GridEstimator, TexturelessCellsFollowTheirNeighbours) {
   const auto gridded = calibrated(p, 16, 9);
   const auto& grid = gridded.findModule(L"m")->matrixGeometry()->uvGrid();
   ASSERT_TRUE(grid.has_value());
-  EXPECT_TRUE(unfolded(*grid));
+  EXPECT_TRUE(Synthetic::gridUnfolded(*grid));
   // Inside the block (in module positions, where the target shows it) the
   // grid has nothing to measure: its points there continue the field around.
   const cv::Rect2d area(double(flat.x + 20) / kSize.width, double(flat.y + 20) / kSize.height,
