@@ -43,6 +43,11 @@ using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInter
 std::shared_ptr<Image::UniversalImageInterface> pictureFromArray(const py::handle& object, const std::string& what);
 // The pictures of a dict {module name: array}.
 Images picturesFromDict(const py::dict& pictures);
+// The pictures the camera's modules carry (no Python object touched: may run
+// without the GIL).
+Images modulePictures(const CameraDescription::Orbivane& camera);
+// A calibrator's pictures: the dict's, or for None the modules' own.
+Images picturesOf(const CameraDescription::Orbivane& camera, const py::object& pictures);
 // An array of a picture: the very array it was made from, else a read-only
 // view of the library's BGR pixels (no copy), else a BGR copy. None for null.
 py::object arrayFromPicture(const std::shared_ptr<Image::UniversalImageInterface>& picture);

@@ -481,9 +481,7 @@ void registerAutoClipping(py::module_& m) {
 double matchToTargetSeconds(const Orbivane& camera, const std::vector<std::string>& modules, const std::string& target) {
   py::gil_scoped_release release;
   const auto started = std::chrono::steady_clock::now();
-  Images images;
-  for (const auto& module : camera.modules())
-    if (module->image()) images[module->name()] = module->image();
+  const Images images = modulePictures(camera);
   MatchToTarget matcher(camera, images);
   matcher.registerStatusCallback([](int, int, std::string, GeometryCalibration::AdvStepInfo) {});
   const Orbivane result = matcher.calibrate(wideList(modules), wide(target));

@@ -156,6 +156,17 @@ Images picturesFromDict(const py::dict& pictures) {
   return images;
 }
 
+Images modulePictures(const CameraDescription::Orbivane& camera) {
+  Images images;
+  for (const auto& module : camera.modules())
+    if (module->image()) images[module->name()] = module->image();
+  return images;
+}
+
+Images picturesOf(const CameraDescription::Orbivane& camera, const py::object& pictures) {
+  return pictures.is_none() ? modulePictures(camera) : picturesFromDict(pictures.cast<py::dict>());
+}
+
 py::array arrayFromMat(const cv::Mat& mat) {
   if (mat.empty()) return py::array_t<std::uint8_t>(std::vector<py::ssize_t>{0, 0});
   auto* kept = new cv::Mat(mat);

@@ -19,14 +19,7 @@ using GeometryCalibration::PipelineOptions;
 
 struct PyPipeline {
   PyPipeline(const Orbivane& camera, const py::object& pictures) {
-    CalibrationPipeline::Images images;
-    if (pictures.is_none()) {
-      for (const auto& module : camera.modules())
-        if (module->image()) images[module->name()] = module->image();
-    } else {
-      images = picturesFromDict(pictures.cast<py::dict>());
-    }
-    impl = std::make_unique<CalibrationPipeline>(camera, std::move(images));
+    impl = std::make_unique<CalibrationPipeline>(camera, picturesOf(camera, pictures));
     impl->registerStatusCallback(relay.callback());
   }
   std::unique_ptr<CalibrationPipeline> impl;
@@ -159,13 +152,7 @@ void registerPipeline(py::module_& m) {
       .def_static(
           "measure_seams",
           [](const Orbivane& camera, const py::object& pictures, const std::vector<std::string>& chain) {
-            CalibrationPipeline::Images images;
-            if (pictures.is_none()) {
-              for (const auto& module : camera.modules())
-                if (module->image()) images[module->name()] = module->image();
-            } else {
-              images = picturesFromDict(pictures.cast<py::dict>());
-            }
+            const CalibrationPipeline::Images images = picturesOf(camera, pictures);
             std::vector<GeometryCalibration::SeamResidual> seams;
             {
               py::gil_scoped_release release;
