@@ -54,6 +54,20 @@ void usage(const char* program, const std::vector<std::string>& ownFlags) {
   std::fprintf(stderr, " [--benchmark_...]\n");
 }
 
+// --check, --smoke and the program's own flags, which every benchmark takes.
+bool takeShared(const std::string& arg, const std::vector<std::string>& ownFlags, Options& options) {
+  if (arg == "--check") {
+    options.check = true;
+  } else if (arg == "--smoke") {
+    options.smoke = true;
+  } else if (std::find(ownFlags.begin(), ownFlags.end(), arg) != ownFlags.end()) {
+    options.flags.insert(arg);
+  } else {
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 Options parseOptions(int argc, char** argv, const std::vector<std::string>& ownFlags) {
@@ -61,13 +75,8 @@ Options parseOptions(int argc, char** argv, const std::vector<std::string>& ownF
   std::vector<std::string> forBenchmark;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--check") {
-      options.check = true;
-    } else if (arg == "--smoke") {
-      options.smoke = true;
-    } else if (std::find(ownFlags.begin(), ownFlags.end(), arg) != ownFlags.end()) {
-      options.flags.insert(arg);
-    } else if (arg.rfind("--benchmark_", 0) == 0 || arg.rfind("--v=", 0) == 0) {
+    if (takeShared(arg, ownFlags, options)) continue;
+    if (arg.rfind("--benchmark_", 0) == 0 || arg.rfind("--v=", 0) == 0) {
       forBenchmark.push_back(arg);
     } else if (arg == "--help" || arg == "-h") {
       usage(argv[0], ownFlags);
@@ -100,13 +109,8 @@ Options parsePlainOptions(int argc, char** argv, const std::string& usage, std::
   Options options;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--check") {
-      options.check = true;
-    } else if (arg == "--smoke") {
-      options.smoke = true;
-    } else if (std::find(ownFlags.begin(), ownFlags.end(), arg) != ownFlags.end()) {
-      options.flags.insert(arg);
-    } else if (arg.rfind("-", 0) != 0 && options.positional.size() < maxPositional) {
+    if (takeShared(arg, ownFlags, options)) continue;
+    if (arg.rfind("-", 0) != 0 && options.positional.size() < maxPositional) {
       options.positional.push_back(arg);
     } else {
       std::fprintf(stderr, "usage: %s [--check] [--smoke] %s\n", argv[0], usage.c_str());
