@@ -54,6 +54,7 @@
 #include "orbivane/recordings/recording_image_source.h"
 #include "orbivane/recordings/recordings_index.h"
 #include "orbivane/utils/wide_text.h"
+#include "synthetic/connections.h"
 #include "synthetic/sample_data.h"
 #include "bench_support.h"
 
@@ -129,11 +130,7 @@ struct Rig {
     if (!Quarn::saveRecordingsIndex(recordings, index)) throw std::runtime_error("cannot write the index");
     for (const auto& m : modules) {
       CameraDescription::OrbivaneModule module(Utils::fromUtf8(m.name));
-      Quarn::QuarnConnection c;
-      c.backend = "simulated";
-      c.address = index;
-      c.device = m.name;
-      module.setConnection(c);
+      module.setConnection(Synthetic::recordingsConnection(index, m.name));
       camera.addModule(module);
     }
   }
