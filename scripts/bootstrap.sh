@@ -15,6 +15,7 @@ packages=(
   opencv-doc opencv-data python3-opencv python3-numpy
   chromium fonts-dejavu-core
   clang libclang-rt-14-dev
+  libceres-dev hugin-tools
   pybind11-dev python3-dev python3-pytest python3-distributed
 )
 

@@ -14,12 +14,15 @@
 #include <set>
 
 #include "command_line.h"
+#include "interrupt_watch.h"
+#include "progress.h"
 #include "json_output.h"
 #include "orbivane/camera/camera_file.h"
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/shader_directories.h"
 #include "orbivane/geometry/surface_projection.h"
+#include "orbivane/geometry_calibration/rig_estimator.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/camera/final_matrix.h"
 #include "orbivane/utils/wide_text.h"
@@ -166,6 +169,10 @@ struct InitOptions {
   std::string out, layout = "row", target;
   std::vector<std::string> names;
   double overlap = 0.2;
+  // A layout (--layout or --overlap given) places the pictures side by side
+  // as told; otherwise the rig is estimated from the pictures.
+  bool layoutGiven = false;
+  std::string projection = "auto";
   bool json = false;
 };
 
@@ -186,6 +193,173 @@ std::pair<int, int> parseLayout(const std::string& layout, std::size_t count) {
   throw CommandError("--layout is 'row' or 'grid:COLSxROWS' (e.g. grid:3x2), not '" + layout + "'");
 }
 
+// The pictures, all read first (a picture that cannot be read stops
+// everything before anything is written), and their module names: --names,
+// or the pictures' file names (a second picture of the same name gets "-2",
+// and so on).
+struct InitInputs {
+  std::vector<std::shared_ptr<Image::RGBImage>> pictures;
+  std::vector<std::string> names;
+  std::shared_ptr<Image::RGBImage> target;
+};
+
+InitInputs readInitInputs(const InitOptions& o) {
+  InitInputs in;
+  for (const auto& p : o.pictures) {
+    auto image = Image::loadImage(p);
+    if (!image) throw CommandError(image.error());
+    in.pictures.push_back(image.value());
+  }
+  std::set<std::string> used;
+  for (std::size_t i = 0; i < o.pictures.size(); ++i) {
+    const std::string base = o.names.empty() ? fs::path(o.pictures[i]).stem().string() : o.names[i];
+    if (base.empty()) throw CommandError("picture '" + o.pictures[i] + "' gives an empty module name; use --names");
+    std::string name = base;
+    if (!o.names.empty() && used.count(name) != 0) throw CommandError("--names gives the name '" + name + "' twice");
+    for (int k = 2; used.count(name) != 0; ++k) name = base + "-" + std::to_string(k);
+    used.insert(name);
+    in.names.push_back(name);
+  }
+  if (!o.target.empty()) {
+    if (used.count("target") != 0) throw CommandError("a picture is already named 'target'; rename it with --names");
+    auto image = Image::loadImage(o.target);
+    if (!image) throw CommandError(image.error());
+    in.target = image.value();
+  }
+  return in;
+}
+
+// The pictures side by side: cols x rows cells that overlap by `overlap` of a
+// cell; each cell spans 1 / (n - (n - 1) overlap) of the surface's side.
+CameraDescription::Orbivane layoutCamera(const InitOptions& o, const InitInputs& in, int cols, int rows) {
+  const double cellWidth = 1.0 / (cols - (cols - 1) * o.overlap);
+  const double cellHeight = 1.0 / (rows - (rows - 1) * o.overlap);
+  CameraDescription::Orbivane camera;
+  // The panorama as large as the pictures make it (the first picture's size per cell).
+  const int pw = in.pictures.front()->width(), ph = in.pictures.front()->height();
+  camera.setPanoramaSize({std::max(1, int(std::lround(pw / cellWidth))), std::max(1, int(std::lround(ph / cellHeight)))});
+  for (std::size_t i = 0; i < in.pictures.size(); ++i) {
+    const int c = int(i) % cols, r = int(i) / cols;
+    Utils::Matrix4x4 m;
+    m.set(0, 0, float(cellWidth));
+    m.set(0, 3, float(c * cellWidth * (1.0 - o.overlap)));
+    m.set(1, 1, float(cellHeight));
+    m.set(1, 3, float(r * cellHeight * (1.0 - o.overlap)));
+    CameraDescription::OrbivaneModule module(Utils::fromUtf8(in.names[i]));
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(m));
+    module.setImage(in.pictures[i]);
+    if (rows == 1) {
+      module.setLinkage(std::make_unique<CameraDescription::OrbivaneLinkage>(
+          i > 0 ? Utils::fromUtf8(in.names[i - 1]) : std::wstring(),
+          i + 1 < in.names.size() ? Utils::fromUtf8(in.names[i + 1]) : std::wstring(), float(o.overlap)));
+    }
+    camera.addModule(module);
+  }
+  if (rows == 1) {
+    auto& modules = camera.modules();
+    for (std::size_t i = 0; i + 1 < modules.size(); ++i) modules[i]->setNeighbour(modules[i + 1]);
+  }
+  return camera;
+}
+
+std::string fixedText(double value, int digits) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*f", digits, value);
+  return text;
+}
+
+// The rig estimated from the pictures (GeometryCalibration::RigEstimator);
+// modules it cannot place are put beside the panorama and named. Prints the
+// rig and fills `document`.
+CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in, json& document) {
+  CameraDescription::Orbivane camera;
+  for (std::size_t i = 0; i < in.pictures.size(); ++i) {
+    CameraDescription::OrbivaneModule module(Utils::fromUtf8(in.names[i]));
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
+    module.setImage(in.pictures[i]);
+    camera.addModule(module);
+  }
+  GeometryCalibration::RigEstimator estimator(camera, {});
+  GeometryCalibration::RigOptions options;
+  options.projection = o.projection;
+  if (const auto valid = estimator.setOptions(options); !valid) throw CommandError(valid.error());
+  Progress progress("rig estimation");
+  estimator.registerStatusCallback(progress.callback());
+  Utils::ReturnState<CameraDescription::Orbivane, std::string> estimated = Utils::failure(std::string("not run"));
+  bool interrupted = false;
+  {
+    const InterruptWatch watch([&estimator] { estimator.abort(); });
+    estimated = estimator.estimate();
+    interrupted = watch.interrupted();
+  }
+  progress.finish(!interrupted && bool(estimated));
+  if (interrupted) {
+    exitStatus() = kExitInterrupted;
+    throw CommandError("interrupted: nothing written");
+  }
+  if (!estimated) {
+    throw CommandError("the rig cannot be estimated from these pictures: " + estimated.error() +
+                       " (place them yourself with --layout and --overlap)");
+  }
+  camera = estimated.value();
+  const GeometryCalibration::RigReport& r = estimator.report();
+  std::cout << "rig: " << r.projection << " projection, " << fixedText(r.fieldOfViewX, 1) << " x "
+            << fixedText(r.fieldOfViewY, 1) << " degrees" << (r.fullRing ? " (a full ring)" : "") << ", panorama "
+            << r.panoramaWidth << "x" << r.panoramaHeight << ", matched features within " << fixedText(r.medianPx, 2)
+            << " px (median), " << fixedText(r.p90Px, 2) << " px (90 %), " << fixedText(r.seconds, 1) << " s\n";
+  json modules = json::array();
+  const Utils::Size panorama = camera.panoramaSize();
+  int unplaced = 0;
+  for (std::size_t i = 0; i < in.names.size(); ++i) {
+    const std::wstring name = Utils::fromUtf8(in.names[i]);
+    const auto it = r.modules.find(name);
+    const GeometryCalibration::RigModuleReport m = it == r.modules.end() ? GeometryCalibration::RigModuleReport() : it->second;
+    json entry = {{"name", in.names[i]}, {"placed", m.placed}};
+    if (m.placed) {
+      std::cout << "  " << in.names[i] << ": yaw " << fixedText(m.yaw, 1) << ", pitch " << fixedText(m.pitch, 1)
+                << ", roll " << fixedText(m.roll, 1) << " deg; focal " << fixedText(m.focalPx, 1) << " px, k1 "
+                << fixedText(m.k1, 4) << ", k2 " << fixedText(m.k2, 4) << "; gain " << fixedText(m.exposureGain, 3)
+                << "; grid " << m.gridColumns << "x" << m.gridRows << " (within " << fixedText(m.gridErrorPx, 3)
+                << " px); residual " << fixedText(m.residualPx, 2) << " px\n";
+      entry.update({{"yaw", m.yaw}, {"pitch", m.pitch}, {"roll", m.roll}, {"focalPx", m.focalPx}, {"k1", m.k1},
+                    {"k2", m.k2}, {"exposureGain", m.exposureGain}, {"grid", {m.gridColumns, m.gridRows}},
+                    {"gridErrorPx", m.gridErrorPx}, {"residualPx", m.residualPx}});
+    } else {
+      // Beside the panorama, at the rig's scale: drawn nowhere until placed.
+      ++unplaced;
+      const auto module = camera.findModule(name);
+      const double w = double(in.pictures[i]->width()) / std::max(1, panorama.width);
+      const double h = double(in.pictures[i]->height()) / std::max(1, panorama.height);
+      Utils::Matrix4x4 matrix;
+      matrix.set(0, 0, float(w));
+      matrix.set(1, 1, float(h));
+      matrix.set(0, 3, float(1.0 + (unplaced - 1) * w * 1.05 + 0.05 * w));
+      module->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+      std::cerr << "orbivane-calibrate: module " << in.names[i] << " not placed: " << m.reason
+                << "; it is put beside the panorama\n";
+      entry["reason"] = m.reason;
+    }
+    modules.push_back(entry);
+  }
+  json pairs = json::array();
+  for (const auto& p : r.pairs) {
+    std::cout << "  " << Utils::toUtf8(p.first) << " - " << Utils::toUtf8(p.second) << ": " << p.matches
+              << " matches within " << fixedText(p.medianPx, 2) << " px (median), " << fixedText(p.p90Px, 2)
+              << " px (90 %)";
+    if (std::isfinite(p.exposureEv)) std::cout << "; exposure differs by " << fixedText(p.exposureEv, 3) << " EV";
+    std::cout << "\n";
+    json pair = {{"first", Utils::toUtf8(p.first)}, {"second", Utils::toUtf8(p.second)}, {"matches", p.matches},
+                 {"confidence", p.confidence}, {"medianPx", p.medianPx}, {"p90Px", p.p90Px}};
+    pair["exposureEv"] = std::isfinite(p.exposureEv) ? json(p.exposureEv) : json(nullptr);
+    pairs.push_back(pair);
+  }
+  document["rig"] = {{"projection", r.projection}, {"fieldOfView", {r.fieldOfViewX, r.fieldOfViewY}},
+                     {"fullRing", r.fullRing}, {"medianPx", r.medianPx}, {"p90Px", r.p90Px},
+                     {"seconds", r.seconds}, {"modules", modules}, {"pairs", pairs}};
+  if (unplaced > 0) exitStatus() = kExitFailedModules;
+  return camera;
+}
+
 void init(const InitOptions& o) {
   JsonOutput output(o.json);
   if (o.pictures.empty()) throw CommandError("camera init needs at least one picture");
@@ -194,86 +368,60 @@ void init(const InitOptions& o) {
     throw CommandError("--names gives " + std::to_string(o.names.size()) + " name(s) for " +
                        std::to_string(o.pictures.size()) + " picture(s)");
   }
+  if (o.layoutGiven && o.projection != "auto") throw CommandError("--projection applies to an estimated rig, not to --layout");
+  if (const auto valid = [&] {
+        GeometryCalibration::RigOptions r;
+        r.projection = o.projection;
+        return r.validate();
+      }();
+      !valid) {
+    throw CommandError("--projection: " + valid.error());
+  }
   std::vector<std::string> inputs = o.pictures;
   if (!o.target.empty()) inputs.push_back(o.target);
   checkOutputFile(o.out, inputs, "--out");
   const auto [cols, rows] = parseLayout(o.layout, o.pictures.size());
+  const bool estimate = !o.layoutGiven && o.pictures.size() >= 2;
 
-  // The pictures, all read first: a picture that cannot be read stops
-  // everything before anything is written.
-  std::vector<std::shared_ptr<Image::RGBImage>> pictures;
-  for (const auto& p : o.pictures) {
-    auto image = Image::loadImage(p);
-    if (!image) throw CommandError(image.error());
-    pictures.push_back(image.value());
-  }
-  // Module names: --names, or the pictures' file names (a second picture of
-  // the same name gets "-2", and so on).
-  std::set<std::string> used;
-  std::vector<std::string> names;
-  for (std::size_t i = 0; i < o.pictures.size(); ++i) {
-    const std::string base = o.names.empty() ? fs::path(o.pictures[i]).stem().string() : o.names[i];
-    if (base.empty()) throw CommandError("picture '" + o.pictures[i] + "' gives an empty module name; use --names");
-    std::string name = base;
-    if (!o.names.empty() && used.count(name) != 0) throw CommandError("--names gives the name '" + name + "' twice");
-    for (int k = 2; used.count(name) != 0; ++k) name = base + "-" + std::to_string(k);
-    used.insert(name);
-    names.push_back(name);
-  }
-  if (!o.target.empty() && used.count("target") != 0) throw CommandError("a picture is already named 'target'; rename it with --names");
-
-  // The surface: cols x rows cells that overlap by `overlap` of a cell; each
-  // cell spans 1 / (n - (n - 1) overlap) of the surface's side.
-  const double cellWidth = 1.0 / (cols - (cols - 1) * o.overlap);
-  const double cellHeight = 1.0 / (rows - (rows - 1) * o.overlap);
-  CameraDescription::Orbivane camera;
+  const InitInputs in = readInitInputs(o);
+  json document = {{"camera", o.out}};
+  CameraDescription::Orbivane camera = estimate ? rigCamera(o, in, document) : layoutCamera(o, in, cols, rows);
   camera.setName(Utils::fromUtf8(fs::path(o.out).stem().string()));
-  // The panorama as large as the pictures make it (the first picture's size per cell).
-  const int pw = pictures.front()->width(), ph = pictures.front()->height();
-  camera.setPanoramaSize({std::max(1, int(std::lround(pw / cellWidth))), std::max(1, int(std::lround(ph / cellHeight)))});
-  for (std::size_t i = 0; i < pictures.size(); ++i) {
-    const int c = int(i) % cols, r = int(i) / cols;
+  if (in.target) {
+    // The whole scene as its own module, with its own aspect ratio: as wide as
+    // the panorama, centred on it.
+    const Utils::Size pano = camera.panoramaSize();
+    const double height = pano.empty() ? 1.0
+                                       : double(in.target->height()) / in.target->width() * pano.width / pano.height;
     Utils::Matrix4x4 m;
-    m.set(0, 0, float(cellWidth));
-    m.set(0, 3, float(c * cellWidth * (1.0 - o.overlap)));
-    m.set(1, 1, float(cellHeight));
-    m.set(1, 3, float(r * cellHeight * (1.0 - o.overlap)));
-    CameraDescription::OrbivaneModule module(Utils::fromUtf8(names[i]));
-    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(m));
-    module.setImage(pictures[i]);
-    if (rows == 1) {
-      module.setLinkage(std::make_unique<CameraDescription::OrbivaneLinkage>(
-          i > 0 ? Utils::fromUtf8(names[i - 1]) : std::wstring(),
-          i + 1 < names.size() ? Utils::fromUtf8(names[i + 1]) : std::wstring(), float(o.overlap)));
-    }
-    camera.addModule(module);
-  }
-  if (rows == 1) {
-    auto& modules = camera.modules();
-    for (std::size_t i = 0; i + 1 < modules.size(); ++i) modules[i]->setNeighbour(modules[i + 1]);
-  }
-  if (!o.target.empty()) {
-    auto image = Image::loadImage(o.target);
-    if (!image) throw CommandError(image.error());
+    m.set(1, 1, float(height));
+    m.set(1, 3, float(0.5 - 0.5 * height));
     CameraDescription::OrbivaneModule target(L"target");
-    target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
-    target.setImage(image.value());
+    target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(m));
+    target.setImage(in.target);
     camera.addModule(target);
   }
   const auto saved = CameraDescription::saveCameraFile(camera, o.out);
   if (!saved) throw CommandError(saved.error());
-  std::cout << "wrote " << o.out << ": " << pictures.size() << " module(s) in " << cols << "x" << rows
-            << " with an overlap of " << o.overlap << (o.target.empty() ? "" : ", and the target module 'target'")
-            << "; panorama " << camera.panoramaSize().width << "x" << camera.panoramaSize().height << std::endl;
+  std::cout << "wrote " << o.out << ": " << in.pictures.size() << " module(s)";
+  if (estimate) {
+    std::cout << " placed as the pictures show them";
+  } else {
+    std::cout << " in " << cols << "x" << rows << " with an overlap of " << o.overlap;
+  }
+  std::cout << (o.target.empty() ? "" : ", and the target module 'target'") << "; panorama "
+            << camera.panoramaSize().width << "x" << camera.panoramaSize().height << std::endl;
   json modules = json::array();
   for (const auto& module : camera.modules()) {
     const auto quad = OrbivaneGeometry::moduleSurfaceQuad(module->matrixGeometry()->matrix());
-    modules.push_back({{"name", Utils::toUtf8(module->name())},
-                       {"covers", {quad->left(), quad->top(), quad->right(), quad->bottom()}}});
+    json entry = {{"name", Utils::toUtf8(module->name())}};
+    entry["covers"] = quad ? json({quad->left(), quad->top(), quad->right(), quad->bottom()}) : json(nullptr);
+    modules.push_back(entry);
   }
-  output.print({{"camera", o.out},
-                {"modules", modules},
-                {"panoramaSize", {camera.panoramaSize().width, camera.panoramaSize().height}}});
+  document["modules"] = modules;
+  document["panoramaSize"] = {camera.panoramaSize().width, camera.panoramaSize().height};
+  document["placement"] = estimate ? "estimated" : "layout";
+  output.print(document);
 }
 
 // --- camera remove-module ----------------------------------------------------
@@ -333,17 +481,24 @@ void addCameraCommands(CLI::App& app) {
 
   CLI::App* initCommand = camera->add_subcommand("init", "Start a camera file from pictures");
   static InitOptions initOptions;
-  initCommand->add_option("PICTURE", initOptions.pictures, "Module pictures, left to right (top to bottom)")
+  initCommand->add_option("PICTURE", initOptions.pictures, "Module pictures (with --layout: left to right, top to bottom)")
       ->required();
   initCommand->add_option("--out", initOptions.out, "Camera file to write")->required();
-  initCommand->add_option("--layout", initOptions.layout, "row, or grid:COLSxROWS")->capture_default_str();
-  initCommand->add_option("--overlap", initOptions.overlap, "Share of a picture that neighbours overlap (0..1)")
+  auto* layoutOption = initCommand->add_option(
+      "--layout", initOptions.layout, "Place the pictures side by side instead of estimating the rig: row, or grid:COLSxROWS");
+  auto* overlapOption = initCommand->add_option(
+      "--overlap", initOptions.overlap, "With a layout: share of a picture that neighbours overlap (0..1, default 0.2)");
+  initCommand->add_option("--projection", initOptions.projection,
+                          "Panorama projection of the estimated rig: auto, plane, cylindrical or spherical")
       ->capture_default_str();
   initCommand->add_option("--target", initOptions.target, "A picture of the whole scene: a target module 'target'");
   initCommand->add_option("--names", initOptions.names, "Module names, separated by commas (default: file names)")
       ->delimiter(',');
   initCommand->add_flag("--json", initOptions.json, "Print the modules and their places as one JSON object");
-  initCommand->callback([] { init(initOptions); });
+  initCommand->callback([layoutOption, overlapOption] {
+    initOptions.layoutGiven = layoutOption->count() > 0 || overlapOption->count() > 0;
+    init(initOptions);
+  });
 
   CLI::App* removeCommand = camera->add_subcommand("remove-module", "Write a camera file without one module");
   static std::string removePath, removeName, removeOut;

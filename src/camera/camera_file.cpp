@@ -28,6 +28,8 @@ namespace fs = std::filesystem;
 
 const char kFormat[] = "orbivane-camera";
 const int kVersion = 1;
+// The largest exposure gain a camera file may hold (a factor on 0..255 values).
+constexpr double kLargestExposureGain = 16.0;
 
 // Thrown inside the parser; carries the JSON path of the offending value.
 struct FileError : std::runtime_error {
@@ -225,7 +227,7 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
   for (std::size_t i = 0; i < modules.size(); ++i) {
     const std::string where = "/modules/" + std::to_string(i);
     const json& m = modules[i];
-    allowOnly(m, where, {"name", "image", "rotation", "channel", "fisheye", "fisheyeThreshold", "neighbour", "linkage",
+    allowOnly(m, where, {"name", "image", "exposureGain", "rotation", "channel", "fisheye", "fisheyeThreshold", "neighbour", "linkage",
                          "geometry", "shaders", "connection"});
     const std::string name = asString(requiredKey(m, where, "name"), where + "/name");
     if (name.empty()) throw FileError(where + "/name", "a module name must not be empty");
@@ -236,6 +238,14 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
     }
     if (const json* v = optionalKey(m, "channel")) {
       module.setChannel(static_cast<std::int32_t>(asInteger(*v, where + "/channel", 0, 1 << 30)));
+    }
+    if (const json* v = optionalKey(m, "exposureGain")) {
+      const double gain = asNumber(*v, where + "/exposureGain");
+      if (!(gain > 0.0 && gain <= kLargestExposureGain)) {
+        throw FileError(where + "/exposureGain", "expected a gain above 0 and at most " +
+                                                     std::to_string(int(kLargestExposureGain)) + ", got " + v->dump());
+      }
+      module.setExposureGain(gain);
     }
     if (const json* v = optionalKey(m, "fisheye")) module.setFisheye(asBool(*v, where + "/fisheye"));
     if (const json* v = optionalKey(m, "fisheyeThreshold")) {
@@ -518,6 +528,7 @@ std::string cameraToJson(const Orbivane& camera, const std::string& baseDirector
       const fs::path relative = image.lexically_relative(base);
       m["image"] = relative.empty() ? image.string() : relative.string();
     }
+    if (module->exposureGain() != 1.0) m["exposureGain"] = module->exposureGain();
     if (module->geometry()) m["geometry"] = geometryToJson(*module->geometry());
     if (!module->shaders().empty()) {
       ordered shaders = ordered::array();

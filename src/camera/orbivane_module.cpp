@@ -35,6 +35,7 @@ void OrbivaneModule::copyFrom(const OrbivaneModule& other) {
   content_.shaders = other.content_.shaders;
   content_.image = other.content_.image;
   content_.imagePath = other.content_.imagePath;
+  content_.exposureGain = other.content_.exposureGain;
   channel_ = other.channel_;
   neighbour_ = other.neighbour_;
   connection_ = other.connection_;

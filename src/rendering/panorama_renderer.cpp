@@ -16,6 +16,7 @@
 #include "orbivane/shading/image_shading.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/rendering/module_drawing.h"
 #include "orbivane/camera/final_matrix.h"
 #include "orbivane/utils/wide_text.h"
 #include "shading/shader_renderer.h"
@@ -50,93 +51,32 @@ cv::Scalar moduleColour(std::size_t index) {
   return colours[index % (sizeof colours / sizeof colours[0])];
 }
 
-// Renders one module into its box; false (with a reason) when it cannot be drawn.
+// Draws one module into its box and weighs its pixels; false (with a
+// reason) when it cannot be drawn.
 bool renderModule(const CameraDescription::OrbivaneModule& module, cv::Size panorama, double feather,
                   ModuleTile& tile, std::string& reason) {
-  const auto image = module.image();
-  if (!image || image->empty()) {
-    reason = "has no picture";
+  auto drawn = drawModule(module, panorama);
+  if (!drawn) {
+    reason = drawn.error();
     return false;
   }
-  const OrbivaneGeometry::MatrixGeometry* geometry = module.matrixGeometry();
-  if (geometry == nullptr) {
-    reason = "has no matrix geometry";
-    return false;
-  }
-  const auto final = CameraDescription::finalMatrix(module);
-  if (!final) {
-    reason = "has no usable matrix (clip-matrix values unreadable or not finite)";
-    return false;
-  }
-  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(*final);
-  const cv::Matx33d h = OrbivaneGeometry::planarHomography(*final);
-  if (!quad || !(std::fabs(cv::determinant(h)) > 1e-15)) {
-    reason = "does not project onto the surface (singular matrix or a corner behind the horizon)";
-    return false;
-  }
-  double left = 1e300, top = 1e300, right = -1e300, bottom = -1e300;
-  for (const auto& p : quad->corners) {
-    const double x = double(p.x) * panorama.width, y = double(p.y) * panorama.height;
-    tile.outline.emplace_back(float(x), float(y));
-    left = std::min(left, x);
-    right = std::max(right, x);
-    top = std::min(top, y);
-    bottom = std::max(bottom, y);
-  }
-  const int x0 = int(std::max(0.0, std::floor(left))), y0 = int(std::max(0.0, std::floor(top)));
-  const int x1 = int(std::min(double(panorama.width), std::ceil(right) + 1.0));
-  const int y1 = int(std::min(double(panorama.height), std::ceil(bottom) + 1.0));
-  if (x1 <= x0 || y1 <= y0) {
-    reason = "lies outside the panorama";
-    return false;
-  }
-  tile.box = cv::Rect(x0, y0, x1 - x0, y1 - y0);
-
-  ImageSource::ShaderRenderer renderer;
-  try {
-    renderer.setShaders(module.shaders());
-  } catch (const std::exception& e) {
-    reason = std::string("has unreadable shader values: ") + e.what();
-    return false;
-  }
-  if (geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
-  renderer.setHomography(h);
-  renderer.setFrame(cv::Rect2d(double(x0) / panorama.width, double(y0) / panorama.height,
-                               double(tile.box.width) / panorama.width, double(tile.box.height) / panorama.height));
-
-  const cv::Mat picture = Image::toMat(*image);
-  cv::Mat mapX, mapY;
-  renderer.pictureMaps(picture.size(), tile.box.size(), mapX, mapY);
-
-  // A panorama much smaller than the picture reads an area-reduced copy, so it does not alias.
-  const double pixelsPerPicturePixel =
-      std::min(double(tile.box.width) / picture.cols, double(tile.box.height) / picture.rows);
-  const int factor = std::max(1, int(std::floor(1.0 / std::max(pixelsPerPicturePixel, 1e-9))));
-  cv::Mat source = picture;
-  cv::Mat sourceX = mapX, sourceY = mapY;
-  if (factor > 1) {
-    const cv::Size reduced(picture.cols / factor, picture.rows / factor);
-    cv::resize(picture(cv::Rect(0, 0, reduced.width * factor, reduced.height * factor)), source, reduced, 0, 0,
-               cv::INTER_AREA);
-    const double shift = 0.5 * (factor - 1);
-    sourceX = (mapX - shift) / factor;
-    sourceY = (mapY - shift) / factor;
-  }
-  cv::Mat colour8;
-  cv::remap(source, colour8, sourceX, sourceY, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
-  colour8.convertTo(tile.colour, CV_32FC3);
+  ModuleDrawing& d = drawn.value();
+  tile.box = d.box;
+  tile.colour = d.colour;
+  tile.outline = d.outline;
 
   // Weight from how far inside the picture each pixel reads.
-  const float w = float(picture.cols), hgt = float(picture.rows);
+  const float w = float(d.picture.width), hgt = float(d.picture.height);
   const float ramp = float(feather) * std::min(w, hgt);
   tile.weight = cv::Mat::zeros(tile.box.size(), CV_32FC1);
   for (int y = 0; y < tile.box.height; ++y) {
-    const float* mx = mapX.ptr<float>(y);
-    const float* my = mapY.ptr<float>(y);
+    const float* mx = d.mapX.ptr<float>(y);
+    const float* my = d.mapY.ptr<float>(y);
+    const std::uint8_t* in = d.inside.ptr<std::uint8_t>(y);
     float* out = tile.weight.ptr<float>(y);
     for (int x = 0; x < tile.box.width; ++x) {
+      if (in[x] == 0) continue;
       const float inside = std::min(std::min(mx[x] + 0.5f, w - 0.5f - mx[x]), std::min(my[x] + 0.5f, hgt - 0.5f - my[x]));
-      if (!(inside > 0.0f)) continue;
       out[x] = ramp > 0.0f ? std::max(kMinimumWeight, std::min(1.0f, inside / ramp)) : 1.0f;
     }
   }

@@ -56,6 +56,11 @@ class ORBIVANE_EXPORT OrbivaneModule {
 
   const std::shared_ptr<Image::UniversalImageInterface>& image() const { return content_.image; }
   void setImage(std::shared_ptr<Image::UniversalImageInterface> image) { content_.image = std::move(image); }
+  // The exposure gain a viewer applies to the picture: each colour value
+  // (0..255) is multiplied by it before the modules are blended, and the
+  // result clipped to 255. 1 leaves the picture as it is.
+  double exposureGain() const { return content_.exposureGain; }
+  void setExposureGain(double gain) { content_.exposureGain = gain; }
   // Where the picture came from (a file path, empty if unknown).
   const std::string& imagePath() const { return content_.imagePath; }
   void setImagePath(std::string path) { content_.imagePath = std::move(path); }
@@ -90,6 +95,7 @@ class ORBIVANE_EXPORT OrbivaneModule {
     std::list<OrbivaneGeometry::Shader> shaders;
     std::shared_ptr<Image::UniversalImageInterface> image;
     std::string imagePath;
+    double exposureGain = 1.0;
   };
 
   void copyFrom(const OrbivaneModule& other);

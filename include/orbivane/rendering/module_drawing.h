@@ -1,0 +1,40 @@
+// One module drawn alone over (a part of) the panorama, exactly as the
+// viewing client draws it: through its final matrix (module matrix x clip
+// matrix), its UV grid and its lens distortion shader
+// (orbivane/shading/image_shading.h), its picture's colours multiplied by the
+// module's exposure gain. The panorama renderer blends these drawings; the
+// calibrators that judge seams, exposure and coverage measure on them, so
+// they see what a viewer shows.
+//
+// Pixel (X, Y) of a W x H panorama shows surface point (X / W, Y / H).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <opencv2/core/mat.hpp>
+
+#include "orbivane/camera/orbivane_module.h"
+#include "orbivane/export.h"
+#include "orbivane/utils/return_state.h"
+
+namespace OrbivaneRendering {
+
+struct ModuleDrawing {
+  cv::Rect box;       // panorama pixels drawn: the module's footprint box within the region asked for
+  cv::Mat colour;     // CV_32FC3 over the box (BGR, 0..255 times the gain); 0 where the module shows nothing
+  cv::Mat mapX, mapY; // CV_32FC1 over the box: where each pixel reads the picture, in picture pixels
+  cv::Mat inside;     // CV_8UC1 over the box: 255 where the pixel reads the picture (within half a pixel of it)
+  cv::Size picture;   // the picture's size
+  std::vector<cv::Point2f> outline;  // the module's unit square on the panorama, pixels
+};
+
+// Fails, with the reason, for a module without picture, matrix geometry or
+// readable shader values, one that does not project (singular matrix, a
+// corner behind the horizon), and one whose footprint misses `region`
+// (empty region: the whole panorama). Pixels at the picture's very edge read
+// the edge itself, never the black beyond it.
+ORBIVANE_EXPORT Utils::ReturnState<ModuleDrawing, std::string> drawModule(
+    const CameraDescription::OrbivaneModule& module, cv::Size panorama, cv::Rect region = cv::Rect());
+
+}  // namespace OrbivaneRendering

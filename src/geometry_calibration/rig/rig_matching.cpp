@@ -1,0 +1,184 @@
+// Features and pairwise matches of the rig's pictures (see rig_matching.h).
+#include "geometry_calibration/rig/rig_matching.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/stitching/detail/autocalib.hpp>
+
+#include <opencv2/features2d.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace GeometryCalibration {
+namespace Rig {
+namespace {
+
+// Ratio test of the matcher: a match is kept when its distance is below
+// (1 - kMatchConfidence) of the second best's.
+constexpr float kMatchConfidence = 0.25f;
+constexpr std::size_t kFewestMatches = 8;
+// The rotation RANSAC of a pair: pixels a match may lie off the turn (lens
+// distortion and near objects seen from a moving camera move points some
+// pixels), iterations, and the fewest agreeing matches for a pair at all.
+constexpr double kTurnTolerance = 10.0;
+constexpr int kTurnIterations = 500;
+constexpr int kFewestTurnInliers = 8;
+
+// Where a picture shows something: not black in every channel, a few pixels
+// in from such regions (features at their edge describe the edge).
+cv::Mat contentMask(const cv::Mat& picture) {
+  cv::Mat grey;
+  if (picture.channels() == 1) {
+    grey = picture;
+  } else {
+    cv::Mat channelMax;
+    std::vector<cv::Mat> channels;
+    cv::split(picture, channels);
+    channelMax = channels[0].clone();
+    for (std::size_t c = 1; c < channels.size(); ++c) cv::max(channelMax, channels[c], channelMax);
+    grey = channelMax;
+  }
+  cv::Mat mask = grey > 0;
+  if (cv::countNonZero(mask) == mask.rows * mask.cols) return cv::Mat();
+  cv::erode(mask, mask, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(9, 9)));
+  return mask;
+}
+
+// Rays of a pair's matches: points from the pictures' middles, at focal f.
+void raysOf(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, const cv::detail::MatchesInfo& p,
+            double focal, std::vector<cv::Vec3d>& from, std::vector<cv::Vec3d>& to) {
+  for (const auto& m : p.matches) {
+    const cv::Point2f pa = a.keypoints[std::size_t(m.queryIdx)].pt;
+    const cv::Point2f pb = b.keypoints[std::size_t(m.trainIdx)].pt;
+    from.push_back(cv::normalize(cv::Vec3d(pa.x - 0.5 * a.img_size.width, pa.y - 0.5 * a.img_size.height, focal)));
+    to.push_back(cv::normalize(cv::Vec3d(pb.x - 0.5 * b.img_size.width, pb.y - 0.5 * b.img_size.height, focal)));
+  }
+}
+
+// The rotation that best takes rays `from` to `to` (Kabsch), over `use`.
+cv::Matx33d bestRotation(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to,
+                         const std::vector<int>& use) {
+  cv::Matx33d covariance = cv::Matx33d::zeros();
+  for (const int k : use) covariance += to[std::size_t(k)] * from[std::size_t(k)].t();
+  cv::SVD svd(cv::Mat(covariance), cv::SVD::FULL_UV);
+  cv::Mat r = svd.u * svd.vt;
+  if (cv::determinant(r) < 0) {
+    cv::Mat flip = cv::Mat::eye(3, 3, CV_64F);
+    flip.at<double>(2, 2) = -1.0;
+    r = svd.u * flip * svd.vt;
+  }
+  return cv::Matx33d(r);
+}
+
+// Matches whose ray, turned by `r`, lands within the tolerance of its partner
+// (distance in pixels at focal f).
+std::vector<int> turnInliers(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to,
+                             const cv::Matx33d& r, double focal) {
+  std::vector<int> in;
+  for (std::size_t k = 0; k < from.size(); ++k) {
+    const cv::Vec3d t = r * from[k];
+    if (!(t[2] > 1e-6) || !(to[k][2] > 1e-6)) continue;
+    const double dx = focal * (t[0] / t[2] - to[k][0] / to[k][2]), dy = focal * (t[1] / t[2] - to[k][1] / to[k][2]);
+    if (dx * dx + dy * dy < kTurnTolerance * kTurnTolerance) in.push_back(int(k));
+  }
+  return in;
+}
+
+// Chooses a pair's agreeing matches by RANSAC on a rotation (see matchPairs).
+void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,
+             cv::detail::MatchesInfo& p) {
+  p.H.release();
+  p.inliers_mask.assign(p.matches.size(), 0);
+  p.num_inliers = 0;
+  if (p.matches.size() < kFewestMatches || !(focal > 0.0)) return;
+  std::vector<cv::Vec3d> from, to;
+  raysOf(a, b, p, focal, from, to);
+  cv::RNG rng(0x5eed + std::uint64_t(p.src_img_idx) * 1000 + std::uint64_t(p.dst_img_idx));
+  std::vector<int> best;
+  const int n = int(from.size());
+  for (int iteration = 0; iteration < kTurnIterations; ++iteration) {
+    const int i = rng.uniform(0, n), j = rng.uniform(0, n);
+    if (i == j || std::fabs(from[std::size_t(i)].dot(from[std::size_t(j)])) > 0.99999) continue;
+    const std::vector<int> in = turnInliers(from, to, bestRotation(from, to, {i, j}), focal);
+    if (in.size() > best.size()) best = in;
+  }
+  if (int(best.size()) < kFewestTurnInliers) return;
+  // Refined on its inliers, twice.
+  for (int round = 0; round < 2; ++round) best = turnInliers(from, to, bestRotation(from, to, best), focal);
+  if (int(best.size()) < kFewestTurnInliers) return;
+  const cv::Matx33d r = bestRotation(from, to, best);
+  const cv::Matx33d K(focal, 0, 0, 0, focal, 0, 0, 0, 1);
+  p.H = cv::Mat(K * r * K.inv());
+  for (const int k : best) p.inliers_mask[std::size_t(k)] = 1;
+  p.num_inliers = int(best.size());
+}
+
+}  // namespace
+
+std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
+                                                    const std::atomic<bool>& abort) {
+  std::vector<cv::detail::ImageFeatures> features(pictures.size());
+  cv::parallel_for_(cv::Range(0, int(pictures.size())), [&](const cv::Range& range) {
+    cv::Ptr<cv::Feature2D> sift = cv::SIFT::create();
+    for (int i = range.start; i < range.end; ++i) {
+      if (abort.load()) return;
+      const cv::Mat& picture = pictures[std::size_t(i)];
+      const double area = double(picture.cols) * picture.rows;
+      const double scale = std::min(1.0, std::sqrt(megapixels * 1e6 / area));
+      cv::Mat work = picture;
+      if (scale < 1.0) cv::resize(picture, work, cv::Size(), scale, scale, cv::INTER_AREA);
+      cv::Mat grey;
+      if (work.channels() == 3) {
+        cv::cvtColor(work, grey, cv::COLOR_BGR2GRAY);
+      } else {
+        grey = work;
+      }
+      cv::detail::ImageFeatures& f = features[std::size_t(i)];
+      cv::detail::computeImageFeatures(sift, grey, f, contentMask(work));
+      f.img_idx = i;
+      f.img_size = picture.size();
+      if (scale < 1.0) {
+        // Pixel centres of the reduced copy in the picture's pixels.
+        const double sx = double(picture.cols) / work.cols, sy = double(picture.rows) / work.rows;
+        for (auto& k : f.keypoints) {
+          k.pt.x = float((k.pt.x + 0.5) * sx - 0.5);
+          k.pt.y = float((k.pt.y + 0.5) * sy - 0.5);
+          k.size = float(k.size * sx);
+        }
+      }
+    }
+  });
+  return features;
+}
+
+std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features) {
+  std::vector<cv::detail::MatchesInfo> pairs;
+  cv::detail::BestOf2NearestMatcher matcher(false, kMatchConfidence);
+  matcher(features, pairs);
+  matcher.collectGarbage();
+  // The rig's typical focal length from the pairs' free homographies.
+  std::vector<double> focals;
+  cv::detail::estimateFocal(features, pairs, focals);
+  std::nth_element(focals.begin(), focals.begin() + long(focals.size() / 2), focals.end());
+  const double focal = focals.empty() ? 0.0 : focals[focals.size() / 2];
+  const int n = int(features.size());
+  for (int i = 0; i < n; ++i) {
+    for (int j = i + 1; j < n; ++j) {
+      cv::detail::MatchesInfo& p = pairs[std::size_t(i * n + j)];
+      fitTurn(features[std::size_t(i)], features[std::size_t(j)], focal, p);
+      p.confidence = p.H.empty() ? 0.0 : p.num_inliers / (8.0 + 0.3 * double(p.matches.size()));
+      // The same pair the other way round, as the matcher lays it out.
+      cv::detail::MatchesInfo& q = pairs[std::size_t(j * n + i)];
+      q = p;
+      q.src_img_idx = j;
+      q.dst_img_idx = i;
+      if (!p.H.empty()) q.H = p.H.inv();
+      for (auto& m : q.matches) std::swap(m.queryIdx, m.trainIdx);
+    }
+  }
+  return pairs;
+}
+
+}  // namespace Rig
+}  // namespace GeometryCalibration

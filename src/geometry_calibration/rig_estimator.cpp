@@ -1,0 +1,534 @@
+// The camera geometry of a rig from its pictures (see rig_estimator.h): find
+// features, link the pictures, adjust the rig, frame the panorama, write the
+// modules, even out the exposure.
+#include "orbivane/geometry_calibration/rig_estimator.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <map>
+#include <set>
+
+#include <opencv2/imgproc.hpp>
+#include <opencv2/stitching/detail/autocalib.hpp>
+#include <opencv2/stitching/detail/motion_estimators.hpp>
+
+#include "geometry_calibration/rig/rig_adjustment.h"
+#include "geometry_calibration/rig/rig_exposure.h"
+#include "geometry_calibration/rig/rig_geometry.h"
+#include "geometry_calibration/rig/rig_matching.h"
+#include "geometry_calibration/rig/rig_seams.h"
+#include "geometry_calibration/rig/rig_surface.h"
+#include "logging/logger_setup.h"
+#include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/shading/image_shading.h"
+#include "orbivane/utils/wide_text.h"
+
+namespace GeometryCalibration {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// A pair below the confidence threshold still links its pictures when at
+// least kManyInliers matches agree with its homography and its confidence
+// reaches kWeakPairShare of the threshold.
+constexpr int kManyInliers = 20;
+constexpr double kWeakPairShare = 0.6;
+
+// Straightening that leaves the modules rolled by more than this on average
+// (degrees) has found the wrong horizon.
+constexpr double kMostMeanRoll = 30.0;
+// A linked pair of which the adjusted rig keeps fewer matches than this does
+// not link; the rig is adjusted again without it, a pair at a time, at most
+// kLinkRounds times.
+constexpr int kFewestKeptMatches = 12;
+// ... counting the matches within kSupportPx picture pixels of the model
+// (near objects seen from a moving camera are some pixels off any rotation).
+constexpr double kSupportPx = 20.0;
+constexpr int kLinkRounds = 8;
+
+std::string narrow(const std::wstring& text) { return Utils::toUtf8(text); }
+
+double median(std::vector<double> values) {
+  if (values.empty()) return 0.0;
+  std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+  return values[values.size() / 2];
+}
+double percentile90(std::vector<double> values) {
+  if (values.empty()) return 0.0;
+  const std::size_t k = std::min(values.size() - 1, std::size_t(0.9 * values.size()));
+  std::nth_element(values.begin(), values.begin() + long(k), values.end());
+  return values[k];
+}
+
+// Yaw, pitch, roll in degrees of a camera -> world rotation (y down, z forward).
+void anglesOf(const cv::Matx33d& r, double& yaw, double& pitch, double& roll) {
+  const cv::Vec3d forward(r(0, 2), r(1, 2), r(2, 2));
+  yaw = std::atan2(forward[0], forward[2]) * 180.0 / kPi;
+  pitch = std::asin(std::clamp(-forward[1], -1.0, 1.0)) * 180.0 / kPi;
+  // Roll: the camera's right axis against the horizontal right of its view.
+  const cv::Vec3d right(r(0, 0), r(1, 0), r(2, 0));
+  const cv::Vec3d level = cv::normalize(cv::Vec3d(forward[2], 0.0, -forward[0]));
+  const cv::Vec3d down = forward.cross(level);
+  roll = std::atan2(right.dot(down), right.dot(level)) * 180.0 / kPi;
+}
+
+// The mean roll of the modules, degrees: how far their own "up" leans from
+// the world's.
+double meanRoll(const std::vector<Rig::ModuleModel>& models) {
+  double sum = 0.0;
+  for (const auto& m : models) {
+    double yaw = 0, pitch = 0, roll = 0;
+    anglesOf(m.rotation, yaw, pitch, roll);
+    sum += std::fabs(roll);
+  }
+  return sum / double(models.size());
+}
+
+// Turns the world so that the horizon is level (cv::detail::waveCorrect,
+// horizontal). With few modules, or modules that all look one way, the
+// horizon is ill-defined there and can come out turned by a right angle;
+// then the modules' own mean "up" is taken as the world's.
+void straightenHorizon(std::vector<Rig::ModuleModel>& models) {
+  std::vector<cv::Mat> rotations;
+  for (const auto& model : models) rotations.push_back(cv::Mat(cv::Matx33f(model.rotation)));
+  cv::detail::waveCorrect(rotations, cv::detail::WAVE_CORRECT_HORIZ);
+  std::vector<Rig::ModuleModel> corrected = models;
+  for (std::size_t k = 0; k < models.size(); ++k) {
+    cv::Mat r;
+    rotations[k].convertTo(r, CV_64F);
+    cv::SVD svd(r);  // orthonormal again after the float round trip
+    corrected[k].rotation = cv::Matx33d(cv::Mat(svd.u * svd.vt));
+  }
+  if (meanRoll(corrected) <= kMostMeanRoll) {
+    models = corrected;
+    return;
+  }
+  // World down = the modules' mean down; forward = their mean forward, levelled.
+  cv::Vec3d down(0, 0, 0), forward(0, 0, 0);
+  for (const auto& m : models) {
+    down += cv::Vec3d(m.rotation(0, 1), m.rotation(1, 1), m.rotation(2, 1));
+    forward += cv::Vec3d(m.rotation(0, 2), m.rotation(1, 2), m.rotation(2, 2));
+  }
+  down = cv::normalize(down);
+  forward = cv::normalize(forward - down * forward.dot(down));
+  const cv::Vec3d right = down.cross(forward);
+  const cv::Matx33d world(right[0], right[1], right[2], down[0], down[1], down[2], forward[0], forward[1], forward[2]);
+  for (auto& m : models) m.rotation = world * m.rotation;
+}
+
+}  // namespace
+
+Utils::ReturnState<bool, std::string> RigOptions::validate() const {
+  if (projection != "auto" && projection != "plane" && projection != "cylindrical" && projection != "spherical") {
+    return Utils::failure("the projection is auto, plane, cylindrical or spherical, not '" + projection + "'");
+  }
+  if (!(featureMegapixels >= 0.1 && featureMegapixels <= 50.0)) {
+    return Utils::failure("the feature search size is 0.1..50 megapixels, not " + std::to_string(featureMegapixels));
+  }
+  if (!(pairConfidence >= 0.3 && pairConfidence <= 10.0)) {
+    return Utils::failure("the pair confidence is 0.3..10, not " + std::to_string(pairConfidence));
+  }
+  if (!(gridTolerancePx >= 0.001 && gridTolerancePx <= 2.0)) {
+    return Utils::failure("the grid tolerance is 0.001..2 pixels, not " + std::to_string(gridTolerancePx));
+  }
+  return true;
+}
+
+struct RigEstimator::Impl {
+  CameraDescription::Orbivane camera;
+  Images images;
+  RigOptions options;
+  StatusCallback callback;
+  std::atomic<bool> abort{false};
+  RigReport report;
+  int progress = 0, total = 0;
+  std::shared_ptr<spdlog::logger> logger = Utils::calibratorLogger("RigEstimation");
+
+  void step(const std::string& text) {
+    progress = std::min(progress + 1, total);
+    if (callback) callback(progress, total, text, AdvStepInfo());
+  }
+
+  // The listed modules (empty: every module) that have a picture of at
+  // least 16 x 16 pixels, and their pictures. A listed module without one
+  // fails the estimate; unlisted ones without are passed over.
+  Utils::ReturnState<bool, std::string> collectPictures(const std::list<std::wstring>& modules,
+                                                        std::vector<std::wstring>& names,
+                                                        std::vector<cv::Mat>& pictures) const {
+    std::list<std::wstring> wanted = modules;
+    if (wanted.empty()) {
+      for (const auto& m : camera.modules())
+        if (m) wanted.push_back(m->name());
+    }
+    for (const auto& name : wanted) {
+      if (std::find(names.begin(), names.end(), name) != names.end()) continue;
+      const auto module = camera.findModule(name);
+      if (!module) return Utils::failure("the camera has no module '" + narrow(name) + "'");
+      const auto image = images.count(name) ? images.at(name) : module->image();
+      if (!image || image->empty() || image->width() < 16 || image->height() < 16) {
+        if (!modules.empty()) return Utils::failure("module '" + narrow(name) + "' has no picture of at least 16x16 pixels");
+        continue;
+      }
+      try {
+        pictures.push_back(Image::toMat(image));
+      } catch (const std::exception& e) {
+        return Utils::failure("module '" + narrow(name) + "': its picture cannot be read: " + e.what());
+      }
+      names.push_back(name);
+    }
+    if (names.size() < 2) {
+      return Utils::failure("a rig needs at least two pictures, " + std::to_string(names.size()) + " given");
+    }
+    return true;
+  }
+};
+
+RigEstimator::RigEstimator(const CameraDescription::Orbivane& camera, Images images) : impl_(new Impl) {
+  impl_->camera = camera;
+  impl_->images = std::move(images);
+}
+RigEstimator::~RigEstimator() = default;
+
+Utils::ReturnState<bool, std::string> RigEstimator::setOptions(const RigOptions& options) {
+  const auto valid = options.validate();
+  if (!valid) return valid;
+  impl_->options = options;
+  return true;
+}
+const RigOptions& RigEstimator::options() const { return impl_->options; }
+void RigEstimator::registerStatusCallback(StatusCallback callback) { impl_->callback = std::move(callback); }
+void RigEstimator::abort() { impl_->abort.store(true); }
+bool RigEstimator::aborted() const { return impl_->abort.load(); }
+const RigReport& RigEstimator::report() const { return impl_->report; }
+
+namespace {
+
+// The work of one estimate, step by step (RigEstimator::estimate reads as
+// the list of these).
+struct RigRun {
+  const RigOptions& options;
+  RigReport& report;
+  std::vector<std::wstring> names;  // every module with a picture
+  std::vector<cv::Mat> pictures;
+  std::vector<cv::detail::ImageFeatures> features;
+  std::vector<cv::detail::MatchesInfo> pairs;  // n x n, cv::detail's layout
+  std::vector<int> linked;                     // picture index of each placed module
+  std::vector<Rig::ModuleModel> models;        // one per linked picture
+  std::vector<Rig::Match> matches;             // module indices into `linked`
+  std::vector<int> pairOfMatch;                // index into pairIndex
+  std::vector<std::pair<int, int>> pairIndex;  // linked module indices (a < b)
+  std::vector<double> pairConfidence;
+  Rig::Surface surface;
+  std::vector<Rig::Displacement> displacements;
+
+  bool linkedPair(const cv::detail::MatchesInfo& p) const { return p.confidence >= options.pairConfidence; }
+
+  // Pairs that link two pictures: confident enough, or with many agreeing
+  // matches among many that do not (a picture that is mostly sky or wall).
+  void admitPairs() {
+    for (auto& p : pairs) {
+      if (p.H.empty()) p.confidence = 0.0;
+      if (p.confidence < options.pairConfidence && p.num_inliers >= kManyInliers &&
+          p.confidence >= kWeakPairShare * options.pairConfidence) {
+        p.confidence = options.pairConfidence;
+      }
+    }
+  }
+
+  // The largest set of linked pictures, a first rotation model of it (the
+  // pair homographies, then cv::detail's ray adjustment) and its matches.
+  // False when fewer than two pictures are linked.
+  bool firstGuess() {
+    std::vector<cv::detail::ImageFeatures> f = features;
+    std::vector<cv::detail::MatchesInfo> p = pairs;
+    for (auto& info : p) {
+      // Pairs that do not link are not used at all (the estimator's spanning
+      // tree would take any pair with a homography).
+      if (!linkedPair(info)) {
+        info.H.release();
+        info.num_inliers = 0;
+        info.confidence = 0.0;
+      }
+    }
+    linked = cv::detail::leaveBiggestComponent(f, p, float(options.pairConfidence));
+    if (linked.size() < 2) return false;
+    std::vector<cv::detail::CameraParams> cameras;
+    cv::detail::HomographyBasedEstimator estimator;
+    if (!estimator(f, p, cameras)) return false;
+    for (auto& c : cameras) c.R.convertTo(c.R, CV_32F);
+    // The ray adjuster takes pairs strictly above its threshold; a link sits
+    // at the threshold at least. A failure keeps the homographies' guess.
+    cv::detail::BundleAdjusterRay adjuster;
+    adjuster.setConfThresh(0.999 * options.pairConfidence);
+    std::vector<cv::detail::CameraParams> refined = cameras;
+    try {
+      if (adjuster(f, p, refined)) cameras = refined;
+    } catch (const cv::Exception&) {
+    }
+    models.assign(linked.size(), Rig::ModuleModel());
+    for (std::size_t k = 0; k < linked.size(); ++k) {
+      models[k].picture = pictures[std::size_t(linked[k])].size();
+      cv::Mat r;
+      cameras[k].R.convertTo(r, CV_64F);
+      models[k].rotation = cv::Matx33d(r);
+      models[k].focal = cameras[k].focal;
+    }
+    collectMatches(f, p);
+    return true;
+  }
+
+  void collectMatches(const std::vector<cv::detail::ImageFeatures>& f, const std::vector<cv::detail::MatchesInfo>& p) {
+    matches.clear();
+    pairOfMatch.clear();
+    pairIndex.clear();
+    pairConfidence.clear();
+    const int m = int(linked.size());
+    for (int a = 0; a < m; ++a) {
+      for (int b = a + 1; b < m; ++b) {
+        const cv::detail::MatchesInfo& info = p[std::size_t(a * m + b)];
+        if (!linkedPair(info) || info.matches.empty()) continue;
+        pairIndex.emplace_back(a, b);
+        pairConfidence.push_back(info.confidence);
+        for (std::size_t k = 0; k < info.matches.size(); ++k) {
+          const cv::DMatch& dm = info.matches[k];
+          Rig::Match match;
+          match.a = a;
+          match.b = b;
+          match.pa = f[std::size_t(a)].keypoints[std::size_t(dm.queryIdx)].pt;
+          match.pb = f[std::size_t(b)].keypoints[std::size_t(dm.trainIdx)].pt;
+          match.inlier = k < info.inliers_mask.size() && info.inliers_mask[k] != 0;
+          matches.push_back(match);
+          pairOfMatch.push_back(int(pairIndex.size()) - 1);
+        }
+      }
+    }
+  }
+
+  // The bundle adjustment, held at the module with most matches.
+  Rig::AdjustmentSummary adjust() {
+    std::vector<int> perModule(linked.size(), 0);
+    for (const auto& match : matches) {
+      if (!match.inlier) continue;
+      ++perModule[std::size_t(match.a)];
+      ++perModule[std::size_t(match.b)];
+    }
+    Rig::AdjustmentSettings settings;
+    settings.lensPerModule = options.lensPerModule;
+    settings.fixedModule = int(std::max_element(perModule.begin(), perModule.end()) - perModule.begin());
+    return Rig::adjustRig(models, matches, settings);
+  }
+
+  // A pair of which the adjusted model keeps too few matches is a link the
+  // rig as a whole does not bear out (wrong matches, or matches on clouds
+  // that drifted between two pictures taken far apart). Unlinks the worst
+  // such pair in `pairs` (the fewest kept for its matches): one at a time,
+  // since a wrong link also pulls others out of shape. False when there was
+  // none.
+  bool unlinkWorstPair() {
+    std::vector<int> kept(pairIndex.size(), 0), all(pairIndex.size(), 0);
+    for (std::size_t k = 0; k < matches.size(); ++k) {
+      kept[std::size_t(pairOfMatch[k])] += Rig::matchResidual(models, matches[k]) < kSupportPx ? 1 : 0;
+      ++all[std::size_t(pairOfMatch[k])];
+    }
+    int worst = -1;
+    double worstShare = 2.0;
+    for (std::size_t q = 0; q < pairIndex.size(); ++q) {
+      const double share = double(kept[q]) / std::max(1, all[q]);
+      if (kept[q] < kFewestKeptMatches && share < worstShare) {
+        worstShare = share;
+        worst = int(q);
+      }
+    }
+    if (worst < 0) return false;
+    const int n = int(names.size());
+    const int a = linked[std::size_t(pairIndex[std::size_t(worst)].first)];
+    const int b = linked[std::size_t(pairIndex[std::size_t(worst)].second)];
+    for (auto* info : {&pairs[std::size_t(a * n + b)], &pairs[std::size_t(b * n + a)]}) info->confidence = 0.0;
+    return true;
+  }
+
+  // Seams that hold where the model cannot (parallax): each module's
+  // displacement, from every match of the linked pairs.
+  void holdSeams() {
+    displacements.assign(models.size(), Rig::Displacement());
+    if (!options.holdSeams) return;
+    std::vector<Rig::Match> all = matches;
+    for (auto& match : all) match.inlier = true;
+    displacements = Rig::holdSeams(models, surface, all);
+  }
+
+  // How far apart the two modules draw each kept match (panorama pixels),
+  // per pair and module.
+  void reportResiduals() {
+    const cv::Size size = surface.pixels();
+    std::vector<std::vector<double>> byPair(pairIndex.size());
+    std::vector<std::vector<double>> byModule(linked.size());
+    std::vector<double> all;
+    for (std::size_t k = 0; k < matches.size(); ++k) {
+      const Rig::Match& mk = matches[k];
+      if (!mk.inlier) continue;
+      const cv::Point2d a = Rig::drawnAt(models[std::size_t(mk.a)], surface, displacements[std::size_t(mk.a)], mk.pa);
+      const cv::Point2d b = Rig::drawnAt(models[std::size_t(mk.b)], surface, displacements[std::size_t(mk.b)], mk.pb);
+      const double r = std::hypot((a.x - b.x) * size.width, (a.y - b.y) * size.height);
+      byPair[std::size_t(pairOfMatch[k])].push_back(r);
+      byModule[std::size_t(mk.a)].push_back(r);
+      byModule[std::size_t(mk.b)].push_back(r);
+      all.push_back(r);
+    }
+    report.medianPx = median(all);
+    report.p90Px = percentile90(all);
+    for (std::size_t q = 0; q < pairIndex.size(); ++q) {
+      if (byPair[q].empty()) continue;
+      RigPairReport pr;
+      pr.first = nameOf(pairIndex[q].first);
+      pr.second = nameOf(pairIndex[q].second);
+      pr.matches = int(byPair[q].size());
+      pr.confidence = pairConfidence[q];
+      pr.medianPx = median(byPair[q]);
+      pr.p90Px = percentile90(byPair[q]);
+      report.pairs.push_back(pr);
+    }
+    for (std::size_t k = 0; k < linked.size(); ++k) report.modules[nameOf(int(k))].residualPx = median(byModule[k]);
+  }
+
+  const std::wstring& nameOf(int module) const { return names[std::size_t(linked[std::size_t(module)])]; }
+};
+
+// Writes one placed module into the camera: matrix (with any clip-matrix
+// shader taken out), UV grid, lens shader; its gain reset.
+Utils::ReturnState<bool, std::string> writeModule(CameraDescription::OrbivaneModule& module,
+                                                  const Rig::ModulePlacement& placement) {
+  Utils::Matrix4x4 matrix = placement.matrix;
+  if (const OrbivaneGeometry::Shader* clip = OrbivaneGeometry::findClipMatrixShader(module.shaders())) {
+    // The viewer draws module matrix x clip matrix: the module matrix takes the clip matrix out.
+    try {
+      const cv::Matx33d c = OrbivaneGeometry::planarHomography(OrbivaneGeometry::clipMatrixFromShader(*clip));
+      matrix = OrbivaneGeometry::matrixFromPlanarHomography(OrbivaneGeometry::planarHomography(placement.matrix) *
+                                                            c.inv());
+    } catch (const std::exception& e) {
+      return Utils::failure("module '" + narrow(module.name()) + "': its clip-matrix values cannot be read: " + e.what());
+    }
+  }
+  std::list<OrbivaneGeometry::Shader> shaders;
+  for (const auto& shader : module.shaders())
+    if (shader.uid() != ImageSource::kLensDistortionShaderUid) shaders.push_back(shader);
+  shaders.push_back(placement.lens);
+  auto geometry = std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix, placement.grid);
+  geometry->setShaderId(ImageSource::kLensDistortionShaderUid);
+  module.setGeometry(std::move(geometry));
+  module.setShaders(std::move(shaders));
+  module.setExposureGain(1.0);
+  return true;
+}
+
+}  // namespace
+
+Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estimate(
+    const std::list<std::wstring>& modules) {
+  Impl& s = *impl_;
+  const auto started = std::chrono::steady_clock::now();
+  s.report = RigReport();
+  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  if (auto listed = s.collectPictures(modules, run.names, run.pictures); !listed) return Utils::failure(listed.error());
+  const int n = int(run.names.size());
+  s.total = n + 5 + n + 1;
+  s.progress = 0;
+
+  // 1. Features and the pairs of pictures that overlap.
+  run.features = Rig::findFeatures(run.pictures, s.options.featureMegapixels, s.abort);
+  for (int i = 0; i < n; ++i) s.step("Finding Features of Module " + narrow(run.names[std::size_t(i)]));
+  if (s.abort.load()) return Utils::failure("aborted");
+  run.pairs = Rig::matchPairs(run.features);
+  run.admitPairs();
+  s.step("Matching Pictures");
+  if (s.abort.load()) return Utils::failure("aborted");
+
+  // 2. The rig: a first guess, adjusted; pairs the rig does not bear out are
+  //    unlinked and the rig adjusted again without them.
+  for (int round = 0;; ++round) {
+    if (!run.firstGuess()) {
+      return Utils::failure("no two pictures overlap enough to be linked (too few matching features in every pair)");
+    }
+    const Rig::AdjustmentSummary adjusted = run.adjust();
+    if (!adjusted.converged) s.logger->warn("The rig's adjustment did not converge: {}", adjusted.message);
+    if (s.abort.load()) return Utils::failure("aborted");
+    if (round == kLinkRounds || !run.unlinkWorstPair()) break;
+  }
+  s.step("Adjusting Rig");
+  const std::set<int> linkedSet(run.linked.begin(), run.linked.end());
+  for (int i = 0; i < n; ++i) {
+    if (linkedSet.count(i) == 0) {
+      s.report.modules[run.names[std::size_t(i)]].reason =
+          "its picture shares too few matching features with the others to be placed";
+    }
+  }
+
+  // 3. The horizon, the panorama and the seams.
+  if (s.options.straightenHorizon) straightenHorizon(run.models);
+  try {
+    run.surface = Rig::Surface::frame(run.models, s.options.projection);
+  } catch (const std::exception& e) {
+    return Utils::failure(e.what());
+  }
+  s.step("Framing Panorama");
+  s.report.projection = Rig::projectionName(run.surface.projection());
+  s.report.fieldOfViewX = run.surface.fieldOfViewX();
+  s.report.fieldOfViewY = run.surface.fieldOfViewY();
+  s.report.fullRing = run.surface.fullRing();
+  const cv::Size panorama = run.surface.pixels();
+  s.report.panoramaWidth = panorama.width;
+  s.report.panoramaHeight = panorama.height;
+  run.holdSeams();
+  s.step("Holding Seams");
+  run.reportResiduals();
+
+  // 4. Each module written as the viewer draws it.
+  CameraDescription::Orbivane result = s.camera;
+  result.setPanoramaSize({panorama.width, panorama.height});
+  std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>> placed;
+  for (std::size_t k = 0; k < run.linked.size(); ++k) {
+    if (s.abort.load()) return Utils::failure("aborted");
+    const std::wstring& name = run.nameOf(int(k));
+    const Rig::ModuleModel& model = run.models[k];
+    const Rig::ModulePlacement placement =
+        Rig::placeModule(model, run.surface, run.displacements[k], s.options.gridTolerancePx);
+    auto module = result.findModule(name);
+    if (auto written = writeModule(*module, placement); !written) return Utils::failure(written.error());
+    if (s.images.count(name)) module->setImage(s.images.at(name));
+    placed.push_back(module);
+
+    RigModuleReport& r = s.report.modules[name];
+    r.placed = true;
+    r.reason.clear();
+    anglesOf(model.rotation, r.yaw, r.pitch, r.roll);
+    r.focalPx = model.focal;
+    r.k1 = model.k1;
+    r.k2 = model.k2;
+    r.gridColumns = placement.grid.columns();
+    r.gridRows = placement.grid.rows();
+    r.gridErrorPx = placement.gridErrorPx;
+    r.largestDisplacementPx = run.displacements[k].largest();
+    s.step("Placing Module " + narrow(name));
+  }
+
+  // 5. Exposure.
+  if (s.options.exposureGains) {
+    const std::vector<double> gains = Rig::exposureGains(placed, panorama);
+    for (std::size_t k = 0; k < placed.size(); ++k) {
+      placed[k]->setExposureGain(gains[k]);
+      s.report.modules[placed[k]->name()].exposureGain = gains[k];
+    }
+  }
+  for (auto& pr : s.report.pairs) {
+    pr.exposureEv = Rig::exposureDifferenceEv(*result.findModule(pr.first), *result.findModule(pr.second), panorama);
+  }
+  s.step("Evening Out Exposure");
+  s.report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  s.logger->info("Rig estimated: {} of {} modules placed, {} projection, {}x{} panorama, residual median {:.2f} px",
+                 run.linked.size(), n, s.report.projection, panorama.width, panorama.height, s.report.medianPx);
+  return result;
+}
+
+}  // namespace GeometryCalibration

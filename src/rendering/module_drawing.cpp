@@ -1,0 +1,115 @@
+// One module drawn alone as the viewer draws it (see module_drawing.h).
+#include "orbivane/rendering/module_drawing.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/camera/final_matrix.h"
+#include "orbivane/geometry/surface_projection.h"
+#include "orbivane/image/image_conversion.h"
+#include "shading/shader_renderer.h"
+
+namespace OrbivaneRendering {
+
+Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescription::OrbivaneModule& module,
+                                                          cv::Size panorama, cv::Rect region) {
+  const auto image = module.image();
+  if (!image || image->empty()) return Utils::failure("has no picture");
+  const OrbivaneGeometry::MatrixGeometry* geometry = module.matrixGeometry();
+  if (geometry == nullptr) return Utils::failure("has no matrix geometry");
+  const auto final = CameraDescription::finalMatrix(module);
+  if (!final) return Utils::failure("has no usable matrix (clip-matrix values unreadable or not finite)");
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(*final);
+  const cv::Matx33d h = OrbivaneGeometry::planarHomography(*final);
+  if (!quad || !(std::fabs(cv::determinant(h)) > 1e-15)) {
+    return Utils::failure("does not project onto the surface (singular matrix or a corner behind the horizon)");
+  }
+  if (panorama.width <= 0 || panorama.height <= 0) return Utils::failure("has no panorama to be drawn on");
+  if (region.empty()) region = cv::Rect(cv::Point(0, 0), panorama);
+  region &= cv::Rect(cv::Point(0, 0), panorama);
+
+  ModuleDrawing d;
+  double left = 1e300, top = 1e300, right = -1e300, bottom = -1e300;
+  for (const auto& p : quad->corners) {
+    const double x = double(p.x) * panorama.width, y = double(p.y) * panorama.height;
+    d.outline.emplace_back(float(x), float(y));
+    left = std::min(left, x);
+    right = std::max(right, x);
+    top = std::min(top, y);
+    bottom = std::max(bottom, y);
+  }
+  const int x0 = int(std::max(double(region.x), std::floor(left)));
+  const int y0 = int(std::max(double(region.y), std::floor(top)));
+  const int x1 = int(std::min(double(region.x + region.width), std::ceil(right) + 1.0));
+  const int y1 = int(std::min(double(region.y + region.height), std::ceil(bottom) + 1.0));
+  if (x1 <= x0 || y1 <= y0) return Utils::failure("lies outside the panorama");
+  d.box = cv::Rect(x0, y0, x1 - x0, y1 - y0);
+
+  ImageSource::ShaderRenderer renderer;
+  try {
+    renderer.setShaders(module.shaders());
+  } catch (const std::exception& e) {
+    return Utils::failure(std::string("has unreadable shader values: ") + e.what());
+  }
+  if (geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
+  renderer.setHomography(h);
+  renderer.setFrame(cv::Rect2d(double(x0) / panorama.width, double(y0) / panorama.height,
+                               double(d.box.width) / panorama.width, double(d.box.height) / panorama.height));
+  const cv::Mat picture = Image::toMat(*image);
+  d.picture = picture.size();
+  renderer.pictureMaps(picture.size(), d.box.size(), d.mapX, d.mapY);
+
+  // Where each pixel reads the picture: within half a pixel of it.
+  const float w = float(picture.cols), hgt = float(picture.rows);
+  d.inside = cv::Mat::zeros(d.box.size(), CV_8UC1);
+  for (int y = 0; y < d.box.height; ++y) {
+    const float* mx = d.mapX.ptr<float>(y);
+    const float* my = d.mapY.ptr<float>(y);
+    std::uint8_t* in = d.inside.ptr<std::uint8_t>(y);
+    for (int x = 0; x < d.box.width; ++x) {
+      in[x] = (mx[x] > -0.5f && mx[x] < w - 0.5f && my[x] > -0.5f && my[x] < hgt - 0.5f) ? 255 : 0;
+    }
+  }
+
+  // A panorama much smaller than the picture reads an area-reduced copy, so it does not alias.
+  const double pixelsPerPicturePixel =
+      std::min(double(d.box.width) / picture.cols, double(d.box.height) / picture.rows);
+  double density = 1.0;
+  {
+    // The picture's own scale on the panorama, at the middle of the drawing.
+    const int cx = d.box.width / 2, cy = d.box.height / 2;
+    if (cx + 1 < d.box.width && cy + 1 < d.box.height && d.inside.at<std::uint8_t>(cy, cx) &&
+        d.inside.at<std::uint8_t>(cy, cx + 1) && d.inside.at<std::uint8_t>(cy + 1, cx)) {
+      const double dx = std::hypot(d.mapX.at<float>(cy, cx + 1) - d.mapX.at<float>(cy, cx),
+                                   d.mapY.at<float>(cy, cx + 1) - d.mapY.at<float>(cy, cx));
+      const double dy = std::hypot(d.mapX.at<float>(cy + 1, cx) - d.mapX.at<float>(cy, cx),
+                                   d.mapY.at<float>(cy + 1, cx) - d.mapY.at<float>(cy, cx));
+      density = std::max(dx, dy);  // picture pixels per panorama pixel
+    } else {
+      density = 1.0 / std::max(pixelsPerPicturePixel, 1e-9);
+    }
+  }
+  const int factor = std::max(1, int(std::floor(density)));
+  cv::Mat source = picture;
+  cv::Mat sourceX = d.mapX, sourceY = d.mapY;
+  if (factor > 1) {
+    const cv::Size reduced(picture.cols / factor, picture.rows / factor);
+    cv::resize(picture(cv::Rect(0, 0, reduced.width * factor, reduced.height * factor)), source, reduced, 0, 0,
+               cv::INTER_AREA);
+    const double shift = 0.5 * (factor - 1);
+    sourceX = (d.mapX - shift) / factor;
+    sourceY = (d.mapY - shift) / factor;
+  }
+  cv::Mat colour8;
+  // The picture's edge pixels are read as they are (replicated), so a
+  // module's outline never darkens towards black.
+  cv::remap(source, colour8, sourceX, sourceY, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+  colour8.setTo(cv::Scalar::all(0), ~d.inside);
+  const double gain = module.exposureGain();
+  colour8.convertTo(d.colour, CV_32FC3, gain);
+  return d;
+}
+
+}  // namespace OrbivaneRendering
