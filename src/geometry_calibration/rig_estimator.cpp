@@ -362,7 +362,6 @@ struct RigRun {
   // How far apart the two modules draw each kept match (panorama pixels),
   // per pair and module.
   void reportResiduals() {
-    const cv::Size size = surface.pixels();
     std::vector<std::vector<double>> byPair(pairIndex.size());
     std::vector<std::vector<double>> byModule(linked.size());
     std::vector<double> all;
@@ -371,7 +370,7 @@ struct RigRun {
       if (!mk.inlier) continue;
       const cv::Point2d a = Rig::drawnAt(models[std::size_t(mk.a)], surface, displacements[std::size_t(mk.a)], mk.pa);
       const cv::Point2d b = Rig::drawnAt(models[std::size_t(mk.b)], surface, displacements[std::size_t(mk.b)], mk.pb);
-      const double r = std::hypot((a.x - b.x) * size.width, (a.y - b.y) * size.height);
+      const double r = cv::norm(surface.offset(a, b));
       byPair[std::size_t(pairOfMatch[k])].push_back(r);
       byModule[std::size_t(mk.a)].push_back(r);
       byModule[std::size_t(mk.b)].push_back(r);

@@ -42,8 +42,7 @@ std::vector<Constraint> agreeingMatches(const std::vector<ModuleModel>& models, 
   for (const Match& m : matches) {
     const cv::Point2d ua = surface.toUnit(models[std::size_t(m.a)], m.pa);
     const cv::Point2d ub = surface.toUnit(models[std::size_t(m.b)], m.pb);
-    Constraint c{m.a, m.b, m.pa, m.pb,
-                 cv::Point2d((ub.x - ua.x) * size.width, (ub.y - ua.y) * size.height)};
+    Constraint c{m.a, m.b, m.pa, m.pb, surface.offset(ua, ub)};
     if (!(cv::norm(c.disparity) < settings.largestDisparity)) continue;
     byPair[{m.a, m.b}].push_back(c);
   }

@@ -234,6 +234,12 @@ Surface Surface::frame(std::vector<ModuleModel>& models, const std::string& requ
   return s;
 }
 
+cv::Point2d Surface::offset(cv::Point2d a, cv::Point2d b) const {
+  double dx = b.x - a.x;
+  if (fullRing_) dx = std::remainder(dx, 1.0);
+  return cv::Point2d(dx * box_.width, (b.y - a.y) * box_.height);
+}
+
 int Surface::poleOf(const ModuleModel& model) {
   // In ideal (distortion-free) pixels: the picture's ideal outline, widened.
   double left = 1e18, right = -1e18, top = 1e18, bottom = -1e18;

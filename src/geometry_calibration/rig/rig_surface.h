@@ -48,6 +48,10 @@ class Surface {
   // lies behind the module.
   bool toPicture(const ModuleModel& model, cv::Point2d unit, cv::Point2d& observed) const;
 
+  // b - a in panorama pixels, for unit points a and b; on a full ring the
+  // shorter way round (the panorama's left and right edges meet).
+  cv::Point2d offset(cv::Point2d a, cv::Point2d b) const;
+
   // Whether the module sees the zenith (+1) or the nadir (-1) within its
   // picture (or just beyond it), 0 when neither: on a spherical panorama such
   // a module spans every longitude.

@@ -63,20 +63,24 @@ TEST(RigModel, RayAndProjectionAreInverse) {
 void expectPlacementDrawsTheModel(std::vector<ModuleModel> models, const std::string& projection) {
   const Surface surface = Surface::frame(models, projection);
   for (const auto& m : models) {
-    const auto placement = GeometryCalibration::Rig::placeModule(m, surface, 0.05);
-    EXPECT_LE(placement.gridErrorPx, 0.05);
+    const auto placement = GeometryCalibration::Rig::placeModule(m, surface, GeometryCalibration::Rig::Displacement(), 0.1);
+    EXPECT_LE(placement.gridErrorPx, 0.1);
     const cv::Matx33d h = OrbivaneGeometry::planarHomography(placement.matrix);
     const auto lens = ImageSource::LensDistortion::fromShader(placement.lens);
     double worst = 0.0;
     for (double x = 0; x <= 1279; x += 61.1)
       for (double y = 0; y <= 959; y += 53.7) {
-        const cv::Point2d unit = surface.toUnit(m, {x, y});
+        cv::Point2d unit = surface.toUnit(m, {x, y});
+        // On a full ring the panorama's edges meet: a point past one edge is
+        // drawn at the other.
+        if (surface.fullRing()) unit.x -= std::floor(unit.x);
         const cv::Vec3d q = h.inv() * cv::Vec3d(unit.x, unit.y, 1.0);
+        if (q[0] / q[2] < 0 || q[0] / q[2] > 1 || q[1] / q[2] < 0 || q[1] / q[2] > 1) continue;  // past the cut
         const auto t = placement.grid.sample(float(q[0] / q[2]), float(q[1] / q[2]));
         const cv::Point2f s = lens.map(t.u, t.v);
         worst = std::max(worst, std::hypot(s.x * 1280 - x, s.y * 960 - y));
       }
-    EXPECT_LT(worst, 0.08) << projection;
+    EXPECT_LT(worst, 0.15) << projection;
   }
 }
 
@@ -89,6 +93,9 @@ TEST(RigPlacement, DrawsTheModelOnEveryProjection) {
   expectPlacementDrawsTheModel(narrow, "plane");
   std::vector<ModuleModel> ring;
   for (int k = 0; k < 9; ++k) ring.push_back(module(k * 40.0, 45, 0, 900, 0.04, 0.0));
+  expectPlacementDrawsTheModel(ring, "spherical");
+  // A module that looks at the zenith spans every longitude.
+  ring.push_back(module(10, 80, 0, 900, 0.04, 0.0));
   expectPlacementDrawsTheModel(ring, "spherical");
 }
 
