@@ -33,10 +33,14 @@ namespace fs = std::filesystem;
 using GeometryCalibration::CalibrationPipeline;
 using GeometryCalibration::ModuleStatus;
 
+// A calibration whose worst seam (a pair's median) is wider than this
+// (pixels) has not lined the modules up: it says so and exits with status 3.
+constexpr double kWidestAcceptedSeamPx = 1.0;
+
 struct CalibrateOptions {
   std::string camera, target, out, reference, report;
   std::vector<std::string> modules;
-  std::vector<std::string> steps = {"match", "neighbour", "clip"};
+  std::vector<std::string> steps;  // empty: match (with a target), neighbour, clip
   int mode = 0;
   bool allowHoles = false;
   bool json = false;
@@ -170,6 +174,10 @@ void runCalibrate(const CalibrateOptions& options) {
   GeometryCalibration::PipelineOptions pipelineOptions;
   pipelineOptions.target = Utils::fromUtf8(options.target);
   pipelineOptions.steps = options.steps;
+  if (pipelineOptions.steps.empty()) {
+    pipelineOptions.steps = options.target.empty() ? std::vector<std::string>{"neighbour", "clip"}
+                                                   : std::vector<std::string>{"match", "neighbour", "clip"};
+  }
   pipelineOptions.reference = Utils::fromUtf8(options.reference);
   pipelineOptions.matchMode = options.mode;
   pipelineOptions.clipNoHoles = !options.allowHoles;
@@ -230,7 +238,7 @@ void runCalibrate(const CalibrateOptions& options) {
     if (std::isfinite(v.residualPx)) std::cout << ", residual " << fixed(v.residualPx, 3) << " px";
     if (!v.reason.empty()) std::cout << " (" << v.reason << ")";
     std::cout << "\n";
-    if (v.status != ModuleStatus::aligned) {
+    if (v.status != ModuleStatus::aligned && v.status != ModuleStatus::kept) {
       ++notAligned;
       std::cerr << "orbivane-calibrate: module " << text << " " << GeometryCalibration::statusName(v.status) << ": "
                 << v.reason << "\n";
@@ -238,16 +246,51 @@ void runCalibrate(const CalibrateOptions& options) {
   }
   nlohmann::json before = nlohmann::json::array();
   for (const auto& s : pipeline.seamsBefore()) before.push_back(seamJson(s));
+  // The seams as the calibrated camera draws them.
+  const std::vector<GeometryCalibration::SeamResidual>& finalSeams =
+      pipeline.steps().empty() ? pipeline.seamsBefore() : pipeline.steps().back().seams;
+  const GeometryCalibration::SeamSummary summary = GeometryCalibration::summariseSeams(finalSeams);
+  for (const auto& s : finalSeams) {
+    std::cout << "seam " << Utils::toUtf8(s.first) << " / " << Utils::toUtf8(s.second) << ": ";
+    if (s.measured) {
+      std::cout << s.matches << " matches, median " << fixed(s.px, 2) << " px, 90 % " << fixed(s.p90Px, 2)
+                << " px, exposure differs by " << fixed(s.exposureEv, 3) << " EV\n";
+    } else {
+      std::cout << "not measured: " << s.reason << "\n";
+    }
+  }
+  std::cout << "seams: " << summary.measured << " measured (" << summary.matches << " matched features), median "
+            << fixed(summary.medianPx, 2) << " px, 90 % " << fixed(summary.p90Px, 2) << " px, worst pair "
+            << fixed(summary.worstPx, 2) << " px; exposure differs by at most " << fixed(summary.worstExposureEv, 3)
+            << " EV\n";
+  const bool seamsTooWide = summary.worstPx > kWidestAcceptedSeamPx;
+  if (seamsTooWide) {
+    std::cerr << "orbivane-calibrate: the worst seam is " << fixed(summary.worstPx, 2) << " px, above "
+              << fixed(kWidestAcceptedSeamPx, 1) << " px\n";
+  }
   if (!options.report.empty()) {
     writeReport(options.report, options, camera, pipeline);
     std::cout << "report: " << (fs::path(options.report) / "report.html").string() << "\n";
   }
   if (interrupted) std::cout << "interrupted: wrote the steps done so far\n";
   std::cout << "wrote " << options.out << std::endl;
-  output.print({{"modules", verdicts}, {"steps", steps}, {"seamsBefore", before}});
+  nlohmann::json seams = nlohmann::json::array();
+  for (const auto& s : finalSeams) seams.push_back(seamJson(s));
+  output.print({{"modules", verdicts},
+                {"steps", steps},
+                {"seamsBefore", before},
+                {"seams", seams},
+                {"seamSummary",
+                 {{"medianPx", summary.medianPx},
+                  {"p90Px", summary.p90Px},
+                  {"worstPx", summary.worstPx},
+                  {"worstExposureEv", summary.worstExposureEv},
+                  {"measured", summary.measured},
+                  {"notMeasured", summary.notMeasured},
+                  {"matches", summary.matches}}}});
   if (interrupted) {
     exitStatus() = kExitInterrupted;
-  } else if (notAligned > 0) {
+  } else if (notAligned > 0 || seamsTooWide) {
     exitStatus() = kExitFailedModules;
   }
 }
@@ -259,14 +302,15 @@ void addCalibrateCommand(CLI::App& app) {
       "calibrate", "Run the whole geometry calibration of a camera (match, neighbour, clip, shader) step by step");
   static CalibrateOptions options;
   command->add_option("CAMERA", options.camera, "Camera file (JSON) with the modules' pictures")->required();
-  command->add_option("--target", options.target, "The module whose picture the others are matched to")->required();
+  command->add_option("--target", options.target,
+                      "The module whose picture the others are matched to (adds the match step)");
   command->add_option("--out", options.out, "Where to write the calibrated camera file")->required();
   command->add_option("--modules", options.modules,
                       "Modules to calibrate, left to right, separated by commas (default: all but the target)")
       ->delimiter(',');
-  command->add_option("--steps", options.steps, "Steps in order: match, neighbour, clip, shader")
-      ->delimiter(',')
-      ->capture_default_str();
+  command->add_option("--steps", options.steps,
+                      "Steps in order: match, neighbour, clip, shader (default: match with a target, neighbour, clip)")
+      ->delimiter(',');
   command->add_option("--reference", options.reference,
                       "Module neighbour stitching keeps in place (default: the middle one)");
   command->add_option("--mode", options.mode, "Target matching mode (0..3)")->check(CLI::Range(0, 3))->capture_default_str();

@@ -46,6 +46,9 @@ nlohmann::json seamJson(const GeometryCalibration::SeamResidual& s) {
           {"dx", s.measured ? nlohmann::json(s.dx) : nlohmann::json()},
           {"dy", s.measured ? nlohmann::json(s.dy) : nlohmann::json()},
           {"residualPx", s.measured ? nlohmann::json(s.px) : nlohmann::json()},
+          {"p90Px", s.measured ? nlohmann::json(s.p90Px) : nlohmann::json()},
+          {"matches", s.matches},
+          {"exposureEv", s.measured ? nlohmann::json(s.exposureEv) : nlohmann::json()},
           {"overlapPixels", s.overlapPixels}};
 }
 

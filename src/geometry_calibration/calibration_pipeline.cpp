@@ -10,6 +10,9 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
 
+#include "camera/camera_coverage.h"
+#include "geometry/coverage.h"
+#include "geometry_calibration/seam_measurement.h"
 #include "logging/logger_setup.h"
 #include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry/surface_projection.h"
@@ -28,8 +31,10 @@ using MatrixBased::MatchToTarget;
 using MatrixBased::NeighbourNeighbour;
 using MatrixBased::ShaderBruteForcer;
 
-constexpr int kFewestSeamPixels = 400;  // panorama pixels an overlap needs to be measured
-constexpr int kSeamBorder = 4;          // pixels kept clear of each picture's edge
+// A step leaves the seams worse when their mean median grows by more than
+// this share and kSeamSlackPx, or a seam it found measurable no longer is.
+constexpr double kSeamWorseShare = 0.05;
+constexpr double kSeamSlackPx = 0.05;
 
 std::string narrow(const std::wstring& text) { return Utils::toUtf8(text); }
 
@@ -44,112 +49,69 @@ ModuleReport verdictOf(ModuleStatus status, const std::string& reason) {
   return r;
 }
 
-bool usable(const cv::Matx33d& h) {
-  for (int k = 0; k < 9; ++k)
-    if (!std::isfinite(h.val[k])) return false;
-  return std::fabs(cv::determinant(h)) > 1e-15;
+// The modules as the panorama draws them: with the pictures of `images`.
+CameraDescription::Orbivane withPictures(const CameraDescription::Orbivane& camera,
+                                         const CalibrationPipeline::Images& images) {
+  CameraDescription::Orbivane drawn = camera;
+  for (auto& module : drawn.modules()) {
+    if (!module) continue;
+    const auto it = images.find(module->name());
+    if (it != images.end() && it->second) module->setImage(it->second);
+  }
+  return drawn;
 }
 
-// The picture of a module drawn over a surface raster: raster pixel p shows
-// surface point origin + p / density.
-void drawOnRaster(const cv::Mat& grey, const cv::Matx33d& planar, cv::Point2d origin, cv::Point2d density,
-                  cv::Size raster, cv::Mat& out, cv::Mat& mask) {
-  const cv::Matx33d rasterToSurface(1.0 / density.x, 0, origin.x, 0, 1.0 / density.y, origin.y, 0, 0, 1);
-  const cv::Matx33d rasterToPixels =
-      OrbivaneGeometry::textureToPixels(grey.cols, grey.rows) * planar.inv() * rasterToSurface;
-  cv::warpPerspective(grey, out, cv::Mat(rasterToPixels), raster, cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
-                      cv::BORDER_CONSTANT);
-  cv::Mat inside(grey.size(), CV_8U, cv::Scalar(0));
-  inside(cv::Rect(kSeamBorder, kSeamBorder, std::max(0, grey.cols - 2 * kSeamBorder),
-                  std::max(0, grey.rows - 2 * kSeamBorder)))
-      .setTo(255);
-  cv::warpPerspective(inside, mask, cv::Mat(rasterToPixels), raster, cv::INTER_NEAREST | cv::WARP_INVERSE_MAP,
-                      cv::BORDER_CONSTANT);
-}
-
-SeamResidual measureSeam(const CameraDescription::Orbivane& camera, const CalibrationPipeline::Images& images,
-                         const std::wstring& first, const std::wstring& second) {
-  SeamResidual seam;
-  seam.first = first;
-  seam.second = second;
-  auto fail = [&seam](const std::string& reason) {
-    seam.reason = reason;
-    return seam;
-  };
-  const auto a = camera.findModule(first), b = camera.findModule(second);
-  if (!a || !b) return fail("module not in the camera");
-  if (a->matrixGeometry() == nullptr || b->matrixGeometry() == nullptr) return fail("no matrix geometry");
-  const auto ia = images.find(first), ib = images.find(second);
-  if (ia == images.end() || ib == images.end() || !ia->second || !ib->second) return fail("no picture");
-  cv::Mat greyA, greyB;
-  try {
-    cv::cvtColor(Image::toMat(ia->second), greyA, cv::COLOR_BGR2GRAY);
-    cv::cvtColor(Image::toMat(ib->second), greyB, cv::COLOR_BGR2GRAY);
-  } catch (const std::exception& e) {
-    return fail(std::string("unreadable picture: ") + e.what());
+// Mean of the medians of the pairs measured in both lists, and how many
+// pairs measured in `before` are not in `after`.
+struct SeamComparison {
+  double before = 0.0, after = 0.0;
+  int compared = 0, lost = 0;
+};
+SeamComparison compareSeams(const std::vector<SeamResidual>& before, const std::vector<SeamResidual>& after) {
+  SeamComparison c;
+  for (const auto& b : before) {
+    if (!b.measured) continue;
+    const auto a = std::find_if(after.begin(), after.end(), [&b](const SeamResidual& s) {
+      return s.first == b.first && s.second == b.second;
+    });
+    if (a == after.end() || !a->measured) {
+      ++c.lost;
+      continue;
+    }
+    c.before += b.px;
+    c.after += a->px;
+    ++c.compared;
   }
-  if (greyA.cols < 16 || greyA.rows < 16 || greyB.cols < 16 || greyB.rows < 16) return fail("picture too small");
-  const cv::Matx33d ha = OrbivaneGeometry::planarHomography(a->matrixGeometry()->matrix());
-  const cv::Matx33d hb = OrbivaneGeometry::planarHomography(b->matrixGeometry()->matrix());
-  const auto qa = OrbivaneGeometry::moduleSurfaceQuad(a->matrixGeometry()->matrix());
-  const auto qb = OrbivaneGeometry::moduleSurfaceQuad(b->matrixGeometry()->matrix());
-  if (!usable(ha) || !usable(hb) || !qa || !qb) return fail("singular or non-finite matrix");
-
-  // The overlap of the two outlines on the surface, and the first module's
-  // pixel density there.
-  std::vector<cv::Point2f> pa, pb, shared;
-  for (int k = 0; k < 4; ++k) {
-    pa.emplace_back(qa->corners[k].x, qa->corners[k].y);
-    pb.emplace_back(qb->corners[k].x, qb->corners[k].y);
+  if (c.compared > 0) {
+    c.before /= c.compared;
+    c.after /= c.compared;
   }
-  if (cv::contourArea(pa, true) < 0) std::reverse(pa.begin(), pa.end());
-  if (cv::contourArea(pb, true) < 0) std::reverse(pb.begin(), pb.end());
-  if (cv::intersectConvexConvex(pa, pb, shared, true) <= 0.0f || shared.size() < 3) return fail("no overlap");
-  float left = shared[0].x, right = shared[0].x, top = shared[0].y, bottom = shared[0].y;
-  for (const auto& p : shared) {
-    left = std::min(left, p.x);
-    right = std::max(right, p.x);
-    top = std::min(top, p.y);
-    bottom = std::max(bottom, p.y);
-  }
-  const double widthA = std::max({pa[0].x, pa[1].x, pa[2].x, pa[3].x}) - std::min({pa[0].x, pa[1].x, pa[2].x, pa[3].x});
-  const double heightA = std::max({pa[0].y, pa[1].y, pa[2].y, pa[3].y}) - std::min({pa[0].y, pa[1].y, pa[2].y, pa[3].y});
-  const cv::Point2d density(greyA.cols / widthA, greyA.rows / heightA);
-  const cv::Size raster(static_cast<int>(std::ceil((right - left) * density.x)),
-                        static_cast<int>(std::ceil((bottom - top) * density.y)));
-  if (raster.width < 16 || raster.height < 16 || double(raster.width) * raster.height > 64.0 * 1024 * 1024) return fail("no overlap");
-
-  cv::Mat drawnA, maskA, drawnB, maskB;
-  drawOnRaster(greyA, ha, cv::Point2d(left, top), density, raster, drawnA, maskA);
-  drawOnRaster(greyB, hb, cv::Point2d(left, top), density, raster, drawnB, maskB);
-  cv::Mat mask = maskA & maskB;
-  cv::erode(mask, mask, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
-  seam.overlapPixels = cv::countNonZero(mask);
-  if (seam.overlapPixels < kFewestSeamPixels) return fail("no overlap");
-  cv::Scalar mean, deviation;
-  cv::meanStdDev(drawnA, mean, deviation, mask);
-  if (!(deviation[0] > 2.0)) return fail("no texture in the overlap");
-
-  // Translation that lays the second module's drawing onto the first's.
-  cv::Mat floatA, floatB;
-  drawnA.convertTo(floatA, CV_32F);
-  drawnB.convertTo(floatB, CV_32F);
-  cv::Mat warp = cv::Mat::eye(2, 3, CV_32F);
-  try {
-    cv::findTransformECC(floatA, floatB, warp, cv::MOTION_TRANSLATION,
-                         cv::TermCriteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 100, 1e-5), mask, 3);
-  } catch (const cv::Exception&) {
-    return fail("the overlap's pictures could not be aligned");
-  }
-  seam.dx = warp.at<float>(0, 2);
-  seam.dy = warp.at<float>(1, 2);
-  if (!std::isfinite(seam.dx) || !std::isfinite(seam.dy)) return fail("the overlap's pictures could not be aligned");
-  seam.px = std::hypot(seam.dx, seam.dy);
-  seam.measured = true;
-  return seam;
+  return c;
 }
 
 }  // namespace
+
+SeamSummary summariseSeams(const std::vector<SeamResidual>& seams) {
+  SeamSummary summary;
+  std::vector<float> all;
+  for (const auto& s : seams) {
+    if (!s.measured) {
+      ++summary.notMeasured;
+      continue;
+    }
+    ++summary.measured;
+    summary.worstPx = std::max(summary.worstPx, s.px);
+    summary.worstExposureEv = std::max(summary.worstExposureEv, s.exposureEv);
+    all.insert(all.end(), s.distances.begin(), s.distances.end());
+  }
+  summary.matches = int(all.size());
+  if (!all.empty()) {
+    std::sort(all.begin(), all.end());
+    summary.medianPx = all[all.size() / 2];
+    summary.p90Px = all[std::min(all.size() - 1, std::size_t(0.9 * double(all.size())))];
+  }
+  return summary;
+}
 
 std::string PipelineOptions::validate() const {
   static const std::vector<std::string> known = {"match", "neighbour", "clip", "shader"};
@@ -185,14 +147,65 @@ void CalibrationPipeline::abort() {
   if (auto* match = runningMatch_.load()) match->abort();
 }
 
-std::vector<SeamResidual> CalibrationPipeline::measureSeams(const CameraDescription::Orbivane& camera,
-                                                            const Images& images,
-                                                            const std::list<std::wstring>& chain) {
+namespace {
+
+// The seam of every pair of the listed modules that overlap, measured with
+// `meter` (which keeps the drawings of modules that did not move).
+std::vector<SeamResidual> measureWith(SeamMeter& meter, const CameraDescription::Orbivane& drawn,
+                                      const std::list<std::wstring>& modules) {
+  std::vector<const CameraDescription::OrbivaneModule*> listed;
+  for (const auto& name : modules) {
+    const auto module = drawn.findModule(name);
+    if (module) listed.push_back(module.get());
+  }
+  meter.prepare(listed);
+  std::vector<std::pair<std::size_t, std::size_t>> pairs;
+  for (std::size_t i = 0; i < listed.size(); ++i)
+    for (std::size_t j = i + 1; j < listed.size(); ++j) pairs.emplace_back(i, j);
+  std::vector<SeamMeasure> measured(pairs.size());
+  cv::parallel_for_(cv::Range(0, int(pairs.size())), [&](const cv::Range& range) {
+    for (int k = range.start; k < range.end; ++k) {
+      measured[std::size_t(k)] = meter.measure(*listed[pairs[std::size_t(k)].first], *listed[pairs[std::size_t(k)].second]);
+    }
+  });
   std::vector<SeamResidual> seams;
-  for (auto it = chain.begin(); it != chain.end() && std::next(it) != chain.end(); ++it) {
-    seams.push_back(measureSeam(camera, images, *it, *std::next(it)));
+  for (std::size_t k = 0; k < pairs.size(); ++k) {
+    {
+      const std::size_t i = pairs[k].first, j = pairs[k].second;
+      const SeamMeasure& m = measured[k];
+      if (!m.measured && m.reason == "no overlap") continue;  // not neighbours
+      SeamResidual seam;
+      seam.first = listed[i]->name();
+      seam.second = listed[j]->name();
+      seam.measured = m.measured;
+      seam.reason = m.reason;
+      seam.matches = m.matches;
+      seam.px = m.medianPx;
+      seam.p90Px = m.p90Px;
+      seam.dx = m.meanShift.x;
+      seam.dy = m.meanShift.y;
+      seam.exposureEv = m.exposureEv;
+      seam.overlapPixels = m.overlapPixels;
+      seam.distances = m.distances;
+      seams.push_back(seam);
+    }
   }
   return seams;
+}
+
+cv::Size drawingSize(const CameraDescription::Orbivane& camera) {
+  std::vector<std::string> ignored;
+  return OrbivaneGeometry::Coverage::rasterSize(camera.panoramaSize(), CameraDescription::cameraFootprints(camera, ignored));
+}
+
+}  // namespace
+
+std::vector<SeamResidual> CalibrationPipeline::measureSeams(const CameraDescription::Orbivane& camera,
+                                                            const Images& images,
+                                                            const std::list<std::wstring>& modules) {
+  const CameraDescription::Orbivane drawn = withPictures(camera, images);
+  SeamMeter meter(drawingSize(drawn));
+  return measureWith(meter, drawn, modules);
 }
 
 std::map<std::wstring, ModuleReport> CalibrationPipeline::verdicts() const {
@@ -204,6 +217,11 @@ std::map<std::wstring, ModuleReport> CalibrationPipeline::verdicts() const {
       if (verdict.status != ModuleStatus::aligned) continue;  // the first step that did not align it decides
       if (report.status == ModuleStatus::aligned) {
         if (step.step == "match") verdict = report;  // target matching's measurements are the ones kept
+        continue;
+      }
+      if (report.status == ModuleStatus::kept) {
+        // Left as it came by this step, which is no failure: noted, still aligned.
+        if (verdict.reason.empty()) verdict.reason = step.step + ": kept: " + report.reason;
         continue;
       }
       verdict = report;
@@ -228,7 +246,10 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     for (const auto& name : options.modules)
       if (std::find(listed_.begin(), listed_.end(), name) == listed_.end()) listed_.push_back(name);
   }
-  seamsBefore_ = measureSeams(camera_, images_, listed_);
+  // One meter for the run's seams: a module a step does not move is not drawn again.
+  SeamMeter meter(drawingSize(withPictures(camera_, images_)));
+  seamsBefore_ = measureWith(meter, withPictures(camera_, images_), listed_);
+  std::vector<SeamResidual> seams = seamsBefore_;  // as the last step left them
 
   std::list<std::wstring> active = listed_;  // modules still in the running
   auto forward = [this](const std::string& prefix) {
@@ -242,6 +263,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     StepReport step;
     step.step = stepName;
     const auto start = std::chrono::steady_clock::now();
+    const CameraDescription::Orbivane before = camera_;
     for (const auto& name : listed_) {
       if (std::find(active.begin(), active.end(), name) == active.end())
         step.modules[name] = verdictOf(ModuleStatus::skipped, "failed an earlier step");
@@ -277,9 +299,11 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       camera_ = stitcher.calibrate(chain, reference);
       step.pairs = stitcher.pairReports();
       if (!chain.empty()) step.modules[chain.front()] = verdictOf(ModuleStatus::aligned, std::string());
+      // A pair that was not measured moves nothing: its second module keeps
+      // its place beside the first.
       for (const auto& pair : step.pairs) {
-        ModuleReport r = verdictOf(pair.measured ? ModuleStatus::aligned : ModuleStatus::failed,
-                                   pair.measured ? std::string() : "seam with " + narrow(pair.first) + ": " + pair.reason);
+        ModuleReport r = verdictOf(pair.measured ? ModuleStatus::aligned : ModuleStatus::kept,
+                                   pair.measured ? std::string() : "seam with " + narrow(pair.first) + " not measured: " + pair.reason);
         r.correlation = pair.correlation;
         r.residualPx = std::numeric_limits<double>::quiet_NaN();
         r.movedPx = pair.shiftPx;
@@ -341,12 +365,33 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       }
     }
 
+    // The seams after a step that moves modules (clipping moves them all
+    // alike); a step that left them worse is undone.
+    if (stepName == "clip") {
+      step.seams = seams;
+    } else {
+      step.seams = measureWith(meter, withPictures(camera_, images_), listed_);
+      const SeamComparison c = compareSeams(seams, step.seams);
+      if (c.lost > 0 || c.after > c.before * (1.0 + kSeamWorseShare) + kSeamSlackPx) {
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "the step left the seams worse (mean %.2f px before, %.2f px after, %d seam(s) lost); undone",
+                      c.before, c.after, c.lost);
+        logger->warn("Step {}: {}", stepName, text);
+        camera_ = before;
+        step.seams = seams;
+        step.undone = text;
+        for (auto& [name, report] : step.modules) {
+          if (report.status == ModuleStatus::aligned) report = verdictOf(ModuleStatus::kept, text);
+        }
+      }
+      seams = step.seams;
+    }
     // Modules that did not come through drop out of the later steps.
     for (const auto& [name, report] : step.modules) {
-      if (report.status != ModuleStatus::aligned) active.remove(name);
+      if (report.status != ModuleStatus::aligned && report.status != ModuleStatus::kept) active.remove(name);
     }
     step.seconds = secondsSince(start);
-    step.seams = measureSeams(camera_, images_, listed_);
     step.camera = camera_;
     logger->info("Step {} took {:.2f} s", stepName, step.seconds);
     steps_.push_back(std::move(step));

@@ -9,6 +9,8 @@ const char* statusName(ModuleStatus status) {
       return "aligned";
     case ModuleStatus::failed:
       return "failed";
+    case ModuleStatus::kept:
+      return "kept";
     case ModuleStatus::skipped:
     default:
       return "skipped";

@@ -11,6 +11,14 @@
 
 namespace Synthetic {
 
+std::string realPhotoPath(const std::string& name) { return std::string(ORBIVANE_REAL_PHOTOS_DIR) + "/" + name; }
+
+cv::Mat loadRealPhoto(const std::string& name) {
+  cv::Mat m = cv::imread(realPhotoPath(name), cv::IMREAD_COLOR);
+  if (m.empty()) throw std::runtime_error("real photograph missing: " + realPhotoPath(name));
+  return m;
+}
+
 std::string samplePath(const std::string& name) { return std::string(ORBIVANE_SAMPLE_DATA_DIR) + "/" + name; }
 
 cv::Mat loadSample(const std::string& name) {

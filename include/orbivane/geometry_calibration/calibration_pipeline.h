@@ -15,12 +15,15 @@
 //               listed module that has a lens shader, against the target's
 //               picture; the best parameter set is kept.
 // A module that fails a step keeps its matrix and is left out of the later
-// steps (reported "skipped" there); the other modules go on. After every
-// step the pipeline measures the seams between neighbouring modules itself
-// (measureSeams), independently of the calibrators.
+// steps (reported "skipped" there); the other modules go on. The pipeline
+// measures the seams between overlapping modules itself (measureSeams),
+// independently of the calibrators: before the first step and after each
+// step that moves modules. A step that leaves the seams worse than it found
+// them is undone (its modules are reported "kept" with the reason), so no
+// step makes a camera worse.
 //
-// Units: seam residuals are in panorama pixels at the first module's pixel
-// density (one module pixel = one panorama pixel); times in seconds.
+// Units: seam residuals are in pixels of the first module's picture; times
+// in seconds.
 #pragma once
 
 #include <atomic>
@@ -64,18 +67,31 @@ struct ORBIVANE_EXPORT PipelineOptions {
   std::string validate() const;
 };
 
-// One neighbouring pair's seam, measured on the panorama: the shift that lays
-// the second module's picture onto the first's over their overlap
-// (enhanced-correlation alignment, translation only, on both pictures drawn
-// through their matrices).
+// One pair of overlapping modules' seam, measured on the panorama as a
+// viewer shows it: both modules drawn alone over their overlap (matrix, UV
+// grid, lens shader, gain), features matched between the two drawings, and
+// the distances between the matched positions (seam_measurement.h).
 struct SeamResidual {
   std::wstring first, second;
   bool measured = false;
   std::string reason;            // why not measured
-  double dx = 0.0, dy = 0.0;     // panorama pixels
-  double px = 0.0;               // length of (dx, dy)
+  int matches = 0;               // feature matches the distances come from
+  double px = 0.0;               // median distance, pixels of the first module's picture
+  double p90Px = 0.0;            // 90th percentile of the distances
+  double dx = 0.0, dy = 0.0;     // mean shift of the second module against the first, pixels
+  double exposureEv = 0.0;       // brightness difference over the overlap, |log2| of the ratio
   int overlapPixels = 0;
+  std::vector<float> distances;  // every matched distance, pixels
 };
+
+// All the measured seams' distances together: their median and 90th
+// percentile (pixels), the worst pair's median, the largest exposure
+// difference, and how many pairs were and were not measured.
+struct SeamSummary {
+  double medianPx = 0.0, p90Px = 0.0, worstPx = 0.0, worstExposureEv = 0.0;
+  int measured = 0, notMeasured = 0, matches = 0;
+};
+ORBIVANE_EXPORT SeamSummary summariseSeams(const std::vector<SeamResidual>& seams);
 
 struct StepReport {
   std::string step;
@@ -89,6 +105,7 @@ struct StepReport {
   cv::Mat clippingPicture;       // "clip" only: AutoClipping's inspection picture (BGR)
   Utils::Matrix4x4 clippingCrop; // "clip" only: the crop composed into every module's matrix
   std::vector<SeamResidual> seams;  // measured after the step
+  std::string undone;               // why the step was undone (it left the seams worse); empty when it stood
   CameraDescription::Orbivane camera;  // the camera after the step
 };
 
@@ -119,9 +136,11 @@ class ORBIVANE_EXPORT CalibrationPipeline {
   // The modules the last run() calibrated, each once, in order.
   const std::list<std::wstring>& listedModules() const { return listed_; }
 
-  // Measures the seam of every consecutive pair of `chain` on `camera`.
+  // Measures the seam of every pair of the listed modules that overlap on
+  // the panorama (of the camera's panorama size, else one the coverage
+  // raster would take), in the order the modules are listed.
   static std::vector<SeamResidual> measureSeams(const CameraDescription::Orbivane& camera, const Images& images,
-                                                const std::list<std::wstring>& chain);
+                                                const std::list<std::wstring>& modules);
 
  private:
   CameraDescription::Orbivane camera_;

@@ -20,9 +20,10 @@ enum class ModuleStatus {
   aligned,  // the module's placement is supported by its picture (moved or already in place)
   failed,   // the module could not be calibrated; its matrix is unchanged (see reason)
   skipped,  // the module was not calibrated at all (unknown, listed twice, aborted before it)
+  kept,     // left exactly as it came in, which its pictures support: the step would not have improved it (see reason)
 };
 
-// "aligned", "failed" or "skipped".
+// "aligned", "failed", "skipped" or "kept".
 ORBIVANE_EXPORT const char* statusName(ModuleStatus status);
 
 struct ModuleReport {

@@ -18,6 +18,9 @@
 #include "geometry_calibration/matrix_based/auto_clipping_coverage.h"
 #include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
 #include "logging/logger_setup.h"
+#include "orbivane/rendering/module_drawing.h"
+#include "orbivane/shading/image_shading.h"
+#include "shading/distortion_model.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace GeometryCalibration {
@@ -34,6 +37,22 @@ constexpr std::size_t kGeometryModeMaxIterations = 1000000;
 // How many separate well-covered regions the geometry-mode search tries on
 // their own, largest first.
 constexpr int kGeometryModeRegions = 8;
+
+// A module the viewer draws through more than its matrix: a UV grid that
+// moves its picture, or a lens shader that is not the identity.
+bool drawnOnly(const CameraDescription::OrbivaneModule& module) {
+  const auto* geometry = module.matrixGeometry();
+  if (geometry != nullptr && geometry->uvGrid() && !geometry->uvGrid()->isRegular()) return true;
+  for (const auto& shader : module.shaders()) {
+    if (shader.uid() != ImageSource::kLensDistortionShaderUid) continue;
+    try {
+      if (!ImageSource::LensDistortion::fromShader(shader).isIdentity()) return true;
+    } catch (const std::exception&) {
+      return true;
+    }
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -96,7 +115,28 @@ struct AutoClipping::Impl {
     for (const std::string& line : skipped) logger->warn("{}", line);
     if (footprints.empty()) return fail("AutoClipping: no module of the camera can be projected onto the panorama");
     const cv::Size raster = OrbivaneGeometry::Coverage::rasterSize(camera->panoramaSize(), footprints);
-    OrbivaneGeometry::Coverage::accumulateCoverage(footprints, raster, coverage);
+    // A module drawn through a UV grid or a lens shader covers what the viewer
+    // draws of it, not its matrix's quadrilateral: it is drawn on the raster.
+    std::vector<OrbivaneGeometry::Coverage::Footprint> flat;
+    std::vector<std::shared_ptr<const CameraDescription::OrbivaneModule>> drawn;
+    for (const auto& f : footprints) {
+      const auto module = camera->findModule(f.name);
+      if (module && module->image() && drawnOnly(*module)) {
+        drawn.push_back(module);
+      } else {
+        flat.push_back(f);
+      }
+    }
+    OrbivaneGeometry::Coverage::accumulateCoverage(flat, raster, coverage);
+    for (const auto& module : drawn) {
+      auto drawing = OrbivaneRendering::drawModule(*module, raster);
+      if (!drawing) {
+        logger->warn("AutoClipping: module {} {}; not counted", Utils::toUtf8(module->name()), drawing.error());
+        continue;
+      }
+      cv::Mat part = coverage(drawing.value().box);
+      cv::add(part, cv::Scalar(1.0), part, drawing.value().inside);
+    }
     logger->info("AutoClipping: coverage of {} module(s) on a {}x{} raster", footprints.size(), raster.width,
                  raster.height);
     return true;

@@ -8,7 +8,12 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "camera/camera_coverage.h"
+#include "geometry/coverage.h"
+#include "geometry_calibration/seam_measurement.h"
 #include "logging/logger_setup.h"
+#include "orbivane/shading/image_shading.h"
+#include "shading/distortion_model.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
@@ -23,6 +28,12 @@ constexpr double kPi = 3.14159265358979323846;
 // Normalised cross-correlation over the overlap below which a pair's
 // pictures are taken not to show the same scene, and nothing is applied.
 constexpr double kMinimumPairCorrelation = 0.5;
+// Confirming a shift: the features matched between the two modules as the
+// viewer draws them must lie within kLargestLeftoverPx of each other on
+// average once it is applied, and closer than before; a shift shorter than
+// kNegligibleShiftPx panorama pixels moves nothing worth more.
+constexpr double kNegligibleShiftPx = 0.25;
+constexpr double kLargestLeftoverPx = 1.0;
 
 std::string narrow(const std::wstring& name) { return Utils::toUtf8(name); }
 
@@ -76,6 +87,22 @@ cv::Point2d overlapCentre(const cv::Mat& mask, const cv::Point2d& t, cv::Size si
   return cv::Point2d(rect.x + 0.5 * (rect.width - 1), rect.y + 0.5 * (rect.height - 1));
 }
 
+
+// A module the viewer draws through more than its matrix.
+bool drawnOnly(const CameraDescription::OrbivaneModule& module) {
+  const auto* geometry = module.matrixGeometry();
+  if (geometry != nullptr && geometry->uvGrid() && !geometry->uvGrid()->isRegular()) return true;
+  for (const auto& shader : module.shaders()) {
+    if (shader.uid() != ImageSource::kLensDistortionShaderUid) continue;
+    try {
+      if (!ImageSource::LensDistortion::fromShader(shader).isIdentity()) return true;
+    } catch (const std::exception&) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 PairPrewarp pairPrewarp(const cv::Matx33d& firstPlanar, const cv::Matx33d& secondPlanar, cv::Size size, double x0,
@@ -102,6 +129,95 @@ PairPrewarp pairPrewarp(const cv::Matx33d& firstPlanar, const cv::Matx33d& secon
   }
   result.upright = largest < kUprightTolerance;
   return result;
+}
+
+
+CameraDescription::Orbivane NeighbourStitcher::drawnCamera() const {
+  CameraDescription::Orbivane drawn = camera_;
+  for (auto& module : drawn.modules()) {
+    const auto it = images_.find(module->name());
+    if (it != images_.end() && it->second) module->setImage(it->second);
+  }
+  return drawn;
+}
+
+cv::Size NeighbourStitcher::drawnPanorama(const CameraDescription::Orbivane& camera) const {
+  std::vector<std::string> ignored;
+  return OrbivaneGeometry::Coverage::rasterSize(camera.panoramaSize(), CameraDescription::cameraFootprints(camera, ignored));
+}
+
+SeamMeter& NeighbourStitcher::meter() {
+  const cv::Size panorama = drawnPanorama(camera_);
+  if (!meter_ || meter_->panorama() != panorama) meter_ = std::make_unique<SeamMeter>(panorama);
+  return *meter_;
+}
+
+Utils::Optional<cv::Point2d> NeighbourStitcher::alignDrawnPair(const CameraDescription::OrbivaneModule& first,
+                                                               const CameraDescription::OrbivaneModule& second) {
+  const SeamMeter::Overlap d = meter().overlap(first, second);
+  if (!d.ok) {
+    lastPair_.reason = d.reason;
+    return std::nullopt;
+  }
+  // In the drawings' common frame a placed pair needs no shift: the aligner
+  // starts at none and compares where both draw.
+  TranslationAligner aligner(aligner_);
+  aligner.setMode(0);
+  aligner.setFirstMask(d.mask);
+  lastAlignment_ = aligner.align(d.first, d.second, cv::Point2d(0, 0), 1.0, 1.0);
+  lastPair_.correlation = lastAlignment_.correlation;
+  lastPair_.overlapPixels = lastAlignment_.comparedPixels;
+  if (lastAlignment_.depth == 0 || lastAlignment_.levelsAligned == 0) {
+    lastPair_.reason = lastAlignment_.depth == 0 ? "overlap too small for one pyramid level" : "no texture in the overlap";
+    return std::nullopt;
+  }
+  if (lastAlignment_.clamped) {
+    lastPair_.reason = "the alignment left the overlap";
+    return std::nullopt;
+  }
+  const cv::Point2d t = lastAlignment_.translation;
+  const cv::Size panorama = meter().panorama();
+  const cv::Point2d shift(t.x / panorama.width, t.y / panorama.height);
+  if (const std::string doubt = confirmShift(first.name(), second.name(), shift.x, shift.y); !doubt.empty()) {
+    lastPair_.reason = doubt;
+    return std::nullopt;
+  }
+  lastPair_.shiftPx = std::hypot(t.x, t.y) / d.pictureScale;
+  return shift;
+}
+
+std::string NeighbourStitcher::confirmShift(const std::wstring& first, const std::wstring& second, double dx,
+                                            double dy) {
+  const CameraDescription::Orbivane now = drawnCamera();
+  CameraDescription::Orbivane moved = now;
+  auto* geometry = moved.findModule(second)->matrixGeometry();
+  geometry->setMatrix(Utils::Matrix4x4::translation(float(dx), float(dy)) * geometry->matrix());
+  const cv::Size panorama = meter().panorama();
+  const SeamMeasure before = meter().measure(*now.findModule(first), *now.findModule(second));
+  const SeamMeasure after = meter().measure(*moved.findModule(first), *moved.findModule(second));
+  meter().measure(*now.findModule(first), *now.findModule(second));  // the module as it stands stays drawn
+  const double shiftPx = std::hypot(dx * panorama.width, dy * panorama.height);  // panorama pixels
+  char text[220];
+  if (!after.measured) {
+    std::snprintf(text, sizeof text, "after the shift of %.2f px the pictures' features do not match (%s)", shiftPx,
+                  after.reason.c_str());
+    return text;
+  }
+  if (shiftPx < kNegligibleShiftPx) return std::string();  // nothing moves
+  const double leftover = std::hypot(after.meanShift.x, after.meanShift.y);
+  if (leftover > kLargestLeftoverPx) {
+    std::snprintf(text, sizeof text,
+                  "after the shift of %.2f px the matched features still lie %.2f px apart on average (another shift "
+                  "fits better)",
+                  shiftPx, leftover);
+    return text;
+  }
+  if (before.measured && !(after.medianPx < before.medianPx)) {
+    std::snprintf(text, sizeof text, "the shift of %.2f px does not bring the features closer (%.2f px before, %.2f after)",
+                  shiftPx, before.medianPx, after.medianPx);
+    return text;
+  }
+  return std::string();
 }
 
 NeighbourStitcher::NeighbourStitcher(const CameraDescription::Orbivane& camera, Images images, int levels,
@@ -147,6 +263,20 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
   }
   const Utils::Matrix4x4 firstMatrix = firstModule->matrixGeometry()->matrix();
   const Utils::Matrix4x4 secondMatrix = secondModule->matrixGeometry()->matrix();
+  if (drawnOnly(*firstModule) || drawnOnly(*secondModule)) {
+    CameraDescription::OrbivaneModule a(*firstModule), b(*secondModule);
+    a.setImage(firstImage);
+    b.setImage(secondImage);
+    const auto found = alignDrawnPair(a, b);
+    if (!found) return std::pair<float, float>(0.0f, 0.0f);
+    const float dx = float(found->x), dy = float(found->y);
+    if (apply) secondModule->matrixGeometry()->setMatrix(Utils::Matrix4x4::translation(dx, dy) * secondMatrix);
+    lastPair_.measured = true;
+    lastPair_.dx = dx;
+    lastPair_.dy = dy;
+    logger_->info("Stitching Modules: {} {}", narrow(first), narrow(second));
+    return {dx, dy};
+  }
   const auto firstRect = moduleRectangle(firstMatrix);
   const auto secondRect = moduleRectangle(secondMatrix);
   const cv::Matx33d firstPlanar = OrbivaneGeometry::planarHomography(firstMatrix);
@@ -246,6 +376,10 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
   float dx = static_cast<float>(to.x - from.x);
   float dy = static_cast<float>(to.y - from.y);
   if (!std::isfinite(dx) || !std::isfinite(dy)) return notMeasured("the correction is not finite");
+  if (const std::string doubt = confirmShift(first, second, dx, dy); !doubt.empty()) {
+    logger_->warn("Modules {} and {}: {}; nothing applied", narrow(first), narrow(second), doubt);
+    return notMeasured(doubt);
+  }
 
   if (apply) {
     secondModule->matrixGeometry()->setMatrix(Utils::Matrix4x4::translation(dx, dy) * secondMatrix);

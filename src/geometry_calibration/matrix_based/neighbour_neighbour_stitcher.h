@@ -16,6 +16,7 @@
 #include <spdlog/logger.h>
 
 #include "geometry_calibration/matrix_based/translation_aligner.h"
+#include "geometry_calibration/seam_measurement.h"
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
@@ -85,6 +86,27 @@ class NeighbourStitcher {
   void report(const std::string& text, const std::wstring& module, const std::wstring& reference,
               const std::map<std::string, double>& values);
 
+  // Modules with a UV grid or a lens shader are not flat pictures under a
+  // matrix: their pair is aligned on the two modules drawn alone over their
+  // overlap on the panorama (as the viewer draws them), where a correct
+  // placement means no shift at all. Returns the surface correction and
+  // fills lastPair_ / lastAlignment_ like calibratePair.
+  Utils::Optional<cv::Point2d> alignDrawnPair(const CameraDescription::OrbivaneModule& first,
+                                              const CameraDescription::OrbivaneModule& second);
+  // Whether moving `second` by the surface translation (dx, dy) is borne out
+  // by the pictures as the viewer draws them: the overlap's correlation
+  // clearly rises, and the features matched between the two drawings then lie
+  // on each other (no other shift would do better). Empty when it is; else
+  // why not.
+  std::string confirmShift(const std::wstring& first, const std::wstring& second, double dx, double dy);
+  // The camera's modules with their pictures from images_, and the
+  // panorama size they are drawn at.
+  CameraDescription::Orbivane drawnCamera() const;
+  cv::Size drawnPanorama(const CameraDescription::Orbivane& camera) const;
+  // The seams' meter on the panorama the camera is drawn at (kept while the
+  // panorama's size is the same).
+  SeamMeter& meter();
+
   CameraDescription::Orbivane camera_;
   Images images_;
   std::shared_ptr<spdlog::logger> logger_;
@@ -96,6 +118,7 @@ class NeighbourStitcher {
   std::list<GeometryCalibration::PairReport> pairReports_;
   int step_ = 0;
   int totalSteps_ = 0;
+  std::unique_ptr<SeamMeter> meter_;
 };
 
 }  // namespace MatrixBased

@@ -70,6 +70,8 @@ class TranslationAligner {
   // pre-warped second picture has content. An empty mask compares wherever
   // the rectangle rule allows (the default). Kept for later calls.
   void setFirstMask(const cv::Mat& mask) { firstMask_ = mask; }
+  // The comparison rectangle's rule (0, 1 or 2; see comparisonRectangle).
+  void setMode(int mode) { mode_ = mode; }
 
  private:
   // Prepares the per-level data of the first picture over `rect`; false when

@@ -7,6 +7,12 @@
 
 namespace Synthetic {
 
+// Full path of one of the real photographs (data/durlach: "P1060384.jpg",
+// "hugin-equirectangular.jpg"), and the photograph as BGR (throws
+// std::runtime_error when it is missing).
+std::string realPhotoPath(const std::string& name);
+cv::Mat loadRealPhoto(const std::string& name);
+
 // Full path of a file of the sample data folder.
 std::string samplePath(const std::string& name);
 // The sample picture as BGR; throws std::runtime_error when it is missing.

@@ -1,0 +1,234 @@
+// The whole calibration of real photographs (a hand-held wide-angle camera
+// turning on the spot, data/durlach) beside the tools people stitch such
+// photographs with: ours (camera init's rig estimate, then calibrate's
+// neighbour and clip steps, in this process), OpenCV's detail pipeline and,
+// where installed, Hugin's command-line chain, each on the same photographs.
+// All three are measured the same way (synthetic/peer_stitchers.h): each
+// photograph drawn alone on the tool's panorama, SIFT matches between every
+// two overlapping drawings, the distances in photograph pixels.
+//
+// Prints per set of photographs a table (seam median and 90th percentile
+// over all matches, worst pair, worst exposure difference, share of the
+// pictures' panorama the crop keeps, time) and judges ours:
+//   no module failed; seam median <= 1.0 px, 90th percentile <= 3.0 px;
+//   exposure difference in the overlaps <= 0.06 EV; the clip keeps >= 85 %
+//   with no holes; init and calibrate take at most OpenCV's time (ratio of
+//   the two, measured in this process).
+// A set marked ground-facing (the lower ring: near cobblestones and bollards
+// at the bottom of the pictures) is measured without the lowest third of
+// each overlap, where near objects show parallax no stitcher can remove;
+// the output says so.
+//
+// Usage: rig_calibration_benchmark [--check] [--smoke] [--no-hugin] [SET...]
+// where a SET is photograph numbers joined by commas, e.g. 84,85,86,78,79
+// (P10603NN.jpg), optionally ending in "+ground". Default: three sets of the
+// upper and lower rings. --smoke runs ours and OpenCV on one set, without
+// Hugin, and judges the correctness goals only.
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+#include "bench_support.h"
+#include "orbivane/geometry_calibration/calibration_pipeline.h"
+#include "orbivane/geometry_calibration/rig_estimator.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/rendering/module_drawing.h"
+#include "orbivane/utils/wide_text.h"
+#include "synthetic/peer_stitchers.h"
+#include "synthetic/sample_data.h"
+
+namespace {
+
+struct PhotoSet {
+  std::vector<std::string> names;  // "P1060384"
+  bool groundFacing = false;
+};
+
+PhotoSet parseSet(const std::string& text) {
+  PhotoSet set;
+  std::string body = text;
+  const std::string ground = "+ground";
+  if (body.size() > ground.size() && body.compare(body.size() - ground.size(), ground.size(), ground) == 0) {
+    set.groundFacing = true;
+    body.resize(body.size() - ground.size());
+  }
+  std::size_t from = 0;
+  while (from <= body.size()) {
+    const std::size_t comma = body.find(',', from);
+    const std::string number = body.substr(from, comma == std::string::npos ? std::string::npos : comma - from);
+    if (!number.empty()) set.names.push_back("P10603" + number);
+    if (comma == std::string::npos) break;
+    from = comma + 1;
+  }
+  return set;
+}
+
+// The lowest third of the panorama rows each layer draws, masked out
+// (a ground-facing set's near objects).
+void leaveOutLowestThird(std::vector<Synthetic::PeerLayer>& layers) {
+  for (auto& layer : layers) {
+    if (layer.mask.empty()) continue;
+    const cv::Rect rows = cv::boundingRect(layer.mask);
+    const int cut = rows.y + rows.height - rows.height / 3;
+    if (cut < layer.mask.rows) layer.mask.rowRange(cut, layer.mask.rows).setTo(0);
+  }
+}
+
+struct Ours {
+  bool ok = false;
+  std::string error;
+  int failed = 0;
+  double seconds = 0.0;
+  std::vector<Synthetic::PeerLayer> layers;
+  cv::Size panorama;
+  cv::Rect crop;
+};
+
+Ours runOurs(const PhotoSet& set, const std::vector<cv::Mat>& photos) {
+  Ours out;
+  const auto started = std::chrono::steady_clock::now();
+  CameraDescription::Orbivane camera;
+  for (std::size_t i = 0; i < set.names.size(); ++i) {
+    CameraDescription::OrbivaneModule module(Utils::fromUtf8(set.names[i]));
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
+    module.setImage(Image::fromMat(photos[i]));
+    camera.addModule(module);
+  }
+  GeometryCalibration::RigEstimator rig(camera, {});
+  auto estimated = rig.estimate();
+  if (!estimated) {
+    out.error = estimated.error();
+    return out;
+  }
+  for (const auto& [name, m] : rig.report().modules) out.failed += m.placed ? 0 : 1;
+  GeometryCalibration::CalibrationPipeline::Images images;
+  for (const auto& module : estimated.value().modules()) images[module->name()] = module->image();
+  GeometryCalibration::CalibrationPipeline pipeline(estimated.value(), images);
+  GeometryCalibration::PipelineOptions options;
+  options.steps = {"neighbour", "clip"};
+  pipeline.run(options);
+  out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  for (const auto& [name, v] : pipeline.verdicts()) {
+    if (v.status == GeometryCalibration::ModuleStatus::failed) ++out.failed;
+  }
+  // The layers on the panorama before the clip (the clip moves every module
+  // alike), and the clip as a rectangle of it.
+  const auto& steps = pipeline.steps();
+  const CameraDescription::Orbivane& placed = steps.size() >= 2 ? steps[0].camera : estimated.value();
+  out.panorama = cv::Size(placed.panoramaSize().width, placed.panoramaSize().height);
+  for (const auto& name : set.names) {
+    Synthetic::PeerLayer layer;
+    const auto module = placed.findModule(Utils::fromUtf8(name));
+    auto drawn = module ? OrbivaneRendering::drawModule(*module, out.panorama)
+                        : Utils::ReturnState<OrbivaneRendering::ModuleDrawing, std::string>(Utils::failure(std::string("missing")));
+    if (drawn) {
+      drawn.value().colour.convertTo(layer.picture, CV_8UC3);
+      layer.mask = drawn.value().inside;
+      layer.box = drawn.value().box;
+    }
+    out.layers.push_back(layer);
+  }
+  if (steps.size() >= 2 && steps[1].clipping.size() == 4) {
+    const auto& c = steps[1].clipping;  // left, top, right, bottom shares
+    out.crop = cv::Rect(int(std::lround(c[0] * out.panorama.width)), int(std::lround(c[1] * out.panorama.height)),
+                        int(std::lround((1.0 - c[0] - c[2]) * out.panorama.width)),
+                        int(std::lround((1.0 - c[1] - c[3]) * out.panorama.height)));
+  }
+  out.ok = true;
+  return out;
+}
+
+void printRow(const char* tool, const Synthetic::LayerSeams& s, double kept, double seconds) {
+  std::printf("  %-8s seams median %5.2f px, 90 %% %5.2f px, worst pair %5.2f px, exposure %5.3f EV, kept %s, "
+              "%6.2f s\n",
+              tool, s.medianPx, s.p90Px, s.worstPairMedianPx, s.worstExposureEv,
+              kept > 0 ? (std::to_string(int(std::lround(100 * kept))) + " %").c_str() : "  -  ", seconds);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "[--no-hugin] [SET...]", 16, {"--no-hugin"});
+  std::vector<PhotoSet> sets;
+  for (const auto& p : options.positional) sets.push_back(parseSet(p));
+  if (sets.empty()) {
+    sets = {parseSet("84,85,86,78,79"), parseSet("82,83,84,85,86"), parseSet("87,88,89,90,91+ground")};
+    if (options.smoke) sets.resize(1);
+  }
+  const bool hugin = !options.smoke && !options.has("--no-hugin") && Synthetic::huginAvailable();
+  Bench::Goals goals(options);
+  for (const auto& set : sets) {
+    std::string label;
+    for (const auto& n : set.names) label += (label.empty() ? "" : ",") + n.substr(6);
+    std::printf("photographs %s%s\n", label.c_str(),
+                set.groundFacing ? " (ground-facing: the lowest third of each overlap is left out)" : "");
+    std::vector<cv::Mat> photos;
+    std::vector<std::string> files;
+    for (const auto& n : set.names) {
+      photos.push_back(Synthetic::loadRealPhoto(n + ".jpg"));
+      files.push_back(Synthetic::realPhotoPath(n + ".jpg"));
+    }
+
+    Ours ours = runOurs(set, photos);
+    if (!ours.ok) {
+      goals.correctness(false, "ours calibrates %s (%s)", label.c_str(), ours.error.c_str());
+      continue;
+    }
+    const double oursKept = Synthetic::keptShare(ours.layers, ours.panorama, ours.crop);
+    if (set.groundFacing) leaveOutLowestThird(ours.layers);
+    const Synthetic::LayerSeams oursSeams = Synthetic::measureLayerSeams(ours.layers, photos, set.names);
+
+    const Synthetic::PeerResult opencv = Synthetic::openCvDetailStitch(photos);
+    Synthetic::LayerSeams opencvSeams;
+    if (opencv.ok) {
+      std::vector<Synthetic::PeerLayer> layers = opencv.layers;
+      if (set.groundFacing) leaveOutLowestThird(layers);
+      opencvSeams = Synthetic::measureLayerSeams(layers, photos, set.names);
+    }
+    Synthetic::PeerResult hu;
+    Synthetic::LayerSeams huginSeams;
+    double huginKept = 0.0;
+    if (hugin) {
+      Synthetic::TemporaryDirectory folder;
+      hu = Synthetic::huginStitch(files, folder.path());
+      if (hu.ok) {
+        huginKept = Synthetic::keptShare(hu.layers, hu.panorama, hu.crop);
+        if (set.groundFacing) leaveOutLowestThird(hu.layers);
+        huginSeams = Synthetic::measureLayerSeams(hu.layers, photos, set.names);
+      }
+    }
+
+    printRow("ours", oursSeams, oursKept, ours.seconds);
+    if (opencv.ok) {
+      printRow("opencv", opencvSeams, 0.0, opencv.seconds);
+    } else {
+      std::printf("  opencv   failed: %s\n", opencv.error.c_str());
+    }
+    if (hugin) {
+      if (hu.ok) {
+        printRow("hugin", huginSeams, huginKept, hu.seconds);
+      } else {
+        std::printf("  hugin    failed: %s\n", hu.error.c_str());
+      }
+    }
+    for (const auto& line : oursSeams.lines) std::printf("    ours %s\n", line.c_str());
+
+    goals.correctness(ours.failed == 0, "%s: no module failed (%d failed)", label.c_str(), ours.failed);
+    goals.correctness(oursSeams.medianPx <= 1.0, "%s: seam median %.2f px <= 1.0 px", label.c_str(), oursSeams.medianPx);
+    goals.correctness(oursSeams.p90Px <= 3.0, "%s: seam 90th percentile %.2f px <= 3.0 px", label.c_str(),
+                      oursSeams.p90Px);
+    goals.correctness(oursSeams.worstExposureEv <= 0.06, "%s: exposure difference %.3f EV <= 0.06 EV", label.c_str(),
+                      oursSeams.worstExposureEv);
+    goals.correctness(oursKept >= 0.85, "%s: the clip keeps %.0f %% >= 85 %% of the pictures", label.c_str(),
+                      100 * oursKept);
+    if (opencv.ok) {
+      goals.speed(ours.seconds <= opencv.seconds, "%s: init and calibrate %.2f s <= OpenCV's detail pipeline %.2f s (ratio %.2f)",
+                  label.c_str(), ours.seconds, opencv.seconds, opencv.seconds / std::max(1e-9, ours.seconds));
+    }
+  }
+  return goals.finish();
+}

@@ -1,0 +1,89 @@
+// How well modules line up where they overlap, measured as a viewer shows
+// them: each module drawn alone on the panorama (matrix, UV grid, lens
+// shader, gain: orbivane/rendering/module_drawing.h), SIFT features found in
+// each drawing, and for every pair of overlapping modules the features
+// matched between the two drawings inside their overlap (ratio test, each
+// other's best), with the distances between the matched positions. A module
+// that is placed right draws a scene point where its neighbour draws it; the
+// distances say by how much it does not. They are converted from panorama
+// pixels to pixels of the first module's picture (its scale on the panorama
+// at the overlap).
+//
+// Matches further apart than kLargestSeamPx picture pixels are not counted
+// (a seam that far off shows in the panorama as a doubled scene, and its
+// features rarely match at all); a pair with fewer than kFewestSeamMatches
+// matches is not measured.
+//
+// A SeamMeter keeps each module's drawing and features while the module is
+// drawn the same way (same matrix, grid, shaders, gain and picture), so
+// measuring again after a step redraws only the modules the step moved.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <opencv2/core/mat.hpp>
+
+#include "orbivane/camera/orbivane.h"
+
+namespace GeometryCalibration {
+
+constexpr double kLargestSeamPx = 60.0;
+constexpr int kFewestSeamMatches = 8;
+
+struct SeamMeasure {
+  bool measured = false;
+  std::string reason;  // why not measured; "no overlap" for modules that do not overlap
+  int matches = 0;
+  double medianPx = 0.0, p90Px = 0.0;  // picture pixels of the first module
+  cv::Point2d meanShift;               // second's drawn position minus first's, picture pixels
+  int overlapPixels = 0;               // panorama pixels where both draw
+  double exposureEv = 0.0;             // |log2| of the mean brightness ratio over the overlap
+  std::vector<float> distances;        // every counted match's distance, picture pixels
+};
+
+class SeamMeter {
+ public:
+  // Modules are drawn on a panorama of `panorama` pixels.
+  explicit SeamMeter(cv::Size panorama);
+  ~SeamMeter();
+  SeamMeter(const SeamMeter&) = delete;
+  SeamMeter& operator=(const SeamMeter&) = delete;
+
+  cv::Size panorama() const { return panorama_; }
+
+  // Draws (or finds drawn) the modules, two at a time on the machine's cores.
+  void prepare(const std::vector<const CameraDescription::OrbivaneModule*>& modules);
+  // The seam of two modules. Both must be drawn already (prepare) when
+  // measure is called from several threads at once; the measurement of a
+  // pair whose modules were both moved alike since it was last measured is
+  // taken from then.
+  SeamMeasure measure(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
+
+  // The two modules' drawings (grey) over the panorama pixels where both
+  // draw, and the mask of those pixels.
+  struct Overlap {
+    bool ok = false;
+    std::string reason;
+    cv::Rect region;         // panorama pixels
+    cv::Mat first, second;   // CV_8UC1 over the region
+    cv::Mat mask;            // CV_8UC1: both draw there
+    double pictureScale = 1.0;  // panorama pixels per picture pixel of the first module there (its features' median)
+  };
+  Overlap overlap(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
+
+ private:
+  struct Drawn;
+  std::shared_ptr<const Drawn> drawn(const CameraDescription::OrbivaneModule& module);
+  SeamMeasure compare(const Drawn& a, const Drawn& b) const;
+
+  cv::Size panorama_;
+  std::map<std::wstring, std::shared_ptr<const Drawn>> cache_;
+  std::mutex mutex_;  // guards cache_ and pairs_
+  std::map<std::string, SeamMeasure> pairs_;  // by the two drawings and their relative shift
+};
+
+}  // namespace GeometryCalibration

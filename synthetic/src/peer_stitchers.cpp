@@ -1,0 +1,402 @@
+// Other tools' stitching of the same photographs, and the seam measurement
+// they share with ours; see peer_stitchers.h.
+#include "synthetic/peer_stitchers.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/features2d.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/stitching/detail/blenders.hpp>
+#include <opencv2/stitching/detail/exposure_compensate.hpp>
+#include <opencv2/stitching/detail/matchers.hpp>
+#include <opencv2/stitching/detail/motion_estimators.hpp>
+#include <opencv2/stitching/detail/seam_finders.hpp>
+#include <opencv2/stitching/detail/warpers.hpp>
+
+namespace Synthetic {
+namespace {
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double percentile(std::vector<double> v, double share) {
+  if (v.empty()) return 0.0;
+  const std::size_t k = std::min(v.size() - 1, std::size_t(share * double(v.size())));
+  std::nth_element(v.begin(), v.begin() + long(k), v.end());
+  return v[k];
+}
+
+// The scale of a layer against its photograph (layer pixels per photograph
+// pixel) in each cell of a 4 x 4 division of the layer, from SIFT matches
+// between the two; a cell without enough matches takes the whole layer's.
+struct LayerScale {
+  cv::Rect box;
+  double whole = 1.0;
+  double cells[4][4] = {};
+  double at(cv::Point2f p) const {
+    const int i = std::clamp(int((p.x - box.x) * 4.0 / std::max(1, box.width)), 0, 3);
+    const int j = std::clamp(int((p.y - box.y) * 4.0 / std::max(1, box.height)), 0, 3);
+    return cells[j][i] > 0 ? cells[j][i] : whole;
+  }
+};
+
+double similarityScale(const std::vector<cv::Point2f>& from, const std::vector<cv::Point2f>& to) {
+  if (from.size() < 6) return 0.0;
+  cv::Mat a = cv::estimateAffinePartial2D(from, to, cv::noArray(), cv::RANSAC, 2.0);
+  if (a.empty()) return 0.0;
+  return std::hypot(a.at<double>(0, 0), a.at<double>(1, 0));
+}
+
+LayerScale scaleOf(const PeerLayer& layer, const cv::Mat& photograph, const std::vector<cv::KeyPoint>& keys,
+                   const cv::Mat& descriptors) {
+  LayerScale s;
+  s.box = layer.box;
+  cv::Mat grey;
+  cv::cvtColor(photograph, grey, cv::COLOR_BGR2GRAY);
+  std::vector<cv::KeyPoint> pk;
+  cv::Mat pd;
+  cv::SIFT::create(6000)->detectAndCompute(grey, cv::noArray(), pk, pd);
+  if (pd.empty() || descriptors.empty()) return s;
+  cv::FlannBasedMatcher matcher;
+  std::vector<std::vector<cv::DMatch>> m;
+  matcher.knnMatch(pd, descriptors, m, 2);
+  std::vector<cv::Point2f> from, to;
+  std::vector<cv::Point2f> cellFrom[4][4], cellTo[4][4];
+  for (const auto& pair : m) {
+    if (pair.size() < 2 || !(pair[0].distance < 0.7f * pair[1].distance)) continue;
+    const cv::Point2f p = pk[std::size_t(pair[0].queryIdx)].pt, q = keys[std::size_t(pair[0].trainIdx)].pt;
+    from.push_back(p);
+    to.push_back(q);
+    const int i = std::clamp(int((q.x - s.box.x) * 4.0 / std::max(1, s.box.width)), 0, 3);
+    const int j = std::clamp(int((q.y - s.box.y) * 4.0 / std::max(1, s.box.height)), 0, 3);
+    cellFrom[j][i].push_back(p);
+    cellTo[j][i].push_back(q);
+  }
+  const double whole = similarityScale(from, to);
+  if (whole > 0) s.whole = whole;
+  for (int j = 0; j < 4; ++j)
+    for (int i = 0; i < 4; ++i) s.cells[j][i] = similarityScale(cellFrom[j][i], cellTo[j][i]);
+  return s;
+}
+
+int run(const std::string& command) { return std::system((command + " > /dev/null 2>&1").c_str()); }
+
+}  // namespace
+
+PeerResult openCvDetailStitch(const std::vector<cv::Mat>& photographs) {
+  using namespace cv::detail;
+  PeerResult result;
+  const auto started = std::chrono::steady_clock::now();
+  const int n = int(photographs.size());
+  if (n < 2) {
+    result.error = "fewer than two photographs";
+    return result;
+  }
+  const double area = double(photographs[0].cols) * photographs[0].rows;
+  const double workScale = std::min(1.0, std::sqrt(0.6e6 / area));
+  const double seamScale = std::min(1.0, std::sqrt(0.1e6 / area));
+
+  // Registration.
+  std::vector<ImageFeatures> features(static_cast<std::size_t>(n));
+  std::vector<cv::Mat> seamPictures(static_cast<std::size_t>(n));
+  cv::Ptr<cv::Feature2D> finder = cv::SIFT::create();
+  for (int i = 0; i < n; ++i) {
+    cv::Mat work;
+    cv::resize(photographs[std::size_t(i)], work, cv::Size(), workScale, workScale, cv::INTER_LINEAR_EXACT);
+    computeImageFeatures(finder, work, features[std::size_t(i)]);
+    features[std::size_t(i)].img_idx = i;
+    cv::resize(photographs[std::size_t(i)], seamPictures[std::size_t(i)], cv::Size(), seamScale, seamScale,
+               cv::INTER_LINEAR_EXACT);
+  }
+  std::vector<MatchesInfo> pairs;
+  BestOf2NearestMatcher matcher(false, 0.65f);
+  matcher(features, pairs);
+  matcher.collectGarbage();
+  std::vector<int> kept = leaveBiggestComponent(features, pairs, 1.0f);
+  if (kept.size() < 2) {
+    result.error = "fewer than two photographs link";
+    return result;
+  }
+  std::vector<CameraParams> cameras;
+  HomographyBasedEstimator estimator;
+  if (!estimator(features, pairs, cameras)) {
+    result.error = "homography estimation failed";
+    return result;
+  }
+  for (auto& c : cameras) c.R.convertTo(c.R, CV_32F);
+  BundleAdjusterRay adjuster;
+  adjuster.setConfThresh(1.0);
+  if (!adjuster(features, pairs, cameras)) {
+    result.error = "bundle adjustment failed";
+    return result;
+  }
+  std::vector<double> focals;
+  for (const auto& c : cameras) focals.push_back(c.focal);
+  std::sort(focals.begin(), focals.end());
+  const double warpedScale = focals[focals.size() / 2];
+  std::vector<cv::Mat> rotations;
+  for (const auto& c : cameras) rotations.push_back(c.R.clone());
+  waveCorrect(rotations, WAVE_CORRECT_HORIZ);
+  for (std::size_t k = 0; k < cameras.size(); ++k) cameras[k].R = rotations[k];
+
+  // Seams and exposure at 0.1 megapixels.
+  const double seamWork = seamScale / workScale;
+  const std::size_t m = kept.size();
+  std::vector<cv::Point> corners(m);
+  std::vector<cv::UMat> warpedMasks(m), warpedPictures(m);
+  std::vector<cv::Size> sizes(m);
+  {
+    cv::Ptr<RotationWarper> warper = cv::makePtr<SphericalWarper>(float(warpedScale * seamWork));
+    for (std::size_t k = 0; k < m; ++k) {
+      cv::Mat_<float> K;
+      cameras[k].K().convertTo(K, CV_32F);
+      K(0, 0) *= float(seamWork);
+      K(0, 2) *= float(seamWork);
+      K(1, 1) *= float(seamWork);
+      K(1, 2) *= float(seamWork);
+      const cv::Mat& picture = seamPictures[std::size_t(kept[k])];
+      corners[k] = warper->warp(picture, K, cameras[k].R, cv::INTER_LINEAR, cv::BORDER_REFLECT, warpedPictures[k]);
+      sizes[k] = warpedPictures[k].size();
+      cv::Mat mask(picture.size(), CV_8U, cv::Scalar(255));
+      warper->warp(mask, K, cameras[k].R, cv::INTER_NEAREST, cv::BORDER_CONSTANT, warpedMasks[k]);
+    }
+  }
+  cv::Ptr<ExposureCompensator> compensator = ExposureCompensator::createDefault(ExposureCompensator::GAIN_BLOCKS);
+  compensator->feed(corners, warpedPictures, warpedMasks);
+  std::vector<cv::UMat> floats(m);
+  for (std::size_t k = 0; k < m; ++k) warpedPictures[k].convertTo(floats[k], CV_32F);
+  GraphCutSeamFinder seams(GraphCutSeamFinderBase::COST_COLOR);
+  seams.find(floats, corners, warpedMasks);
+
+  // Composition at full resolution.
+  const double composeWork = 1.0 / workScale;
+  cv::Ptr<RotationWarper> warper = cv::makePtr<SphericalWarper>(float(warpedScale * composeWork));
+  std::vector<cv::Point> fullCorners(m);
+  std::vector<cv::Size> fullSizes(m);
+  std::vector<cv::Mat_<float>> Ks(m);
+  for (std::size_t k = 0; k < m; ++k) {
+    cameras[k].K().convertTo(Ks[k], CV_32F);
+    Ks[k](0, 0) *= float(composeWork);
+    Ks[k](0, 2) *= float(composeWork);
+    Ks[k](1, 1) *= float(composeWork);
+    Ks[k](1, 2) *= float(composeWork);
+    const cv::Rect roi = warper->warpRoi(photographs[std::size_t(kept[k])].size(), Ks[k], cameras[k].R);
+    fullCorners[k] = roi.tl();
+    fullSizes[k] = roi.size();
+  }
+  const cv::Rect panorama = resultRoi(fullCorners, fullSizes);
+  MultiBandBlender blender(false, 5);
+  blender.setNumBands(int(std::ceil(std::log(std::sqrt(double(panorama.area())) * 0.05) / std::log(2.0)) - 1));
+  blender.prepare(panorama);
+  result.layers.assign(std::size_t(n), PeerLayer());
+  for (std::size_t k = 0; k < m; ++k) {
+    const cv::Mat& photo = photographs[std::size_t(kept[k])];
+    cv::Mat warped, mask, warpedMask;
+    warper->warp(photo, Ks[k], cameras[k].R, cv::INTER_LINEAR, cv::BORDER_REFLECT, warped);
+    cv::Mat full(photo.size(), CV_8U, cv::Scalar(255));
+    warper->warp(full, Ks[k], cameras[k].R, cv::INTER_NEAREST, cv::BORDER_CONSTANT, warpedMask);
+    compensator->apply(int(k), fullCorners[k], warped, warpedMask);
+    PeerLayer& layer = result.layers[std::size_t(kept[k])];
+    layer.picture = warped.clone();
+    layer.mask = warpedMask.clone();
+    layer.box = cv::Rect(fullCorners[k] - panorama.tl(), warped.size());
+    cv::Mat seamMask;
+    cv::dilate(warpedMasks[k], seamMask, cv::Mat());
+    cv::resize(seamMask, seamMask, warpedMask.size(), 0, 0, cv::INTER_LINEAR_EXACT);
+    cv::Mat blendMask = seamMask & warpedMask;
+    cv::Mat signedPicture;
+    warped.convertTo(signedPicture, CV_16S);
+    blender.feed(signedPicture, blendMask, fullCorners[k]);
+  }
+  cv::Mat blended, blendedMask;
+  blender.blend(blended, blendedMask);
+  result.panorama = panorama.size();
+  result.seconds = secondsSince(started);
+  result.ok = true;
+  return result;
+}
+
+bool huginAvailable() { return run("command -v pto_gen && command -v cpfind && command -v nona") == 0; }
+
+PeerResult huginStitch(const std::vector<std::string>& files, const std::string& folder) {
+  PeerResult result;
+  const auto started = std::chrono::steady_clock::now();
+  const std::string pto = folder + "/project.pto";
+  std::string list;
+  for (const auto& f : files) list += " '" + f + "'";
+  const std::vector<std::string> chain = {
+      "pto_gen -o '" + pto + "'" + list,
+      "cpfind --multirow -o '" + pto + "' '" + pto + "'",
+      "cpclean -o '" + pto + "' '" + pto + "'",
+      "autooptimiser -a -m -l -s -o '" + pto + "' '" + pto + "'",
+      "pano_modify --canvas=AUTO --crop=AUTO -o '" + pto + "' '" + pto + "'"};
+  for (const auto& command : chain) {
+    if (run(command) != 0) {
+      result.error = "failed: " + command.substr(0, command.find(' '));
+      return result;
+    }
+  }
+  // Uncropped layers, one per photograph, each the whole canvas (alpha: mask).
+  std::ifstream in(pto);
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string project = text.str();
+  std::smatch found;
+  const std::regex pLine(R"(\np ([^\n]*))");
+  if (!std::regex_search(project, found, pLine)) {
+    result.error = "no panorama line in the project";
+    return result;
+  }
+  std::string line = found[1].str();
+  std::smatch w, h, s;
+  std::regex_search(line, w, std::regex(R"(\bw(\d+))"));
+  std::regex_search(line, h, std::regex(R"(\bh(\d+))"));
+  if (w.empty() || h.empty()) {
+    result.error = "no canvas size in the project";
+    return result;
+  }
+  result.panorama = cv::Size(std::stoi(w[1].str()), std::stoi(h[1].str()));
+  if (std::regex_search(line, s, std::regex(R"(\bS(\d+),(\d+),(\d+),(\d+))"))) {
+    const int left = std::stoi(s[1].str()), right = std::stoi(s[2].str());
+    const int top = std::stoi(s[3].str()), bottom = std::stoi(s[4].str());
+    result.crop = cv::Rect(left, top, right - left, bottom - top);
+    line = std::regex_replace(line, std::regex(R"(\bS\d+,\d+,\d+,\d+)"), "");
+  }
+  line = std::regex_replace(line, std::regex(R"(\bn"[^"]*")"), "");
+  line += " n\"TIFF_m c:NONE r:UNCROPPED\"";
+  project.replace(std::size_t(found.position(1)), std::size_t(found.length(1)), line);
+  std::ofstream(folder + "/layers.pto") << project;
+  if (run("nona -o '" + folder + "/layer' '" + folder + "/layers.pto'") != 0) {
+    result.error = "failed: nona";
+    return result;
+  }
+  result.seconds = secondsSince(started);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    char name[32];
+    std::snprintf(name, sizeof name, "/layer%04zu.tif", i);
+    const cv::Mat rgba = cv::imread(folder + name, cv::IMREAD_UNCHANGED);
+    PeerLayer layer;
+    if (!rgba.empty() && rgba.channels() == 4) {
+      cv::Mat bytes = rgba;
+      if (rgba.depth() != CV_8U) rgba.convertTo(bytes, CV_8U, rgba.depth() == CV_16U ? 1.0 / 257.0 : 1.0);
+      std::vector<cv::Mat> channels;
+      cv::split(bytes, channels);
+      cv::Mat mask = channels[3] > 127;
+      const cv::Rect box = cv::boundingRect(mask);
+      if (!box.empty()) {
+        cv::Mat bgr;
+        cv::merge(std::vector<cv::Mat>{channels[0], channels[1], channels[2]}, bgr);
+        layer.picture = bgr(box).clone();
+        layer.mask = mask(box).clone();
+        layer.box = box;
+      }
+    }
+    result.layers.push_back(layer);
+  }
+  result.ok = true;
+  return result;
+}
+
+LayerSeams measureLayerSeams(const std::vector<PeerLayer>& layers, const std::vector<cv::Mat>& photographs,
+                             const std::vector<std::string>& names, double largest) {
+  LayerSeams out;
+  struct Found {
+    std::vector<cv::KeyPoint> keys;  // panorama pixels
+    cv::Mat descriptors, grey, inside;
+    LayerScale scale;
+  };
+  std::vector<Found> found(layers.size());
+  cv::parallel_for_(cv::Range(0, int(layers.size())), [&](const cv::Range& range) {
+    for (int i = range.start; i < range.end; ++i) {
+      const PeerLayer& layer = layers[std::size_t(i)];
+      if (layer.picture.empty()) continue;
+      Found& f = found[std::size_t(i)];
+      cv::cvtColor(layer.picture, f.grey, cv::COLOR_BGR2GRAY);
+      cv::erode(layer.mask, f.inside, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(11, 11)));
+      cv::SIFT::create(6000)->detectAndCompute(f.grey, f.inside, f.keys, f.descriptors);
+      for (auto& k : f.keys) k.pt += cv::Point2f(float(layer.box.x), float(layer.box.y));
+      f.scale = scaleOf(layer, photographs[std::size_t(i)], f.keys, f.descriptors);
+    }
+  });
+  std::vector<double> all;
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    for (std::size_t j = i + 1; j < layers.size(); ++j) {
+      const Found& a = found[i];
+      const Found& b = found[j];
+      if (a.grey.empty() || b.grey.empty()) continue;
+      const cv::Rect shared = layers[i].box & layers[j].box;
+      if (shared.empty()) continue;
+      const cv::Mat both = a.inside(shared - layers[i].box.tl()) & b.inside(shared - layers[j].box.tl());
+      if (cv::countNonZero(both) < 400) continue;
+      const auto within = [&](const Found& f, std::vector<int>& index, cv::Mat& d) {
+        for (std::size_t k = 0; k < f.keys.size(); ++k) {
+          const cv::Point p(int(f.keys[k].pt.x) - shared.x, int(f.keys[k].pt.y) - shared.y);
+          if (p.x < 0 || p.y < 0 || p.x >= shared.width || p.y >= shared.height || !both.at<uchar>(p)) continue;
+          index.push_back(int(k));
+          d.push_back(f.descriptors.row(int(k)));
+        }
+      };
+      std::vector<int> ia, ib;
+      cv::Mat da, db;
+      within(a, ia, da);
+      within(b, ib, db);
+      if (da.rows < 2 || db.rows < 2) continue;
+      cv::FlannBasedMatcher matcher;
+      std::vector<std::vector<cv::DMatch>> forward, backward;
+      matcher.knnMatch(da, db, forward, 2);
+      matcher.knnMatch(db, da, backward, 2);
+      std::vector<double> distances;
+      for (const auto& f : forward) {
+        if (f.size() < 2 || !(f[0].distance < 0.7f * f[1].distance)) continue;
+        const auto& back = backward[std::size_t(f[0].trainIdx)];
+        if (back.empty() || back[0].trainIdx != f[0].queryIdx) continue;
+        const cv::Point2f pa = a.keys[std::size_t(ia[std::size_t(f[0].queryIdx)])].pt;
+        const cv::Point2f pb = b.keys[std::size_t(ib[std::size_t(f[0].trainIdx)])].pt;
+        const double d = cv::norm(pb - pa) / a.scale.at(pa);
+        if (d <= largest) distances.push_back(d);
+      }
+      if (distances.size() < 8) continue;
+      const double meanA = cv::mean(layers[i].picture(shared - layers[i].box.tl()), both)[1];
+      const double meanB = cv::mean(layers[j].picture(shared - layers[j].box.tl()), both)[1];
+      const double ev = meanA > 0 && meanB > 0 ? std::fabs(std::log2(meanA / meanB)) : 0.0;
+      const double med = percentile(distances, 0.5);
+      out.worstPairMedianPx = std::max(out.worstPairMedianPx, med);
+      out.worstExposureEv = std::max(out.worstExposureEv, ev);
+      ++out.pairs;
+      all.insert(all.end(), distances.begin(), distances.end());
+      char line[200];
+      std::snprintf(line, sizeof line, "%s / %s: %zu matches, median %.2f px, 90 %% %.2f px, exposure %.3f EV",
+                    names[i].c_str(), names[j].c_str(), distances.size(), med, percentile(distances, 0.9), ev);
+      out.lines.push_back(line);
+    }
+  }
+  out.matches = int(all.size());
+  out.medianPx = percentile(all, 0.5);
+  out.p90Px = percentile(all, 0.9);
+  return out;
+}
+
+double keptShare(const std::vector<PeerLayer>& layers, cv::Size panorama, const cv::Rect& crop) {
+  cv::Mat drawn = cv::Mat::zeros(panorama, CV_8U);
+  for (const auto& layer : layers) {
+    if (layer.mask.empty()) continue;
+    const cv::Rect inside = layer.box & cv::Rect(cv::Point(0, 0), panorama);
+    if (inside.empty()) continue;
+    drawn(inside) |= layer.mask(inside - layer.box.tl());
+  }
+  const double total = cv::countNonZero(drawn);
+  if (!(total > 0) || crop.empty()) return 0.0;
+  return cv::countNonZero(drawn(crop & cv::Rect(cv::Point(0, 0), panorama))) / total;
+}
+
+}  // namespace Synthetic
