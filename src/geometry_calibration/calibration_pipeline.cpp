@@ -12,6 +12,7 @@
 
 #include "camera/camera_coverage.h"
 #include "geometry/coverage.h"
+#include "geometry_calibration/matrix_based/neighbour_neighbour_access.h"
 #include "geometry_calibration/seam_measurement.h"
 #include "logging/logger_setup.h"
 #include "orbivane/geometry_calibration/calibrator_options.h"
@@ -247,8 +248,8 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       if (std::find(listed_.begin(), listed_.end(), name) == listed_.end()) listed_.push_back(name);
   }
   // One meter for the run's seams: a module a step does not move is not drawn again.
-  SeamMeter meter(drawingSize(withPictures(camera_, images_)));
-  seamsBefore_ = measureWith(meter, withPictures(camera_, images_), listed_);
+  auto meter = std::make_shared<SeamMeter>(drawingSize(withPictures(camera_, images_)));
+  seamsBefore_ = measureWith(*meter, withPictures(camera_, images_), listed_);
   std::vector<SeamResidual> seams = seamsBefore_;  // as the last step left them
 
   std::list<std::wstring> active = listed_;  // modules still in the running
@@ -295,6 +296,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       std::wstring reference = options.reference;
       if (reference.empty() && !chain.empty()) reference = *std::next(chain.begin(), long(chain.size() / 2));
       NeighbourNeighbour stitcher(camera_, images_, options.levels, options.iterations, options.step);
+      MatrixBased::NeighbourNeighbourAccess::shareMeter(stitcher, meter);
       stitcher.registerStatusCallback(forward("neighbour stitching"));
       camera_ = stitcher.calibrate(chain, reference);
       step.pairs = stitcher.pairReports();
@@ -370,7 +372,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     if (stepName == "clip") {
       step.seams = seams;
     } else {
-      step.seams = measureWith(meter, withPictures(camera_, images_), listed_);
+      step.seams = measureWith(*meter, withPictures(camera_, images_), listed_);
       const SeamComparison c = compareSeams(seams, step.seams);
       if (c.lost > 0 || c.after > c.before * (1.0 + kSeamWorseShare) + kSeamSlackPx) {
         char text[200];

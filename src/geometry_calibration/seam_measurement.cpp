@@ -4,24 +4,27 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <sstream>
 
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "orbivane/camera/final_matrix.h"
+#include "orbivane/geometry/surface_projection.h"
 #include "orbivane/rendering/module_drawing.h"
 
 namespace GeometryCalibration {
 namespace {
 
-constexpr int kEdgeClearance = 5;  // panorama pixels kept clear of a module's edge
+constexpr int kEdgeClearance = 4;         // panorama pixels kept clear of a module's edge
 constexpr int kFewestOverlapPixels = 400;
-constexpr float kRatio = 0.7f;  // Lowe's ratio test
-constexpr int kMostFeatures = 6000;  // per module drawing, the strongest
+constexpr float kRatio = 0.7f;             // Lowe's ratio test
+constexpr int kMostFeatures = 8000;        // per drawing, the strongest
+constexpr int kScaleStride = 16;           // panorama pixels between samples of a drawing's scale
+constexpr int kRegionMargin = 24;          // panorama pixels drawn beyond what is needed
 
 // What decides how a module is drawn, but for its matrix: grid, shaders,
 // gain, picture.
@@ -65,149 +68,196 @@ Utils::Optional<cv::Point2d> translationBetween(const Utils::Matrix4x4& from, co
   return cv::Point2d(double(t.get(0, 3)) * panorama.width, double(t.get(1, 3)) * panorama.height);
 }
 
+// The panorama pixels a module's unit square spans (as drawModule frames
+// it), or an empty box.
+cv::Rect footprintBox(const CameraDescription::OrbivaneModule& module, cv::Size panorama) {
+  const auto final = CameraDescription::finalMatrix(module);
+  if (!final) return cv::Rect();
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(*final);
+  if (!quad) return cv::Rect();
+  const double left = std::max(0.0, std::floor(double(quad->left()) * panorama.width));
+  const double top = std::max(0.0, std::floor(double(quad->top()) * panorama.height));
+  const double right = std::min(double(panorama.width), std::ceil(double(quad->right()) * panorama.width) + 1.0);
+  const double bottom = std::min(double(panorama.height), std::ceil(double(quad->bottom()) * panorama.height) + 1.0);
+  if (!(right > left) || !(bottom > top) || !std::isfinite(left + right + top + bottom)) return cv::Rect();
+  return cv::Rect(int(left), int(top), int(right - left), int(bottom - top));
+}
+
 }  // namespace
 
+// One module drawn over a region. The drawing was made with the module
+// where `base` says; the module now sits `offset` panorama pixels from
+// there (a translation of its matrix since), so in the current panorama its
+// drawing's pixel p shows at p + offset.
 struct SeamMeter::Drawn {
   std::string signature;
-  Utils::Matrix4x4 matrix;  // the final matrix it was drawn through
-  const void* base = nullptr;  // the drawing this one is a moved copy of (itself when drawn)
-  cv::Point2d offset;          // how far it was moved from that drawing, panorama pixels
+  Utils::Matrix4x4 matrix;  // the final matrix now
   bool ok = false;
   std::string reason;
-  cv::Rect box;                       // panorama pixels
-  cv::Mat grey, inside;               // over the box; `inside` a few pixels in from the module's edge
-  std::vector<cv::KeyPoint> keypoints;  // panorama pixels
+  cv::Rect region;          // panorama pixels drawn, where it was drawn
+  cv::Mat grey, inside;     // over `region`; `inside` a few pixels in from the module's edge
+  cv::Mat scale;            // CV_32F every kScaleStride pixels: panorama pixels per picture pixel
+  std::vector<cv::KeyPoint> keypoints;  // SIFT features of the drawing, pixels of `region` where it was drawn
   cv::Mat descriptors;
-  std::vector<float> scale;           // per keypoint: panorama pixels per picture pixel there
+  cv::Point2d offset;       // from where it was drawn to where it is now
+  const void* base = nullptr;  // identifies the drawing this one is a moved copy of
+
+  cv::Point whole() const { return cv::Point(int(std::lround(offset.x)), int(std::lround(offset.y))); }
+  cv::Point2d fraction() const { return offset - cv::Point2d(whole()); }
+  // Whether `needed` (current panorama pixels) lies within what was drawn.
+  bool covers(const cv::Rect& needed) const { return ((needed - whole()) & region) == needed - whole(); }
+  double scaleAt(cv::Point2d current) const {
+    const cv::Point2d p = current - offset - cv::Point2d(region.tl());
+    const int x = std::clamp(int(p.x / kScaleStride), 0, scale.cols - 1);
+    const int y = std::clamp(int(p.y / kScaleStride), 0, scale.rows - 1);
+    return scale.at<float>(y, x);
+  }
 };
 
 SeamMeter::SeamMeter(cv::Size panorama) : panorama_(panorama) {}
 SeamMeter::~SeamMeter() = default;
 
-std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription::OrbivaneModule& module) {
+std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription::OrbivaneModule& module,
+                                                         const cv::Rect& needed) {
   const std::string signature = signatureOf(module);
   const auto final = CameraDescription::finalMatrix(module);
   const auto it = cache_.find(module.name());
   if (it != cache_.end() && it->second->signature == signature && it->second->ok && final) {
-    // Moved by a translation on the panorama (as a neighbour stitching step
-    // moves modules): the same drawing, moved.
-    const auto shift = translationBetween(it->second->matrix, *final, panorama_);
-    if (shift) {
-      if (std::fabs(shift->x) < 1e-9 && std::fabs(shift->y) < 1e-9) return it->second;
+    // Moved by a translation on the panorama (as neighbour stitching moves
+    // modules): the same drawing, moved, if it covers what is needed.
+    if (const auto shift = translationBetween(it->second->matrix, *final, panorama_)) {
       auto moved = std::make_shared<Drawn>(*it->second);
       moved->matrix = *final;
       moved->offset += *shift;
-      const cv::Point whole(int(std::lround(shift->x)), int(std::lround(shift->y)));
-      moved->box += whole;
-      for (auto& k : moved->keypoints) k.pt += cv::Point2f(float(shift->x), float(shift->y));
-      cache_[module.name()] = moved;
-      return moved;
+      if (moved->covers(needed)) {
+        cache_[module.name()] = moved;
+        return moved;
+      }
     }
   }
   auto d = std::make_shared<Drawn>();
   d->signature = signature;
   if (final) d->matrix = *final;
-  auto drawing = OrbivaneRendering::drawModule(module, panorama_);
+  d->base = d.get();
+  // What was drawn before and is still needed is drawn again with the rest,
+  // with a margin for the small moves a calibration step makes.
+  cv::Rect region(needed.x - kRegionMargin, needed.y - kRegionMargin, needed.width + 2 * kRegionMargin,
+                  needed.height + 2 * kRegionMargin);
+  if (it != cache_.end() && it->second->ok) region |= (it->second->region + it->second->whole());
+  auto drawing = OrbivaneRendering::drawModule(module, panorama_, region);
   if (!drawing) {
     d->reason = "module " + drawing.error();
   } else {
     const OrbivaneRendering::ModuleDrawing& m = drawing.value();
-    d->box = m.box;
+    d->region = m.box;
     cv::Mat bytes;
     m.colour.convertTo(bytes, CV_8UC3);  // saturated at 255, as the viewer shows it
     cv::cvtColor(bytes, d->grey, cv::COLOR_BGR2GRAY);
     cv::erode(m.inside, d->inside,
               cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * kEdgeClearance + 1, 2 * kEdgeClearance + 1)));
+    // The picture's scale: how far the picture point moves per panorama pixel.
+    d->scale.create((m.box.height + kScaleStride - 1) / kScaleStride, (m.box.width + kScaleStride - 1) / kScaleStride,
+                    CV_32F);
+    for (int j = 0; j < d->scale.rows; ++j)
+      for (int i = 0; i < d->scale.cols; ++i) {
+        const int x = std::min(i * kScaleStride, m.box.width - 2), y = std::min(j * kScaleStride, m.box.height - 2);
+        const double across = std::hypot(m.mapX.at<float>(y, x + 1) - m.mapX.at<float>(y, x),
+                                         m.mapY.at<float>(y, x + 1) - m.mapY.at<float>(y, x));
+        const double down = std::hypot(m.mapX.at<float>(y + 1, x) - m.mapX.at<float>(y, x),
+                                       m.mapY.at<float>(y + 1, x) - m.mapY.at<float>(y, x));
+        const double perPanorama = 0.5 * (across + down);
+        d->scale.at<float>(j, i) = perPanorama > 1e-9 && perPanorama < 1e3 ? float(1.0 / perPanorama) : 1.0f;
+      }
     cv::SIFT::create(kMostFeatures)->detectAndCompute(d->grey, d->inside, d->keypoints, d->descriptors);
-    for (auto& k : d->keypoints) {
-      // The picture's scale where the feature lies: how far the picture point
-      // moves per panorama pixel.
-      const int x = std::clamp(int(k.pt.x), 0, m.box.width - 2), y = std::clamp(int(k.pt.y), 0, m.box.height - 2);
-      const double across = std::hypot(m.mapX.at<float>(y, x + 1) - m.mapX.at<float>(y, x),
-                                       m.mapY.at<float>(y, x + 1) - m.mapY.at<float>(y, x));
-      const double down = std::hypot(m.mapX.at<float>(y + 1, x) - m.mapX.at<float>(y, x),
-                                     m.mapY.at<float>(y + 1, x) - m.mapY.at<float>(y, x));
-      const double picturePerPanorama = 0.5 * (across + down);
-      d->scale.push_back(picturePerPanorama > 1e-9 ? float(1.0 / picturePerPanorama) : 1.0f);
-      k.pt += cv::Point2f(float(m.box.x), float(m.box.y));
-    }
     d->ok = true;
   }
-  d->base = d.get();
   cache_[module.name()] = d;
   return d;
 }
 
 void SeamMeter::prepare(const std::vector<const CameraDescription::OrbivaneModule*>& modules) {
-  // Drawn apart, two at a time (drawing and SIFT are mostly single-threaded).
-  std::vector<std::shared_ptr<const Drawn>> results(modules.size());
-  std::vector<std::string> signatures;
-  for (const auto* m : modules) signatures.push_back(signatureOf(*m));
+  // Each module is needed where it overlaps another.
+  std::vector<cv::Rect> boxes, needed(modules.size());
+  for (const auto* m : modules) boxes.push_back(footprintBox(*m, panorama_));
+  for (std::size_t i = 0; i < modules.size(); ++i)
+    for (std::size_t j = 0; j < modules.size(); ++j) {
+      const cv::Rect shared = boxes[i] & boxes[j];
+      if (i != j && !shared.empty()) needed[i] = needed[i].empty() ? shared : (needed[i] | shared);
+    }
+  // Drawn apart, two at a time (drawing is mostly single-threaded).
+  std::vector<std::unique_ptr<SeamMeter>> scratch(modules.size());
   std::vector<std::size_t> todo;
   for (std::size_t i = 0; i < modules.size(); ++i) {
-    const auto it = cache_.find(modules[i]->name());
-    const auto final = CameraDescription::finalMatrix(*modules[i]);
-    if (it == cache_.end() || it->second->signature != signatures[i] || !final ||
-        !translationBetween(it->second->matrix, *final, panorama_)) {
-      todo.push_back(i);
-    }
+    if (needed[i].empty()) continue;
+    auto it = cache_.find(modules[i]->name());
+    scratch[i] = std::make_unique<SeamMeter>(panorama_);
+    if (it != cache_.end()) scratch[i]->cache_[it->first] = it->second;
+    todo.push_back(i);
   }
-  std::vector<std::unique_ptr<SeamMeter>> scratch;
-  for (std::size_t k = 0; k < todo.size(); ++k) scratch.push_back(std::make_unique<SeamMeter>(panorama_));
   cv::parallel_for_(cv::Range(0, int(todo.size())), [&](const cv::Range& range) {
     for (int k = range.start; k < range.end; ++k) {
-      results[todo[std::size_t(k)]] = scratch[std::size_t(k)]->drawn(*modules[todo[std::size_t(k)]]);
+      const std::size_t i = todo[std::size_t(k)];
+      scratch[i]->drawn(*modules[i], needed[i]);
     }
   });
-  for (const std::size_t i : todo) cache_[modules[i]->name()] = results[i];
+  for (const std::size_t i : todo) cache_[modules[i]->name()] = scratch[i]->cache_[modules[i]->name()];
+}
+
+std::pair<std::shared_ptr<const SeamMeter::Drawn>, std::shared_ptr<const SeamMeter::Drawn>> SeamMeter::drawnPair(
+    const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second) {
+  const cv::Rect shared = footprintBox(first, panorama_) & footprintBox(second, panorama_);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (shared.empty()) return {nullptr, nullptr};
+  return {drawn(first, shared), drawn(second, shared)};
 }
 
 SeamMeter::Overlap SeamMeter::overlap(const CameraDescription::OrbivaneModule& first,
                                       const CameraDescription::OrbivaneModule& second) {
   Overlap o;
-  std::shared_ptr<const Drawn> a, b;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    a = drawn(first);
-    b = drawn(second);
+  const auto [a, b] = drawnPair(first, second);
+  if (!a || !b) {
+    o.reason = "no overlap";
+    return o;
   }
   if (!a->ok || !b->ok) {
     o.reason = !a->ok ? a->reason : b->reason;
     return o;
   }
-  o.region = a->box & b->box;
+  // Drawings that were moved by whole pixels since are cut where they are
+  // now; a sub-pixel remainder of the move is not shown (see `fraction`).
+  o.region = (a->region + a->whole()) & (b->region + b->whole());
   if (o.region.empty()) {
     o.reason = "no overlap";
     return o;
   }
-  o.mask = a->inside(o.region - a->box.tl()) & b->inside(o.region - b->box.tl());
+  const cv::Rect inA = o.region - a->whole() - a->region.tl(), inB = o.region - b->whole() - b->region.tl();
+  o.mask = a->inside(inA) & b->inside(inB);
   if (cv::countNonZero(o.mask) < kFewestOverlapPixels) {
     o.reason = "no overlap";
     return o;
   }
-  o.first = a->grey(o.region - a->box.tl());
-  o.second = b->grey(o.region - b->box.tl());
-  std::vector<double> scales;
-  for (std::size_t k = 0; k < a->keypoints.size(); ++k)
-    if (o.region.contains(cv::Point(a->keypoints[k].pt))) scales.push_back(a->scale[k]);
-  if (!scales.empty()) o.pictureScale = percentile(scales, 0.5);
+  o.first = a->grey(inA);
+  o.second = b->grey(inB);
+  o.pictureScale = a->scaleAt(cv::Point2d(o.region.x + 0.5 * o.region.width, o.region.y + 0.5 * o.region.height));
+  o.firstFraction = a->fraction();
+  o.secondFraction = b->fraction();
   o.ok = true;
   return o;
 }
 
 SeamMeasure SeamMeter::measure(const CameraDescription::OrbivaneModule& first,
                                const CameraDescription::OrbivaneModule& second) {
-  std::shared_ptr<const Drawn> a, b;
-  std::string key;
+  const auto [a, b] = drawnPair(first, second);
+  if (!a || !b) {
+    SeamMeasure none;
+    none.reason = "no overlap";
+    return none;
+  }
+  char key[160];
+  const cv::Point2d relative = b->offset - a->offset;
+  std::snprintf(key, sizeof key, "%p/%p/%.4f,%.4f", a->base, b->base, relative.x, relative.y);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    a = drawn(first);
-    b = drawn(second);
-    char shift[64];
-    const cv::Point2d relative = b->offset - a->offset;
-    std::snprintf(shift, sizeof shift, "%.4f,%.4f", relative.x, relative.y);
-    key = std::to_string(reinterpret_cast<std::uintptr_t>(a->base)) + "/" +
-          std::to_string(reinterpret_cast<std::uintptr_t>(b->base)) + "/" + shift;
     const auto known = pairs_.find(key);
     if (known != pairs_.end()) return known->second;
   }
@@ -217,48 +267,50 @@ SeamMeasure SeamMeter::measure(const CameraDescription::OrbivaneModule& first,
   return s;
 }
 
-SeamMeasure SeamMeter::compare(const Drawn& drawnFirst, const Drawn& drawnSecond) const {
+SeamMeasure SeamMeter::compare(const Drawn& a, const Drawn& b) const {
   SeamMeasure s;
-  const Drawn* a = &drawnFirst;
-  const Drawn* b = &drawnSecond;
-  if (!a->ok || !b->ok) {
-    s.reason = !a->ok ? a->reason : b->reason;
+  if (!a.ok || !b.ok) {
+    s.reason = !a.ok ? a.reason : b.reason;
     return s;
   }
-  const cv::Rect shared = a->box & b->box;
-  if (shared.empty()) {
+  const cv::Rect region = (a.region + a.whole()) & (b.region + b.whole());
+  if (region.empty()) {
     s.reason = "no overlap";
     return s;
   }
-  const cv::Mat both = a->inside(shared - a->box.tl()) & b->inside(shared - b->box.tl());
+  const cv::Rect inA = region - a.whole() - a.region.tl(), inB = region - b.whole() - b.region.tl();
+  const cv::Mat both = a.inside(inA) & b.inside(inB);
   s.overlapPixels = cv::countNonZero(both);
   if (s.overlapPixels < kFewestOverlapPixels) {
     s.reason = "no overlap";
     return s;
   }
-  const double meanFirst = cv::mean(a->grey(shared - a->box.tl()), both)[0];
-  const double meanSecond = cv::mean(b->grey(shared - b->box.tl()), both)[0];
+  const cv::Mat greyA = a.grey(inA), greyB = b.grey(inB);
+  const double meanFirst = cv::mean(greyA, both)[0], meanSecond = cv::mean(greyB, both)[0];
   s.exposureEv = meanFirst > 0.0 && meanSecond > 0.0 ? std::fabs(std::log2(meanFirst / meanSecond)) : 0.0;
 
-  // The features of each that lie where both draw.
-  const auto within = [&](const Drawn& d, std::vector<int>& index, cv::Mat& descriptors) {
+  // The features of each drawing where both draw, in current panorama
+  // pixels (a drawing moved since it was made moves its features exactly).
+  const auto within = [&](const Drawn& d, std::vector<cv::Point2f>& at, cv::Mat& descriptors) {
+    const cv::Point2d shift = d.offset + cv::Point2d(d.region.tl());
     for (std::size_t k = 0; k < d.keypoints.size(); ++k) {
-      const cv::Point p(int(d.keypoints[k].pt.x) - shared.x, int(d.keypoints[k].pt.y) - shared.y);
-      if (p.x < 0 || p.y < 0 || p.x >= shared.width || p.y >= shared.height || !both.at<std::uint8_t>(p)) continue;
-      index.push_back(int(k));
+      const cv::Point2d p = cv::Point2d(d.keypoints[k].pt) + shift;
+      const cv::Point q(int(p.x) - region.x, int(p.y) - region.y);
+      if (q.x < 0 || q.y < 0 || q.x >= region.width || q.y >= region.height || !both.at<std::uint8_t>(q)) continue;
+      at.emplace_back(float(p.x), float(p.y));
       descriptors.push_back(d.descriptors.row(int(k)));
     }
   };
-  std::vector<int> ia, ib;
+  std::vector<cv::Point2f> pa, pb;
   cv::Mat da, db;
-  within(*a, ia, da);
-  within(*b, ib, db);
+  within(a, pa, da);
+  within(b, pb, db);
   if (da.rows < 2 || db.rows < 2) {
     s.reason = "no texture in the overlap";
     return s;
   }
-  // A k-d tree search (OpenCV's FLANN matcher): the brute-force one takes
-  // seconds on the thousands of features a textured overlap holds.
+  // A k-d tree search (OpenCV's FLANN matcher), each way; a match counts when
+  // it passes the ratio test and the two features are each other's best.
   cv::FlannBasedMatcher matcher(cv::makePtr<cv::flann::KDTreeIndexParams>(4), cv::makePtr<cv::flann::SearchParams>(64));
   std::vector<std::vector<cv::DMatch>> forward, backward;
   matcher.knnMatch(da, db, forward, 2);
@@ -268,14 +320,13 @@ SeamMeasure SeamMeter::compare(const Drawn& drawnFirst, const Drawn& drawnSecond
   for (const auto& f : forward) {
     if (f.size() < 2 || !(f[0].distance < kRatio * f[1].distance)) continue;
     const auto& back = backward[std::size_t(f[0].trainIdx)];
-    if (back.empty() || back[0].trainIdx != f[0].queryIdx) continue;  // each other's best
-    const int ka = ia[std::size_t(f[0].queryIdx)], kb = ib[std::size_t(f[0].trainIdx)];
-    const cv::Point2d shift = cv::Point2d(b->keypoints[std::size_t(kb)].pt - a->keypoints[std::size_t(ka)].pt) *
-                              (1.0 / a->scale[std::size_t(ka)]);
-    const double distance = std::hypot(shift.x, shift.y);
+    if (back.empty() || back[0].trainIdx != f[0].queryIdx) continue;
+    const cv::Point2f from = pa[std::size_t(f[0].queryIdx)], to = pb[std::size_t(f[0].trainIdx)];
+    const cv::Point2d inPicture = cv::Point2d(to - from) * (1.0 / a.scaleAt(cv::Point2d(from)));
+    const double distance = std::hypot(inPicture.x, inPicture.y);
     if (!(distance <= kLargestSeamPx)) continue;
     distances.push_back(distance);
-    sum += shift;
+    sum += inPicture;
   }
   s.matches = int(distances.size());
   s.distances.assign(distances.begin(), distances.end());

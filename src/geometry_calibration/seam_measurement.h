@@ -1,27 +1,29 @@
 // How well modules line up where they overlap, measured as a viewer shows
-// them: each module drawn alone on the panorama (matrix, UV grid, lens
-// shader, gain: orbivane/rendering/module_drawing.h), SIFT features found in
-// each drawing, and for every pair of overlapping modules the features
-// matched between the two drawings inside their overlap (ratio test, each
-// other's best), with the distances between the matched positions. A module
-// that is placed right draws a scene point where its neighbour draws it; the
-// distances say by how much it does not. They are converted from panorama
-// pixels to pixels of the first module's picture (its scale on the panorama
-// at the overlap).
+// them: each module drawn alone on the panorama where it overlaps others
+// (matrix, UV grid, lens shader, gain: orbivane/rendering/module_drawing.h),
+// SIFT features found in each drawing, and for every pair of overlapping
+// modules the features matched between the two drawings inside their
+// overlap (ratio test, each other's best), with the distances between the
+// matched positions. A module that is placed right draws a scene point where
+// its neighbour draws it; the distances say by how much it does not (they
+// include the features' own sub-pixel scatter, as any feature measurement
+// does). They are converted from panorama pixels to pixels of the first
+// module's picture (its scale on the panorama there).
 //
 // Matches further apart than kLargestSeamPx picture pixels are not counted
 // (a seam that far off shows in the panorama as a doubled scene, and its
 // features rarely match at all); a pair with fewer than kFewestSeamMatches
 // matches is not measured.
 //
-// A SeamMeter keeps each module's drawing and features while the module is
-// drawn the same way (same matrix, grid, shaders, gain and picture), so
-// measuring again after a step redraws only the modules the step moved.
+// A SeamMeter keeps each module's drawing while the module is drawn the same
+// way (same grid, shaders, gain and picture; a matrix moved by a translation
+// on the panorama moves the drawing), so measuring again after a step redraws
+// only what the step changed.
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -37,9 +39,9 @@ constexpr int kFewestSeamMatches = 8;
 struct SeamMeasure {
   bool measured = false;
   std::string reason;  // why not measured; "no overlap" for modules that do not overlap
-  int matches = 0;
+  int matches = 0;     // feature matches counted
   double medianPx = 0.0, p90Px = 0.0;  // picture pixels of the first module
-  cv::Point2d meanShift;               // second's drawn position minus first's, picture pixels
+  cv::Point2d meanShift;               // second's drawing against the first's, picture pixels
   int overlapPixels = 0;               // panorama pixels where both draw
   double exposureEv = 0.0;             // |log2| of the mean brightness ratio over the overlap
   std::vector<float> distances;        // every counted match's distance, picture pixels
@@ -55,12 +57,11 @@ class SeamMeter {
 
   cv::Size panorama() const { return panorama_; }
 
-  // Draws (or finds drawn) the modules, two at a time on the machine's cores.
+  // Draws the modules where they overlap one another, two at a time on the
+  // machine's cores (what is drawn already and still holds is kept).
   void prepare(const std::vector<const CameraDescription::OrbivaneModule*>& modules);
-  // The seam of two modules. Both must be drawn already (prepare) when
-  // measure is called from several threads at once; the measurement of a
-  // pair whose modules were both moved alike since it was last measured is
-  // taken from then.
+  // The seam of two modules (drawn first where needed). May be called from
+  // several threads at once for modules prepared before.
   SeamMeasure measure(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
 
   // The two modules' drawings (grey) over the panorama pixels where both
@@ -68,21 +69,30 @@ class SeamMeter {
   struct Overlap {
     bool ok = false;
     std::string reason;
-    cv::Rect region;         // panorama pixels
-    cv::Mat first, second;   // CV_8UC1 over the region
-    cv::Mat mask;            // CV_8UC1: both draw there
-    double pictureScale = 1.0;  // panorama pixels per picture pixel of the first module there (its features' median)
+    cv::Rect region;            // panorama pixels
+    cv::Mat first, second;      // CV_8UC1 over the region
+    cv::Mat mask;               // CV_8UC1: both draw there
+    double pictureScale = 1.0;  // panorama pixels per picture pixel of the first module there
+    // Each drawing shows its module this far (panorama pixels, under half a
+    // pixel each way) short of where it is now: a drawing moved since it was
+    // made is cut at whole pixels. A shift measured between the two drawings
+    // is the true one plus firstFraction - secondFraction.
+    cv::Point2d firstFraction, secondFraction;
   };
   Overlap overlap(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
 
  private:
   struct Drawn;
-  std::shared_ptr<const Drawn> drawn(const CameraDescription::OrbivaneModule& module);
+  // The module drawn over at least `needed` (panorama pixels, within its
+  // footprint). The caller holds mutex_.
+  std::shared_ptr<const Drawn> drawn(const CameraDescription::OrbivaneModule& module, const cv::Rect& needed);
+  std::pair<std::shared_ptr<const Drawn>, std::shared_ptr<const Drawn>> drawnPair(
+      const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
   SeamMeasure compare(const Drawn& a, const Drawn& b) const;
 
   cv::Size panorama_;
-  std::map<std::wstring, std::shared_ptr<const Drawn>> cache_;
   std::mutex mutex_;  // guards cache_ and pairs_
+  std::map<std::wstring, std::shared_ptr<const Drawn>> cache_;
   std::map<std::string, SeamMeasure> pairs_;  // by the two drawings and their relative shift
 };
 

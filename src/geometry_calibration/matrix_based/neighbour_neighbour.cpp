@@ -2,6 +2,7 @@
 // NeighbourStitcher.
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 
+#include "geometry_calibration/matrix_based/neighbour_neighbour_access.h"
 #include "geometry_calibration/matrix_based/neighbour_neighbour_stitcher.h"
 
 namespace GeometryCalibration {
@@ -41,6 +42,10 @@ const std::list<NeighbourNeighbour::PairTranslation>& NeighbourNeighbour::transl
 
 const std::list<GeometryCalibration::PairReport>& NeighbourNeighbour::pairReports() const {
   return impl_->pairReports();
+}
+
+void NeighbourNeighbourAccess::shareMeter(NeighbourNeighbour& stitcher, std::shared_ptr<SeamMeter> meter) {
+  stitcher.impl_->shareMeter(std::move(meter));
 }
 
 }  // namespace MatrixBased

@@ -148,7 +148,7 @@ cv::Size NeighbourStitcher::drawnPanorama(const CameraDescription::Orbivane& cam
 
 SeamMeter& NeighbourStitcher::meter() {
   const cv::Size panorama = drawnPanorama(camera_);
-  if (!meter_ || meter_->panorama() != panorama) meter_ = std::make_unique<SeamMeter>(panorama);
+  if (!meter_ || meter_->panorama() != panorama) meter_ = std::make_shared<SeamMeter>(panorama);
   return *meter_;
 }
 
@@ -175,7 +175,9 @@ Utils::Optional<cv::Point2d> NeighbourStitcher::alignDrawnPair(const CameraDescr
     lastPair_.reason = "the alignment left the overlap";
     return std::nullopt;
   }
-  const cv::Point2d t = lastAlignment_.translation;
+  // The aligner's t lays the second drawing's pixel q on the first's q + t;
+  // the sub-pixel remainders of earlier moves come back in.
+  const cv::Point2d t = lastAlignment_.translation + d.firstFraction - d.secondFraction;
   const cv::Size panorama = meter().panorama();
   const cv::Point2d shift(t.x / panorama.width, t.y / panorama.height);
   if (const std::string doubt = confirmShift(first.name(), second.name(), shift.x, shift.y); !doubt.empty()) {
@@ -491,6 +493,16 @@ CameraDescription::Orbivane NeighbourStitcher::calibrate(const std::list<std::ws
   step_ = 0;
   totalSteps_ = names.empty() ? 0 : static_cast<int>(names.size());  // the pairs, then the adjustment
 
+  // The modules drawn where they overlap, all at once (two at a time).
+  {
+    const CameraDescription::Orbivane drawn = drawnCamera();
+    std::vector<const CameraDescription::OrbivaneModule*> listed;
+    for (const auto& name : names) {
+      const auto module = drawn.findModule(name);
+      if (module && module->image() && (drawnOnly(*module))) listed.push_back(module.get());
+    }
+    if (!listed.empty()) meter().prepare(listed);
+  }
   std::vector<Utils::Optional<Utils::Matrix4x4>> before(names.size());
   for (std::size_t i = 0; i < names.size(); ++i) {
     const auto module = camera_.findModule(names[i]);

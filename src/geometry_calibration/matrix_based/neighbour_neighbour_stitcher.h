@@ -70,6 +70,9 @@ class NeighbourStitcher {
   CameraDescription::Orbivane calibrate(const std::list<std::wstring>& modules, const std::wstring& reference);
 
   void setStatusCallback(StatusCallback callback) { callback_ = std::move(callback); }
+  // Measures seams with `meter` (shared with the caller, who may have drawn
+  // the modules already) while its panorama is the camera's.
+  void shareMeter(std::shared_ptr<SeamMeter> meter) { meter_ = std::move(meter); }
 
   const CameraDescription::Orbivane& camera() const { return camera_; }
   const std::list<NeighbourNeighbour::PairTranslation>& translations() const { return translations_; }
@@ -118,7 +121,7 @@ class NeighbourStitcher {
   std::list<GeometryCalibration::PairReport> pairReports_;
   int step_ = 0;
   int totalSteps_ = 0;
-  std::unique_ptr<SeamMeter> meter_;
+  std::shared_ptr<SeamMeter> meter_;
 };
 
 }  // namespace MatrixBased

@@ -101,6 +101,7 @@ class ORBIVANE_EXPORT NeighbourNeighbour {
  private:
   std::pair<float, float> calibratePair(std::wstring first, std::wstring second, bool apply);
 
+  friend class NeighbourNeighbourAccess;
   struct Impl;
   std::unique_ptr<Impl> impl_;
   const int levels_;
