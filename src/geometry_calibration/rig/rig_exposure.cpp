@@ -6,7 +6,6 @@
 #include <limits>
 
 #include <opencv2/imgproc.hpp>
-#include <opencv2/stitching/detail/exposure_compensate.hpp>
 
 #include "orbivane/rendering/module_drawing.h"
 
@@ -15,10 +14,49 @@ namespace Rig {
 namespace {
 
 constexpr int kFewestOverlapPixels = 200;
+// How strongly the gains are held at 1 overall (the panorama keeps the
+// modules' mean exposure), against one overlap's difference.
+constexpr double kAnchorWeight = 1e-3;
 
 cv::Size reduced(cv::Size panorama, int largestSide) {
   const double s = std::min(1.0, double(largestSide) / std::max(panorama.width, panorama.height));
   return cv::Size(std::max(1, int(std::lround(panorama.width * s))), std::max(1, int(std::lround(panorama.height * s))));
+}
+
+struct Drawn {
+  bool ok = false;
+  cv::Rect box;
+  cv::Mat grey;    // CV_32F
+  cv::Mat inside;  // CV_8U
+};
+
+Drawn drawGrey(const CameraDescription::OrbivaneModule& module, cv::Size size, bool withGain) {
+  Drawn d;
+  CameraDescription::OrbivaneModule copy(module);
+  if (!withGain) copy.setExposureGain(1.0);
+  auto drawn = OrbivaneRendering::drawModule(copy, size);
+  if (!drawn) return d;
+  cv::Mat bytes;
+  drawn.value().colour.convertTo(bytes, CV_8UC3);  // as the viewer shows it, saturated
+  cv::cvtColor(bytes, d.grey, cv::COLOR_BGR2GRAY);
+  d.grey.convertTo(d.grey, CV_32F);
+  d.inside = drawn.value().inside;
+  d.box = drawn.value().box;
+  d.ok = true;
+  return d;
+}
+
+// Mean grey of each over their shared pixels; false when they share too few.
+bool overlapMeans(const Drawn& a, const Drawn& b, double& meanA, double& meanB) {
+  if (!a.ok || !b.ok) return false;
+  const cv::Rect shared = a.box & b.box;
+  if (shared.empty()) return false;
+  const cv::Rect inA = shared - a.box.tl(), inB = shared - b.box.tl();
+  const cv::Mat both = a.inside(inA) & b.inside(inB);
+  if (cv::countNonZero(both) < kFewestOverlapPixels) return false;
+  meanA = cv::mean(a.grey(inA), both)[0];
+  meanB = cv::mean(b.grey(inB), both)[0];
+  return meanA > 0.0 && meanB > 0.0;
 }
 
 }  // namespace
@@ -26,52 +64,49 @@ cv::Size reduced(cv::Size panorama, int largestSide) {
 std::vector<double> exposureGains(const std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>>& modules,
                                   cv::Size panorama, int largestSide) {
   const cv::Size size = reduced(panorama, largestSide);
-  std::vector<cv::Point> corners;
-  std::vector<cv::UMat> images;
-  std::vector<std::pair<cv::UMat, uchar>> masks;
-  std::vector<int> drawnIndex;
-  for (std::size_t i = 0; i < modules.size(); ++i) {
-    CameraDescription::OrbivaneModule plain(*modules[i]);
-    plain.setExposureGain(1.0);
-    auto drawn = OrbivaneRendering::drawModule(plain, size);
-    if (!drawn) continue;
-    cv::Mat colour;
-    drawn.value().colour.convertTo(colour, CV_8UC3);
-    corners.push_back(drawn.value().box.tl());
-    images.push_back(colour.getUMat(cv::ACCESS_READ).clone());
-    masks.emplace_back(drawn.value().inside.getUMat(cv::ACCESS_READ).clone(), uchar(255));
-    drawnIndex.push_back(int(i));
+  const int n = int(modules.size());
+  std::vector<Drawn> drawn(modules.size());
+  cv::parallel_for_(cv::Range(0, n), [&](const cv::Range& range) {
+    for (int i = range.start; i < range.end; ++i) drawn[std::size_t(i)] = drawGrey(*modules[std::size_t(i)], size, false);
+  });
+  // log g_i - log g_j = log(mean_j / mean_i) for every overlapping pair, each
+  // pair counting alike (a small overlap between two modules shows a
+  // difference as plainly as a large one), least squares, with the gains'
+  // mean logarithm held at 0.
+  cv::Mat a = cv::Mat::zeros(n, n, CV_64F), b = cv::Mat::zeros(n, 1, CV_64F);
+  for (int i = 0; i < n; ++i) {
+    a.at<double>(i, i) += kAnchorWeight;
+    for (int j = i + 1; j < n; ++j) {
+      double mi = 0.0, mj = 0.0;
+      if (!overlapMeans(drawn[std::size_t(i)], drawn[std::size_t(j)], mi, mj)) continue;
+      const double d = std::log(mj / mi);
+      a.at<double>(i, i) += 1.0;
+      a.at<double>(j, j) += 1.0;
+      a.at<double>(i, j) -= 1.0;
+      a.at<double>(j, i) -= 1.0;
+      b.at<double>(i) += d;
+      b.at<double>(j) -= d;
+    }
   }
+  cv::Mat logGain;
   std::vector<double> gains(modules.size(), 1.0);
-  if (images.size() < 2) return gains;
-  cv::detail::GainCompensator compensator;
-  compensator.setNrFeeds(2);
-  compensator.feed(corners, images, masks);
-  const std::vector<double> found = compensator.gains();
-  for (std::size_t k = 0; k < found.size() && k < drawnIndex.size(); ++k) {
-    if (std::isfinite(found[k]) && found[k] > 0.0) gains[std::size_t(drawnIndex[k])] = found[k];
+  if (!cv::solve(a, b, logGain, cv::DECOMP_CHOLESKY)) return gains;
+  const double mean = cv::mean(logGain)[0];
+  for (int i = 0; i < n; ++i) {
+    const double g = std::exp(logGain.at<double>(i) - mean);
+    if (std::isfinite(g) && g > 0.0) gains[std::size_t(i)] = g;
   }
   return gains;
 }
 
 double exposureDifferenceEv(const CameraDescription::OrbivaneModule& a, const CameraDescription::OrbivaneModule& b,
                             cv::Size panorama, int largestSide) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
   const cv::Size size = reduced(panorama, largestSide);
-  auto da = OrbivaneRendering::drawModule(a, size);
-  auto db = OrbivaneRendering::drawModule(b, size);
-  if (!da || !db) return nan;
-  const cv::Rect shared = da.value().box & db.value().box;
-  if (shared.empty()) return nan;
-  const cv::Rect inA = shared - da.value().box.tl(), inB = shared - db.value().box.tl();
-  const cv::Mat both = da.value().inside(inA) & db.value().inside(inB);
-  if (cv::countNonZero(both) < kFewestOverlapPixels) return nan;
-  cv::Mat greyA, greyB;
-  cv::cvtColor(da.value().colour(inA), greyA, cv::COLOR_BGR2GRAY);
-  cv::cvtColor(db.value().colour(inB), greyB, cv::COLOR_BGR2GRAY);
-  const double meanA = cv::mean(greyA, both)[0], meanB = cv::mean(greyB, both)[0];
-  if (!(meanA > 0.0 && meanB > 0.0)) return nan;
-  return std::fabs(std::log2(meanA / meanB));
+  double ma = 0.0, mb = 0.0;
+  if (!overlapMeans(drawGrey(a, size, true), drawGrey(b, size, true), ma, mb)) {
+    return std::numeric_limits<double>::quiet_NaN();
+  }
+  return std::fabs(std::log2(ma / mb));
 }
 
 }  // namespace Rig

@@ -1,7 +1,14 @@
 // Exposure of a rig's modules: gains that even out the brightness of
-// overlapping modules (cv::detail::GainCompensator on the modules as the
-// viewer draws them), and how much two modules still differ over their
-// overlap.
+// overlapping modules as the viewer draws them, and how much two modules
+// still differ over their overlap.
+//
+// The gains solve, in the logarithm, the least squares of OpenCV's gain
+// compensator (cv::detail::GainCompensator: g_i m_ij = g_j m_ji over every
+// overlap), with two differences that the rig's goal (every overlap within a
+// few hundredths of an EV) asks for: each overlap counts alike whatever its
+// size (OpenCV weighs by pixel count, so a small overlap in a loop keeps its
+// difference), and the gains are held at 1 only on the whole (their mean
+// logarithm is 0), not each one.
 #pragma once
 
 #include <memory>
