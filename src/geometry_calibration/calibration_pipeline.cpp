@@ -194,10 +194,7 @@ std::vector<SeamResidual> measureWith(SeamMeter& meter, const CameraDescription:
   return seams;
 }
 
-cv::Size drawingSize(const CameraDescription::Orbivane& camera) {
-  std::vector<std::string> ignored;
-  return OrbivaneGeometry::Coverage::rasterSize(camera.panoramaSize(), CameraDescription::cameraFootprints(camera, ignored));
-}
+cv::Size drawingSize(const CameraDescription::Orbivane& camera) { return seamDrawingSize(camera); }
 
 }  // namespace
 

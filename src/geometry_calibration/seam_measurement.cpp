@@ -25,6 +25,8 @@ constexpr float kRatio = 0.7f;             // Lowe's ratio test
 constexpr int kMostFeatures = 8000;        // per drawing, the strongest
 constexpr int kScaleStride = 16;           // panorama pixels between samples of a drawing's scale
 constexpr int kRegionMargin = 24;          // panorama pixels drawn beyond what is needed
+constexpr int kLargestDrawingSide = 65536;  // panorama pixels (only overlaps are drawn)
+constexpr int kDefaultDrawingWidth = 1920;  // for a camera without pictures
 
 // What decides how a module is drawn, but for its matrix: grid, shaders,
 // gain, picture.
@@ -113,6 +115,30 @@ struct SeamMeter::Drawn {
     return scale.at<float>(y, x);
   }
 };
+
+cv::Size seamDrawingSize(const CameraDescription::Orbivane& camera) {
+  double across = 0.0, down = 0.0;
+  int counted = 0;
+  for (const auto& module : camera.modules()) {
+    if (!module || !module->image() || module->image()->empty()) continue;
+    const auto final = CameraDescription::finalMatrix(*module);
+    const auto quad = final ? OrbivaneGeometry::moduleSurfaceQuad(*final) : Utils::Optional<Utils::SurfaceQuad>();
+    if (!quad) continue;
+    const double dx = double(quad->right()) - quad->left(), dy = double(quad->bottom()) - quad->top();
+    if (!(dx > 1e-6) || !(dy > 1e-6) || !std::isfinite(dx + dy)) continue;
+    across += module->image()->width() / dx;
+    down += module->image()->height() / dy;
+    ++counted;
+  }
+  const Utils::Size own = camera.panoramaSize();
+  if (counted == 0) return own.empty() ? cv::Size(kDefaultDrawingWidth, kDefaultDrawingWidth / 2) : cv::Size(own.width, own.height);
+  across /= counted;
+  down /= counted;
+  const double width = std::max(own.empty() ? 0.0 : double(own.width), across);
+  const double height = std::max(own.empty() ? 0.0 : double(own.height), down);
+  const double fit = std::min(1.0, double(kLargestDrawingSide) / std::max(width, height));
+  return cv::Size(std::max(1, int(std::lround(width * fit))), std::max(1, int(std::lround(height * fit))));
+}
 
 SeamMeter::SeamMeter(cv::Size panorama) : panorama_(panorama) {}
 SeamMeter::~SeamMeter() = default;

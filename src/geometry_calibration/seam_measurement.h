@@ -47,6 +47,12 @@ struct SeamMeasure {
   std::vector<float> distances;        // every counted match's distance, picture pixels
 };
 
+// The panorama size seams are measured at: at least the modules' own pixel
+// density (one picture pixel at least one panorama pixel), so that a
+// drawing never loses the detail its features rely on; the camera's
+// panorama size when it is that fine.
+cv::Size seamDrawingSize(const CameraDescription::Orbivane& camera);
+
 class SeamMeter {
  public:
   // Modules are drawn on a panorama of `panorama` pixels.

@@ -34,6 +34,10 @@ constexpr double kMinimumPairCorrelation = 0.5;
 // kNegligibleShiftPx panorama pixels moves nothing worth more.
 constexpr double kNegligibleShiftPx = 0.25;
 constexpr double kLargestLeftoverPx = 1.0;
+// Where the overlap has too few features, the correlation of the two drawings
+// over it must reach kLeastConfirmedCorrelation and rise by kClearlyBetter.
+constexpr double kLeastConfirmedCorrelation = 0.5;
+constexpr double kClearlyBetter = 0.02;
 
 std::string narrow(const std::wstring& name) { return Utils::toUtf8(name); }
 
@@ -103,6 +107,20 @@ bool drawnOnly(const CameraDescription::OrbivaneModule& module) {
   return false;
 }
 
+// Normalised cross-correlation of two drawings over a mask, -1..1.
+double correlation(const cv::Mat& a, const cv::Mat& b, const cv::Mat& mask) {
+  cv::Scalar ma, sa, mb, sb;
+  cv::meanStdDev(a, ma, sa, mask);
+  cv::meanStdDev(b, mb, sb, mask);
+  if (!(sa[0] > 1e-6) || !(sb[0] > 1e-6)) return 0.0;
+  cv::Mat fa, fb, m;
+  a.convertTo(fa, CV_64F, 1.0, -ma[0]);
+  b.convertTo(fb, CV_64F, 1.0, -mb[0]);
+  mask.convertTo(m, CV_64F, 1.0 / 255.0);
+  const double n = cv::sum(m)[0];
+  return cv::sum(fa.mul(fb).mul(m))[0] / (n * sa[0] * sb[0]);
+}
+
 }  // namespace
 
 PairPrewarp pairPrewarp(const cv::Matx33d& firstPlanar, const cv::Matx33d& secondPlanar, cv::Size size, double x0,
@@ -142,8 +160,7 @@ CameraDescription::Orbivane NeighbourStitcher::drawnCamera() const {
 }
 
 cv::Size NeighbourStitcher::drawnPanorama(const CameraDescription::Orbivane& camera) const {
-  std::vector<std::string> ignored;
-  return OrbivaneGeometry::Coverage::rasterSize(camera.panoramaSize(), CameraDescription::cameraFootprints(camera, ignored));
+  return seamDrawingSize(camera);
 }
 
 SeamMeter& NeighbourStitcher::meter() {
@@ -200,12 +217,24 @@ std::string NeighbourStitcher::confirmShift(const std::wstring& first, const std
   meter().measure(*now.findModule(first), *now.findModule(second));  // the module as it stands stays drawn
   const double shiftPx = std::hypot(dx * panorama.width, dy * panorama.height);  // panorama pixels
   char text[220];
-  if (!after.measured) {
-    std::snprintf(text, sizeof text, "after the shift of %.2f px the pictures' features do not match (%s)", shiftPx,
-                  after.reason.c_str());
-    return text;
-  }
   if (shiftPx < kNegligibleShiftPx) return std::string();  // nothing moves
+  if (!after.measured) {
+    // Too few features in the overlap to judge by: its correlation must
+    // clearly rise instead.
+    const SeamMeter::Overlap o0 = meter().overlap(*now.findModule(first), *now.findModule(second));
+    const SeamMeter::Overlap o1 = meter().overlap(*moved.findModule(first), *moved.findModule(second));
+    meter().overlap(*now.findModule(first), *now.findModule(second));  // the module as it stands stays drawn
+    const double c0 = o0.ok ? correlation(o0.first, o0.second, o0.mask) : -1.0;
+    const double c1 = o1.ok ? correlation(o1.first, o1.second, o1.mask) : -1.0;
+    if (!(c1 >= kLeastConfirmedCorrelation && c1 >= c0 + kClearlyBetter)) {
+      std::snprintf(text, sizeof text,
+                    "too few features to confirm the shift of %.2f px (%s), and the overlap's correlation does not "
+                    "clearly rise (%.3f before, %.3f after)",
+                    shiftPx, after.reason.c_str(), c0, c1);
+      return text;
+    }
+    return std::string();
+  }
   const double leftover = std::hypot(after.meanShift.x, after.meanShift.y);
   if (leftover > kLargestLeftoverPx) {
     std::snprintf(text, sizeof text,
