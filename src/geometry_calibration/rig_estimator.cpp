@@ -222,6 +222,7 @@ struct RigRun {
   std::vector<double> pairConfidence;
   Rig::Surface surface;
   std::vector<Rig::Displacement> displacements;
+  double focalGuess = 0.0;  // the pair homographies' typical focal length
 
   bool linkedPair(const cv::detail::MatchesInfo& p) const { return p.confidence >= options.pairConfidence; }
 
@@ -317,6 +318,7 @@ struct RigRun {
     Rig::AdjustmentSettings settings;
     settings.lensPerModule = options.lensPerModule;
     settings.fixedModule = int(std::max_element(perModule.begin(), perModule.end()) - perModule.begin());
+    settings.focalGuess = focalGuess;
     return Rig::adjustRig(models, matches, settings);
   }
 
@@ -429,7 +431,7 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
   Impl& s = *impl_;
   const auto started = std::chrono::steady_clock::now();
   s.report = RigReport();
-  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0.0};
   if (auto listed = s.collectPictures(modules, run.names, run.pictures); !listed) return Utils::failure(listed.error());
   const int n = int(run.names.size());
   s.total = n + 5 + n + 1;
@@ -439,7 +441,7 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
   run.features = Rig::findFeatures(run.pictures, s.options.featureMegapixels, s.abort);
   for (int i = 0; i < n; ++i) s.step("Finding Features of Module " + narrow(run.names[std::size_t(i)]));
   if (s.abort.load()) return Utils::failure("aborted");
-  run.pairs = Rig::matchPairs(run.features);
+  run.pairs = Rig::matchPairs(run.features, &run.focalGuess);
   run.admitPairs();
   s.step("Matching Pictures");
   if (s.abort.load()) return Utils::failure("aborted");

@@ -31,9 +31,12 @@ constexpr double kNarrowingLoss[] = {40.0, 10.0, 3.0};
 // costs as much as one match a pixel off: 2 % of the focal length, 0.02 of a
 // distortion term.
 constexpr double kFocalSigma = 0.02, kDistortionSigma = 0.02;
-// The spread of distortion terms the adjustment expects before the matches
-// say otherwise (see DistortionPrior).
+// How weakly the lens is held near its first guess (see LensHold): the
+// spreads of distortion terms and of the focal length (a share of it), and
+// the share of the matches the hold is worth.
 constexpr double kDistortionSpread = 0.05;
+constexpr double kFocalSpread = 0.05;
+constexpr double kHoldShare = 0.1;
 
 // Cost of one direction of a match: pixel `from` of module A, seen in module
 // B, against pixel `to` of B, in ideal pixels of B.
@@ -95,16 +98,22 @@ struct LensPrior {
   double focalSigma, distortionSigma;
 };
 
-// The distortion held near none: sqrt(n) k / sigma for n matches of the
-// lens. Overlaps lie at the pictures' edges, where a longer focal length
-// with strong distortion draws much like a shorter one without; real lenses
-// that the model fits have distortion terms of a few hundredths.
-struct DistortionPrior {
-  double weight;  // sqrt(n) / sigma
+// The lens held, weakly, near what the pairs say before any adjustment: its
+// focal length near the pair homographies' typical one, its distortion near
+// none. Overlaps lie at the pictures' edges, where a much longer focal
+// length with strong distortion draws much like the right one without, and
+// near objects seen from a moving camera can favour the wrong one; a pull
+// worth a hundredth of the lens's matches decides such a case and leaves a
+// rig whose matches do decide alone. Residuals sqrt(n) * share * (deviation
+// / spread) for n matches of the lens.
+struct LensHold {
+  double weight;  // sqrt(n) * share
+  double focal;   // the guess (0: focal length not held)
   template <typename T>
   bool operator()(const T* lens, T* residual) const {
-    residual[0] = lens[1] * T(weight);
-    residual[1] = lens[2] * T(weight);
+    residual[0] = focal > 0.0 ? (lens[0] / T(focal) - T(1.0)) * T(weight / kFocalSpread) : T(0.0);
+    residual[1] = lens[1] * T(weight / kDistortionSpread);
+    residual[2] = lens[2] * T(weight / kDistortionSpread);
     return true;
   }
 };
@@ -161,7 +170,7 @@ struct SolveSettings {
 // `firstFocal`: each module's first estimate of its focal length, which
 // bounds what the adjustment may make of it.
 bool solve(std::vector<ModuleModel>& models, const std::vector<Match>& matches, int fixedModule,
-           const std::vector<double>& firstFocal, const SolveSettings& how, std::string& message) {
+           const std::vector<double>& firstFocal, double focalGuess, const SolveSettings& how, std::string& message) {
   Blocks b = blocksOf(models, how.perModule);
   if (!how.withK2)
     for (auto& lens : b.lens) lens[2] = 0.0;
@@ -216,8 +225,8 @@ bool solve(std::vector<ModuleModel>& models, const std::vector<Match>& matches, 
   for (std::size_t k = 0; k < b.lens.size(); ++k) {
     double* lens = b.lens[k].data();
     if (!problem.HasParameterBlock(lens)) continue;
-    problem.AddResidualBlock(new ceres::AutoDiffCostFunction<DistortionPrior, 2, 3>(
-                                 new DistortionPrior{std::sqrt(double(perLens[k])) / kDistortionSpread}),
+    problem.AddResidualBlock(new ceres::AutoDiffCostFunction<LensHold, 3, 3>(
+                                 new LensHold{std::sqrt(double(perLens[k])) * kHoldShare, focalGuess}),
                              nullptr, lens);
     if (how.prior != nullptr) {
       problem.AddResidualBlock(new ceres::AutoDiffCostFunction<LensPrior, 3, 3>(
@@ -306,11 +315,11 @@ AdjustmentSummary adjustRig(std::vector<ModuleModel>& models, std::vector<Match>
   // Solves, dropping k2 when the lens would fold back within reach.
   auto solveStage = [&](SolveSettings how) {
     std::vector<ModuleModel> trial = models;
-    if (!solve(trial, matches, settings.fixedModule, firstFocal, how, summary.message)) return false;
+    if (!solve(trial, matches, settings.fixedModule, firstFocal, settings.focalGuess, how, summary.message)) return false;
     if (how.withK2 && !lensesMonotonic(trial)) {
       how.withK2 = false;
       trial = models;
-      if (!solve(trial, matches, settings.fixedModule, firstFocal, how, summary.message)) return false;
+      if (!solve(trial, matches, settings.fixedModule, firstFocal, settings.focalGuess, how, summary.message)) return false;
     }
     models = trial;
     return true;

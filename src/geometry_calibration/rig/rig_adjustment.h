@@ -30,7 +30,8 @@ struct Match {
 
 struct AdjustmentSettings {
   bool lensPerModule = true;
-  int fixedModule = 0;  // the module whose rotation is held
+  int fixedModule = 0;   // the module whose rotation is held
+  double focalGuess = 0.0;  // pixels: the pair homographies' typical focal length (0: none)
 };
 
 struct AdjustmentSummary {

@@ -152,7 +152,8 @@ std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& 
   return features;
 }
 
-std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features) {
+std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features,
+                                                double* typicalFocal) {
   std::vector<cv::detail::MatchesInfo> pairs;
   cv::detail::BestOf2NearestMatcher matcher(false, kMatchConfidence);
   matcher(features, pairs);
@@ -162,6 +163,7 @@ std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::Im
   cv::detail::estimateFocal(features, pairs, focals);
   std::nth_element(focals.begin(), focals.begin() + long(focals.size() / 2), focals.end());
   const double focal = focals.empty() ? 0.0 : focals[focals.size() / 2];
+  if (typicalFocal != nullptr) *typicalFocal = focal;
   const int n = int(features.size());
   for (int i = 0; i < n; ++i) {
     for (int j = i + 1; j < n; ++j) {

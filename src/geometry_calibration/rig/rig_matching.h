@@ -32,7 +32,9 @@ std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& 
 // (OpenCV zeroes it above 3, which would cut pictures that overlap much).
 // A consensus of a plane seen from two places, or of a few points, that a
 // free homography would take, does not link two pictures here.
-std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features);
+// `typicalFocal` receives that focal length (0 when no pair gives one).
+std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features,
+                                                double* typicalFocal = nullptr);
 
 }  // namespace Rig
 }  // namespace GeometryCalibration

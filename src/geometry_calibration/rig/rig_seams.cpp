@@ -18,6 +18,9 @@ namespace {
 constexpr double kNeighbourhood = 80.0;
 constexpr int kFewestNeighbours = 4;
 constexpr double kLocalAgreement = 4.0;
+// Pairs whose matches the rotation model puts within this median distance
+// (panorama pixels) of each other are left as the model draws them.
+constexpr double kNoParallaxPx = 0.35;
 // Robust loss of the reweighted solves (Cauchy, pixels) and how many.
 constexpr double kLossScale = 1.5;
 constexpr int kReweightings = 4;
@@ -48,6 +51,12 @@ std::vector<Constraint> agreeingMatches(const std::vector<ModuleModel>& models, 
   }
   std::vector<Constraint> kept;
   for (const auto& [pair, list] : byPair) {
+    // A pair the rotation model already lines up to within its features'
+    // own scatter shows no parallax to hold: its matches would only teach
+    // the fields that scatter.
+    std::vector<double> lengths;
+    for (const auto& c : list) lengths.push_back(cv::norm(c.disparity));
+    if (lengths.empty() || median(lengths) < kNoParallaxPx) continue;
     std::vector<cv::Point2d> at;
     for (const auto& c : list) {
       const cv::Point2d u = surface.toUnit(models[std::size_t(c.a)], c.pa);

@@ -15,8 +15,10 @@
 // (iteratively reweighted) and a local agreement check keep wrong matches
 // out. Where matches are, the two modules meet half way; away from the
 // overlaps the displacement fades out over a few hundred pixels, so the rest
-// of each picture stays as the model draws it. The fields are written into
-// the modules' UV grids (rig_geometry.h).
+// of each picture stays as the model draws it. A pair that the model already
+// lines up to within its features' own scatter (a rig that does turn about
+// one point) adds nothing: there is no parallax to hold, only noise to
+// learn. The fields are written into the modules' UV grids (rig_geometry.h).
 #pragma once
 
 #include <vector>

@@ -1,0 +1,74 @@
+// A rig of wide-angle modules turning about one point, with known truth:
+// each module a pinhole camera turned by yaw, pitch and roll, with its own
+// focal length and radial lens distortion, photographing a world that is an
+// equirectangular panorama (x: longitude -180..180 degrees left to right,
+// y: latitude 90..-90 degrees top to bottom), with its own exposure,
+// vignetting and sensor noise.
+//
+// Conventions (independent of the library's): a module's camera looks along
+// +z with x right and y down; the world's y points down, its z at longitude
+// 0 on the horizon. Yaw turns right, pitch up, roll clockwise. A picture
+// pixel p (OpenCV centres) at distance r from the picture's middle, in units
+// of the focal length, sees the direction of the ideal pixel
+//   middle + (p - middle) (1 + k1 r^2 + k2 r^4).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "orbivane/camera/orbivane.h"
+
+namespace Synthetic {
+
+struct SphereModule {
+  std::string name;
+  double yaw = 0.0, pitch = 0.0, roll = 0.0;  // degrees
+  double focal = 900.0;                       // pixels
+  double k1 = 0.0, k2 = 0.0;
+  double gain = 1.0;                          // exposure
+  double vignetting = 0.0;                    // brightness lost at the corners (share)
+  cv::Size picture{1280, 960};
+};
+
+struct SphereRig {
+  cv::Mat world;  // the equirectangular panorama the modules photograph (BGR)
+  std::vector<SphereModule> modules;
+  std::vector<cv::Mat> pictures;  // what each module photographs (BGR)
+
+  // The true world ray (unit) of picture pixel `p` of module `m`.
+  cv::Vec3d ray(std::size_t m, cv::Point2d p) const;
+  // The picture pixel of module `m` that sees world ray `r`; false when it
+  // is behind the module.
+  bool project(std::size_t m, const cv::Vec3d& r, cv::Point2d& p) const;
+  // The world panorama's pixel (its own pixel centres) of ray `r`.
+  cv::Point2d worldPixel(const cv::Vec3d& r) const;
+};
+
+struct SphereRigOptions {
+  int modules = 5;            // in one ring
+  double step = 40.0;         // degrees of yaw between neighbours
+  double pitch = 0.0;         // degrees, the ring's
+  double focal = 900.0;       // pixels, each module within +-2 % of it
+  double k1 = 0.03;           // each module within +-0.01 of it
+  cv::Size picture{1280, 960};
+  double noise = 1.5;         // grey levels
+  unsigned seed = 1;          // turns each module by up to 2 degrees, sets gains 0.85..1.15
+};
+
+// Renders the rig's pictures from `world` (an equirectangular picture).
+SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& options);
+
+// How far a camera's modules, as the viewer draws them, put the same world
+// point apart: at every `step`-th panorama pixel where two modules both draw,
+// the angle between the true rays of the two picture points drawn there, in
+// pixels of the first module (times its focal length). The camera's modules
+// carry the rig's module names and pictures.
+struct TruthSeams {
+  int pairs = 0, samples = 0;
+  double medianPx = 0.0, p90Px = 0.0, worstPx = 0.0;
+};
+TruthSeams truthSeams(const SphereRig& rig, const CameraDescription::Orbivane& camera, int step = 3);
+
+}  // namespace Synthetic
