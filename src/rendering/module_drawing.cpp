@@ -9,9 +9,68 @@
 #include "orbivane/camera/final_matrix.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/shading/image_shading.h"
+#include "shading/distortion_model.h"
 #include "shading/shader_renderer.h"
 
 namespace OrbivaneRendering {
+
+namespace {
+
+// Fills the drawing's maps, inside mask and colour over d.box from a
+// renderer set up with the module's chain and frame.
+void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalImageInterface& image, ModuleDrawing& d) {
+  const cv::Mat picture = Image::toMat(image);
+  d.picture = picture.size();
+  renderer.pictureMaps(picture.size(), d.box.size(), d.mapX, d.mapY);
+
+  // Where each pixel reads the picture: within half a pixel of it.
+  const float w = float(picture.cols), hgt = float(picture.rows);
+  d.inside = cv::Mat::zeros(d.box.size(), CV_8UC1);
+  for (int y = 0; y < d.box.height; ++y) {
+    const float* mx = d.mapX.ptr<float>(y);
+    const float* my = d.mapY.ptr<float>(y);
+    std::uint8_t* in = d.inside.ptr<std::uint8_t>(y);
+    for (int x = 0; x < d.box.width; ++x) {
+      in[x] = (mx[x] > -0.5f && mx[x] < w - 0.5f && my[x] > -0.5f && my[x] < hgt - 0.5f) ? 255 : 0;
+    }
+  }
+
+  // A drawing much smaller than the picture reads an area-reduced copy, so it does not alias.
+  double density = 1.0;  // picture pixels per drawing pixel, at the middle of the drawing
+  {
+    const int cx = d.box.width / 2, cy = d.box.height / 2;
+    if (cx + 1 < d.box.width && cy + 1 < d.box.height && d.inside.at<std::uint8_t>(cy, cx) &&
+        d.inside.at<std::uint8_t>(cy, cx + 1) && d.inside.at<std::uint8_t>(cy + 1, cx)) {
+      const double dx = std::hypot(d.mapX.at<float>(cy, cx + 1) - d.mapX.at<float>(cy, cx),
+                                   d.mapY.at<float>(cy, cx + 1) - d.mapY.at<float>(cy, cx));
+      const double dy = std::hypot(d.mapX.at<float>(cy + 1, cx) - d.mapX.at<float>(cy, cx),
+                                   d.mapY.at<float>(cy + 1, cx) - d.mapY.at<float>(cy, cx));
+      density = std::max(dx, dy);
+    } else {
+      density = std::max(double(picture.cols) / std::max(1, d.box.width), double(picture.rows) / std::max(1, d.box.height));
+    }
+  }
+  const int factor = std::max(1, int(std::floor(density)));
+  cv::Mat source = picture;
+  cv::Mat sourceX = d.mapX, sourceY = d.mapY;
+  if (factor > 1) {
+    const cv::Size reduced(picture.cols / factor, picture.rows / factor);
+    cv::resize(picture(cv::Rect(0, 0, reduced.width * factor, reduced.height * factor)), source, reduced, 0, 0,
+               cv::INTER_AREA);
+    const double shift = 0.5 * (factor - 1);
+    sourceX = (d.mapX - shift) / factor;
+    sourceY = (d.mapY - shift) / factor;
+  }
+  cv::Mat colour8;
+  // The picture's edge pixels are read as they are (replicated), so a
+  // module's outline never darkens towards black.
+  cv::remap(source, colour8, sourceX, sourceY, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+  colour8.setTo(cv::Scalar::all(0), ~d.inside);
+  colour8.convertTo(d.colour, CV_32FC3, 1.0);
+}
+
+}  // namespace
 
 Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescription::OrbivaneModule& module,
                                                           cv::Size panorama, cv::Rect region) {
@@ -57,59 +116,51 @@ Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescriptio
   renderer.setHomography(h);
   renderer.setFrame(cv::Rect2d(double(x0) / panorama.width, double(y0) / panorama.height,
                                double(d.box.width) / panorama.width, double(d.box.height) / panorama.height));
-  const cv::Mat picture = Image::toMat(*image);
-  d.picture = picture.size();
-  renderer.pictureMaps(picture.size(), d.box.size(), d.mapX, d.mapY);
-
-  // Where each pixel reads the picture: within half a pixel of it.
-  const float w = float(picture.cols), hgt = float(picture.rows);
-  d.inside = cv::Mat::zeros(d.box.size(), CV_8UC1);
-  for (int y = 0; y < d.box.height; ++y) {
-    const float* mx = d.mapX.ptr<float>(y);
-    const float* my = d.mapY.ptr<float>(y);
-    std::uint8_t* in = d.inside.ptr<std::uint8_t>(y);
-    for (int x = 0; x < d.box.width; ++x) {
-      in[x] = (mx[x] > -0.5f && mx[x] < w - 0.5f && my[x] > -0.5f && my[x] < hgt - 0.5f) ? 255 : 0;
-    }
-  }
-
-  // A panorama much smaller than the picture reads an area-reduced copy, so it does not alias.
-  const double pixelsPerPicturePixel =
-      std::min(double(d.box.width) / picture.cols, double(d.box.height) / picture.rows);
-  double density = 1.0;
-  {
-    // The picture's own scale on the panorama, at the middle of the drawing.
-    const int cx = d.box.width / 2, cy = d.box.height / 2;
-    if (cx + 1 < d.box.width && cy + 1 < d.box.height && d.inside.at<std::uint8_t>(cy, cx) &&
-        d.inside.at<std::uint8_t>(cy, cx + 1) && d.inside.at<std::uint8_t>(cy + 1, cx)) {
-      const double dx = std::hypot(d.mapX.at<float>(cy, cx + 1) - d.mapX.at<float>(cy, cx),
-                                   d.mapY.at<float>(cy, cx + 1) - d.mapY.at<float>(cy, cx));
-      const double dy = std::hypot(d.mapX.at<float>(cy + 1, cx) - d.mapX.at<float>(cy, cx),
-                                   d.mapY.at<float>(cy + 1, cx) - d.mapY.at<float>(cy, cx));
-      density = std::max(dx, dy);  // picture pixels per panorama pixel
-    } else {
-      density = 1.0 / std::max(pixelsPerPicturePixel, 1e-9);
-    }
-  }
-  const int factor = std::max(1, int(std::floor(density)));
-  cv::Mat source = picture;
-  cv::Mat sourceX = d.mapX, sourceY = d.mapY;
-  if (factor > 1) {
-    const cv::Size reduced(picture.cols / factor, picture.rows / factor);
-    cv::resize(picture(cv::Rect(0, 0, reduced.width * factor, reduced.height * factor)), source, reduced, 0, 0,
-               cv::INTER_AREA);
-    const double shift = 0.5 * (factor - 1);
-    sourceX = (d.mapX - shift) / factor;
-    sourceY = (d.mapY - shift) / factor;
-  }
-  cv::Mat colour8;
-  // The picture's edge pixels are read as they are (replicated), so a
-  // module's outline never darkens towards black.
-  cv::remap(source, colour8, sourceX, sourceY, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
-  colour8.setTo(cv::Scalar::all(0), ~d.inside);
-  const double gain = module.exposureGain();
-  colour8.convertTo(d.colour, CV_32FC3, gain);
+  drawThrough(renderer, *image, d);
+  d.colour *= module.exposureGain();
   return d;
+}
+
+Utils::ReturnState<ModuleDrawing, std::string> drawModuleOnFrame(const CameraDescription::OrbivaneModule& module,
+                                                                 const cv::Matx33d& placement, cv::Size size) {
+  const auto image = module.image();
+  if (!image || image->empty()) return Utils::failure("has no picture");
+  const OrbivaneGeometry::MatrixGeometry* geometry = module.matrixGeometry();
+  if (geometry == nullptr) return Utils::failure("has no matrix geometry");
+  if (size.width <= 0 || size.height <= 0) return Utils::failure("has no frame to be drawn on");
+  if (!(std::fabs(cv::determinant(placement)) > 1e-15)) return Utils::failure("has a singular placement");
+  ModuleDrawing d;
+  d.box = cv::Rect(cv::Point(0, 0), size);
+  for (const cv::Point2d c : {cv::Point2d(0, 0), cv::Point2d(1, 0), cv::Point2d(1, 1), cv::Point2d(0, 1)}) {
+    const cv::Vec3d p = placement * cv::Vec3d(c.x, c.y, 1.0);
+    d.outline.emplace_back(float(p[0] / p[2] * size.width), float(p[1] / p[2] * size.height));
+  }
+  ImageSource::ShaderRenderer renderer;
+  try {
+    renderer.setShaders(module.shaders());
+  } catch (const std::exception& e) {
+    return Utils::failure(std::string("has unreadable shader values: ") + e.what());
+  }
+  if (geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
+  renderer.setHomography(placement);
+  renderer.setFrame(cv::Rect2d(0, 0, 1, 1));
+  drawThrough(renderer, *image, d);
+  d.colour *= module.exposureGain();
+  return d;
+}
+
+bool drawnBeyondMatrix(const CameraDescription::OrbivaneModule& module) {
+  const auto* geometry = module.matrixGeometry();
+  if (geometry != nullptr && geometry->uvGrid() && !geometry->uvGrid()->isRegular()) return true;
+  for (const auto& shader : module.shaders()) {
+    if (shader.uid() != ImageSource::kLensDistortionShaderUid) continue;
+    try {
+      if (!ImageSource::LensDistortion::fromShader(shader).isIdentity()) return true;
+    } catch (const std::exception&) {
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace OrbivaneRendering

@@ -23,7 +23,7 @@
 //      picture to its place on the panorama, its UV grid what the projection
 //      and the lens add to that homography (dense enough that drawing through
 //      the grid stays within RigOptions::gridTolerancePx of the model), its
-//      lens distortion shader ("00060001", division model) the part of the
+//      lens distortion shader ("00060001", polynomial model) the part of the
 //      lens the shader can carry, and its exposure gain.
 // The panorama is the surface's unit square; its size in pixels (the camera's
 // panorama size) keeps one picture pixel per panorama pixel at the middle of

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <opencv2/core/mat.hpp>
+#include <opencv2/core/matx.hpp>
 
 #include "orbivane/camera/orbivane_module.h"
 #include "orbivane/export.h"
@@ -36,5 +37,17 @@ struct ModuleDrawing {
 // the edge itself, never the black beyond it.
 ORBIVANE_EXPORT Utils::ReturnState<ModuleDrawing, std::string> drawModule(
     const CameraDescription::OrbivaneModule& module, cv::Size panorama, cv::Rect region = cv::Rect());
+
+// The module drawn through its UV grid and lens shader, but with `placement`
+// (a planar homography from the module's unit square to the unit square of
+// the output) for its matrix, on an output of `size` pixels whose pixel
+// (X, Y) shows point (X / width, Y / height): the module as it lies on
+// another picture's frame (a target's). The drawing's box is the whole output.
+ORBIVANE_EXPORT Utils::ReturnState<ModuleDrawing, std::string> drawModuleOnFrame(
+    const CameraDescription::OrbivaneModule& module, const cv::Matx33d& placement, cv::Size size);
+
+// Whether the viewer draws the module through more than its matrix: a UV
+// grid that moves its picture, or a lens shader that is not the identity.
+ORBIVANE_EXPORT bool drawnBeyondMatrix(const CameraDescription::OrbivaneModule& module);
 
 }  // namespace OrbivaneRendering

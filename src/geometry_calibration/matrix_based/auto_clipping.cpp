@@ -20,7 +20,6 @@
 #include "logging/logger_setup.h"
 #include "orbivane/rendering/module_drawing.h"
 #include "orbivane/shading/image_shading.h"
-#include "shading/distortion_model.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace GeometryCalibration {
@@ -38,21 +37,6 @@ constexpr std::size_t kGeometryModeMaxIterations = 1000000;
 // their own, largest first.
 constexpr int kGeometryModeRegions = 8;
 
-// A module the viewer draws through more than its matrix: a UV grid that
-// moves its picture, or a lens shader that is not the identity.
-bool drawnOnly(const CameraDescription::OrbivaneModule& module) {
-  const auto* geometry = module.matrixGeometry();
-  if (geometry != nullptr && geometry->uvGrid() && !geometry->uvGrid()->isRegular()) return true;
-  for (const auto& shader : module.shaders()) {
-    if (shader.uid() != ImageSource::kLensDistortionShaderUid) continue;
-    try {
-      if (!ImageSource::LensDistortion::fromShader(shader).isIdentity()) return true;
-    } catch (const std::exception&) {
-      return true;
-    }
-  }
-  return false;
-}
 
 }  // namespace
 
@@ -121,7 +105,7 @@ struct AutoClipping::Impl {
     std::vector<std::shared_ptr<const CameraDescription::OrbivaneModule>> drawn;
     for (const auto& f : footprints) {
       const auto module = camera->findModule(f.name);
-      if (module && module->image() && drawnOnly(*module)) {
+      if (module && module->image() && OrbivaneRendering::drawnBeyondMatrix(*module)) {
         drawn.push_back(module);
       } else {
         flat.push_back(f);

@@ -92,6 +92,9 @@ void DirectAlignment::buildPyramid(const cv::Mat& fixed, const cv::Mat& moving, 
       } else {
         cv::erode(movingMask, level.mask, cv::Mat(), cv::Point(-1, -1), 2, cv::BORDER_CONSTANT, cv::Scalar(0));
       }
+      if (!fixedMask_.empty() && fixedMask_.size() == fixed.size() && fixedMask_.type() == CV_8U) {
+        cv::erode(fixedMask_, level.fixedMask, cv::Mat(), cv::Point(-1, -1), 2, cv::BORDER_CONSTANT, cv::Scalar(0));
+      }
       level.region = region;
       level.scale = 1.0;
     } else {
@@ -102,6 +105,11 @@ void DirectAlignment::buildPyramid(const cv::Mat& fixed, const cv::Mat& moving, 
       cv::erode(finer.mask, eroded, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)), cv::Point(-1, -1), 1,
                 cv::BORDER_CONSTANT, cv::Scalar(0));
       cv::resize(eroded, level.mask, level.moving.size(), 0, 0, cv::INTER_NEAREST);
+      if (!finer.fixedMask.empty()) {
+        cv::erode(finer.fixedMask, eroded, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)), cv::Point(-1, -1),
+                  1, cv::BORDER_CONSTANT, cv::Scalar(0));
+        cv::resize(eroded, level.fixedMask, level.fixed.size(), 0, 0, cv::INTER_NEAREST);
+      }
       level.scale = finer.scale * 0.5;
       const int x0 = (finer.region.x + 1) / 2, y0 = (finer.region.y + 1) / 2;
       const int x1 = std::min(level.fixed.cols, (finer.region.x + finer.region.width) / 2);
@@ -147,12 +155,14 @@ AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Mat
     std::array<float, 8> j{};
     for (int y = range.start; y < range.end; ++y) {
       const float* T = level.fixed.ptr<float>(y);
+      const uchar* F = level.fixedMask.empty() ? nullptr : level.fixedMask.ptr<uchar>(y);
       const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
       const float* GY = wantJacobian ? level.gradY.ptr<float>(y) : nullptr;
       const double yn = (y - cy) / sc;
       double rowN = 0, rowI = 0, rowT = 0, rowII = 0, rowTT = 0, rowIT = 0;
       std::array<double, 8> rowJI{}, rowJ1{}, rowJT{};
       for (int x = region.x; x < region.x + region.width; ++x) {
+        if (F != nullptr && F[x] == 0) continue;
         const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
         const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
         const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
@@ -262,7 +272,9 @@ struct Sampler {
   const cv::Matx33d& w;
   const cv::Mat& moving;
   const cv::Mat& mask;
+  const cv::Mat& fixedMask;  // empty: every fixed pixel counts
   bool operator()(int x, int y, double& px, double& py, float& value) const {
+    if (!fixedMask.empty() && fixedMask.at<uchar>(y, x) == 0) return false;
     const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
     const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
     const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
@@ -294,7 +306,7 @@ AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Ma
   const cv::Rect region = level.region;
   if (region.empty()) return result;
   const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);
-  const Sampler sample{w, level.moving, level.mask};
+  const Sampler sample{w, level.moving, level.mask, level.fixedMask};
   const int cols = level.moving.cols, rows = level.moving.rows;
   const double uScale = 2.0 / std::max(1, cols - 1), vScale = 2.0 / std::max(1, rows - 1);
 

@@ -58,6 +58,11 @@ class DirectAlignment {
  public:
   explicit DirectAlignment(AlignmentOptions options = AlignmentOptions());
 
+  // The fixed picture's valid pixels (8-bit, non-zero; empty: all) for the
+  // next calls: pixels it shows nothing at (the black, uncovered parts of a
+  // panorama) are left out of every cost.
+  void setFixedMask(const cv::Mat& mask) { fixedMask_ = mask; }
+
   // Aligns `moving` to `fixed` (both single-channel 8-bit or 32-bit float)
   // starting from `start`. `movingMask` (8-bit, optional) marks the moving
   // picture's valid pixels (non-zero); `region` limits the fixed pixels
@@ -74,7 +79,7 @@ class DirectAlignment {
 
  private:
   struct Level {
-    cv::Mat fixed, moving, mask, gradX, gradY;
+    cv::Mat fixed, moving, mask, fixedMask, gradX, gradY;  // fixedMask empty: every fixed pixel counts
     cv::Rect region;
     double scale = 1.0;  // level pixels per full-resolution pixel
   };
@@ -94,6 +99,7 @@ class DirectAlignment {
                                 cv::Vec<double, 8>* gradient, bool buildHessian);
 
   AlignmentOptions options_;
+  cv::Mat fixedMask_;
   std::vector<Level> levels_;
   cv::Mat sampled_;   // moving picture sampled on the region (float)
   cv::Mat valid_;     // 8-bit validity of `sampled_`

@@ -67,7 +67,7 @@ bool FeatureMatcher::homographyOfPairs(const std::vector<MatchPair>& pairs, cv::
 }
 
 bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targetGrey, const cv::Mat& moduleMask,
-                                  int maxFeatures, bool brisk, bool prior) {
+                                  const cv::Mat& targetMask, int maxFeatures, bool brisk, bool prior) {
   pairs_.clear();
   const cv::Size size = targetGrey.size();
   const double factor = matchingFactor(size);
@@ -93,7 +93,7 @@ bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targ
   };
   cv::Mat modulePadded, moduleDetect, targetPadded, targetDetect;
   prepare(moduleGrey, moduleMask, modulePadded, moduleDetect);
-  prepare(targetGrey, cv::Mat(), targetPadded, targetDetect);
+  prepare(targetGrey, targetMask, targetPadded, targetDetect);
 
   cv::Ptr<cv::Feature2D> detector;
   if (brisk) {
@@ -274,7 +274,8 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
   bool haveHomography = false;
   for (int attempt = 0; attempt < 3 && !haveHomography; ++attempt) {
     if (attempt > 0) context_.logger->debug("{} pairs; widening the search (attempt {})", pairs_.size(), attempt + 1);
-    if (!collectPairs(moduleContrast, targetContrast, pictures.moduleMask, maxFeatures, attempt == 2, attempt == 0))
+    if (!collectPairs(moduleContrast, targetContrast, pictures.moduleMask, pictures.targetMask, maxFeatures,
+                      attempt == 2, attempt == 0))
       return failed(start);
     // 7. Too few pairs.
     if (pairs_.size() < static_cast<std::size_t>(kFewestPairs)) continue;

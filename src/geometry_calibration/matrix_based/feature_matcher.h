@@ -71,8 +71,8 @@ class FeatureMatcher {
   bool lastRefined() const { return refined_; }
 
  private:
-  bool collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targetGrey, const cv::Mat& moduleMask, int maxFeatures,
-                    bool brisk, bool prior);
+  bool collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targetGrey, const cv::Mat& moduleMask,
+                    const cv::Mat& targetMask, int maxFeatures, bool brisk, bool prior);
 
   EstimatorContext context_;
   std::vector<MatchPair> pairs_;

@@ -48,6 +48,7 @@ double overlapCorrelation(const WorkPictures& pictures, const cv::Matx33d& h, in
                                : pictures.moduleMask;
   cv::warpPerspective(validity, covered, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_NEAREST,
                       cv::BORDER_CONSTANT);
+  if (!pictures.targetMask.empty()) covered &= pictures.targetMask;
   // Away from the outline, where the smoothing would mix in the black border.
   cv::erode(covered, covered, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(7, 7)));
   const int shared = cv::countNonZero(covered);
@@ -67,6 +68,23 @@ double overlapCorrelation(const WorkPictures& pictures, const cv::Matx33d& h, in
   cv::multiply(af, bf, product);
   const double covariance = cv::mean(product, covered)[0];
   return covariance / (deviationA[0] * deviationB[0]);
+}
+
+cv::Mat contentMask(const cv::Mat& picture) {
+  if (picture.empty()) return cv::Mat();
+  cv::Mat shows;
+  if (picture.channels() == 1) {
+    shows = picture > 0;
+  } else {
+    std::vector<cv::Mat> channels;
+    cv::split(picture, channels);
+    cv::Mat brightest = channels[0].clone();
+    for (std::size_t c = 1; c < channels.size(); ++c) cv::max(brightest, channels[c], brightest);
+    shows = brightest > 0;
+  }
+  if (cv::countNonZero(shows) == shows.rows * shows.cols) return cv::Mat();
+  cv::erode(shows, shows, cv::Mat(), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+  return shows;
 }
 
 bool isUsableHomography(const cv::Matx33d& h) {
@@ -101,6 +119,7 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
   // towards the brighter middle.
   options.spatialGain = true;
   DirectAlignment alignment(options);
+  alignment.setFixedMask(pictures.targetMask);
   // The alignment maps target pixels to module pixels: the inverse.
   const cv::Matx33d start = estimate.inv();
   AlignmentResult before;

@@ -45,9 +45,12 @@ constexpr float kSupportDistance = 3.0f;
 
 // The pictures of one module in its work system. `module` and `target` are
 // BGR 8-bit of the same size; `moduleMask` marks where the warped module
-// picture has content (non-zero).
+// picture has content (non-zero), `targetMask` where the target's picture
+// has (empty: everywhere). A picture shows nothing where it is black in
+// every channel (an uncovered corner of a view, the border of a fisheye
+// circle, a panorama's empty part): such pixels are left out of every cost.
 struct WorkPictures {
-  cv::Mat module, target, moduleMask;
+  cv::Mat module, target, moduleMask, targetMask;
   cv::Mat moduleGrey, targetGrey;  // filled by prepareGrey()
   void prepareGrey();
 };
@@ -76,6 +79,10 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
                              int levels = 3);
 
 bool isUsableHomography(const cv::Matx33d& h);
+
+// 255 where a BGR picture shows something (not black in every channel), a
+// pixel in from what it does not; empty when it shows something everywhere.
+cv::Mat contentMask(const cv::Mat& picture);
 
 // Fills `support` and `supportDistances` of `result` from `pairs` (module
 // work pixel, target work pixel) under `result.homography`.

@@ -18,6 +18,7 @@
 #include "logging/logger_setup.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/rendering/module_drawing.h"
 #include "orbivane/utils/wide_text.h"
 
 namespace GeometryCalibration {
@@ -298,6 +299,10 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   const cv::Matx33d scale(sx, 0, 0.5 * (sx - 1.0), 0, sy, 0.5 * (sy - 1.0), 0, 0, 1);
 
   // The pre-warp G: module pixels -> work pixels, from the picture's outline.
+  // A module the viewer draws through a UV grid or a lens shader is drawn so
+  // onto the target's work frame instead: its working copy is what the
+  // viewer shows, and the estimate is a correction on top of all of it.
+  const bool drawn = OrbivaneRendering::drawnBeyondMatrix(*module);
   const cv::Matx33d placement = scale * h0;
   std::vector<cv::Point2f> outline = {{0.f, 0.f},
                                       {float(modulePicture.cols), 0.f},
@@ -305,11 +310,11 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
                                       {0.f, float(modulePicture.rows)}};
   std::vector<cv::Point2f> landed;
   cv::perspectiveTransform(outline, landed, cv::Matx33f(placement));
-  if (distortionMethod) {
+  if (distortionMethod && !drawn) {
     for (auto& p : outline) p.x += static_cast<float>(kDistortionOffset);
   }
   cv::Matx33d prewarp = placement;
-  if (distortionMethod) {
+  if (distortionMethod && !drawn) {
     const cv::Mat g = cv::getPerspectiveTransform(outline, landed);
     cv::Mat converted;
     g.convertTo(converted, CV_64F);
@@ -328,7 +333,8 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   system.forwardRight = system.backwardRight.inv();
   workSystems[name] = system;
 
-  // Working copies.
+  // Working copies; pixels a picture shows nothing at (black in every
+  // channel) are marked as such in its mask.
   WorkPictures pictures;
   if (workWidth == targetPicture.cols && workHeight == targetPicture.rows) {
     pictures.target = targetPicture;
@@ -336,10 +342,29 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     cv::resize(targetPicture, pictures.target, cv::Size(workWidth, workHeight), 0, 0,
                s < 1.0 ? cv::INTER_AREA : cv::INTER_CUBIC);
   }
-  cv::warpPerspective(modulePicture, pictures.module, cv::Mat(prewarp), pictures.target.size(), cv::INTER_LINEAR,
-                      cv::BORDER_CONSTANT);
-  cv::warpPerspective(cv::Mat(modulePicture.size(), CV_8U, cv::Scalar(255)), pictures.moduleMask, cv::Mat(prewarp),
-                      pictures.target.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT);
+  pictures.targetMask = contentMask(pictures.target);
+  if (drawn) {
+    CameraDescription::OrbivaneModule shown(*module);
+    shown.setImage(imageIt->second);
+    const cv::Matx33d onFrame = OrbivaneGeometry::pixelsToTexture(workWidth, workHeight) * system.backwardRight;
+    auto drawing = OrbivaneRendering::drawModuleOnFrame(shown, onFrame, pictures.target.size());
+    if (!drawing) {
+      logger->error("Module {} cannot be drawn on the target: {}.. Skipping pmodule", narrow(name), drawing.error());
+      verdict.reason = "cannot be drawn on the target: " + drawing.error();
+      return false;
+    }
+    drawing.value().colour.convertTo(pictures.module, CV_8UC3);
+    pictures.moduleMask = drawing.value().inside;
+    const cv::Mat shows = contentMask(pictures.module);
+    if (!shows.empty()) pictures.moduleMask &= shows;
+  } else {
+    cv::warpPerspective(modulePicture, pictures.module, cv::Mat(prewarp), pictures.target.size(), cv::INTER_LINEAR,
+                        cv::BORDER_CONSTANT);
+    cv::Mat shows = contentMask(modulePicture);
+    if (shows.empty()) shows = cv::Mat(modulePicture.size(), CV_8U, cv::Scalar(255));
+    cv::warpPerspective(shows, pictures.moduleMask, cv::Mat(prewarp), pictures.target.size(), cv::INTER_NEAREST,
+                        cv::BORDER_CONSTANT);
+  }
   pictures.prepareGrey();
   workingCopies[name] = {Image::fromMat(pictures.module), Image::fromMat(pictures.target)};
   // How much of the module's picture lands on the target's.

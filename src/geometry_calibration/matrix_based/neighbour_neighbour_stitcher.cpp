@@ -12,8 +12,8 @@
 #include "geometry/coverage.h"
 #include "geometry_calibration/seam_measurement.h"
 #include "logging/logger_setup.h"
+#include "orbivane/rendering/module_drawing.h"
 #include "orbivane/shading/image_shading.h"
-#include "shading/distortion_model.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
@@ -92,20 +92,6 @@ cv::Point2d overlapCentre(const cv::Mat& mask, const cv::Point2d& t, cv::Size si
 }
 
 
-// A module the viewer draws through more than its matrix.
-bool drawnOnly(const CameraDescription::OrbivaneModule& module) {
-  const auto* geometry = module.matrixGeometry();
-  if (geometry != nullptr && geometry->uvGrid() && !geometry->uvGrid()->isRegular()) return true;
-  for (const auto& shader : module.shaders()) {
-    if (shader.uid() != ImageSource::kLensDistortionShaderUid) continue;
-    try {
-      if (!ImageSource::LensDistortion::fromShader(shader).isIdentity()) return true;
-    } catch (const std::exception&) {
-      return true;
-    }
-  }
-  return false;
-}
 
 // Normalised cross-correlation of two drawings over a mask, -1..1.
 double correlation(const cv::Mat& a, const cv::Mat& b, const cv::Mat& mask) {
@@ -294,7 +280,7 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
   }
   const Utils::Matrix4x4 firstMatrix = firstModule->matrixGeometry()->matrix();
   const Utils::Matrix4x4 secondMatrix = secondModule->matrixGeometry()->matrix();
-  if (drawnOnly(*firstModule) || drawnOnly(*secondModule)) {
+  if (OrbivaneRendering::drawnBeyondMatrix(*firstModule) || OrbivaneRendering::drawnBeyondMatrix(*secondModule)) {
     CameraDescription::OrbivaneModule a(*firstModule), b(*secondModule);
     a.setImage(firstImage);
     b.setImage(secondImage);
@@ -528,7 +514,7 @@ CameraDescription::Orbivane NeighbourStitcher::calibrate(const std::list<std::ws
     std::vector<const CameraDescription::OrbivaneModule*> listed;
     for (const auto& name : names) {
       const auto module = drawn.findModule(name);
-      if (module && module->image() && (drawnOnly(*module))) listed.push_back(module.get());
+      if (module && module->image() && (OrbivaneRendering::drawnBeyondMatrix(*module))) listed.push_back(module.get());
     }
     if (!listed.empty()) meter().prepare(listed);
   }

@@ -29,26 +29,35 @@ constexpr double kBehind = -4.0;
 // displacement's slope, a few hundredths).
 constexpr int kDisplacementSteps = 4;
 
-// The shader's lens, in double precision: texture t -> picture texture s.
+// The shader's lens (polynomial, power 2, centred), in double precision:
+// texture t -> picture texture s = c + d (1 + F q), d = t - c, q = 2 |d|^2.
+// (The polynomial form, not the division one: a camera with a division lens
+// shader turns on target matching's distortion-method step.)
 struct ShaderLens {
   double strength = 0.0;
   cv::Point2d map(cv::Point2d t) const {
     const cv::Point2d d = t - cv::Point2d(0.5, 0.5);
     const double q = 2.0 * (d.x * d.x + d.y * d.y);
-    return cv::Point2d(0.5, 0.5) + d * (1.0 / (1.0 + strength * q));
+    return cv::Point2d(0.5, 0.5) + d * (1.0 + strength * q);
   }
-  // The t that the shader draws from s: t = c + lambda (s - c) with
-  // 2 F a lambda^2 - lambda + 1 = 0, a = |s - c|^2 (the root near 1).
+  // The t that the shader draws from s: along the same direction, the
+  // radius r with r (1 + 2 F r^2) = |s - c| (Newton; past the radius where
+  // the lens stops growing, continued straight).
   cv::Point2d inverse(cv::Point2d s) const {
     const cv::Point2d d = s - cv::Point2d(0.5, 0.5);
-    const double a = d.x * d.x + d.y * d.y;
-    const double fa = strength * a;
-    double lambda = 1.0;
-    if (std::fabs(fa) > 1e-15) {
-      const double discriminant = 1.0 - 8.0 * fa;
-      lambda = discriminant > 0.0 ? (1.0 - std::sqrt(discriminant)) / (4.0 * fa) : 1.0 / (4.0 * fa);
+    const double target = std::hypot(d.x, d.y);
+    if (target < 1e-15 || strength == 0.0) return s;
+    double r = target;
+    for (int i = 0; i < 30; ++i) {
+      const double value = r * (1.0 + 2.0 * strength * r * r) - target;
+      const double slope = 1.0 + 6.0 * strength * r * r;
+      if (!(slope > 0.05)) break;
+      const double next = r - value / slope;
+      const bool done = std::fabs(next - r) < 1e-14;
+      r = next;
+      if (done) break;
     }
-    return cv::Point2d(0.5, 0.5) + d * lambda;
+    return cv::Point2d(0.5, 0.5) + d * (r / target);
   }
 };
 
@@ -59,7 +68,7 @@ cv::Point2d pixel(cv::Point2d texture, cv::Size picture) {
   return cv::Point2d(texture.x * picture.width, texture.y * picture.height);
 }
 
-// The division strength that best draws the module's lens: the picture
+// The strength that best draws the module's lens: the picture
 // point of each ideal texture coordinate, least squares in picture pixels
 // (golden section over the strength).
 double fitStrength(const ModuleModel& model) {
@@ -78,7 +87,7 @@ double fitStrength(const ModuleModel& model) {
     }
     return sum;
   };
-  double low = -0.45, high = 1.5;
+  double low = -0.15, high = 0.15;
   const double ratio = 0.5 * (std::sqrt(5.0) - 1.0);
   double a = high - ratio * (high - low), b = low + ratio * (high - low);
   double ca = cost(a), cb = cost(b);
@@ -110,7 +119,7 @@ OrbivaneGeometry::Shader lensShader(double strength) {
                                    {"f_ps_distortion_ext_xshift", "0.000000"},
                                    {"f_ps_distortion_ext_yshift", "0.000000"},
                                    {"i_ps_distortion_ext_pwp", "2"},
-                                   {"i_ps_distortion_ext_method", "1"}});
+                                   {"i_ps_distortion_ext_method", "0"}});
 }
 
 cv::Point2d apply(const cv::Matx33d& h, cv::Point2d p) {

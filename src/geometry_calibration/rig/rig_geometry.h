@@ -6,7 +6,7 @@
 // matrix to a position q of the module's unit square, the UV grid turns q
 // into a texture coordinate t, and the lens shader draws t from the picture's
 // texture coordinate s (orbivane/shading/image_shading.h). Here:
-//  - the lens shader ("00060001", division model, power 2, centred) is the
+//  - the lens shader ("00060001", polynomial model, power 2, centred) is the
 //    best fit of the module's lens in the shader's own terms;
 //  - the matrix is the homography that best maps t to the surface, widened so
 //    that its unit square holds the module's whole picture;
