@@ -279,9 +279,16 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
     module.setImage(in.pictures[i]);
     camera.addModule(module);
   }
+  if (in.target) {
+    CameraDescription::OrbivaneModule target(L"target");
+    target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
+    target.setImage(in.target);
+    camera.addModule(target);
+  }
   GeometryCalibration::RigEstimator estimator(camera, {});
   GeometryCalibration::RigOptions options;
   options.projection = o.projection;
+  if (in.target) options.target = L"target";
   if (const auto valid = estimator.setOptions(options); !valid) throw CommandError(valid.error());
   Progress progress("rig estimation");
   estimator.registerStatusCallback(progress.callback());
@@ -353,6 +360,19 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
     pair["exposureEv"] = std::isfinite(p.exposureEv) ? json(p.exposureEv) : json(nullptr);
     pairs.push_back(pair);
   }
+  if (in.target) {
+    const auto& t = r.target;
+    if (t.registered) {
+      std::cout << "  target: " << (t.equirectangular ? "an equirectangular panorama, the panorama's own frame"
+                                                      : "placed on the panorama by a homography")
+                << ", " << t.matches << " features agree within " << fixedText(t.medianPx, 2) << " px (median)\n";
+    } else {
+      std::cerr << "orbivane-calibrate: the target could not be registered to the rig (" << t.reason
+                << "); it spans the panorama's width: calibrate --target target matches the modules to it\n";
+    }
+    document["target"] = {{"registered", t.registered}, {"equirectangular", t.equirectangular},
+                          {"matches", t.matches}, {"medianPx", t.medianPx}, {"reason", t.reason}};
+  }
   document["rig"] = {{"projection", r.projection}, {"fieldOfView", {r.fieldOfViewX, r.fieldOfViewY}},
                      {"fullRing", r.fullRing}, {"medianPx", r.medianPx}, {"p90Px", r.p90Px},
                      {"seconds", r.seconds}, {"modules", modules}, {"pairs", pairs}};
@@ -387,7 +407,7 @@ void init(const InitOptions& o) {
   json document = {{"camera", o.out}};
   CameraDescription::Orbivane camera = estimate ? rigCamera(o, in, document) : layoutCamera(o, in, cols, rows);
   camera.setName(Utils::fromUtf8(fs::path(o.out).stem().string()));
-  if (in.target) {
+  if (in.target && !estimate) {
     // The whole scene as its own module, with its own aspect ratio: as wide as
     // the panorama, centred on it.
     const Utils::Size pano = camera.panoramaSize();

@@ -19,6 +19,7 @@
 #include "geometry_calibration/rig/rig_matching.h"
 #include "geometry_calibration/rig/rig_seams.h"
 #include "geometry_calibration/rig/rig_surface.h"
+#include "geometry_calibration/rig/rig_target.h"
 #include "logging/logger_setup.h"
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/surface_projection.h"
@@ -151,6 +152,19 @@ struct RigEstimator::Impl {
     if (callback) callback(progress, total, text, AdvStepInfo());
   }
 
+  // The target module's picture (empty: no target, or none to read).
+  cv::Mat targetPicture() const {
+    if (options.target.empty()) return cv::Mat();
+    const auto module = camera.findModule(options.target);
+    const auto image = images.count(options.target) ? images.at(options.target) : (module ? module->image() : nullptr);
+    if (!image || image->empty()) return cv::Mat();
+    try {
+      return Image::toMat(image);
+    } catch (const std::exception&) {
+      return cv::Mat();
+    }
+  }
+
   // The listed modules (empty: every module) that have a picture of at
   // least 16 x 16 pixels, and their pictures. A listed module without one
   // fails the estimate; unlisted ones without are passed over.
@@ -163,7 +177,7 @@ struct RigEstimator::Impl {
         if (m) wanted.push_back(m->name());
     }
     for (const auto& name : wanted) {
-      if (std::find(names.begin(), names.end(), name) != names.end()) continue;
+      if (std::find(names.begin(), names.end(), name) != names.end() || name == options.target) continue;
       const auto module = camera.findModule(name);
       if (!module) return Utils::failure("the camera has no module '" + narrow(name) + "'");
       const auto image = images.count(name) ? images.at(name) : module->image();
@@ -395,7 +409,37 @@ struct RigRun {
   }
 
   const std::wstring& nameOf(int module) const { return names[std::size_t(linked[std::size_t(module)])]; }
+
+  std::vector<cv::detail::ImageFeatures> linkedFeatures() const {
+    std::vector<cv::detail::ImageFeatures> out;
+    for (const int i : linked) out.push_back(features[std::size_t(i)]);
+    return out;
+  }
+  double typicalFocal() const {
+    std::vector<double> focals;
+    for (const auto& m : models) focals.push_back(m.focal);
+    std::nth_element(focals.begin(), focals.begin() + long(focals.size() / 2), focals.end());
+    return focals[focals.size() / 2];
+  }
 };
+
+// The target module's matrix: the identity on the target's own panorama, the
+// registration's homography on the rig's, or (not registered) as wide as the
+// panorama with the target's own aspect ratio, in its middle.
+void placeTarget(const std::shared_ptr<CameraDescription::OrbivaneModule>& target, const Rig::TargetFit& fit,
+                 cv::Size panorama) {
+  if (!target) return;
+  cv::Matx33d placement = cv::Matx33d::eye();
+  if (fit.ok && !fit.equirectangular) {
+    placement = fit.homography.inv();
+    placement *= 1.0 / (placement * cv::Vec3d(0.5, 0.5, 1.0))[2];
+  } else if (!fit.ok && target->image() && !target->image()->empty() && panorama.height > 0) {
+    const double height = double(target->image()->height()) / target->image()->width() * panorama.width / panorama.height;
+    placement = cv::Matx33d(1, 0, 0, 0, height, 0.5 - 0.5 * height, 0, 0, 1);
+  }
+  target->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(
+      OrbivaneGeometry::matrixFromPlanarHomography(placement)));
+}
 
 // Writes one placed module into the camera: matrix (with any clip-matrix
 // shader taken out), UV grid, lens shader; its gain reset.
@@ -466,12 +510,34 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
     }
   }
 
-  // 3. The horizon, the panorama and the seams.
+  // 3. The horizon, the panorama (the target's own, or framed round the
+  //    rig) and the seams.
   if (s.options.straightenHorizon) straightenHorizon(run.models);
-  try {
-    run.surface = Rig::Surface::frame(run.models, s.options.projection);
-  } catch (const std::exception& e) {
-    return Utils::failure(e.what());
+  const cv::Mat target = s.targetPicture();
+  Rig::TargetFit fit;
+  if (!target.empty() && Rig::isEquirectangular(target.size())) {
+    fit = Rig::registerToTarget(run.models, run.linkedFeatures(), target, nullptr);
+    if (fit.ok) {
+      for (auto& model : run.models) model.rotation = fit.rotation * model.rotation;
+      run.surface = Rig::Surface::equirectangular(run.models, run.typicalFocal(), target.size());
+    }
+  }
+  if (!fit.ok || !fit.equirectangular) {
+    try {
+      run.surface = Rig::Surface::frame(run.models, s.options.projection);
+    } catch (const std::exception& e) {
+      return Utils::failure(e.what());
+    }
+    if (!target.empty() && !Rig::isEquirectangular(target.size())) {
+      fit = Rig::registerToTarget(run.models, run.linkedFeatures(), target, &run.surface);
+    }
+  }
+  if (!target.empty()) {
+    s.report.target.registered = fit.ok;
+    s.report.target.reason = fit.reason;
+    s.report.target.equirectangular = fit.equirectangular;
+    s.report.target.matches = fit.matches;
+    s.report.target.medianPx = fit.medianPx;
   }
   s.step("Framing Panorama");
   s.report.projection = Rig::projectionName(run.surface.projection());
@@ -513,6 +579,8 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
     r.largestDisplacementPx = run.displacements[k].largest();
     s.step("Placing Module " + narrow(name));
   }
+
+  if (!target.empty()) placeTarget(result.findModule(s.options.target), fit, panorama);
 
   // 5. Exposure.
   if (s.options.exposureGains) {

@@ -69,6 +69,10 @@ struct ORBIVANE_EXPORT RigOptions {
   // each other where the rotation model leaves them apart (parallax of near
   // objects): a smooth displacement that fades out away from the overlaps.
   bool holdSeams = true;
+  // A module of the camera whose picture shows the whole scene (empty:
+  // none). It is not part of the rig: the rig is registered to it (see
+  // RigTargetReport) and it is placed on the panorama.
+  std::wstring target;
   // Largest difference, picture pixels, between drawing through the UV grid
   // and the model, 0.001..2; the grid gets as many cells as that needs (up
   // to 128 a side).
@@ -103,6 +107,19 @@ struct ORBIVANE_EXPORT RigPairReport {
   double exposureEv = std::numeric_limits<double>::quiet_NaN();
 };
 
+// How the rig was registered to the target picture: an equirectangular
+// target (twice as wide as high) becomes the panorama itself, the rig turned
+// onto it (so the target module is the identity and every module lies where
+// the target shows its scene); any other target is placed on the rig's
+// panorama through the homography that best matches the modules' features.
+struct ORBIVANE_EXPORT RigTargetReport {
+  bool registered = false;
+  std::string reason;  // why not, when not: the target then spans the panorama's width
+  bool equirectangular = false;
+  int matches = 0;       // the modules' features that agree with the registration
+  double medianPx = 0.0;  // their distance from it, target pixels
+};
+
 struct ORBIVANE_EXPORT RigReport {
   std::string projection;         // the projection used
   double fieldOfViewX = 0.0, fieldOfViewY = 0.0;  // degrees the placed pictures span
@@ -110,6 +127,7 @@ struct ORBIVANE_EXPORT RigReport {
   int panoramaWidth = 0, panoramaHeight = 0;
   std::map<std::wstring, RigModuleReport> modules;
   std::list<RigPairReport> pairs;
+  RigTargetReport target;  // when RigOptions::target names one
   double medianPx = 0.0, p90Px = 0.0;  // over all kept matches
   double seconds = 0.0;
 };

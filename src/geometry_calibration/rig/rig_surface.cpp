@@ -260,6 +260,22 @@ int Surface::poleOf(const ModuleModel& model) {
   return 0;
 }
 
+Surface Surface::equirectangular(const std::vector<ModuleModel>& models, double scale, cv::Size target) {
+  Surface s;
+  s.projection_ = Projection::spherical;
+  s.scale_ = scale;
+  s.warper_ = makeWarper(s.projection_, s.scale_);
+  s.fullRing_ = true;
+  s.fovX_ = 360.0;
+  s.fovY_ = 180.0;
+  // Texture coordinate x of the picture is longitude -pi + 2 pi x + pi / W
+  // (pixel i, at texture i / W, is centred on its cell); likewise latitude.
+  s.box_ = cv::Rect2d(scale * (-kPi + kPi / target.width), scale * (0.5 * kPi / target.height), 2.0 * kPi * scale,
+                      kPi * scale);
+  (void)models;
+  return s;
+}
+
 cv::Size Surface::pixels() const { return cv::Size(int(std::lround(box_.width)), int(std::lround(box_.height))); }
 
 cv::Point2d Surface::warp(const ModuleModel& model, cv::Point2d observed) const {

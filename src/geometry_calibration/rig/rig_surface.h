@@ -32,6 +32,12 @@ class Surface {
   // (a full ring: cut where two modules overlap) and frames the box around
   // every module. `models` are turned with the world.
   static Surface frame(std::vector<ModuleModel>& models, const std::string& requested);
+  // The whole sphere as an equirectangular picture of `target` pixels draws
+  // it (longitude -180..180 degrees left to right, latitude 90..-90 top to
+  // bottom, each target pixel centred on its cell): the surface's unit
+  // square is that picture's, at `scale` pixels per radian. `models` must
+  // already be turned into the picture's world.
+  static Surface equirectangular(const std::vector<ModuleModel>& models, double scale, cv::Size target);
 
   Projection projection() const { return projection_; }
   double scale() const { return scale_; }
