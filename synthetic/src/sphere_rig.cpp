@@ -105,6 +105,73 @@ TruthSeams truthSeams(const SphereRig& rig, const CameraDescription::Orbivane& c
   return out;
 }
 
+namespace {
+
+// The panorama point (pixels) where a drawing shows picture point `x`:
+// the nearest sample of its maps, then Newton steps on the maps' bilinear
+// interpolation. False when no pixel of the drawing shows it.
+bool drawnAt(const OrbivaneRendering::ModuleDrawing& d, cv::Point2d x, cv::Point2d& at) {
+  double best = 1e18;
+  cv::Point p(-1, -1);
+  for (int y = 0; y < d.box.height; y += 2)
+    for (int c = 0; c < d.box.width; c += 2) {
+      if (!d.inside.at<uchar>(y, c)) continue;
+      const double e = std::hypot(d.mapX.at<float>(y, c) - x.x, d.mapY.at<float>(y, c) - x.y);
+      if (e < best) {
+        best = e;
+        p = cv::Point(c, y);
+      }
+    }
+  if (p.x < 0 || best > 5.0) return false;
+  const auto sample = [&](const cv::Mat& m, cv::Point2d q) {
+    cv::Mat out;
+    cv::getRectSubPix(m, cv::Size(1, 1), cv::Point2f(float(q.x), float(q.y)), out, CV_32F);
+    return double(out.at<float>(0));
+  };
+  cv::Point2d q(p);
+  for (int i = 0; i < 20; ++i) {
+    const cv::Point2d v(sample(d.mapX, q), sample(d.mapY, q));
+    const double jxx = sample(d.mapX, q + cv::Point2d(0.5, 0)) - sample(d.mapX, q - cv::Point2d(0.5, 0));
+    const double jxy = sample(d.mapX, q + cv::Point2d(0, 0.5)) - sample(d.mapX, q - cv::Point2d(0, 0.5));
+    const double jyx = sample(d.mapY, q + cv::Point2d(0.5, 0)) - sample(d.mapY, q - cv::Point2d(0.5, 0));
+    const double jyy = sample(d.mapY, q + cv::Point2d(0, 0.5)) - sample(d.mapY, q - cv::Point2d(0, 0.5));
+    const double det = jxx * jyy - jxy * jyx;
+    if (std::fabs(det) < 1e-12) return false;
+    const cv::Point2d e = x - v;
+    q += cv::Point2d((jyy * e.x - jxy * e.y) / det, (-jyx * e.x + jxx * e.y) / det);
+  }
+  at = q + cv::Point2d(d.box.tl());
+  return true;
+}
+
+}  // namespace
+
+std::vector<double> cornerErrorsOnWorld(const SphereRig& rig, const CameraDescription::Orbivane& camera) {
+  const cv::Size panorama(camera.panoramaSize().width, camera.panoramaSize().height);
+  std::vector<double> errors;
+  for (std::size_t i = 0; i < rig.modules.size(); ++i) {
+    double worst = 0.0;
+    const auto module = camera.findModule(Utils::fromUtf8(rig.modules[i].name));
+    auto d = module ? OrbivaneRendering::drawModule(*module, panorama)
+                    : Utils::ReturnState<OrbivaneRendering::ModuleDrawing, std::string>(Utils::failure(std::string("none")));
+    const cv::Size picture = rig.modules[i].picture;
+    for (const cv::Point2d share : {cv::Point2d(0.02, 0.02), cv::Point2d(0.98, 0.02), cv::Point2d(0.98, 0.98),
+                                    cv::Point2d(0.02, 0.98), cv::Point2d(0.5, 0.5)}) {
+      const cv::Point2d x(share.x * picture.width, share.y * picture.height);
+      cv::Point2d at;
+      if (!d || !drawnAt(d.value(), x, at)) {
+        worst = 1e9;
+        break;
+      }
+      // Panorama pixel -> unit -> world pixel (the world spans the unit square).
+      const cv::Point2d onWorld(at.x / panorama.width * rig.world.cols, at.y / panorama.height * rig.world.rows);
+      worst = std::max(worst, cv::norm(onWorld - rig.worldPixel(rig.ray(i, x))));
+    }
+    errors.push_back(worst);
+  }
+  return errors;
+}
+
 SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& o) {
   SphereRig rig;
   rig.world = world;

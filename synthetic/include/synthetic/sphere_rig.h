@@ -71,4 +71,11 @@ struct TruthSeams {
 };
 TruthSeams truthSeams(const SphereRig& rig, const CameraDescription::Orbivane& camera, int step = 3);
 
+// For a camera whose panorama is the world's own frame (a target module
+// spanning the unit square with the world as its picture): how far, in world
+// pixels, each module draws picture points near its corners (and its
+// middle) from where the world shows them. The largest over the points, per
+// module, by module name; a module that does not draw a point gets 1e9.
+std::vector<double> cornerErrorsOnWorld(const SphereRig& rig, const CameraDescription::Orbivane& camera);
+
 }  // namespace Synthetic
