@@ -19,11 +19,19 @@
 // each overlap, where near objects show parallax no stitcher can remove;
 // the output says so.
 //
+// Synthetic rigs with known truth (synthetic/sphere_rig.h: five turned
+// wide-angle modules with their own focal length, lens distortion and
+// exposure photographing a real equirectangular panorama) are run the same
+// way, and ours is also measured against the truth: how far apart two
+// modules draw the same world point (Hugin is not run on them: the pictures
+// carry no lens data for it).
+//
 // Usage: rig_calibration_benchmark [--check] [--smoke] [--no-hugin] [SET...]
 // where a SET is photograph numbers joined by commas, e.g. 84,85,86,78,79
-// (P10603NN.jpg), optionally ending in "+ground". Default: three sets of the
-// upper and lower rings. --smoke runs ours and OpenCV on one set, without
-// Hugin, and judges the correctness goals only.
+// (P10603NN.jpg), optionally ending in "+ground", or sphere:PITCH:SEED for
+// a synthetic ring turned up by PITCH degrees. Default: three sets of the
+// upper and lower rings and two synthetic rings. --smoke runs ours and
+// OpenCV on one set, without Hugin, and judges the correctness goals only.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -40,16 +48,27 @@
 #include "orbivane/utils/wide_text.h"
 #include "synthetic/peer_stitchers.h"
 #include "synthetic/sample_data.h"
+#include "synthetic/sphere_rig.h"
 
 namespace {
 
 struct PhotoSet {
   std::vector<std::string> names;  // "P1060384"
   bool groundFacing = false;
+  bool synthetic = false;          // a sphere rig: `pitch` (degrees) and `seed`
+  double pitch = 0.0;
+  unsigned seed = 1;
 };
 
 PhotoSet parseSet(const std::string& text) {
   PhotoSet set;
+  if (text.rfind("sphere:", 0) == 0) {
+    set.synthetic = true;
+    const std::size_t colon = text.find(':', 7);
+    set.pitch = std::atof(text.substr(7, colon - 7).c_str());
+    if (colon != std::string::npos) set.seed = unsigned(std::atoi(text.substr(colon + 1).c_str()));
+    return set;
+  }
   std::string body = text;
   const std::string ground = "+ground";
   if (body.size() > ground.size() && body.compare(body.size() - ground.size(), ground.size(), ground) == 0) {
@@ -86,6 +105,7 @@ struct Ours {
   std::vector<Synthetic::PeerLayer> layers;
   cv::Size panorama;
   cv::Rect crop;
+  CameraDescription::Orbivane camera;  // as calibrated
 };
 
 Ours runOurs(const PhotoSet& set, const std::vector<cv::Mat>& photos) {
@@ -110,7 +130,7 @@ Ours runOurs(const PhotoSet& set, const std::vector<cv::Mat>& photos) {
   GeometryCalibration::CalibrationPipeline pipeline(estimated.value(), images);
   GeometryCalibration::PipelineOptions options;
   options.steps = {"neighbour", "clip"};
-  pipeline.run(options);
+  out.camera = pipeline.run(options);
   out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   for (const auto& [name, v] : pipeline.verdicts()) {
     if (v.status == GeometryCalibration::ModuleStatus::failed) ++out.failed;
@@ -119,27 +139,20 @@ Ours runOurs(const PhotoSet& set, const std::vector<cv::Mat>& photos) {
   // alike), and the clip as a rectangle of it.
   const auto& steps = pipeline.steps();
   const CameraDescription::Orbivane& placed = steps.size() >= 2 ? steps[0].camera : estimated.value();
-  out.panorama = cv::Size(placed.panoramaSize().width, placed.panoramaSize().height);
-  for (const auto& name : set.names) {
-    Synthetic::PeerLayer layer;
-    const auto module = placed.findModule(Utils::fromUtf8(name));
-    auto drawn = module ? OrbivaneRendering::drawModule(*module, out.panorama)
-                        : Utils::ReturnState<OrbivaneRendering::ModuleDrawing, std::string>(Utils::failure(std::string("missing")));
-    if (drawn) {
-      drawn.value().colour.convertTo(layer.picture, CV_8UC3);
-      layer.mask = drawn.value().inside;
-      layer.box = drawn.value().box;
-    }
-    out.layers.push_back(layer);
-  }
-  if (steps.size() >= 2 && steps[1].clipping.size() == 4) {
-    const auto& c = steps[1].clipping;  // left, top, right, bottom shares
-    out.crop = cv::Rect(int(std::lround(c[0] * out.panorama.width)), int(std::lround(c[1] * out.panorama.height)),
-                        int(std::lround((1.0 - c[0] - c[2]) * out.panorama.width)),
-                        int(std::lround((1.0 - c[1] - c[3]) * out.panorama.height)));
-  }
+  const std::vector<float> clipping = steps.size() >= 2 ? steps[1].clipping : std::vector<float>();
+  const Synthetic::PeerResult drawn = Synthetic::cameraLayers(placed, set.names, clipping);
+  out.panorama = drawn.panorama;
+  out.layers = drawn.layers;
+  out.crop = drawn.crop;
   out.ok = true;
   return out;
+}
+
+Synthetic::SphereRigOptions sphereOptions(const PhotoSet& set) {
+  Synthetic::SphereRigOptions o;
+  o.pitch = set.pitch;
+  o.seed = set.seed;
+  return o;
 }
 
 void printRow(const char* tool, const Synthetic::LayerSeams& s, double kept, double seconds) {
@@ -156,21 +169,34 @@ int main(int argc, char** argv) {
   std::vector<PhotoSet> sets;
   for (const auto& p : options.positional) sets.push_back(parseSet(p));
   if (sets.empty()) {
-    sets = {parseSet("84,85,86,78,79"), parseSet("82,83,84,85,86"), parseSet("87,88,89,90,91+ground")};
+    sets = {parseSet("84,85,86,78,79"), parseSet("82,83,84,85,86"), parseSet("87,88,89,90,91+ground"),
+            parseSet("sphere:0:1"), parseSet("sphere:30:2")};
     if (options.smoke) sets.resize(1);
   }
   const bool hugin = !options.smoke && !options.has("--no-hugin") && Synthetic::huginAvailable();
   Bench::Goals goals(options);
-  for (const auto& set : sets) {
+  const cv::Mat world = Synthetic::loadRealPhoto("hugin-equirectangular.jpg");
+  for (auto& set : sets) {
     std::string label;
-    for (const auto& n : set.names) label += (label.empty() ? "" : ",") + n.substr(6);
-    std::printf("photographs %s%s\n", label.c_str(),
-                set.groundFacing ? " (ground-facing: the lowest third of each overlap is left out)" : "");
     std::vector<cv::Mat> photos;
     std::vector<std::string> files;
-    for (const auto& n : set.names) {
-      photos.push_back(Synthetic::loadRealPhoto(n + ".jpg"));
-      files.push_back(Synthetic::realPhotoPath(n + ".jpg"));
+    Synthetic::SphereRig rig;
+    if (set.synthetic) {
+      rig = Synthetic::makeSphereRig(world, sphereOptions(set));
+      photos = rig.pictures;
+      for (const auto& m : rig.modules) set.names.push_back(m.name);
+      char text[64];
+      std::snprintf(text, sizeof text, "sphere rig, pitch %.0f deg, seed %u", set.pitch, set.seed);
+      label = text;
+      std::printf("%s (five modules 40 degrees apart, 1280x960, focal 900 px +-2 %%, k1 0.03 +-0.01)\n", text);
+    } else {
+      for (const auto& n : set.names) label += (label.empty() ? "" : ",") + n.substr(6);
+      std::printf("photographs %s%s\n", label.c_str(),
+                  set.groundFacing ? " (ground-facing: the lowest third of each overlap is left out)" : "");
+      for (const auto& n : set.names) {
+        photos.push_back(Synthetic::loadRealPhoto(n + ".jpg"));
+        files.push_back(Synthetic::realPhotoPath(n + ".jpg"));
+      }
     }
 
     Ours ours = runOurs(set, photos);
@@ -192,7 +218,7 @@ int main(int argc, char** argv) {
     Synthetic::PeerResult hu;
     Synthetic::LayerSeams huginSeams;
     double huginKept = 0.0;
-    if (hugin) {
+    if (hugin && !set.synthetic) {
       Synthetic::TemporaryDirectory folder;
       hu = Synthetic::huginStitch(files, folder.path());
       if (hu.ok) {
@@ -208,7 +234,7 @@ int main(int argc, char** argv) {
     } else {
       std::printf("  opencv   failed: %s\n", opencv.error.c_str());
     }
-    if (hugin) {
+    if (hugin && !set.synthetic) {
       if (hu.ok) {
         printRow("hugin", huginSeams, huginKept, hu.seconds);
       } else {
@@ -216,6 +242,13 @@ int main(int argc, char** argv) {
       }
     }
     for (const auto& line : oursSeams.lines) std::printf("    ours %s\n", line.c_str());
+    if (set.synthetic) {
+      const Synthetic::TruthSeams truth = Synthetic::truthSeams(rig, ours.camera);
+      std::printf("  ours against the truth: seams median %.3f px, 90 %% %.3f px, worst %.3f px over %d pairs\n",
+                  truth.medianPx, truth.p90Px, truth.worstPx, truth.pairs);
+      goals.correctness(truth.p90Px <= 0.5, "%s: seams against the truth, 90 %% %.3f px <= 0.5 px", label.c_str(),
+                        truth.p90Px);
+    }
 
     goals.correctness(ours.failed == 0, "%s: no module failed (%d failed)", label.c_str(), ours.failed);
     goals.correctness(oursSeams.medianPx <= 1.0, "%s: seam median %.2f px <= 1.0 px", label.c_str(), oursSeams.medianPx);

@@ -22,6 +22,9 @@
 #include <opencv2/stitching/detail/seam_finders.hpp>
 #include <opencv2/stitching/detail/warpers.hpp>
 
+#include "orbivane/rendering/module_drawing.h"
+#include "orbivane/utils/wide_text.h"
+
 namespace Synthetic {
 namespace {
 
@@ -397,6 +400,49 @@ double keptShare(const std::vector<PeerLayer>& layers, cv::Size panorama, const 
   const double total = cv::countNonZero(drawn);
   if (!(total > 0) || crop.empty()) return 0.0;
   return cv::countNonZero(drawn(crop & cv::Rect(cv::Point(0, 0), panorama))) / total;
+}
+
+}  // namespace Synthetic
+
+namespace Synthetic {
+
+double holeShare(const std::vector<PeerLayer>& layers, cv::Size panorama, const cv::Rect& crop) {
+  const cv::Rect inside = crop & cv::Rect(cv::Point(0, 0), panorama);
+  if (inside.empty()) return 0.0;
+  cv::Mat drawn = cv::Mat::zeros(panorama, CV_8U);
+  for (const auto& layer : layers) {
+    if (layer.mask.empty()) continue;
+    const cv::Rect box = layer.box & cv::Rect(cv::Point(0, 0), panorama);
+    if (!box.empty()) drawn(box) |= layer.mask(box - layer.box.tl());
+  }
+  return 1.0 - double(cv::countNonZero(drawn(inside))) / inside.area();
+}
+
+PeerResult cameraLayers(const CameraDescription::Orbivane& camera, const std::vector<std::string>& names,
+                        const std::vector<float>& clipping) {
+  PeerResult out;
+  out.panorama = cv::Size(camera.panoramaSize().width, camera.panoramaSize().height);
+  for (const auto& name : names) {
+    PeerLayer layer;
+    const auto module = camera.findModule(Utils::fromUtf8(name));
+    if (module) {
+      auto drawn = OrbivaneRendering::drawModule(*module, out.panorama);
+      if (drawn) {
+        drawn.value().colour.convertTo(layer.picture, CV_8UC3);
+        layer.mask = drawn.value().inside;
+        layer.box = drawn.value().box;
+      }
+    }
+    out.layers.push_back(layer);
+  }
+  if (clipping.size() == 4) {
+    const auto& c = clipping;
+    out.crop = cv::Rect(int(std::lround(c[0] * out.panorama.width)), int(std::lround(c[1] * out.panorama.height)),
+                        int(std::lround((1.0 - c[0] - c[2]) * out.panorama.width)),
+                        int(std::lround((1.0 - c[1] - c[3]) * out.panorama.height)));
+  }
+  out.ok = true;
+  return out;
 }
 
 }  // namespace Synthetic

@@ -20,6 +20,8 @@
 
 #include <opencv2/core.hpp>
 
+#include "orbivane/camera/orbivane.h"
+
 namespace Synthetic {
 
 struct PeerLayer {
@@ -65,5 +67,14 @@ LayerSeams measureLayerSeams(const std::vector<PeerLayer>& layers, const std::ve
 // The share (0..1) of the panorama pixels some layer draws that lie inside
 // `crop`.
 double keptShare(const std::vector<PeerLayer>& layers, cv::Size panorama, const cv::Rect& crop);
+// The share (0..1) of `crop`'s pixels that no layer draws.
+double holeShare(const std::vector<PeerLayer>& layers, cv::Size panorama, const cv::Rect& crop);
+
+// Our camera the same way: each named module drawn alone on the camera's
+// panorama as the viewer draws it, and `clipping` (left, top, right, bottom
+// shares of the panorama cut away, as the clip step reports them; empty: no
+// crop) as the crop. Layers of modules the camera lacks are empty.
+PeerResult cameraLayers(const CameraDescription::Orbivane& camera, const std::vector<std::string>& names,
+                        const std::vector<float>& clipping);
 
 }  // namespace Synthetic

@@ -1,0 +1,207 @@
+// The rig estimator against rigs with known truth: turned wide-angle
+// modules with their own focal length, lens distortion and exposure,
+// photographing an equirectangular world (a real panorama), in one ring and
+// in two rings turned up and down; a picture of something else among them;
+// and what the pipeline's later steps do to such a camera.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include <opencv2/imgproc.hpp>
+
+#include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry_calibration/calibration_pipeline.h"
+#include "orbivane/geometry_calibration/rig_estimator.h"
+#include "orbivane/image/image_conversion.h"
+#include "orbivane/utils/wide_text.h"
+#include "synthetic/peer_stitchers.h"
+#include "synthetic/sample_data.h"
+#include "synthetic/sphere_rig.h"
+
+namespace {
+
+using GeometryCalibration::RigEstimator;
+using GeometryCalibration::RigOptions;
+
+// Small pictures keep the estimator quick under the sanitizers; the lens is
+// as wide as the real camera's (about 70 x 56 degrees).
+Synthetic::SphereRigOptions smallRing(double pitch, unsigned seed) {
+  Synthetic::SphereRigOptions o;
+  o.modules = 5;
+  o.step = 40.0;
+  o.pitch = pitch;
+  o.focal = 450.0;
+  o.picture = cv::Size(640, 480);
+  o.seed = seed;
+  return o;
+}
+
+const cv::Mat& world() {
+  static const cv::Mat picture = Synthetic::loadRealPhoto("hugin-equirectangular.jpg");
+  return picture;
+}
+
+CameraDescription::Orbivane cameraOf(const Synthetic::SphereRig& rig) {
+  CameraDescription::Orbivane camera;
+  for (std::size_t i = 0; i < rig.modules.size(); ++i) {
+    CameraDescription::OrbivaneModule module(Utils::fromUtf8(rig.modules[i].name));
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
+    module.setImage(Image::fromMat(rig.pictures[i]));
+    camera.addModule(module);
+  }
+  return camera;
+}
+
+// The second ring's modules renamed so both rings can share one rig.
+Synthetic::SphereRig twoRings() {
+  Synthetic::SphereRigOptions upper = smallRing(22.0, 3), lower = smallRing(-22.0, 4);
+  upper.modules = lower.modules = 3;
+  upper.step = lower.step = 45.0;
+  Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), upper);
+  const Synthetic::SphereRig below = Synthetic::makeSphereRig(world(), lower);
+  for (std::size_t i = 0; i < below.modules.size(); ++i) {
+    Synthetic::SphereModule m = below.modules[i];
+    m.name = "L" + std::to_string(i);
+    rig.modules.push_back(m);
+    rig.pictures.push_back(below.pictures[i]);
+  }
+  return rig;
+}
+
+struct Estimated {
+  CameraDescription::Orbivane camera;
+  GeometryCalibration::RigReport report;
+};
+
+Estimated estimate(const CameraDescription::Orbivane& camera) {
+  RigEstimator estimator(camera, {});
+  EXPECT_TRUE(estimator.setOptions(RigOptions()));
+  auto result = estimator.estimate();
+  EXPECT_TRUE(result) << (result ? "" : result.error());
+  return {result ? result.value() : camera, estimator.report()};
+}
+
+double exposureGainOf(const CameraDescription::Orbivane& camera, const std::string& name) {
+  return camera.findModule(Utils::fromUtf8(name))->exposureGain();
+}
+
+TEST(RigEstimator, TurnedWideAngleRingIsPlacedWhereTheTruthPutsIt) {
+  const Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), smallRing(0.0, 1));
+  const Estimated result = estimate(cameraOf(rig));
+  ASSERT_EQ(result.report.modules.size(), 5u);
+  for (const auto& [name, module] : result.report.modules) EXPECT_TRUE(module.placed) << module.reason;
+
+  // Seams against the truth: the same world point drawn by two modules.
+  const Synthetic::TruthSeams seams = Synthetic::truthSeams(rig, result.camera);
+  EXPECT_EQ(seams.pairs, 4);
+  EXPECT_LT(seams.medianPx, 0.15);
+  EXPECT_LT(seams.worstPx, 0.6);
+
+  // Each module's own lens: focal length and how far neighbours are turned.
+  for (std::size_t i = 0; i < rig.modules.size(); ++i) {
+    const auto& truth = rig.modules[i];
+    const auto& found = result.report.modules.at(Utils::fromUtf8(truth.name));
+    EXPECT_NEAR(found.focalPx, truth.focal, 0.02 * truth.focal) << truth.name;
+    if (i > 0) {
+      const auto& previous = result.report.modules.at(Utils::fromUtf8(rig.modules[i - 1].name));
+      EXPECT_NEAR(found.yaw - previous.yaw, truth.yaw - rig.modules[i - 1].yaw, 0.3) << truth.name;
+    }
+  }
+  // A level ring comes out level.
+  for (const auto& [name, module] : result.report.modules) EXPECT_NEAR(module.pitch, 0.0, 3.0);
+
+  // Exposure: gain times the truth's exposure is one brightness for all.
+  std::vector<double> products;
+  for (const auto& m : rig.modules) products.push_back(exposureGainOf(result.camera, m.name) * m.gain);
+  const auto [low, high] = std::minmax_element(products.begin(), products.end());
+  EXPECT_LT(std::log2(*high / *low), 0.06) << "exposure left between modules, EV";
+}
+
+TEST(RigEstimator, TwoRingsTurnedUpAndDownJoinAsAGrid) {
+  const Synthetic::SphereRig rig = twoRings();
+  const Estimated result = estimate(cameraOf(rig));
+  ASSERT_EQ(result.report.modules.size(), 6u);
+  for (const auto& [name, module] : result.report.modules) EXPECT_TRUE(module.placed) << module.reason;
+  const Synthetic::TruthSeams seams = Synthetic::truthSeams(rig, result.camera);
+  EXPECT_GE(seams.pairs, 7);  // 2 + 2 along the rings, 3 or more across them
+  EXPECT_LT(seams.medianPx, 0.2);
+  EXPECT_LT(seams.worstPx, 1.0);
+  // The upper ring looks up, the lower one down, by about the truth's pitch.
+  for (const auto& m : rig.modules) {
+    const double pitch = result.report.modules.at(Utils::fromUtf8(m.name)).pitch;
+    EXPECT_NEAR(pitch, m.pitch, 4.0) << m.name;
+  }
+}
+
+TEST(RigEstimator, PictureOfSomethingElseIsLeftUnplacedWithItsReason) {
+  Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), smallRing(0.0, 2));
+  CameraDescription::Orbivane camera = cameraOf(rig);
+  cv::Mat other;
+  cv::resize(Synthetic::loadSample("baboon.jpg"), other, rig.modules[0].picture);
+  CameraDescription::OrbivaneModule stranger(L"X");
+  stranger.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
+  stranger.setImage(Image::fromMat(other));
+  camera.addModule(stranger);
+
+  const Estimated result = estimate(camera);
+  ASSERT_EQ(result.report.modules.size(), 6u);
+  const auto& x = result.report.modules.at(L"X");
+  EXPECT_FALSE(x.placed);
+  EXPECT_FALSE(x.reason.empty());
+  for (const auto& m : rig.modules) EXPECT_TRUE(result.report.modules.at(Utils::fromUtf8(m.name)).placed) << m.name;
+  EXPECT_LT(Synthetic::truthSeams(rig, result.camera).medianPx, 0.15);
+}
+
+TEST(RigEstimator, PipelineAfterTheRigKeepsItsSeamsAndClipsWithoutHoles) {
+  const Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), smallRing(0.0, 5));
+  const Estimated init = estimate(cameraOf(rig));
+  const Synthetic::TruthSeams before = Synthetic::truthSeams(rig, init.camera);
+
+  GeometryCalibration::CalibrationPipeline::Images images;
+  for (const auto& m : init.camera.modules()) images[m->name()] = m->image();
+  GeometryCalibration::CalibrationPipeline pipeline(init.camera, images);
+  GeometryCalibration::PipelineOptions options;
+  options.steps = {"neighbour", "clip"};
+  const CameraDescription::Orbivane after = pipeline.run(options);
+  ASSERT_EQ(pipeline.steps().size(), 2u);
+  for (const auto& step : pipeline.steps())
+    for (const auto& [name, module] : step.modules)
+      EXPECT_NE(module.status, GeometryCalibration::ModuleStatus::failed) << Utils::toUtf8(name) << ": "
+                                                                           << module.reason;
+
+  // Neighbour stitching never makes a good rig worse.
+  const Synthetic::TruthSeams seams = Synthetic::truthSeams(rig, after);
+  EXPECT_LT(seams.medianPx, before.medianPx + 0.05);
+  EXPECT_LT(seams.worstPx, before.worstPx + 0.2);
+
+  // The pipeline's own seam numbers agree with the truth's.
+  const auto summary = GeometryCalibration::summariseSeams(pipeline.steps().back().seams);
+  EXPECT_EQ(summary.measured, 4);
+  EXPECT_LT(summary.worstPx, 1.0);
+
+  // The clip: every panorama pixel inside it is drawn by some module, and
+  // it keeps most of what the modules draw (measured on the camera before
+  // the clip, which moves every module alike).
+  std::vector<std::string> names;
+  for (const auto& m : rig.modules) names.push_back(m.name);
+  const auto drawn = Synthetic::cameraLayers(pipeline.steps().front().camera, names, pipeline.steps().back().clipping);
+  ASSERT_FALSE(drawn.crop.empty());
+  EXPECT_EQ(Synthetic::holeShare(drawn.layers, drawn.panorama, drawn.crop), 0.0);
+  // No side can move out by a few pixels without taking in a hole: the
+  // rectangle is as large as the modules' outline allows (the pitch and
+  // roll of each module scallop the top and bottom edges).
+  const cv::Rect crop = drawn.crop;
+  for (const cv::Rect grown : {cv::Rect(crop.x - 3, crop.y, crop.width + 3, crop.height),
+                               cv::Rect(crop.x, crop.y - 3, crop.width, crop.height + 3),
+                               cv::Rect(crop.x, crop.y, crop.width + 3, crop.height),
+                               cv::Rect(crop.x, crop.y, crop.width, crop.height + 3)}) {
+    EXPECT_GT(Synthetic::holeShare(drawn.layers, drawn.panorama, grown) +
+                  (grown != (grown & cv::Rect(cv::Point(0, 0), drawn.panorama)) ? 1.0 : 0.0),
+              0.0)
+        << "the clip could grow to " << grown;
+  }
+  EXPECT_GE(Synthetic::keptShare(drawn.layers, drawn.panorama, drawn.crop), 0.7);
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The first calibration as a user runs it on real photographs of a hand-held
+# wide-angle camera (data/durlach): `camera init PICTURES --out CAMERA` then
+# `calibrate CAMERA --out OUT`, no other option. The seams the tool reports
+# are checked against an independent measurement (seam_oracle.py: SIFT
+# matches between modules drawn alone by `panorama`), and a camera whose
+# seams are too wide must say so and exit 3.
+# usage: cli_real_photos_test.sh TOOL SAMPLE_DIR PHOTO_DIR
+set -u
+source "$(dirname "$0")/cli_common.sh"
+photos=$3
+oracle="$(dirname "$0")/seam_oracle.py"
+
+# The oracle's summary (its last line) and the tool's --json summary, read
+# into shell variables by one Python call each.
+summary_of() { tail -n 1 "$1" | /usr/bin/python3 -c "import json,sys; s=json.load(sys.stdin); print(s$2)"; }
+
+# 1. The rig from five neighbouring photographs of the upper ring.
+pictures=()
+for n in 82 83 84 85 86; do pictures+=("$photos/P10603$n.jpg"); done
+"$tool" camera init "${pictures[@]}" --out "$work/camera.json" >"$work/init.txt" 2>"$work/init.err"
+expect_eq "$?" "0" "camera init of five photographs"
+grep -q "wrote $work/camera.json: 5 module(s) placed" "$work/init.txt" || fail "camera init did not place all five modules: $(tail -n 2 "$work/init.txt")"
+
+# 2. calibrate with no other option: every module kept, seams under 1 px.
+"$tool" calibrate "$work/camera.json" --out "$work/out.json" --json >"$work/calibrate.txt" 2>"$work/calibrate.err"
+expect_eq "$?" "0" "calibrate without a target"
+expect_eq "$(summary_of "$work/calibrate.txt" "['seamSummary']['measured']")" "5" "seams measured by calibrate"
+failed=$(tail -n 1 "$work/calibrate.txt" | /usr/bin/python3 -c \
+  "import json,sys; print(' '.join(k for k, v in json.load(sys.stdin)['modules'].items() if v['status'] == 'failed'))")
+expect_eq "$failed" "" "modules calibrate reports failed"
+ours_median=$(summary_of "$work/calibrate.txt" "['seamSummary']['medianPx']")
+ours_worst=$(summary_of "$work/calibrate.txt" "['seamSummary']['worstPx']")
+
+# 3. The independent measurement agrees with the tool's, and with the goals.
+/usr/bin/python3 "$oracle" "$tool" "$work/out.json" >"$work/oracle.txt" || fail "the seam oracle did not run"
+cat "$work/oracle.txt"
+/usr/bin/python3 - "$work/oracle.txt" "$ours_median" "$ours_worst" <<'EOF' || failures=$((failures + 1))
+import json, sys
+oracle = json.loads(open(sys.argv[1]).read().splitlines()[-1])
+ours, ours_worst = float(sys.argv[2]), float(sys.argv[3])
+problems = []
+if oracle["pairs"] < 5: problems.append("the oracle measured only %d seams" % oracle["pairs"])
+if not oracle["medianPx"] <= 1.0: problems.append("seam median %.2f px > 1.0 px" % oracle["medianPx"])
+if not oracle["p90Px"] <= 3.0: problems.append("seam 90th percentile %.2f px > 3.0 px" % oracle["p90Px"])
+if abs(ours - oracle["medianPx"]) > max(0.2, 0.2 * oracle["medianPx"]):
+    problems.append("the tool reports a median seam of %.2f px, the oracle measures %.2f px" % (ours, oracle["medianPx"]))
+if ours_worst > 1.0: problems.append("worst seam %.2f px but exit 0" % ours_worst)
+for p in problems: print("FAIL:", p)
+sys.exit(1 if problems else 0)
+EOF
+
+# 4. One module moved 12 panorama pixels: calibrate without a moving step
+#    must not call that good.
+/usr/bin/python3 - "$work/out.json" "$work/moved.json" <<'EOF'
+import json, sys
+camera = json.load(open(sys.argv[1]))
+width = camera["panoramaSize"][0]
+m = camera["modules"][2]["geometry"]["matrix"]  # rows of the 4x4, the planar part in rows 0, 1 and 3
+for k in range(4): m[k] += 12.0 / width * m[12 + k]
+json.dump(camera, open(sys.argv[2], "w"))
+EOF
+"$tool" calibrate "$work/moved.json" --steps clip --out "$work/moved-out.json" >"$work/moved.txt" 2>"$work/moved.err"
+expect_eq "$?" "3" "calibrate of a camera with a seam 12 px wide"
+grep -q "the worst seam is .* px, above 1.0 px" "$work/moved.err" || fail "no word of the wide seam: $(cat "$work/moved.err")"
+
+finish "real photographs: init and calibrate without a target, seams confirmed independently"
