@@ -17,6 +17,12 @@ constexpr int kFewestOverlapPixels = 200;
 // How strongly the gains are held at 1 overall (the panorama keeps the
 // modules' mean exposure), against one overlap's difference.
 constexpr double kAnchorWeight = 1e-3;
+// Grey levels (0..255) outside which a pixel counts as clipped.
+constexpr double kDarkest = 4.0, kBrightest = 250.0;
+// The gains even out the worst overlap rather than the average one: the
+// least squares are reweighted this often (Lawson's iteration towards the
+// smallest largest difference), the best solution seen kept.
+constexpr int kReweightings = 40;
 
 cv::Size reduced(cv::Size panorama, int largestSide) {
   const double s = std::min(1.0, double(largestSide) / std::max(panorama.width, panorama.height));
@@ -46,13 +52,19 @@ Drawn drawGrey(const CameraDescription::OrbivaneModule& module, cv::Size size, b
   return d;
 }
 
-// Mean grey of each over their shared pixels; false when they share too few.
+// Mean grey of each over their shared pixels, leaving out those either
+// shows clipped (a gain does not move them); false when they share too few.
 bool overlapMeans(const Drawn& a, const Drawn& b, double& meanA, double& meanB) {
   if (!a.ok || !b.ok) return false;
   const cv::Rect shared = a.box & b.box;
   if (shared.empty()) return false;
   const cv::Rect inA = shared - a.box.tl(), inB = shared - b.box.tl();
-  const cv::Mat both = a.inside(inA) & b.inside(inB);
+  cv::Mat both = a.inside(inA) & b.inside(inB);
+  cv::Mat unclipped;
+  cv::inRange(a.grey(inA), kDarkest, kBrightest, unclipped);
+  both &= unclipped;
+  cv::inRange(b.grey(inB), kDarkest, kBrightest, unclipped);
+  both &= unclipped;
   if (cv::countNonZero(both) < kFewestOverlapPixels) return false;
   meanA = cv::mean(a.grey(inA), both)[0];
   meanB = cv::mean(b.grey(inB), both)[0];
@@ -69,28 +81,59 @@ std::vector<double> exposureGains(const std::vector<std::shared_ptr<CameraDescri
   cv::parallel_for_(cv::Range(0, n), [&](const cv::Range& range) {
     for (int i = range.start; i < range.end; ++i) drawn[std::size_t(i)] = drawGrey(*modules[std::size_t(i)], size, false);
   });
-  // log g_i - log g_j = log(mean_j / mean_i) for every overlapping pair, each
-  // pair counting alike (a small overlap between two modules shows a
-  // difference as plainly as a large one), least squares, with the gains'
-  // mean logarithm held at 0.
-  cv::Mat a = cv::Mat::zeros(n, n, CV_64F), b = cv::Mat::zeros(n, 1, CV_64F);
-  for (int i = 0; i < n; ++i) {
-    a.at<double>(i, i) += kAnchorWeight;
+  // log g_i - log g_j = log(mean_j / mean_i) for every overlapping pair,
+  // solved with the gains' mean logarithm held at 0: first each pair counting
+  // alike (a small overlap shows a difference as plainly as a large one),
+  // then reweighted towards the worst pair, since loops of overlaps rarely
+  // agree exactly (vignetting, clipped sky).
+  struct Pair {
+    int i, j;
+    double d;
+  };
+  std::vector<Pair> pairs;
+  for (int i = 0; i < n; ++i)
     for (int j = i + 1; j < n; ++j) {
       double mi = 0.0, mj = 0.0;
-      if (!overlapMeans(drawn[std::size_t(i)], drawn[std::size_t(j)], mi, mj)) continue;
-      const double d = std::log(mj / mi);
-      a.at<double>(i, i) += 1.0;
-      a.at<double>(j, j) += 1.0;
-      a.at<double>(i, j) -= 1.0;
-      a.at<double>(j, i) -= 1.0;
-      b.at<double>(i) += d;
-      b.at<double>(j) -= d;
+      if (overlapMeans(drawn[std::size_t(i)], drawn[std::size_t(j)], mi, mj)) pairs.push_back({i, j, std::log(mj / mi)});
     }
-  }
-  cv::Mat logGain;
+  std::vector<double> weights(pairs.size(), 1.0);
+  cv::Mat logGain, best;
+  double bestLargest = std::numeric_limits<double>::infinity();
   std::vector<double> gains(modules.size(), 1.0);
-  if (!cv::solve(a, b, logGain, cv::DECOMP_CHOLESKY)) return gains;
+  for (int round = 0; round <= kReweightings; ++round) {
+    cv::Mat a = cv::Mat::zeros(n, n, CV_64F), b = cv::Mat::zeros(n, 1, CV_64F);
+    for (int i = 0; i < n; ++i) a.at<double>(i, i) += kAnchorWeight;
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+      const auto [i, j, d] = pairs[k];
+      const double w = weights[k];
+      a.at<double>(i, i) += w;
+      a.at<double>(j, j) += w;
+      a.at<double>(i, j) -= w;
+      a.at<double>(j, i) -= w;
+      b.at<double>(i) += w * d;
+      b.at<double>(j) -= w * d;
+    }
+    cv::Mat solved;
+    if (!cv::solve(a, b, solved, cv::DECOMP_CHOLESKY)) break;
+    logGain = solved;  // for the residuals below
+    double largest = 0.0;
+    std::vector<double> residual(pairs.size());
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+      residual[k] = std::fabs(logGain.at<double>(pairs[k].i) - logGain.at<double>(pairs[k].j) - pairs[k].d);
+      largest = std::max(largest, residual[k]);
+    }
+    if (largest < bestLargest) {
+      bestLargest = largest;
+      best = solved.clone();
+    }
+    if (!(largest > 1e-6)) break;
+    // Lawson's reweighting: each overlap's weight grows with its difference.
+    double total = 0.0;
+    for (std::size_t k = 0; k < pairs.size(); ++k) total += (weights[k] *= residual[k] + 1e-9);
+    for (auto& w : weights) w = std::max(w / total * double(pairs.size()), 1e-6);
+  }
+  logGain = best;
+  if (logGain.empty()) return gains;
   const double mean = cv::mean(logGain)[0];
   for (int i = 0; i < n; ++i) {
     const double g = std::exp(logGain.at<double>(i) - mean);
