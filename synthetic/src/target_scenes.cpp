@@ -69,6 +69,27 @@ cv::Mat renderModule(const Scene& scene, const ModuleTruth& truth, cv::Size size
   return out;
 }
 
+cv::Mat renderViewWithWedges(const cv::Mat& photograph, const cv::Matx33d& view, cv::Size size, double gain,
+                             double offset, double noise, std::uint64_t seed) {
+  constexpr int kBorder = 8;  // pixels of black around the photograph, for its coverage
+  Scene content;
+  content.picture = photograph;
+  content.target = photograph;
+  ModuleTruth truth;
+  truth.homography = view;
+  const cv::Mat shown = renderModule(content, truth, size, gain, offset, noise, seed);
+  // How much of each view pixel the photograph covers: a white photograph
+  // on black, rendered alike.
+  Scene coverage;
+  cv::copyMakeBorder(cv::Mat(photograph.size(), CV_8UC3, cv::Scalar::all(255)), coverage.picture, kBorder, kBorder,
+                     kBorder, kBorder, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+  coverage.targetOrigin = cv::Point2d(kBorder, kBorder);
+  const cv::Mat covered = renderModule(coverage, truth, size, 1.0, 0.0, 0.0, 0);
+  cv::Mat out;
+  cv::multiply(shown, covered, out, 1.0 / 255.0);
+  return out;
+}
+
 cv::Matx33d realisticMisalignment(cv::RNG& rng, cv::Size moduleSize, cv::Size targetSize, double degrees,
                                   double percent, double shift) {
   const double angle = rng.uniform(-degrees, degrees) * kPi / 180.0;

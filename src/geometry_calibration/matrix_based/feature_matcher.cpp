@@ -2,8 +2,8 @@
 #include "geometry_calibration/matrix_based/feature_matcher.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
-#include <tuple>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
@@ -19,8 +19,71 @@ constexpr int kMinimumSide = 250;   // the reduced pictures keep at least this m
 constexpr int kMaskShrink = 7;      // the detection masks are eroded by this square
 constexpr double kSearchRadius = 0.15;  // partners are looked for within this share of the larger side
 constexpr int kPlacedFeatures = 2000;   // strongest features per picture matched near the current placement
+// Most iterations of the robust homography (pairs from the whole pictures hold many outliers).
+constexpr int kRansacIterations = 10000;
 
-int padded(int length, int cell) { return (length + cell - 1) / cell; }
+constexpr int kFastThreshold = 20;      // ORB's corner threshold (grey levels)
+constexpr int kWeakFastThreshold = 10;  // ... for pictures of little texture, searched anywhere
+constexpr std::size_t kFewFeatures = 1000;  // fewer in a picture at the usual threshold: searched again at the weak one
+
+// Tiles of `tile` pixels needed to cover `length` pixels.
+int tilesOver(int length, int tile) { return (length + tile - 1) / tile; }
+
+cv::Ptr<cv::ORB> orbDetector(int maxFeatures, int fastThreshold) {
+  return cv::ORB::create(maxFeatures, 1.2f, 8, 15, 0, 2, cv::ORB::FAST_SCORE, 31, fastThreshold);
+}
+
+// At most FeatureMatcher::kMostPairs matches, spread over the module
+// picture (of `padded` size): the matches are binned by where they lie in
+// it, each bin ordered by distance, and the bins are taken from in turn
+// (best first), so that a cap never keeps a single band of the picture.
+std::vector<cv::DMatch> spreadCap(const std::vector<cv::DMatch>& matches, const std::vector<cv::KeyPoint>& moduleKeys,
+                                  cv::Size padded) {
+  const auto most = static_cast<std::size_t>(FeatureMatcher::kMostPairs);
+  if (matches.size() <= most) return matches;
+  constexpr int kBins = 8;  // per side
+  std::vector<std::vector<cv::DMatch>> bins(kBins * kBins);
+  for (const auto& m : matches) {
+    const cv::Point2f& a = moduleKeys[static_cast<std::size_t>(m.queryIdx)].pt;
+    const int bx = std::clamp(static_cast<int>(a.x * kBins / std::max(1, padded.width)), 0, kBins - 1);
+    const int by = std::clamp(static_cast<int>(a.y * kBins / std::max(1, padded.height)), 0, kBins - 1);
+    bins[static_cast<std::size_t>(by * kBins + bx)].push_back(m);
+  }
+  for (auto& bin : bins)
+    std::stable_sort(bin.begin(), bin.end(),
+                     [](const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; });
+  std::vector<cv::DMatch> kept;
+  for (std::size_t round = 0; kept.size() < most; ++round) {
+    bool any = false;
+    for (const auto& bin : bins) {
+      if (round >= bin.size()) continue;
+      any = true;
+      kept.push_back(bin[round]);
+      if (kept.size() >= most) break;
+    }
+    if (!any) break;
+  }
+  return kept;
+}
+
+// The padded, reduced picture's pixels -> work pixels of a picture of `size`
+// reduced to `reduced` (pixel centres on integers).
+cv::Matx33d paddedToWork(cv::Size size, cv::Size reduced) {
+  const double sx = double(size.width) / reduced.width, sy = double(size.height) / reduced.height;
+  return cv::Matx33d(sx, 0, (0.5 - kPadding) * sx - 0.5, 0, sy, (0.5 - kPadding) * sy - 0.5, 0, 0, 1);
+}
+
+const char* searchName(FeatureMatcher::Search search) {
+  switch (search) {
+    case FeatureMatcher::Search::kNearPlacement:
+      return "near the placement";
+    case FeatureMatcher::Search::kAnywhere:
+      return "anywhere";
+    case FeatureMatcher::Search::kBriskAnywhere:
+      return "anywhere (BRISK)";
+  }
+  return "";
+}
 
 EstimateResult failed(const cv::Matx33f& h) {
   EstimateResult r;
@@ -33,6 +96,28 @@ EstimateResult failed(const cv::Matx33f& h) {
 }  // namespace
 
 FeatureMatcher::FeatureMatcher(EstimatorContext context) : context_(std::move(context)) {}
+
+FeatureMatcher::Prepared FeatureMatcher::prepare(const cv::Mat& grey, const cv::Mat& validity, cv::Size reduced) {
+  Prepared prepared;
+  cv::Mat small;
+  if (reduced == grey.size()) {
+    small = grey;
+  } else {
+    cv::resize(grey, small, reduced, 0, 0, cv::INTER_AREA);
+  }
+  cv::copyMakeBorder(small, prepared.padded, kPadding, kPadding, kPadding, kPadding, cv::BORDER_REFLECT101);
+  prepared.detect = cv::Mat::zeros(prepared.padded.size(), CV_8U);
+  cv::Mat inner = prepared.detect(cv::Rect(kPadding, kPadding, reduced.width, reduced.height));
+  if (validity.empty()) {
+    inner.setTo(255);
+  } else {
+    cv::resize(validity, inner, reduced, 0, 0, cv::INTER_NEAREST);
+  }
+  cv::erode(prepared.detect, prepared.detect,
+            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kMaskShrink, kMaskShrink)), cv::Point(-1, -1), 1,
+            cv::BORDER_CONSTANT, cv::Scalar(0));
+  return prepared;
+}
 
 double FeatureMatcher::matchingFactor(cv::Size size) {
   const std::vector<double> factors = {1.0, 1.1, 1.2, 1.25, 1.3, 1.35};
@@ -49,7 +134,7 @@ void FeatureMatcher::keepBest(std::vector<MatchPair>& pairs) {
   if (pairs.size() > 10) pairs.resize(static_cast<std::size_t>(pairs.size() * 0.75));
 }
 
-bool FeatureMatcher::homographyOfPairs(const std::vector<MatchPair>& pairs, cv::Matx33d& h) {
+bool FeatureMatcher::homographyOfPairs(const std::vector<MatchPair>& pairs, cv::Matx33d& h, int method) {
   if (pairs.size() < 4) return false;
   std::vector<cv::Point2f> from, to;
   from.reserve(pairs.size());
@@ -58,7 +143,7 @@ bool FeatureMatcher::homographyOfPairs(const std::vector<MatchPair>& pairs, cv::
     from.emplace_back(p.moduleX, p.moduleY);
     to.emplace_back(p.targetX, p.targetY);
   }
-  const cv::Mat found = cv::findHomography(from, to, cv::RHO, 3.0);
+  const cv::Mat found = cv::findHomography(from, to, method, 3.0, cv::noArray(), kRansacIterations);
   if (found.empty() || found.rows != 3 || found.cols != 3) return false;
   cv::Mat converted;
   found.convertTo(converted, CV_64F);
@@ -67,159 +152,165 @@ bool FeatureMatcher::homographyOfPairs(const std::vector<MatchPair>& pairs, cv::
 }
 
 bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targetGrey, const cv::Mat& moduleMask,
-                                  const cv::Mat& targetMask, int maxFeatures, bool brisk, bool prior) {
+                                  const cv::Mat& targetMask, int maxFeatures, Search search, const cv::Matx33d& start) {
   pairs_.clear();
   const cv::Size size = targetGrey.size();
   const double factor = matchingFactor(size);
   const cv::Size reduced(std::max(1, cvRound(size.width / factor)), std::max(1, cvRound(size.height / factor)));
+  const Prepared module = prepare(moduleGrey, moduleMask, reduced), target = prepare(targetGrey, targetMask, reduced);
+  const cv::Matx33d toWork = paddedToWork(size, reduced);
 
-  auto prepare = [&](const cv::Mat& grey, const cv::Mat& validity, cv::Mat& padded, cv::Mat& mask) {
-    cv::Mat small;
-    if (reduced == grey.size()) {
-      small = grey;
-    } else {
-      cv::resize(grey, small, reduced, 0, 0, cv::INTER_AREA);
-    }
-    cv::copyMakeBorder(small, padded, kPadding, kPadding, kPadding, kPadding, cv::BORDER_REFLECT101);
-    mask = cv::Mat::zeros(padded.size(), CV_8U);
-    cv::Mat inner = mask(cv::Rect(kPadding, kPadding, reduced.width, reduced.height));
-    if (validity.empty()) {
-      inner.setTo(255);
-    } else {
-      cv::resize(validity, inner, reduced, 0, 0, cv::INTER_NEAREST);
-    }
-    cv::erode(mask, mask, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kMaskShrink, kMaskShrink)),
-              cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
-  };
-  cv::Mat modulePadded, moduleDetect, targetPadded, targetDetect;
-  prepare(moduleGrey, moduleMask, modulePadded, moduleDetect);
-  prepare(targetGrey, targetMask, targetPadded, targetDetect);
+  Features moduleFeatures, targetFeatures;
+  if (!detectFeatures(module, target, maxFeatures, search, moduleFeatures, targetFeatures)) return false;
+  context_.logger->debug("{} module and {} target features", moduleFeatures.keys.size(), targetFeatures.keys.size());
+  if (moduleFeatures.descriptors.empty() || targetFeatures.descriptors.empty()) return true;
 
-  cv::Ptr<cv::Feature2D> detector;
-  if (brisk) {
-    detector = cv::BRISK::create(30, 4, 0.4f);
-  } else {
-    detector = cv::ORB::create(maxFeatures, 1.2f, 8, 15, 0, 2, cv::ORB::FAST_SCORE, 31, 20);
-  }
-  std::vector<cv::KeyPoint> moduleKeys, targetKeys;
-  cv::Mat moduleDescriptors, targetDescriptors;
-  if (prior) {
-    // Near the current placement only the strongest features are matched
-    // (the direct refinement does the fine work): the detector finds its
-    // features as set up, and only the strongest kPlacedFeatures of each
-    // picture are described.
-    for (auto [picture, detect, keys, descriptors] :
-         {std::make_tuple(&modulePadded, &moduleDetect, &moduleKeys, &moduleDescriptors),
-          std::make_tuple(&targetPadded, &targetDetect, &targetKeys, &targetDescriptors)}) {
-      detector->detect(*picture, *keys, *detect);
-      cv::KeyPointsFilter::retainBest(*keys, kPlacedFeatures);
-      detector->compute(*picture, *keys, *descriptors);
-      if (context_.aborted()) return false;
-    }
-  } else {
-    detector->detectAndCompute(modulePadded, moduleDetect, moduleKeys, moduleDescriptors);
-    if (context_.aborted()) return false;
-    detector->detectAndCompute(targetPadded, targetDetect, targetKeys, targetDescriptors);
-  }
-  context_.logger->debug("{} module and {} target features", moduleKeys.size(), targetKeys.size());
-  if (moduleDescriptors.empty() || targetDescriptors.empty()) return true;
-  cv::BFMatcher matcher(cv::NORM_HAMMING, true);
   std::vector<cv::DMatch> matches;
-  if (prior) {
-    // The module picture is already placed on the target by its current
-    // matrix, so a feature's partner lies near the same place. The pictures
-    // are cut into tiles of the search radius; the module features of a tile
-    // are matched (cross-checked) against the target features of that tile
-    // and its eight neighbours only, which keeps large feature counts
-    // affordable.
-    const int cell = std::max(8, static_cast<int>(kSearchRadius * std::max(reduced.width, reduced.height)));
-    const int gridCols = padded(targetPadded.cols, cell), gridRows = padded(targetPadded.rows, cell);
-    auto binsOf = [&](const std::vector<cv::KeyPoint>& keys) {
-      std::vector<std::vector<int>> bins(static_cast<std::size_t>(gridCols * gridRows));
-      for (std::size_t k = 0; k < keys.size(); ++k) {
-        const int bx = std::clamp(static_cast<int>(keys[k].pt.x) / cell, 0, gridCols - 1);
-        const int by = std::clamp(static_cast<int>(keys[k].pt.y) / cell, 0, gridRows - 1);
-        bins[static_cast<std::size_t>(by * gridCols + bx)].push_back(static_cast<int>(k));
-      }
-      return bins;
-    };
-    const auto moduleBins = binsOf(moduleKeys), targetBins = binsOf(targetKeys);
-    cv::Mat query, train;
-    std::vector<int> trainIndex;
-    std::vector<cv::DMatch> local;
-    for (int by = 0; by < gridRows; ++by) {
-      for (int bx = 0; bx < gridCols; ++bx) {
-        if (context_.aborted()) return false;
-        const auto& queries = moduleBins[static_cast<std::size_t>(by * gridCols + bx)];
-        if (queries.empty()) continue;
-        trainIndex.clear();
-        for (int y = std::max(0, by - 1); y <= std::min(gridRows - 1, by + 1); ++y)
-          for (int x = std::max(0, bx - 1); x <= std::min(gridCols - 1, bx + 1); ++x)
-            for (const int t : targetBins[static_cast<std::size_t>(y * gridCols + x)]) trainIndex.push_back(t);
-        if (trainIndex.empty()) continue;
-        query.create(static_cast<int>(queries.size()), moduleDescriptors.cols, moduleDescriptors.type());
-        train.create(static_cast<int>(trainIndex.size()), targetDescriptors.cols, targetDescriptors.type());
-        for (std::size_t k = 0; k < queries.size(); ++k) moduleDescriptors.row(queries[k]).copyTo(query.row(int(k)));
-        for (std::size_t k = 0; k < trainIndex.size(); ++k)
-          targetDescriptors.row(trainIndex[k]).copyTo(train.row(int(k)));
-        local.clear();
-        matcher.match(query, train, local);
-        for (const auto& m : local)
-          matches.emplace_back(queries[static_cast<std::size_t>(m.queryIdx)],
-                               trainIndex[static_cast<std::size_t>(m.trainIdx)], m.distance);
-      }
-    }
+  if (search == Search::kNearPlacement) {
+    const int radius = std::max(8, static_cast<int>(kSearchRadius * std::max(reduced.width, reduced.height)));
+    if (!matchNearPlacement(moduleFeatures, targetFeatures, toWork.inv() * start * toWork, radius,
+                            target.padded.size(), matches))
+      return false;
   } else {
-    matcher.match(moduleDescriptors, targetDescriptors, matches);
+    cv::BFMatcher(cv::NORM_HAMMING, true).match(moduleFeatures.descriptors, targetFeatures.descriptors, matches);
   }
-
-  // At most kMostPairs pairs, spread over the picture: the matches are
-  // binned by where they lie in the module picture, each bin ordered by
-  // distance, and the bins are taken from in turn (best first), so that a
-  // cap never keeps a single band of the picture.
   if (context_.aborted()) return false;
-  std::vector<cv::DMatch> kept;
-  if (matches.size() <= static_cast<std::size_t>(kMostPairs)) {
-    kept = matches;
-  } else {
-    constexpr int kBins = 8;  // per side
-    std::vector<std::vector<cv::DMatch>> bins(kBins * kBins);
-    for (const auto& m : matches) {
-      const cv::Point2f& a = moduleKeys[static_cast<std::size_t>(m.queryIdx)].pt;
-      const int bx = std::clamp(static_cast<int>(a.x * kBins / std::max(1, modulePadded.cols)), 0, kBins - 1);
-      const int by = std::clamp(static_cast<int>(a.y * kBins / std::max(1, modulePadded.rows)), 0, kBins - 1);
-      bins[static_cast<std::size_t>(by * kBins + bx)].push_back(m);
-    }
-    for (auto& bin : bins)
-      std::stable_sort(bin.begin(), bin.end(),
-                       [](const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; });
-    for (std::size_t round = 0; kept.size() < static_cast<std::size_t>(kMostPairs); ++round) {
-      bool any = false;
-      for (const auto& bin : bins) {
-        if (round >= bin.size()) continue;
-        any = true;
-        kept.push_back(bin[round]);
-        if (kept.size() >= static_cast<std::size_t>(kMostPairs)) break;
-      }
-      if (!any) break;
-    }
-  }
 
-  const double sx = double(size.width) / reduced.width, sy = double(size.height) / reduced.height;
+  const std::vector<cv::DMatch> kept = spreadCap(matches, moduleFeatures.keys, module.padded.size());
+  auto work = [&toWork](const cv::Point2f& p) {
+    return cv::Point2f(static_cast<float>(toWork(0, 0) * p.x + toWork(0, 2)),
+                       static_cast<float>(toWork(1, 1) * p.y + toWork(1, 2)));
+  };
   pairs_.reserve(kept.size());
   for (const auto& m : kept) {
-    const cv::Point2f& a = moduleKeys[static_cast<std::size_t>(m.queryIdx)].pt;
-    const cv::Point2f& b = targetKeys[static_cast<std::size_t>(m.trainIdx)].pt;
-    MatchPair pair;
-    // Back from the padded, reduced picture to work pixels (pixel centres on integers).
-    pair.moduleX = static_cast<float>((a.x - kPadding + 0.5) * sx - 0.5);
-    pair.moduleY = static_cast<float>((a.y - kPadding + 0.5) * sy - 0.5);
-    pair.targetX = static_cast<float>((b.x - kPadding + 0.5) * sx - 0.5);
-    pair.targetY = static_cast<float>((b.y - kPadding + 0.5) * sy - 0.5);
-    pair.distance = m.distance;
-    pairs_.push_back(pair);
+    const cv::Point2f a = work(moduleFeatures.keys[static_cast<std::size_t>(m.queryIdx)].pt);
+    const cv::Point2f b = work(targetFeatures.keys[static_cast<std::size_t>(m.trainIdx)].pt);
+    pairs_.push_back({a.x, a.y, b.x, b.y, m.distance});
   }
   return true;
+}
+
+bool FeatureMatcher::detectFeatures(const Prepared& module, const Prepared& target, int maxFeatures, Search search,
+                                    Features& moduleFeatures, Features& targetFeatures) const {
+  // The strongest `most` features of each picture.
+  auto strongest = [&](const cv::Ptr<cv::Feature2D>& detector, int most) {
+    for (auto [picture, features] :
+         {std::make_pair(&module, &moduleFeatures), std::make_pair(&target, &targetFeatures)}) {
+      detector->detect(picture->padded, features->keys, picture->detect);
+      cv::KeyPointsFilter::retainBest(features->keys, most);
+      detector->compute(picture->padded, features->keys, features->descriptors);
+      if (context_.aborted()) return false;
+    }
+    return true;
+  };
+  // Near the current placement only the strongest features are matched (the
+  // direct refinement does the fine work); BRISK, which has no count of its
+  // own, keeps as many as ORB may find (a noisy picture has far more).
+  if (search == Search::kNearPlacement) return strongest(orbDetector(maxFeatures, kFastThreshold), kPlacedFeatures);
+  if (search == Search::kBriskAnywhere) return strongest(cv::BRISK::create(30, 4, 0.4f), maxFeatures);
+  // Anywhere: every feature of both pictures. Pictures of little texture (a
+  // module that shows mostly sky) give few at the usual threshold; then
+  // both are searched again with a lower one.
+  for (const int threshold : {kFastThreshold, kWeakFastThreshold}) {
+    const cv::Ptr<cv::ORB> orb = orbDetector(maxFeatures, threshold);
+    orb->detectAndCompute(module.padded, module.detect, moduleFeatures.keys, moduleFeatures.descriptors);
+    if (context_.aborted()) return false;
+    orb->detectAndCompute(target.padded, target.detect, targetFeatures.keys, targetFeatures.descriptors);
+    if (context_.aborted()) return false;
+    if (std::min(moduleFeatures.keys.size(), targetFeatures.keys.size()) >= kFewFeatures) break;
+  }
+  return true;
+}
+
+bool FeatureMatcher::matchNearPlacement(const Features& module, const Features& target, const cv::Matx33d& placed,
+                                        int radius, cv::Size padded, std::vector<cv::DMatch>& matches) const {
+  // The module picture is already placed on the target by its current
+  // matrix, so a feature's partner lies near the same place. The pictures
+  // are cut into tiles of the search radius; the module features of a tile
+  // (where the start homography `placed` puts them) are matched
+  // (cross-checked) against the target features of that tile and its eight
+  // neighbours only, which keeps large feature counts affordable.
+  const int gridCols = tilesOver(padded.width, radius), gridRows = tilesOver(padded.height, radius);
+  auto binsOf = [&](const std::vector<cv::KeyPoint>& keys, const cv::Matx33d& move) {
+    std::vector<std::vector<int>> bins(static_cast<std::size_t>(gridCols * gridRows));
+    for (std::size_t k = 0; k < keys.size(); ++k) {
+      const cv::Vec3d p = move * cv::Vec3d(keys[k].pt.x, keys[k].pt.y, 1.0);
+      if (!(p[2] > 1e-12)) continue;
+      const double x = p[0] / p[2], y = p[1] / p[2];
+      if (!(x > -radius && x < padded.width + radius && y > -radius && y < padded.height + radius)) continue;
+      const int bx = std::clamp(static_cast<int>(x) / radius, 0, gridCols - 1);
+      const int by = std::clamp(static_cast<int>(y) / radius, 0, gridRows - 1);
+      bins[static_cast<std::size_t>(by * gridCols + bx)].push_back(static_cast<int>(k));
+    }
+    return bins;
+  };
+  const auto moduleBins = binsOf(module.keys, placed), targetBins = binsOf(target.keys, cv::Matx33d::eye());
+  cv::BFMatcher matcher(cv::NORM_HAMMING, true);
+  cv::Mat query, train;
+  std::vector<int> trainIndex;
+  std::vector<cv::DMatch> local;
+  for (int by = 0; by < gridRows; ++by) {
+    for (int bx = 0; bx < gridCols; ++bx) {
+      if (context_.aborted()) return false;
+      const auto& queries = moduleBins[static_cast<std::size_t>(by * gridCols + bx)];
+      if (queries.empty()) continue;
+      trainIndex.clear();
+      for (int y = std::max(0, by - 1); y <= std::min(gridRows - 1, by + 1); ++y)
+        for (int x = std::max(0, bx - 1); x <= std::min(gridCols - 1, bx + 1); ++x)
+          for (const int t : targetBins[static_cast<std::size_t>(y * gridCols + x)]) trainIndex.push_back(t);
+      if (trainIndex.empty()) continue;
+      query.create(static_cast<int>(queries.size()), module.descriptors.cols, module.descriptors.type());
+      train.create(static_cast<int>(trainIndex.size()), target.descriptors.cols, target.descriptors.type());
+      for (std::size_t k = 0; k < queries.size(); ++k) module.descriptors.row(queries[k]).copyTo(query.row(int(k)));
+      for (std::size_t k = 0; k < trainIndex.size(); ++k)
+        target.descriptors.row(trainIndex[k]).copyTo(train.row(int(k)));
+      local.clear();
+      matcher.match(query, train, local);
+      for (const auto& m : local)
+        matches.emplace_back(queries[static_cast<std::size_t>(m.queryIdx)],
+                             trainIndex[static_cast<std::size_t>(m.trainIdx)], m.distance);
+    }
+  }
+  return true;
+}
+
+bool FeatureMatcher::Candidate::supported() const {
+  return found && agreeing >= kLeastSupport && correlation >= kLeastCorrelation;
+}
+
+bool FeatureMatcher::Candidate::betterThan(const Candidate& other) const {
+  if (found != other.found) return found;
+  if (supported() != other.supported()) return supported();
+  if (correlation != other.correlation) return correlation > other.correlation;
+  return agreeing > other.agreeing;
+}
+
+bool FeatureMatcher::runStage(const WorkPictures& pictures, const cv::Mat& moduleContrast,
+                              const cv::Mat& targetContrast, int maxFeatures, Search search, const cv::Matx33d& start,
+                              Candidate& candidate) {
+  candidate = Candidate();
+  candidate.search = search;
+  if (!collectPairs(moduleContrast, targetContrast, pictures.moduleMask, pictures.targetMask, maxFeatures, search,
+                    start))
+    return false;
+
+  // 7. Too few pairs.
+  if (pairs_.size() < static_cast<std::size_t>(kFewestPairs)) return true;
+  // 8.-9. The best pairs and their homography.
+  keepBest(pairs_);
+  candidate.pairs = pairs_;
+  const int method = search == Search::kNearPlacement ? cv::RHO : cv::RANSAC;
+  candidate.found = homographyOfPairs(candidate.pairs, candidate.homography, method) &&
+                    cv::determinant(candidate.homography) > 0.0;
+  if (!candidate.found) return true;
+  for (const auto& p : candidate.pairs) {
+    const cv::Vec3d q = candidate.homography * cv::Vec3d(p.moduleX, p.moduleY, 1.0);
+    if (std::fabs(q[2]) > 1e-12 && std::hypot(q[0] / q[2] - p.targetX, q[1] / q[2] - p.targetY) <= kSupportDistance)
+      ++candidate.agreeing;
+  }
+  const double correlation = overlapCorrelation(pictures, candidate.homography);
+  candidate.correlation = std::isfinite(correlation) ? correlation : -1.0;
+  return !context_.aborted();
 }
 
 EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Matx33f& homography, int maxFeatures,
@@ -267,23 +358,26 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
     }
   }
 
-  // 5.-6. Features at the reduced scale.
+  // 5.-9. Features at the reduced scale: near the current placement first,
+  // then anywhere, then BRISK anywhere, until the pictures support a result.
   context_.logger->info("Matching Features ...");
-  // ORB near the current placement first, then ORB anywhere, then BRISK anywhere.
-  cv::Matx33d found;
-  bool haveHomography = false;
-  for (int attempt = 0; attempt < 3 && !haveHomography; ++attempt) {
-    if (attempt > 0) context_.logger->debug("{} pairs; widening the search (attempt {})", pairs_.size(), attempt + 1);
-    if (!collectPairs(moduleContrast, targetContrast, pictures.moduleMask, pictures.targetMask, maxFeatures,
-                      attempt == 2, attempt == 0))
+  Candidate best;
+  bool anywhereFound = false;
+  for (const Search search : {Search::kNearPlacement, Search::kAnywhere, Search::kBriskAnywhere}) {
+    // BRISK is for pictures on which ORB anywhere forms no homography at all.
+    if (search == Search::kBriskAnywhere && anywhereFound) break;
+    Candidate candidate;
+    if (!runStage(pictures, moduleContrast, targetContrast, maxFeatures, search, cv::Matx33d(start), candidate))
       return failed(start);
-    // 7. Too few pairs.
-    if (pairs_.size() < static_cast<std::size_t>(kFewestPairs)) continue;
-    // 8.-9. The best pairs and their homography.
-    keepBest(pairs_);
-    haveHomography = homographyOfPairs(pairs_, found) && cv::determinant(found) > 0.0;
+    context_.logger->debug("search {}: {} pairs, homography {}, {} agree, correlation {:.3f}", searchName(search),
+                           candidate.pairs.size(), candidate.found, candidate.agreeing, candidate.correlation);
+    anywhereFound = search == Search::kAnywhere && candidate.found;
+    if (candidate.betterThan(best)) best = std::move(candidate);
+    if (best.supported()) break;
   }
-  if (!haveHomography) return failed(start);
+  if (!best.found) return failed(start);
+  pairs_ = best.pairs;
+  const cv::Matx33d found = best.homography;
 
   // 10. Error of the estimate, then the refinement at full resolution.
   context_.logger->info("Calculate Error ...");
@@ -291,8 +385,8 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
   context_.logger->info("Refine the Results ...");
   const cv::Matx33d refined = refineHomography(pictures, found, &refined_);
   const float error = differenceError(pictures.module, pictures.target, refined);
-  context_.logger->debug("start error {}, feature pairs {}, refined {}, error {}", startError, pairs_.size(),
-                         refined_, error);
+  context_.logger->debug("start error {}, feature pairs {} (search {}), refined {}, error {}", startError,
+                         pairs_.size(), searchName(best.search), refined_, error);
 
   // 11. For inspection at debug level: the matches drawn in random colours.
   if (inspecting) {

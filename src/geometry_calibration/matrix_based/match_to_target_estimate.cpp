@@ -34,26 +34,33 @@ void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pair
   }
 }
 
+cv::Mat sharedPixels(const WorkPictures& pictures, const cv::Matx33d& h) {
+  if (pictures.moduleGrey.empty() || pictures.targetGrey.empty() || !isUsableHomography(h)) return cv::Mat();
+  const cv::Mat validity = pictures.moduleMask.empty()
+                               ? cv::Mat(pictures.moduleGrey.size(), CV_8U, cv::Scalar(255))
+                               : pictures.moduleMask;
+  cv::Mat covered;
+  cv::warpPerspective(validity, covered, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_NEAREST,
+                      cv::BORDER_CONSTANT);
+  if (!pictures.targetMask.empty()) covered &= pictures.targetMask;
+  // Away from the outline, where smoothing would mix in the black border.
+  cv::erode(covered, covered, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(7, 7)));
+  return covered;
+}
+
 double overlapCorrelation(const WorkPictures& pictures, const cv::Matx33d& h, int* overlap) {
   constexpr int kFewestShared = 400;
   constexpr double kSmoothing = 1.0;  // pixels, Gaussian sigma
   if (overlap != nullptr) *overlap = 0;
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  if (pictures.moduleGrey.empty() || pictures.targetGrey.empty() || !isUsableHomography(h)) return nan;
-  cv::Mat warped, covered;
-  cv::warpPerspective(pictures.moduleGrey, warped, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_LINEAR,
-                      cv::BORDER_CONSTANT);
-  const cv::Mat validity = pictures.moduleMask.empty()
-                               ? cv::Mat(pictures.moduleGrey.size(), CV_8U, cv::Scalar(255))
-                               : pictures.moduleMask;
-  cv::warpPerspective(validity, covered, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_NEAREST,
-                      cv::BORDER_CONSTANT);
-  if (!pictures.targetMask.empty()) covered &= pictures.targetMask;
-  // Away from the outline, where the smoothing would mix in the black border.
-  cv::erode(covered, covered, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(7, 7)));
+  const cv::Mat covered = sharedPixels(pictures, h);
+  if (covered.empty()) return nan;
   const int shared = cv::countNonZero(covered);
   if (overlap != nullptr) *overlap = shared;
   if (shared < kFewestShared) return nan;
+  cv::Mat warped;
+  cv::warpPerspective(pictures.moduleGrey, warped, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_LINEAR,
+                      cv::BORDER_CONSTANT);
   cv::Mat a, b;
   cv::GaussianBlur(pictures.targetGrey, a, cv::Size(), kSmoothing);
   cv::GaussianBlur(warped, b, cv::Size(), kSmoothing);

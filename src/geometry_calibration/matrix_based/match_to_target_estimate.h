@@ -40,8 +40,11 @@ struct EstimateResult {
 
 // Work pixels within which a feature pair agrees with a homography.
 constexpr float kSupportDistance = 3.0f;
-
-
+// What the pictures must show for an estimate to count as supported: this
+// many feature pairs that agree with it, and this normalised
+// cross-correlation over the overlap after it (see overlapCorrelation).
+constexpr int kLeastSupport = 12;
+constexpr double kLeastCorrelation = 0.5;
 
 // The pictures of one module in its work system. `module` and `target` are
 // BGR 8-bit of the same size; `moduleMask` marks where the warped module
@@ -87,6 +90,11 @@ cv::Mat contentMask(const cv::Mat& picture);
 // Fills `support` and `supportDistances` of `result` from `pairs` (module
 // work pixel, target work pixel) under `result.homography`.
 void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pairs, EstimateResult& result);
+
+// The target work pixels that both pictures show once the module's is
+// warped by `h` (module work -> target work pixels), a few pixels in from
+// every outline (255; empty for an unusable homography).
+cv::Mat sharedPixels(const WorkPictures& pictures, const cv::Matx33d& h);
 
 // Normalised cross-correlation of the target's grey picture and the module's
 // grey picture warped by `h` (module work -> target work pixels), over the

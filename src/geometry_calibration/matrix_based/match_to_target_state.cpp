@@ -5,8 +5,9 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
-#include <iterator>
 #include <exception>
+#include <iterator>
+#include <limits>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -26,10 +27,11 @@ namespace MatrixBased {
 namespace {
 
 constexpr float kGridAndFlowScale = 1.2f;
-// What an estimate must show to be accepted (see match_to_target.h).
-constexpr int kLeastSupport = 12;             // feature pairs that agree with it
-constexpr int kLeastSpreadCells = 4;          // of the overlap's 3 x 3 cells holding one of them
-constexpr double kLeastCorrelation = 0.5;     // normalised cross-correlation over the overlap
+// What an estimate must show to be accepted (see match_to_target.h), besides
+// kLeastSupport agreeing feature pairs and kLeastCorrelation.
+constexpr int kLeastSpreadCells = 4;           // of the overlap's 3 x 3 cells holding an agreeing pair
+constexpr double kClearCorrelation = 0.9;      // over kClearOverlapShare: supported wherever the pairs lie
+constexpr double kClearOverlapShare = 0.25;    // of the module picture's content shared with the target's
 constexpr double kSmallestOverlapShare = 0.1;  // share of the module's picture on the target
 constexpr double kLeastTexture = 2.0;          // grey levels of standard deviation; below: a blank picture
 constexpr double kDistortionOffset = 0.5;  // pixels the outline moves in x under the external distortion method
@@ -78,17 +80,42 @@ std::string describeFailure(const EstimateResult& result) {
   return "mirrored or non-finite estimate";
 }
 
+// How the pictures agree after an estimate: the correlation over their
+// overlap and the share of the module picture's content in that overlap.
+struct Agreement {
+  double correlation = std::numeric_limits<double>::quiet_NaN();
+  double sharedShare = 0.0;
+  cv::Rect overlap;  // target work pixels
+  bool clear() const { return correlation >= kClearCorrelation && sharedShare >= kClearOverlapShare; }
+};
+
+Agreement agreementAfter(const WorkPictures& pictures, const cv::Matx33d& h) {
+  Agreement agreement;
+  agreement.correlation = overlapCorrelation(pictures, h);
+  const cv::Mat shared = sharedPixels(pictures, h);
+  if (shared.empty()) return agreement;
+  const int content = pictures.moduleMask.empty() ? pictures.moduleGrey.rows * pictures.moduleGrey.cols
+                                                  : cv::countNonZero(pictures.moduleMask);
+  agreement.sharedShare = content > 0 ? double(cv::countNonZero(shared)) / content : 0.0;
+  agreement.overlap = cv::boundingRect(shared);
+  return agreement;
+}
+
 // Whether the feature pairs support an estimate: enough of them agree with
-// it, and they are spread over the overlap (at least kLeastSpreadCells of
-// its 3 x 3 cells hold one). Empty when they do, or when the estimator
-// matched no features; fills the verdict's pair count.
-std::string supportProblem(const EstimateResult& result, const cv::Mat& moduleMask, ModuleReport& verdict) {
+// it, and they are spread over the overlap after it (at least
+// kLeastSpreadCells of its 3 x 3 cells hold one), unless the pictures
+// clearly agree after the estimate, which settles where it is whatever
+// part of the overlap the features came from (a sky or a wall holds few).
+// Empty when they do, or when the estimator matched no features; fills the
+// verdict's pair count.
+std::string supportProblem(const EstimateResult& result, const Agreement& agreement, ModuleReport& verdict) {
   if (!result.matchedFeatures) return std::string();
   verdict.supportingPairs = static_cast<int>(result.support.size());
   if (verdict.supportingPairs < kLeastSupport) {
     return "only " + std::to_string(verdict.supportingPairs) + " feature pairs agree with the estimate";
   }
-  const cv::Rect box = cv::boundingRect(moduleMask);
+  if (agreement.clear()) return std::string();
+  const cv::Rect box = agreement.overlap;
   if (box.empty()) return "no overlap with the target";
   bool cell[9] = {};
   for (const auto& p : result.support) {
@@ -461,8 +488,9 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
       logger->warn("Module {}: the estimate gives an unusable matrix; kept the previous one", narrow(name));
       rejection = "the estimate gives a singular, mirrored or non-finite matrix";
     } else {
-      rejection = supportProblem(result, pictures.moduleMask, verdict);
-      verdict.correlation = overlapCorrelation(pictures, work);
+      const Agreement agreement = agreementAfter(pictures, work);
+      rejection = supportProblem(result, agreement, verdict);
+      verdict.correlation = agreement.correlation;
       if (rejection.empty()) {
         if (!(verdict.correlation >= kLeastCorrelation)) {
           char text[128];

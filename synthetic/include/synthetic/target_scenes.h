@@ -42,6 +42,14 @@ struct ModuleTruth {
 cv::Mat renderModule(const Scene& scene, const ModuleTruth& truth, cv::Size size, double gain, double offset,
                      double noise, std::uint64_t seed);
 
+// A view of `size` that sees `photograph` through `view` (view pixels ->
+// photograph pixels), rendered as renderModule renders a module (bicubic,
+// then gain, offset and noise), and black where the view reaches beyond the
+// photograph, with the soft edge the interpolation gives: what a renderer
+// with a black border draws, uncovered wedges and all.
+cv::Mat renderViewWithWedges(const cv::Mat& photograph, const cv::Matx33d& view, cv::Size size, double gain,
+                             double offset, double noise, std::uint64_t seed);
+
 // A misalignment of the size real modules have: rotation up to `degrees`,
 // scale and shear up to `percent` %, shift up to `shift` of the picture,
 // mild perspective. Maps module pixels (of `moduleSize`) to target pixels

@@ -18,8 +18,10 @@
 // a module matrix (transformToResulte); they are inverse to each other.
 //
 // Modes (CalibrateMode):
-//  0  feature matching (ORB, 10000 features) with a full-resolution direct
-//     alignment refinement; with the grid enabled, the grid estimator also
+//  0  feature matching (ORB, 10000 features; near the current placement
+//     first, over the whole pictures when that finds no supported result,
+//     so a module placed a picture's width off is found too) with a
+//     full-resolution direct alignment refinement; with the grid enabled, the grid estimator also
 //     fits the module's UV grid to the measured displacement field between
 //     the pictures (smoothly regularised, never folding; a module the
 //     homography already holds keeps a regular grid);
@@ -120,11 +122,15 @@ class ORBIVANE_EXPORT MatchToTarget {
   // orbivane/geometry_calibration/calibration_report.h). An estimate is
   // accepted only when it is supported: in mode 0 at least 12 feature pairs
   // agree with it (within 3 work pixels) and they lie in at least 4 of the 9
-  // cells of the overlap; the module's picture covers at least 10 % of its
-  // area on the target; and its normalised cross-correlation with the target
-  // over the overlap is at least 0.5 and not below that of the starting
-  // placement (the better of the two is kept: a module already in place
-  // stays exactly as it was, and counts as aligned). Otherwise the module has
+  // cells of the overlap after it, unless the pictures clearly agree after
+  // it (a correlation of at least 0.9 over at least a quarter of the
+  // module's picture), when it does not matter where the pairs lie; the
+  // module's picture covers at least 10 % of its area on the target; and its
+  // normalised cross-correlation with the target over the overlap is at
+  // least 0.5 and not below that of the starting placement (the better of
+  // the two is kept: a module already in place stays exactly as it was, and
+  // counts as aligned). Pixels a picture shows nothing at (black in every
+  // channel) count for none of these. Otherwise the module has
   // failed and keeps its matrix exactly, and its error is the largest float
   // before normalisation. Mode 1 runs no estimator: each module is "aligned"
   // when its current placement passes the correlation check, else "failed".
