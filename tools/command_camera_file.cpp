@@ -376,6 +376,7 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
   document["rig"] = {{"projection", r.projection}, {"fieldOfView", {r.fieldOfViewX, r.fieldOfViewY}},
                      {"fullRing", r.fullRing}, {"medianPx", r.medianPx}, {"p90Px", r.p90Px},
                      {"seconds", r.seconds}, {"modules", modules}, {"pairs", pairs}};
+  document["unplaced"] = unplaced;
   if (unplaced > 0) exitStatus() = kExitFailedModules;
   return camera;
 }
@@ -423,10 +424,14 @@ void init(const InitOptions& o) {
   }
   const auto saved = CameraDescription::saveCameraFile(camera, o.out);
   if (!saved) throw CommandError(saved.error());
-  std::cout << "wrote " << o.out << ": " << in.pictures.size() << " module(s)";
+  std::cout << "wrote " << o.out << ": ";
   if (estimate) {
-    std::cout << " placed as the pictures show them";
+    const int unplaced = document.value("unplaced", 0);
+    std::cout << int(in.pictures.size()) - unplaced << " of " << in.pictures.size()
+              << " module(s) placed as the pictures show them";
+    if (unplaced > 0) std::cout << " (" << unplaced << " beside the panorama)";
   } else {
+    std::cout << in.pictures.size() << " module(s)";
     std::cout << " in " << cols << "x" << rows << " with an overlap of " << o.overlap;
   }
   std::cout << (o.target.empty() ? "" : ", and the target module 'target'") << "; panorama "

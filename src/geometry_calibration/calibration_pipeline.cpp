@@ -183,8 +183,8 @@ std::vector<SeamResidual> measureWith(SeamMeter& meter, const CameraDescription:
       seam.matches = m.matches;
       seam.px = m.medianPx;
       seam.p90Px = m.p90Px;
-      seam.dx = m.meanShift.x;
-      seam.dy = m.meanShift.y;
+      seam.dx = m.shift.x;
+      seam.dy = m.shift.y;
       seam.exposureEv = m.exposureEv;
       seam.overlapPixels = m.overlapPixels;
       seam.distances = m.distances;

@@ -36,6 +36,18 @@ constexpr double kPi = 3.14159265358979323846;
 // reaches kWeakPairShare of the threshold.
 constexpr int kManyInliers = 20;
 constexpr double kWeakPairShare = 0.6;
+// When the pairs leave pictures apart, features are searched again with this
+// SIFT contrast threshold (the default is 0.04): the overlap of two pictures
+// that show mostly sky or plain walls holds few features otherwise.
+constexpr double kRescueContrast = 0.01;
+// Pairs the adjusted rig says overlap (at least kPredictedOverlapShare of
+// the first picture's lattice lands in the second) but that no pair links
+// are matched again, each feature looked for within kGuidedRadiusPx of where
+// the rig puts it; kFewestGuidedInliers matches that agree on a turn link
+// them (a ring's closing pair, two pictures of mostly sky or pavement).
+constexpr double kPredictedOverlapShare = 0.04;
+constexpr double kGuidedRadiusPx = 64.0;
+constexpr int kFewestGuidedInliers = 15;
 
 // Straightening that leaves the modules rolled by more than this on average
 // (degrees) has found the wrong horizon.
@@ -237,6 +249,7 @@ struct RigRun {
   Rig::Surface surface;
   std::vector<Rig::Displacement> displacements;
   double focalGuess = 0.0;  // the pair homographies' typical focal length
+  std::vector<bool> enriched;  // per picture: its fainter features added (enrich)
 
   bool linkedPair(const cv::detail::MatchesInfo& p) const { return p.confidence >= options.pairConfidence; }
 
@@ -250,6 +263,143 @@ struct RigRun {
         p.confidence = options.pairConfidence;
       }
     }
+  }
+
+  // Each picture's group: pictures joined by linked pairs share one.
+  std::vector<int> groups() const {
+    const int n = int(pictures.size());
+    std::vector<int> group(static_cast<std::size_t>(n), 0);
+    for (int i = 0; i < n; ++i) group[std::size_t(i)] = i;
+    const auto root = [&group](int i) {
+      while (group[std::size_t(i)] != i) i = group[std::size_t(i)] = group[std::size_t(group[std::size_t(i)])];
+      return i;
+    };
+    for (int i = 0; i < n; ++i)
+      for (int j = i + 1; j < n; ++j)
+        if (linkedPair(pairs[std::size_t(i * n + j)])) group[std::size_t(root(i))] = root(j);
+    for (int i = 0; i < n; ++i) group[std::size_t(i)] = root(i);
+    return group;
+  }
+
+  // Pictures the pairs leave apart: features searched again with a lower
+  // contrast threshold and every pair matched again; a pair that joins two
+  // groups is then admitted on its agreeing matches alone (kManyInliers),
+  // the one with the most first, since a bridge between groups has nothing
+  // to agree with but the pictures. True when that changed anything.
+  bool rescueApartPictures(const std::atomic<bool>& abort) {
+    std::vector<int> group = groups();
+    if (std::set<int>(group.begin(), group.end()).size() <= 1) return false;
+    auto richer = Rig::findFeatures(pictures, options.featureMegapixels, abort, kRescueContrast);
+    if (abort.load()) return false;
+    double focal = 0.0;
+    auto richerPairs = Rig::matchPairs(richer, &focal);
+    features = std::move(richer);
+    pairs = std::move(richerPairs);
+    if (focal > 0.0) focalGuess = focal;
+    admitPairs();
+    const int n = int(pictures.size());
+    std::vector<std::pair<int, int>> bridges;  // (inliers, pair index)
+    for (int i = 0; i < n; ++i)
+      for (int j = i + 1; j < n; ++j) {
+        const auto& p = pairs[std::size_t(i * n + j)];
+        if (!linkedPair(p) && !p.H.empty() && p.num_inliers >= kManyInliers) bridges.push_back({p.num_inliers, i * n + j});
+      }
+    std::sort(bridges.rbegin(), bridges.rend());
+    for (const auto& [inliers, index] : bridges) {
+      group = groups();
+      const int i = index / n, j = index % n;
+      if (group[std::size_t(i)] == group[std::size_t(j)]) continue;
+      pairs[std::size_t(i * n + j)].confidence = options.pairConfidence;
+      pairs[std::size_t(j * n + i)].confidence = options.pairConfidence;
+    }
+    return true;
+  }
+
+  // Links the pairs the adjusted rig says overlap but nothing links (see
+  // kPredictedOverlapShare), each pair tried once; true when one was linked.
+  bool linkPredictedOverlaps(std::set<std::pair<int, int>>& tried) {
+    const int n = int(pictures.size());
+    std::vector<int> modelOf(std::size_t(n), -1);
+    for (std::size_t k = 0; k < linked.size(); ++k) modelOf[std::size_t(linked[k])] = int(k);
+    bool added = false;
+    for (int i = 0; i < n; ++i)
+      for (int j = i + 1; j < n; ++j) {
+        if (modelOf[std::size_t(i)] < 0 || modelOf[std::size_t(j)] < 0) continue;
+        if (linkedPair(pairs[std::size_t(i * n + j)]) || !tried.insert({i, j}).second) continue;
+        const Rig::ModuleModel& a = models[std::size_t(modelOf[std::size_t(i)])];
+        const Rig::ModuleModel& b = models[std::size_t(modelOf[std::size_t(j)])];
+        const auto predict = [&a, &b](cv::Point2f p, cv::Point2f& q) {
+          cv::Point2d at;
+          if (!b.project(a.ray(cv::Point2d(p)), at)) return false;
+          q = cv::Point2f(at);
+          return true;
+        };
+        if (predictedOverlap(a, b) < kPredictedOverlapShare) continue;
+        cv::detail::MatchesInfo p;
+        p.src_img_idx = i;
+        p.dst_img_idx = j;
+        const auto guided = [&] {
+          p.matches = Rig::guidedMatches(features[std::size_t(i)], features[std::size_t(j)], predict, kGuidedRadiusPx);
+          Rig::fitTurn(features[std::size_t(i)], features[std::size_t(j)], focalGuess, p);
+          return !p.H.empty() && p.num_inliers >= kFewestGuidedInliers;
+        };
+        // Too few: the two pictures' fainter features too, and again.
+        if (!guided()) {
+          const bool fainter = enrich(i) | enrich(j);
+          if (!fainter || !guided()) continue;
+        }
+        p.confidence = options.pairConfidence;
+        cv::detail::MatchesInfo q = p;
+        q.src_img_idx = j;
+        q.dst_img_idx = i;
+        q.H = p.H.inv();
+        for (auto& m : q.matches) std::swap(m.queryIdx, m.trainIdx);
+        pairs[std::size_t(i * n + j)] = p;
+        pairs[std::size_t(j * n + i)] = q;
+        added = true;
+      }
+    return added;
+  }
+
+  // Adds picture i's fainter features (SIFT at kRescueContrast) that lie
+  // apart from those it has, once; false when it had them already. The
+  // indices of the features it had stay as they were.
+  bool enrich(int i) {
+    if (enriched.empty()) enriched.assign(pictures.size(), false);
+    if (enriched[std::size_t(i)]) return false;
+    enriched[std::size_t(i)] = true;
+    const std::atomic<bool> never(false);
+    const auto fainter = Rig::findFeatures({pictures[std::size_t(i)]}, options.featureMegapixels, never, kRescueContrast);
+    cv::detail::ImageFeatures& f = features[std::size_t(i)];
+    const cv::Mat had = f.descriptors.getMat(cv::ACCESS_READ).clone();
+    const cv::Mat more = fainter.front().descriptors.getMat(cv::ACCESS_READ);
+    cv::Mat descriptors = had;
+    for (std::size_t k = 0; k < fainter.front().keypoints.size(); ++k) {
+      const cv::KeyPoint& candidate = fainter.front().keypoints[k];
+      const bool known = std::any_of(f.keypoints.begin(), f.keypoints.end(), [&candidate](const cv::KeyPoint& old) {
+        const cv::Point2f d = old.pt - candidate.pt;
+        return d.dot(d) < 2.25f;
+      });
+      if (known) continue;
+      f.keypoints.push_back(candidate);
+      descriptors.push_back(more.row(int(k)));
+    }
+    descriptors.copyTo(f.descriptors);
+    return true;
+  }
+
+  // The share of a lattice over picture `a` that lands inside picture `b`.
+  static double predictedOverlap(const Rig::ModuleModel& a, const Rig::ModuleModel& b) {
+    int inside = 0, total = 0;
+    for (int y = 0; y <= 12; ++y)
+      for (int x = 0; x <= 16; ++x, ++total) {
+        cv::Point2d at;
+        const cv::Point2d p(x / 16.0 * (a.picture.width - 1), y / 12.0 * (a.picture.height - 1));
+        if (b.project(a.ray(p), at) && at.x >= 0 && at.y >= 0 && at.x <= b.picture.width - 1 &&
+            at.y <= b.picture.height - 1)
+          ++inside;
+      }
+    return double(inside) / total;
   }
 
   // The largest set of linked pictures, a first rotation model of it (the
@@ -475,7 +625,7 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
   Impl& s = *impl_;
   const auto started = std::chrono::steady_clock::now();
   s.report = RigReport();
-  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0.0};
+  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0.0, {}};
   if (auto listed = s.collectPictures(modules, run.names, run.pictures); !listed) return Utils::failure(listed.error());
   const int n = int(run.names.size());
   s.total = n + 5 + n + 1;
@@ -487,11 +637,15 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
   if (s.abort.load()) return Utils::failure("aborted");
   run.pairs = Rig::matchPairs(run.features, &run.focalGuess);
   run.admitPairs();
+  run.rescueApartPictures(s.abort);
   s.step("Matching Pictures");
   if (s.abort.load()) return Utils::failure("aborted");
 
   // 2. The rig: a first guess, adjusted; pairs the rig does not bear out are
   //    unlinked and the rig adjusted again without them.
+  //    Then pairs the rig says overlap but nothing links are matched
+  //    where the rig puts them, and the rig adjusted again with them.
+  std::set<std::pair<int, int>> guidedTried;
   for (int round = 0;; ++round) {
     if (!run.firstGuess()) {
       return Utils::failure("no two pictures overlap enough to be linked (too few matching features in every pair)");
@@ -499,7 +653,9 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
     const Rig::AdjustmentSummary adjusted = run.adjust();
     if (!adjusted.converged) s.logger->warn("The rig's adjustment did not converge: {}", adjusted.message);
     if (s.abort.load()) return Utils::failure("aborted");
-    if (round == kLinkRounds || !run.unlinkWorstPair()) break;
+    if (round < kLinkRounds && run.unlinkWorstPair()) continue;
+    if (round < 2 * kLinkRounds && run.linkPredictedOverlaps(guidedTried)) continue;
+    break;
   }
   s.step("Adjusting Rig");
   const std::set<int> linkedSet(run.linked.begin(), run.linked.end());

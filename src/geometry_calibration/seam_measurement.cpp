@@ -341,8 +341,7 @@ SeamMeasure SeamMeter::compare(const Drawn& a, const Drawn& b) const {
   std::vector<std::vector<cv::DMatch>> forward, backward;
   matcher.knnMatch(da, db, forward, 2);
   matcher.knnMatch(db, da, backward, 2);
-  std::vector<double> distances;
-  cv::Point2d sum(0, 0);
+  std::vector<double> distances, shiftsX, shiftsY;
   for (const auto& f : forward) {
     if (f.size() < 2 || !(f[0].distance < kRatio * f[1].distance)) continue;
     const auto& back = backward[std::size_t(f[0].trainIdx)];
@@ -352,7 +351,8 @@ SeamMeasure SeamMeter::compare(const Drawn& a, const Drawn& b) const {
     const double distance = std::hypot(inPicture.x, inPicture.y);
     if (!(distance <= kLargestSeamPx)) continue;
     distances.push_back(distance);
-    sum += inPicture;
+    shiftsX.push_back(inPicture.x);
+    shiftsY.push_back(inPicture.y);
   }
   s.matches = int(distances.size());
   s.distances.assign(distances.begin(), distances.end());
@@ -362,7 +362,7 @@ SeamMeasure SeamMeter::compare(const Drawn& a, const Drawn& b) const {
   }
   s.medianPx = percentile(distances, 0.5);
   s.p90Px = percentile(distances, 0.9);
-  s.meanShift = sum * (1.0 / s.matches);
+  s.shift = cv::Point2d(percentile(shiftsX, 0.5), percentile(shiftsY, 0.5));
   s.measured = true;
   return s;
 }

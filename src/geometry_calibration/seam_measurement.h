@@ -41,7 +41,7 @@ struct SeamMeasure {
   std::string reason;  // why not measured; "no overlap" for modules that do not overlap
   int matches = 0;     // feature matches counted
   double medianPx = 0.0, p90Px = 0.0;  // picture pixels of the first module
-  cv::Point2d meanShift;               // second's drawing against the first's, picture pixels
+  cv::Point2d shift;  // second's drawing against the first's, picture pixels (median of each axis over the matches)
   int overlapPixels = 0;               // panorama pixels where both draw
   double exposureEv = 0.0;             // |log2| of the mean brightness ratio over the overlap
   std::vector<float> distances;        // every counted match's distance, picture pixels

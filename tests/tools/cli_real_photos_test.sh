@@ -20,7 +20,7 @@ pictures=()
 for n in 82 83 84 85 86; do pictures+=("$photos/P10603$n.jpg"); done
 "$tool" camera init "${pictures[@]}" --out "$work/camera.json" >"$work/init.txt" 2>"$work/init.err"
 expect_eq "$?" "0" "camera init of five photographs"
-grep -q "wrote $work/camera.json: 5 module(s) placed" "$work/init.txt" || fail "camera init did not place all five modules: $(tail -n 2 "$work/init.txt")"
+grep -q "wrote $work/camera.json: 5 of 5 module(s) placed" "$work/init.txt" || fail "camera init did not place all five modules: $(tail -n 2 "$work/init.txt")"
 
 # 2. calibrate with no other option: every module kept, seams under 1 px.
 "$tool" calibrate "$work/camera.json" --out "$work/out.json" --json >"$work/calibrate.txt" 2>"$work/calibrate.err"

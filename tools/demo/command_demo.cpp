@@ -106,6 +106,7 @@ void run() {
   std::vector<Section> sections;
   Demo::GeometryOutcome calibrated = Demo::runGeometryPipeline(context);
   sections.insert(sections.end(), calibrated.sections.begin(), calibrated.sections.end());
+  sections.push_back(Demo::runRealPhotographs(context));
   sections.push_back(Demo::runShaderSearch(context));
   sections.push_back(Demo::runBlurScores(context));
   sections.push_back(Demo::runFisheyeCentring(context));
@@ -137,8 +138,10 @@ void run() {
           " pixels put together from the opencv-doc photographs building.jpg, graf1.png, leuvenA.jpg and aloeL.jpg; "
           "five modules of " + std::to_string(scene.modulePicture.width) + "x" +
           std::to_string(scene.modulePicture.height) + " pixels see it through known homographies.",
+      "Real photographs: five of data/durlach (a hand-held wide-angle camera), calibrated without a truth; their "
+      "camera is camera-real.json.",
       "Files: camera-before.json (as assembled), camera-after.json (calibrated), camera-truth.json, "
-      "panorama-*.png, pictures/."};
+      "camera-real.json, panorama-*.png, pictures/."};
   const std::string html = Demo::reportHtml("Orbivane calibration demo", facts, sections);
   writeTextAtomically(dir + "/report.html", html);
 

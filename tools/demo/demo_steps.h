@@ -1,6 +1,6 @@
 // The demo's calibration steps, one file each (calibration_pipeline_step.cpp,
 // shader_brute_forcer_step.cpp, estimate_blur_step.cpp, fisheye_calibration_step.cpp, resolution_calibration_step.cpp,
-// smart_finder_image_step.cpp): each runs one calibrator on the synthetic rig (or the
+// smart_finder_image_step.cpp, real_photos_step.cpp): each runs one calibrator on the synthetic rig (or the
 // simulated camera) with a progress bar, measures its result against the
 // known truth and describes it as a report section.
 #pragma once
@@ -48,6 +48,10 @@ Section runBlurScores(const StepContext& context);
 Section runFisheyeCentring(const StepContext& context);
 Section runResolution(const StepContext& context);
 Section runFrameFinding(const StepContext& context);
+// Real photographs (data/durlach) calibrated without a truth, their seams
+// measured independently and beside OpenCV's detail pipeline; writes
+// panorama-real.png, panorama-real-grid.png and camera-real.json.
+Section runRealPhotographs(const StepContext& context);
 
 // Tolerances the demo holds each calibrator to.
 constexpr double kAlignmentTolerancePx = 1.0;   // module corners against the truth

@@ -78,7 +78,7 @@ struct SeamResidual {
   int matches = 0;               // feature matches the distances come from
   double px = 0.0;               // median distance, pixels of the first module's picture
   double p90Px = 0.0;            // 90th percentile of the distances
-  double dx = 0.0, dy = 0.0;     // mean shift of the second module against the first, pixels
+  double dx = 0.0, dy = 0.0;     // shift of the second module against the first (median of each axis over the matches), pixels
   double exposureEv = 0.0;       // brightness difference over the overlap, |log2| of the ratio
   int overlapPixels = 0;
   std::vector<float> distances;  // every matched distance, pixels

@@ -221,10 +221,10 @@ std::string NeighbourStitcher::confirmShift(const std::wstring& first, const std
     }
     return std::string();
   }
-  const double leftover = std::hypot(after.meanShift.x, after.meanShift.y);
+  const double leftover = std::hypot(after.shift.x, after.shift.y);
   if (leftover > kLargestLeftoverPx) {
     std::snprintf(text, sizeof text,
-                  "after the shift of %.2f px the matched features still lie %.2f px apart on average (another shift "
+                  "after the shift of %.2f px the matched features still lie %.2f px apart (median; another shift "
                   "fits better)",
                   shiftPx, leftover);
     return text;

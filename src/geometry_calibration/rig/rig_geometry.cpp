@@ -59,6 +59,16 @@ struct ShaderLens {
     }
     return cv::Point2d(0.5, 0.5) + d * (r / target);
   }
+  // The texture coordinate `t` held within the radius where a shrinking
+  // lens (strength < 0) stops growing: beyond it the shader's polynomial
+  // turns back and would draw the picture again far outside it. Grid points
+  // that far out lie off the picture; held at that radius they stay off it.
+  cv::Point2d unfolded(cv::Point2d t) const {
+    if (!(strength < 0.0)) return t;
+    const cv::Point2d d = t - cv::Point2d(0.5, 0.5);
+    const double r = std::hypot(d.x, d.y), fold = 1.0 / std::sqrt(-6.0 * strength);
+    return r > fold ? cv::Point2d(0.5, 0.5) + d * (fold / r) : t;
+  }
 };
 
 cv::Point2d texture(cv::Point2d pixel, cv::Size picture) {
@@ -150,7 +160,7 @@ cv::Point2d exactTexture(const Placed& placed, const ShaderLens& lens, const cv:
       if (!placed.surface.toPicture(placed.model, from, observed)) return cv::Point2d(kBehind, kBehind);
     }
   }
-  return lens.inverse(texture(observed, placed.model.picture));
+  return lens.unfolded(lens.inverse(texture(observed, placed.model.picture)));
 }
 
 struct GridFit {

@@ -1,6 +1,8 @@
 // Features and pairwise matches of the rig's pictures (see rig_matching.h).
 #include "geometry_calibration/rig/rig_matching.h"
 
+#include <cfloat>
+
 #include <algorithm>
 #include <cmath>
 
@@ -24,6 +26,10 @@ constexpr std::size_t kFewestMatches = 8;
 constexpr double kTurnTolerance = 10.0;
 constexpr int kTurnIterations = 500;
 constexpr int kFewestTurnInliers = 8;
+// A guided match must beat the next feature near its predicted place by
+// this ratio of descriptor distances (looser than an unguided search: the
+// prediction has already ruled out the rest of the picture).
+constexpr float kGuidedRatio = 0.8f;
 
 // Where a picture shows something: not black in every channel, a few pixels
 // in from such regions (features at their edge describe the edge).
@@ -86,7 +92,7 @@ std::vector<int> turnInliers(const std::vector<cv::Vec3d>& from, const std::vect
 }
 
 // Chooses a pair's agreeing matches by RANSAC on a rotation (see matchPairs).
-void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,
+void turnOfPair(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,
              cv::detail::MatchesInfo& p) {
   p.H.release();
   p.inliers_mask.assign(p.matches.size(), 0);
@@ -117,10 +123,10 @@ void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures
 }  // namespace
 
 std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
-                                                    const std::atomic<bool>& abort) {
+                                                    const std::atomic<bool>& abort, double contrast) {
   std::vector<cv::detail::ImageFeatures> features(pictures.size());
   cv::parallel_for_(cv::Range(0, int(pictures.size())), [&](const cv::Range& range) {
-    cv::Ptr<cv::Feature2D> sift = cv::SIFT::create();
+    cv::Ptr<cv::Feature2D> sift = cv::SIFT::create(0, 3, contrast);
     for (int i = range.start; i < range.end; ++i) {
       if (abort.load()) return;
       const cv::Mat& picture = pictures[std::size_t(i)];
@@ -168,7 +174,7 @@ std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::Im
   for (int i = 0; i < n; ++i) {
     for (int j = i + 1; j < n; ++j) {
       cv::detail::MatchesInfo& p = pairs[std::size_t(i * n + j)];
-      fitTurn(features[std::size_t(i)], features[std::size_t(j)], focal, p);
+      turnOfPair(features[std::size_t(i)], features[std::size_t(j)], focal, p);
       p.confidence = p.H.empty() ? 0.0 : p.num_inliers / (8.0 + 0.3 * double(p.matches.size()));
       // The same pair the other way round, as the matcher lays it out.
       cv::detail::MatchesInfo& q = pairs[std::size_t(j * n + i)];
@@ -180,6 +186,57 @@ std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::Im
     }
   }
   return pairs;
+}
+
+void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,
+             cv::detail::MatchesInfo& p) {
+  turnOfPair(a, b, focal, p);
+}
+
+std::vector<cv::DMatch> guidedMatches(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b,
+                                      const std::function<bool(cv::Point2f, cv::Point2f&)>& predict, double radius) {
+  std::vector<cv::DMatch> out;
+  if (a.keypoints.empty() || b.keypoints.empty()) return out;
+  const cv::Mat da = a.descriptors.getMat(cv::ACCESS_READ), db = b.descriptors.getMat(cv::ACCESS_READ);
+  // b's features in square buckets of the radius.
+  const int side = std::max(1, int(std::ceil(radius)));
+  const int columns = b.img_size.width / side + 1, rows = b.img_size.height / side + 1;
+  std::vector<std::vector<int>> bucket(std::size_t(columns) * std::size_t(rows));
+  const auto bucketOf = [&](cv::Point2f p) {
+    return std::make_pair(std::clamp(int(p.x) / side, 0, columns - 1), std::clamp(int(p.y) / side, 0, rows - 1));
+  };
+  for (int k = 0; k < int(b.keypoints.size()); ++k) {
+    const auto [c, r] = bucketOf(b.keypoints[std::size_t(k)].pt);
+    bucket[std::size_t(r) * std::size_t(columns) + std::size_t(c)].push_back(k);
+  }
+  std::vector<cv::DMatch> best(b.keypoints.size(), cv::DMatch(-1, -1, FLT_MAX));  // per feature of b
+  for (int k = 0; k < int(a.keypoints.size()); ++k) {
+    cv::Point2f at;
+    if (!predict(a.keypoints[std::size_t(k)].pt, at)) continue;
+    if (at.x < -radius || at.y < -radius || at.x > b.img_size.width + radius || at.y > b.img_size.height + radius) continue;
+    const auto [c, r] = bucketOf(at);
+    float first = FLT_MAX, second = FLT_MAX;
+    int chosen = -1;
+    for (int y = std::max(0, r - 1); y <= std::min(rows - 1, r + 1); ++y)
+      for (int x = std::max(0, c - 1); x <= std::min(columns - 1, c + 1); ++x)
+        for (const int m : bucket[std::size_t(y) * std::size_t(columns) + std::size_t(x)]) {
+          const cv::Point2f d = b.keypoints[std::size_t(m)].pt - at;
+          if (d.dot(d) > radius * radius) continue;
+          const float distance = float(cv::norm(da.row(k), db.row(m), cv::NORM_L2));
+          if (distance < first) {
+            second = first;
+            first = distance;
+            chosen = m;
+          } else if (distance < second) {
+            second = distance;
+          }
+        }
+    if (chosen < 0 || !(first < kGuidedRatio * second)) continue;
+    if (first < best[std::size_t(chosen)].distance) best[std::size_t(chosen)] = cv::DMatch(k, chosen, first);
+  }
+  for (const auto& m : best)
+    if (m.queryIdx >= 0) out.push_back(m);
+  return out;
 }
 
 }  // namespace Rig

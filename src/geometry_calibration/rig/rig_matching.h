@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -18,9 +19,11 @@
 namespace GeometryCalibration {
 namespace Rig {
 
-// SIFT features of each picture, searched on copies of at most `megapixels`.
+// SIFT features of each picture, searched on copies of at most `megapixels`,
+// with SIFT's contrast threshold `contrast` (OpenCV's default 0.04; lower
+// finds features in plain sky and walls too).
 std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
-                                                    const std::atomic<bool>& abort);
+                                                    const std::atomic<bool>& abort, double contrast = 0.04);
 
 // All pairwise matches (n x n, entry i * n + j as cv::detail returns them).
 // Each pair's agreeing matches are then chosen anew by what a turning camera
@@ -35,6 +38,21 @@ std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& 
 // `typicalFocal` receives that focal length (0 when no pair gives one).
 std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features,
                                                 double* typicalFocal = nullptr);
+
+// The pair's agreeing matches among `p.matches` (queryIdx in `a`, trainIdx in
+// `b`) chosen anew by a turn between the two pictures at `focal`, as
+// matchPairs does: fills p.H, p.inliers_mask and p.num_inliers (H empty when
+// too few agree).
+void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,
+             cv::detail::MatchesInfo& p);
+
+// Matches between `a` and `b` when where each feature of `a` lies in `b` is
+// already known to within `radius` pixels (`predict` gives it; false: it
+// lies outside `b`): the nearest descriptor among the features of `b` that
+// near, kept when it clearly beats the next one there and the two are each
+// other's best.
+std::vector<cv::DMatch> guidedMatches(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b,
+                                      const std::function<bool(cv::Point2f, cv::Point2f&)>& predict, double radius);
 
 }  // namespace Rig
 }  // namespace GeometryCalibration
