@@ -35,9 +35,12 @@ constexpr double kMinimumPairCorrelation = 0.5;
 constexpr double kNegligibleShiftPx = 0.25;
 constexpr double kLargestLeftoverPx = 1.0;
 // Where the overlap has too few features, the correlation of the two drawings
-// over it must reach kLeastConfirmedCorrelation and rise by kClearlyBetter.
+// over it must reach kLeastConfirmedCorrelation and rise clearly: by
+// kClearlyBetter, or, for drawings that already agree closely, so that what
+// is left to 1 shrinks to kClearlyCloser of what it was (0.986 -> 0.997).
 constexpr double kLeastConfirmedCorrelation = 0.5;
 constexpr double kClearlyBetter = 0.02;
+constexpr double kClearlyCloser = 0.5;
 
 std::string narrow(const std::wstring& name) { return Utils::toUtf8(name); }
 
@@ -212,7 +215,8 @@ std::string NeighbourStitcher::confirmShift(const std::wstring& first, const std
     meter().overlap(*now.findModule(first), *now.findModule(second));  // the module as it stands stays drawn
     const double c0 = o0.ok ? correlation(o0.first, o0.second, o0.mask) : -1.0;
     const double c1 = o1.ok ? correlation(o1.first, o1.second, o1.mask) : -1.0;
-    if (!(c1 >= kLeastConfirmedCorrelation && c1 >= c0 + kClearlyBetter)) {
+    const bool risen = c1 >= c0 + kClearlyBetter || (1.0 - c1) <= kClearlyCloser * (1.0 - c0);
+    if (!(c1 >= kLeastConfirmedCorrelation && risen)) {
       std::snprintf(text, sizeof text,
                     "too few features to confirm the shift of %.2f px (%s), and the overlap's correlation does not "
                     "clearly rise (%.3f before, %.3f after)",
