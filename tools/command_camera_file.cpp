@@ -268,6 +268,18 @@ std::string fixedText(double value, int digits) {
   return text;
 }
 
+// Whether two modules' footprints on the panorama overlap.
+bool drawingsMeet(const CameraDescription::Orbivane& camera, const std::wstring& a, const std::wstring& b) {
+  const auto ma = camera.findModule(a), mb = camera.findModule(b);
+  if (!ma || !mb) return false;
+  const auto fa = CameraDescription::finalMatrix(*ma), fb = CameraDescription::finalMatrix(*mb);
+  if (!fa || !fb) return false;
+  const auto qa = OrbivaneGeometry::moduleSurfaceQuad(*fa), qb = OrbivaneGeometry::moduleSurfaceQuad(*fb);
+  if (!qa || !qb) return false;
+  return std::max(qa->left(), qb->left()) < std::min(qa->right(), qb->right()) &&
+         std::max(qa->top(), qb->top()) < std::min(qa->bottom(), qb->bottom());
+}
+
 // The rig estimated from the pictures (GeometryCalibration::RigEstimator);
 // modules it cannot place are put beside the panorama and named. Prints the
 // rig and fills `document`.
@@ -354,10 +366,17 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
               << " matches within " << fixedText(p.medianPx, 2) << " px (median), " << fixedText(p.p90Px, 2)
               << " px (90 %)";
     if (std::isfinite(p.exposureEv)) std::cout << "; exposure differs by " << fixedText(p.exposureEv, 3) << " EV";
+    // Linked modules whose drawings do not meet lie on both sides of the
+    // panorama's left and right border (an equirectangular target's frame
+    // puts its border where the target has it): the viewer shows no seam
+    // between them, and calibrate cannot measure one.
+    const bool acrossBorder = !drawingsMeet(camera, p.first, p.second);
+    if (acrossBorder) std::cout << "; they meet across the panorama's left and right border, where no seam is drawn";
     std::cout << "\n";
     json pair = {{"first", Utils::toUtf8(p.first)}, {"second", Utils::toUtf8(p.second)}, {"matches", p.matches},
                  {"confidence", p.confidence}, {"medianPx", p.medianPx}, {"p90Px", p.p90Px}};
     pair["exposureEv"] = std::isfinite(p.exposureEv) ? json(p.exposureEv) : json(nullptr);
+    pair["acrossBorder"] = acrossBorder;
     pairs.push_back(pair);
   }
   if (in.target) {

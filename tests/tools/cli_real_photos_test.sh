@@ -64,4 +64,35 @@ EOF
 expect_eq "$?" "3" "calibrate of a camera with a seam 12 px wide"
 grep -q "the worst seam is .* px, above 1.0 px" "$work/moved.err" || fail "no word of the wide seam: $(cat "$work/moved.err")"
 
+# 5. With Hugin's equirectangular panorama as the target the panorama takes
+#    its frame; a linked pair is said to meet across the frame's border
+#    exactly when the two modules, each drawn alone, share no pixel.
+"$tool" camera init "${pictures[@]}" --target "$photos/hugin-equirectangular.jpg" --out "$work/target.json" --json \
+  >"$work/target.txt" 2>"$work/target.err"
+expect_eq "$?" "0" "camera init with an equirectangular target"
+/usr/bin/python3 - "$tool" "$work" <<'EOF' || failures=$((failures + 1))
+import json, subprocess, sys
+import cv2
+tool, work = sys.argv[1], sys.argv[2]
+doc = json.loads(open(work + "/target.txt").read().splitlines()[-1])
+problems = []
+if not (doc["target"]["registered"] and doc["target"]["equirectangular"]):
+    problems.append("the target was not registered as an equirectangular panorama: %s" % doc["target"])
+drawn = {}
+def alone(name):
+    if name not in drawn:
+        out = "%s/alone-%s.png" % (work, name)
+        subprocess.run([tool, "panorama", work + "/target.json", "--modules", name, "--out", out],
+                       check=True, capture_output=True)
+        drawn[name] = cv2.imread(out, cv2.IMREAD_GRAYSCALE) > 0
+    return drawn[name]
+for pair in doc["rig"]["pairs"]:
+    shared = int((alone(pair["first"]) & alone(pair["second"])).sum())
+    if pair["acrossBorder"] != (shared == 0):
+        problems.append("%s - %s: acrossBorder %s, but the drawings share %d pixels"
+                        % (pair["first"], pair["second"], pair["acrossBorder"], shared))
+for p in problems: print("FAIL:", p)
+sys.exit(1 if problems else 0)
+EOF
+
 finish "real photographs: init and calibrate without a target, seams confirmed independently"
