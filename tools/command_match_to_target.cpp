@@ -89,7 +89,9 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
     if (verdict.movedPx > 0) std::cout << ", moved " << verdict.movedPx << " px";
     if (!verdict.reason.empty()) std::cout << " (" << verdict.reason << ")";
     std::cout << "\n";
-    if (verdict.status != GeometryCalibration::ModuleStatus::aligned) {
+    // A module kept in place is where its pictures say it belongs: no failure.
+    if (verdict.status != GeometryCalibration::ModuleStatus::aligned &&
+        verdict.status != GeometryCalibration::ModuleStatus::kept) {
       ++notAligned;
       std::cerr << "orbivane-calibrate: module " << text << " " << GeometryCalibration::statusName(verdict.status)
                 << ": " << verdict.reason << "\n";

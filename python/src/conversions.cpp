@@ -49,7 +49,9 @@ py::dict moduleReportDict(const GeometryCalibration::ModuleReport& report) {
   py::dict out;
   out["status"] = GeometryCalibration::statusName(report.status);
   out["reason"] = report.reason;
-  out["error"] = report.error;
+  // A module without an error of its own carries the largest float in the
+  // library; here it is None, no number a caller could take for a measurement.
+  out["error"] = report.error < 3.0e38f ? py::object(py::float_(report.error)) : py::object(py::none());
   out["residual_px"] = number(report.residualPx);
   out["supporting_pairs"] = report.supportingPairs < 0 ? py::object(py::none()) : py::object(py::int_(report.supportingPairs));
   out["start_correlation"] = number(report.startCorrelation);

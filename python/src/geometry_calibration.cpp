@@ -193,9 +193,11 @@ void registerMatchToTarget(py::module_& m) {
             for (const auto& [name, e] : self.impl->error()) out[py::str(narrow(name))] = e;
             return out;
           },
-          "Per module error of the last run (normalised: 0 as good as the best module, 10 failed).")
+          "Per module error of the last run (modes 0 and 3 normalised: 0 as good as the best module, 10 failed; "
+          "a module without an accepted estimate has the largest float before normalisation).")
       .def("module_reports", [](const PyMatchToTarget& self) { return moduleReportsDict(self.impl->moduleReports()); },
-           "The verdict of the last calibrate per listed name: {name: {'status', 'reason', 'error', "
+           "The verdict of the last calibrate per listed name ('aligned', 'kept', 'failed' or 'skipped'; 'error' "
+           "is None for a module without one): {name: {'status', 'reason', 'error', "
            "'residual_px', 'supporting_pairs', 'start_correlation', 'correlation', 'overlap_share', 'moved_px'}}.")
       .def(
           "imgs_working_copy",

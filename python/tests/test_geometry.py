@@ -37,16 +37,27 @@ class TestMatchToTarget:
         assert reports["M2"]["residual_px"] < 1.0 and reports["M2"]["supporting_pairs"] >= 12
         assert reports["Noise"]["status"] == "failed" and reports["Noise"]["reason"]
         assert np.array_equal(result.module("Noise").matrix, camera.module("Noise").matrix)  # kept exactly
-        assert matcher.error()["Noise"] == 10.0
+        assert matcher.error()["Noise"] == 10.0 and reports["Noise"]["error"] == 10.0
         assert np.array_equal(result.module("M1").matrix, camera.module("M1").matrix)  # not listed
         assert np.array_equal(camera.module("M2").matrix, rig.misaligned["M2"])  # the caller's camera is untouched
+
+    def test_mode_one_keeps_supported_placements_without_an_error(self, rig):
+        camera = with_decoy(rig)
+        matcher = orbivane.MatchToTarget(camera, camera.pictures())
+        matcher.set_calibration_mode(1)
+        result = matcher.calibrate(["Target", "Noise"], "Target")
+        reports = matcher.module_reports()
+        assert reports["Target"]["status"] == "kept" and reports["Target"]["error"] is None
+        assert reports["Noise"]["status"] == "failed" and reports["Noise"]["error"] is None
+        assert matcher.error()["Target"] > 3e38  # no estimate: the largest float
+        assert np.array_equal(result.module("Target").matrix, camera.module("Target").matrix)
 
     def test_callback_sees_every_step(self, rig):
         matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
         steps = []
         matcher.register_status_callback(lambda step, total, text, info: steps.append((step, total, text, info)))
         matcher.calibrate(["M3"], "Target")
-        assert [(s, t, x) for s, t, x, _ in steps] == [(1, 2, "Calibrating Module M3"), (1, 2, "Finished Module M3")]
+        assert [(s, t, x) for s, t, x, _ in steps] == [(1, 2, "Calibrating Module M3"), (2, 2, "Finished Module M3")]
         assert all(isinstance(info, orbivane.StepInfo) for *_, info in steps)
 
     def test_abort_from_another_thread_returns_what_is_done(self, rig):

@@ -250,11 +250,22 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   std::vector<SeamResidual> seams = seamsBefore_;  // as the last step left them
 
   std::list<std::wstring> active = listed_;  // modules still in the running
-  auto forward = [this](const std::string& prefix) {
-    return [this, prefix](int step, int total, std::string text, AdvStepInfo info) {
-      if (callback_) callback_(step, total, prefix + ": " + text, std::move(info));
+  // One progress bar for the whole run: each step has a span of `span`
+  // units, into which its calibrator's own steps are scaled, and ends with a
+  // report at the end of its span; a run whose steps all complete ends at
+  // the total.
+  const int span = std::max(1, int(listed_.size()));
+  const int total = span * int(options.steps.size());
+  int offset = 0;
+  auto forward = [this, span, total, &offset](const std::string& prefix) {
+    return [this, prefix, span, total, &offset](int step, int all, std::string text, AdvStepInfo info) {
+      if (!callback_) return;
+      const long long within = all > 0 ? std::clamp<long long>(static_cast<long long>(step) * span / all, 0, span) : 0;
+      callback_(offset + static_cast<int>(within), total, prefix + ": " + text, std::move(info));
     };
   };
+  const std::map<std::string, std::string> stepTexts = {
+      {"match", "target matching"}, {"neighbour", "neighbour stitching"}, {"clip", "clipping"}, {"shader", "shader search"}};
 
   for (const auto& stepName : options.steps) {
     if (abort_.load()) break;
@@ -347,7 +358,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
           step.modules[name] = verdictOf(ModuleStatus::skipped, "no lens shader to search");
           continue;
         }
-        if (callback_) callback_(index, int(active.size()), "shader search: Searching Module " + narrow(name), AdvStepInfo());
+        forward("shader search")(index, int(active.size()), "Searching Module " + narrow(name), AdvStepInfo());
         try {
           ShaderBruteForcer search(camera_, images_);
           auto best = search.searchForBestParameters(name, options.target);
@@ -392,6 +403,11 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     }
     step.seconds = secondsSince(start);
     step.camera = camera_;
+    offset += span;
+    if (callback_ && !abort_.load()) {
+      callback_(offset, total, stepTexts.at(stepName) + ": Finished",
+                AdvStepInfo(std::make_shared<const CameraDescription::Orbivane>(camera_)));
+    }
     logger->info("Step {} took {:.2f} s", stepName, step.seconds);
     steps_.push_back(std::move(step));
   }

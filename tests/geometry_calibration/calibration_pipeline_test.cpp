@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include <limits>
@@ -116,7 +117,26 @@ TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
   GeometryCalibration::PipelineOptions options;
   options.target = L"Target";
   options.modules = {L"M1", L"M2", L"Noise", L"M3", L"Baboon", L"M4", L"M5", L"Blank"};
+  std::vector<std::pair<int, int>> progress;
+  std::vector<std::string> texts;
+  pipeline.registerStatusCallback([&](int step, int total, std::string text, GeometryCalibration::AdvStepInfo) {
+    progress.emplace_back(step, total);
+    texts.push_back(text);
+  });
   const auto result = pipeline.run(options);
+
+  // One total over the three steps (a share of 8 each), never going back,
+  // ending at the total; each step ends its share.
+  ASSERT_FALSE(progress.empty());
+  for (std::size_t k = 0; k < progress.size(); ++k) {
+    EXPECT_EQ(progress[k].second, 24) << texts[k];
+    if (k > 0) {
+      EXPECT_GE(progress[k].first, progress[k - 1].first) << texts[k];
+    }
+  }
+  EXPECT_EQ(progress.back().first, 24);
+  for (const char* end : {"target matching: Finished", "neighbour stitching: Finished", "clipping: Finished"})
+    EXPECT_NE(std::find(texts.begin(), texts.end(), end), texts.end()) << end;
 
   const auto verdicts = pipeline.verdicts();
   for (const std::wstring decoy : {L"Noise", L"Baboon", L"Blank"}) {

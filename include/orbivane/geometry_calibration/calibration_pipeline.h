@@ -115,8 +115,13 @@ class ORBIVANE_EXPORT CalibrationPipeline {
 
   CalibrationPipeline(const CameraDescription::Orbivane& camera, Images images);
 
-  // Progress of the step that runs, as its calibrator reports it; the text
-  // is prefixed with the step's name.
+  // Progress of the whole run on one total: each step has an equal share
+  // of it (the number of listed modules), into which the running
+  // calibrator's own progress is scaled, with its text prefixed by the
+  // step's name ("target matching: ", "neighbour stitching: ", "clipping: ",
+  // "shader search: "); each completed step ends its share with "<name>:
+  // Finished" and the camera as it stands, so a run whose steps all
+  // complete ends at step == total.
   void registerStatusCallback(StatusCallback callback);
   // From another thread: the running step stops at its next module and the
   // pipeline returns what it has.

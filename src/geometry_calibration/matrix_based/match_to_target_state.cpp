@@ -208,6 +208,14 @@ float MatchToTargetState::workScale(double a, double b, double c, double d) {
   return static_cast<float>(s);
 }
 
+double MatchToTargetState::heldWorkScale(double s, cv::Size target) {
+  if (target.width < 1 || target.height < 1) return std::numeric_limits<double>::quiet_NaN();
+  const double largest = double(kLargestWorkSide) / std::max(target.width, target.height);
+  const double smallest = 2.0 / std::min(target.width, target.height);
+  if (smallest > largest) return std::numeric_limits<double>::quiet_NaN();
+  return std::clamp(s, smallest, largest);
+}
+
 bool MatchToTargetState::acceptable(const EstimateResult& result, float best) {
   const cv::Matx33d h(result.homography);
   return result.error < best && result.error < FLT_MAX - 1.0f && finite(h) && cv::determinant(h) > 0.0;
@@ -258,7 +266,7 @@ void MatchToTargetState::report(const std::string& text, AdvStepInfo info) {
   callback(progressCurrent, progressTotal, text, std::move(info));
 }
 
-bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat& targetPicture,
+void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat& targetPicture,
                                          const cv::Matx33d& targetPlanar) {
   auto module = camera.findModule(name);
   auto* geometry = module->matrixGeometry();
@@ -271,26 +279,26 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   const auto imageIt = images.find(name);
   const cv::Mat modulePicture = pictureOf(imageIt->second);
   if (modulePicture.empty() || modulePicture.cols < 2 || modulePicture.rows < 2) {
-    logger->error("Module {} has no Image.. Skipping pmodule", narrow(name));
+    logger->error("Module {} has no usable Image; the module failed", narrow(name));
     verdict.reason = modulePicture.empty() ? "no usable picture" : "picture too small (under 2x2 pixels)";
-    return false;
+    return;
   }
   if (targetPicture.empty()) {
-    logger->error("Module {}: the target {} has no usable Image or Matrix.. Skipping pmodule", narrow(name),
+    logger->error("Module {}: the target {} has no usable Image or Matrix; the module failed", narrow(name),
                   narrow(target));
     verdict.reason = "the target " + narrow(target) + " has no usable picture or matrix";
-    return false;
+    return;
   }
   const cv::Matx33d modulePlanar = OrbivaneGeometry::planarHomography(previous);
   if (!invertible(modulePlanar)) {
-    logger->error("Module {} has a singular or non-finite Matrix.. Skipping pmodule", narrow(name));
+    logger->error("Module {} has a singular or non-finite Matrix; the module failed", narrow(name));
     verdict.reason = previous.isFinite() ? "singular matrix" : "non-finite matrix";
-    return false;
+    return;
   }
   if (!(cv::determinant(modulePlanar) > 0.0)) {
-    logger->error("Module {} has a mirrored Matrix.. Skipping pmodule", narrow(name));
+    logger->error("Module {} has a mirrored Matrix; the module failed", narrow(name));
     verdict.reason = "mirrored matrix";
-    return false;
+    return;
   }
 
   // The module's homography into the target's pixels, and the work scale.
@@ -300,24 +308,32 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   const cv::Matx33d targetInverse = targetPlanar.inv();
   cv::Matx33d h0 = normalised(pixelsT * targetInverse * modulePlanar * textureM);
   if (!invertible(h0)) {
-    logger->error("Module {} has a singular or non-finite Matrix.. Skipping pmodule", narrow(name));
+    logger->error("Module {} has a singular or non-finite Matrix; the module failed", narrow(name));
     verdict.reason = "no usable placement on the target (singular, or far outside it)";
-    return false;
+    return;
   }
-  const double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));
+  double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));
   if (!std::isfinite(s) || !(s > 0.0)) {
-    logger->error("Module {}: no usable work scale ({}).. Skipping pmodule", narrow(name), s);
+    logger->error("Module {}: no usable work scale ({}); the module failed", narrow(name), s);
     verdict.reason = "no usable work scale";
-    return false;
+    return;
   }
-  // Guard against work pictures too large to allocate: such a module is
-  // skipped with a log line, the scale is never changed behind the caller's back.
-  const double workSide = std::max(targetPicture.cols, targetPicture.rows) * s;
-  if (workSide > kLargestWorkSide || std::min(targetPicture.cols, targetPicture.rows) * s < 2.0) {
-    logger->error("Module {}: work scale {} gives a {}x{} work picture.. Skipping pmodule", narrow(name), s,
-                  targetPicture.cols * s, targetPicture.rows * s);
-    verdict.reason = "work scale " + std::to_string(s) + " gives an unusable work picture size";
-    return false;
+  // The work picture is held to what can be allocated (kLargestWorkSide a
+  // side) and to at least 2 pixels a side; the run says once when it holds it.
+  const double held = heldWorkScale(s, targetPicture.size());
+  if (!std::isfinite(held)) {
+    logger->error("Module {}: the target's {}x{} picture has no usable work size; the module failed", narrow(name),
+                  targetPicture.cols, targetPicture.rows);
+    verdict.reason = "the target's picture has no usable work size";
+    return;
+  }
+  if (held != s) {
+    if (!workScaleHeldLogged) {
+      logger->warn("Work scale {} gives a {:.0f}x{:.0f} work picture; working at {} instead", s,
+                   targetPicture.cols * s, targetPicture.rows * s, held);
+      workScaleHeldLogged = true;
+    }
+    s = held;
   }
   const int workWidth = std::max(1, cvRound(targetPicture.cols * s));
   const int workHeight = std::max(1, cvRound(targetPicture.rows * s));
@@ -348,9 +364,9 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     prewarp = cv::Matx33d(converted.ptr<double>());
   }
   if (!invertible(prewarp) || !(cv::determinant(prewarp) > 0.0)) {
-    logger->error("Module {} has a singular or mirrored placement on the target.. Skipping pmodule", narrow(name));
+    logger->error("Module {} has a singular or mirrored placement on the target; the module failed", narrow(name));
     verdict.reason = "singular or mirrored placement on the target";
-    return false;
+    return;
   }
 
   WorkSystem system;
@@ -376,9 +392,9 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     const cv::Matx33d onFrame = OrbivaneGeometry::pixelsToTexture(workWidth, workHeight) * system.backwardRight;
     auto drawing = OrbivaneRendering::drawModuleOnFrame(shown, onFrame, pictures.target.size());
     if (!drawing) {
-      logger->error("Module {} cannot be drawn on the target: {}.. Skipping pmodule", narrow(name), drawing.error());
+      logger->error("Module {} cannot be drawn on the target: {}; the module failed", narrow(name), drawing.error());
       verdict.reason = "cannot be drawn on the target: " + drawing.error();
-      return false;
+      return;
     }
     drawing.value().colour.convertTo(pictures.module, CV_8UC3);
     pictures.moduleMask = drawing.value().inside;
@@ -399,9 +415,9 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   const int covered = cv::countNonZero(pictures.moduleMask);
   verdict.overlapShare = outlineArea > 0.0 ? std::min(1.0, covered / outlineArea) : 0.0;
   if (covered < 16) {
-    logger->error("Module {} does not overlap the target {}.. Skipping pmodule", narrow(name), narrow(target));
+    logger->error("Module {} does not overlap the target {}; the module failed", narrow(name), narrow(target));
     verdict.reason = "no overlap with the target";
-    return false;
+    return;
   }
   if (verdict.overlapShare < kSmallestOverlapShare) {
     logger->error("Module {}: only {:.1f} % of its picture lies on the target {}; nothing to match", narrow(name),
@@ -410,7 +426,7 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     std::snprintf(text, sizeof text, "only %.1f %% of its picture overlaps the target", 100.0 * verdict.overlapShare);
     verdict.reason = text;
     errors[name] = FLT_MAX;  // as an estimate that failed: the module went through the driver
-    return true;
+    return;
   }
   {
     cv::Scalar mean, deviation;
@@ -419,7 +435,7 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
       logger->error("Module {} shows a blank picture; nothing to match", narrow(name));
       verdict.reason = "blank picture (no texture)";
       errors[name] = FLT_MAX;
-      return true;
+      return;
     }
   }
 
@@ -450,9 +466,10 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
       break;
     case MatchToTarget::kKeepMatrix:
     default:
-      // No estimator: the current placement is measured and kept.
+      // No estimator: nothing is estimated, so there is no error either
+      // (the result stays at the largest float); the placement is only
+      // checked against the pictures below.
       result.homography = start;
-      result.error = differenceError(pictures.module, pictures.target, cv::Matx33d(start));
       break;
   }
   results[name] = result;
@@ -521,11 +538,12 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
                                         targetPlanar, modulePicture.size(), targetPicture.size());
   } else if (verdict.startCorrelation >= kLeastCorrelation) {
     // The starting placement is the better one and the pictures support it:
-    // the module stays exactly where it is.
-    errors[name] = differenceError(pictures.module, pictures.target, startWork);
-    verdict.status = ModuleStatus::aligned;
+    // the module stays exactly where it is. No estimate was accepted, so its
+    // error is that of a rejected result; the report says it was kept.
+    errors[name] = FLT_MAX;
+    verdict.status = ModuleStatus::kept;
     verdict.correlation = verdict.startCorrelation;
-    verdict.reason = mode == MatchToTarget::kKeepMatrix ? std::string() : "kept in place: " + rejection;
+    verdict.reason = "kept in place: " + rejection;
   } else {
     errors[name] = FLT_MAX;
     verdict.status = ModuleStatus::failed;
@@ -544,13 +562,13 @@ bool MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     std::nth_element(distances.begin(), distances.begin() + distances.size() / 2, distances.end());
     verdict.residualPx = distances[distances.size() / 2] / sx;
   }
-  return true;
 }
 
 CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, const std::list<std::wstring>& modules,
                                                           const std::wstring& targetName) {
   target = targetName;
   errors.clear();
+  workScaleHeldLogged = false;
   setUpProgress(modules);
 
   // The target's picture and matrix, looked up once for the run.
@@ -610,8 +628,15 @@ CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, c
       skip(name, ModuleStatus::failed, "no picture");
       continue;
     }
-    if (!calibrateModule(name, targetPicture, targetPlanar)) continue;
+    calibrateModule(name, targetPicture, targetPlanar);
+    // A module that failed before its estimator could run has the error of
+    // a rejected result (its report says why).
+    errors.emplace(name, FLT_MAX);
     if (callback) {
+      // Mode 0 without grid counts two steps a module (its total is 2 x n):
+      // the start and the finish, so that a run that completes ends at its total.
+      if (mode == MatchToTarget::kFeatureMatching && !gridEnabled)
+        progressCurrent = std::min(progressCurrent + 1, std::max(progressTotal, 0));
       callback(progressCurrent, progressTotal, "Finished Module " + narrow(name),
                AdvStepInfo(std::make_shared<const CameraDescription::Orbivane>(camera)));
     }

@@ -55,6 +55,9 @@ class MatchToTargetState {
   // has the upper-left block (a, b; c, d). Overwrites the allowed scale with
   // 1.2 in mode 2 and in mode 0 with the grid enabled.
   float workScale(double a, double b, double c, double d);
+  // `s` held so that the target's work picture is at most 8192 and at least
+  // 2 pixels a side; NaN when no scale gives both.
+  static double heldWorkScale(double s, cv::Size target);
   // Normalises the errors map in place as the mode asks.
   void normaliseErrors();
   // The accept-or-reject rule for a result against the best error so far.
@@ -92,11 +95,14 @@ class MatchToTargetState {
   std::map<std::wstring, Utils::UVGrid> grids;
   std::map<std::wstring, std::vector<cv::Point2f>> gridDisplacements;  // per grid point, target work pixels
   std::map<std::wstring, ModuleReport> reports;  // the verdicts of the last run
+  bool workScaleHeldLogged = false;  // the run has said that it held the work scale
 
  private:
-  // One module of the loop (steps 5 to 9); false when it was skipped before
-  // an estimator could run (its report says why).
-  bool calibrateModule(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar);
+  // One module of the loop (steps 5 to 9). A module that cannot be brought
+  // to an estimator (unusable picture, target or matrix) fails: its report
+  // says why and it gets no error entry here (the driver gives it the
+  // largest float).
+  void calibrateModule(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar);
 };
 
 }  // namespace MatrixBased

@@ -250,6 +250,16 @@ NeighbourStitcher::NeighbourStitcher(const CameraDescription::Orbivane& camera, 
 
 std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& first, const std::wstring& second,
                                                          bool apply) {
+  const std::pair<float, float> found = alignPair(first, second, apply);
+  // Every pair is logged and carries its correction down the chain; a pair
+  // that could not be measured carries a zero one (lastPair_ says why),
+  // which leaves every matrix as it is.
+  logger_->info("Stitching Modules: {} {}", narrow(first), narrow(second));
+  return found;
+}
+
+std::pair<float, float> NeighbourStitcher::alignPair(const std::wstring& first, const std::wstring& second,
+                                                     bool apply) {
   lastAlignment_ = TranslationResult();
   lastPair_ = GeometryCalibration::PairReport();
   lastPair_.first = first;
@@ -295,7 +305,6 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
     lastPair_.measured = true;
     lastPair_.dx = dx;
     lastPair_.dy = dy;
-    logger_->info("Stitching Modules: {} {}", narrow(first), narrow(second));
     return {dx, dy};
   }
   const auto firstRect = moduleRectangle(firstMatrix);
@@ -409,7 +418,6 @@ std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& fir
   lastPair_.dx = dx;
   lastPair_.dy = dy;
   lastPair_.shiftPx = std::hypot(moved.x, moved.y);
-  logger_->info("Stitching Modules: {} {}", narrow(first), narrow(second));
   return {dx, dy};
 }
 

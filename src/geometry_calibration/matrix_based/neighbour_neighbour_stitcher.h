@@ -54,7 +54,9 @@ class NeighbourStitcher {
   // Aligns `second` to `first`; returns (dx, dy) in surface units (the units
   // of `first`'s rectangle). With `apply`, second's matrix M becomes
   // T(dx, dy) x M. Throws std::out_of_range for a name without a module or
-  // without a picture.
+  // without a picture. Logs "Stitching Modules: " with the two names for
+  // every pair; a pair that cannot be measured gives (0, 0) and changes no
+  // matrix (lastPair() says why).
   std::pair<float, float> calibratePair(const std::wstring& first, const std::wstring& second, bool apply);
 
   // Moves every listed module from position `from` on by the surface
@@ -88,6 +90,8 @@ class NeighbourStitcher {
  private:
   void report(const std::string& text, const std::wstring& module, const std::wstring& reference,
               const std::map<std::string, double>& values);
+  // The measurement behind calibratePair, without its log line.
+  std::pair<float, float> alignPair(const std::wstring& first, const std::wstring& second, bool apply);
 
   // Modules with a UV grid or a lens shader are not flat pictures under a
   // matrix: their pair is aligned on the two modules drawn alone over their

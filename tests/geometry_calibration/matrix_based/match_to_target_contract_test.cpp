@@ -1,10 +1,12 @@
 // What a host relies on in target matching: mode 1 returns every matrix as
 // it was, mode 0 with grid leaves alone the grids it was not given and keeps
-// its progress within the total, "Finished Module" follows only an
-// estimator, mode 3 applies its correction on top of the previous matrix,
+// its progress within the total, every module that reaches the estimator
+// step gets its error and "Finished Module" report, mode 3 applies its correction on top of the previous matrix,
 // the skip messages reach the logger, and the 1000-pair cap on HD pictures
 // keeps pairs from the whole overlap.
 #include <cfloat>
+#include <cmath>
+#include <list>
 #include <map>
 
 #include <gtest/gtest.h>
@@ -134,14 +136,165 @@ TEST(MatchToTargetContract, GridModeKeepsTheGridsItWasNotGivenAndItsProgressWith
   EXPECT_TRUE(result.findModule(L"A")->matrixGeometry()->uvGrid().has_value());
 }
 
-TEST(MatchToTargetContract, FinishedModuleFollowsOnlyAnEstimator) {
+TEST(MatchToTargetContract, AModuleThatCannotBeMatchedFailsWithItsFinishedReport) {
   Rig rig = makeRig();
   rig.images[L"B"] = Image::fromMat(cv::Mat(1, 1, CV_8UC3, cv::Scalar(5, 5, 5)));  // cannot be matched
   MatchToTarget calibrator(rig.camera, rig.images);
   std::vector<std::string> texts;
-  calibrator.registerStatusCallback([&](int, int, std::string text, AdvStepInfo) { texts.push_back(text); });
+  std::vector<int> steps;
+  int total = 0;
+  calibrator.registerStatusCallback([&](int step, int all, std::string text, AdvStepInfo) {
+    texts.push_back(text);
+    steps.push_back(step);
+    total = all;
+  });
   calibrator.calibrate({L"A", L"B"}, L"T");
-  EXPECT_EQ(texts, (std::vector<std::string>{"Calibrating Module A", "Finished Module A", "Calibrating Module B"}));
+  EXPECT_EQ(texts, (std::vector<std::string>{"Calibrating Module A", "Finished Module A", "Calibrating Module B",
+                                             "Finished Module B"}));
+  // Mode 0 counts two steps a module, and a run that reaches every module ends at its total.
+  EXPECT_EQ(steps, (std::vector<int>{1, 2, 3, 4}));
+  EXPECT_EQ(total, 4);
+  EXPECT_FLOAT_EQ(calibrator.error(L"B"), 10.0f);
+  const auto report = calibrator.moduleReports().at(L"B");
+  EXPECT_EQ(report.status, GeometryCalibration::ModuleStatus::failed);
+  EXPECT_NE(report.reason.find("under 2x2"), std::string::npos) << report.reason;
+}
+
+// Every listed module of the camera that has a matrix geometry and a picture
+// goes through the driver: an error entry (the largest float, 10 after mode
+// 0's normalisation), its "Finished Module " report and a reason, whatever
+// keeps it from the estimator. Only missing modules and those without
+// matrix geometry or picture are left without an error entry.
+TEST(MatchToTargetContract, EveryFailurePathGivesAnErrorEntryAndItsFinishedReport) {
+  Rig rig = makeRig();
+  auto add = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+    rig.camera.addModule(module);
+    rig.images[name] = Image::fromMat(picture);
+  };
+  const cv::Mat part = Image::toMat(rig.images.at(L"A"));
+  Utils::Matrix4x4 singular = rig.truth.at(L"A");
+  singular.set(0, 0, 0.0f);
+  Utils::Matrix4x4 mirrored = rig.truth.at(L"A");
+  mirrored.set(0, 0, -mirrored.get(0, 0));
+  Utils::Matrix4x4 notFinite = rig.truth.at(L"A");
+  notFinite.set(1, 3, NAN);
+  add(L"tiny", rig.truth.at(L"A"), cv::Mat(1, 1, CV_8UC3, cv::Scalar(5, 5, 5)));
+  add(L"unreadable", rig.truth.at(L"A"), cv::Mat(0, 0, CV_8UC3));
+  add(L"singular", singular, part);
+  add(L"mirrored", mirrored, part);
+  add(L"nan", notFinite, part);
+  add(L"elsewhere", Utils::Matrix4x4::translation(5.0f, 5.0f) * rig.truth.at(L"A"), part);
+  CameraDescription::OrbivaneModule region(L"region");
+  region.setGeometry(std::make_unique<OrbivaneGeometry::RegionBasedGeometry>());
+  rig.camera.addModule(region);
+  rig.images[L"region"] = rig.images.at(L"A");
+
+  const std::list<std::wstring> failing = {L"tiny", L"unreadable", L"singular", L"mirrored", L"nan", L"elsewhere"};
+  std::list<std::wstring> listed = failing;
+  listed.push_back(L"A");
+  listed.push_back(L"region");
+  listed.push_back(L"ghost");
+  MatchToTarget calibrator(rig.camera, rig.images);
+  std::map<std::string, int> finished;
+  calibrator.registerStatusCallback([&](int, int, std::string text, AdvStepInfo) {
+    if (text.rfind("Finished Module ", 0) == 0) ++finished[text.substr(16)];
+  });
+  const auto result = calibrator.calibrate(listed, L"T");
+  const auto reports = calibrator.moduleReports();
+  for (const auto& name : failing) {
+    const std::string text = Utils::toUtf8(name);
+    ASSERT_EQ(calibrator.error().count(name), 1u) << text;
+    EXPECT_FLOAT_EQ(calibrator.error(name), 10.0f) << text;
+    EXPECT_EQ(finished[text], 1) << text;
+    EXPECT_EQ(reports.at(name).status, GeometryCalibration::ModuleStatus::failed) << text;
+    EXPECT_FALSE(reports.at(name).reason.empty()) << text;
+    EXPECT_EQ(reports.at(name).error, 10.0f) << text;
+    const auto kept = result.findModule(name)->matrixGeometry()->matrix();
+    const auto given = rig.camera.findModule(name)->matrixGeometry()->matrix();
+    for (int r = 0; r < 4; ++r)
+      for (int c = 0; c < 4; ++c) {
+        if (std::isnan(given.get(r, c))) {
+          EXPECT_TRUE(std::isnan(kept.get(r, c))) << text;
+        } else {
+          EXPECT_EQ(kept.get(r, c), given.get(r, c)) << text;
+        }
+      }
+  }
+  EXPECT_EQ(finished["A"], 1);
+  EXPECT_EQ(reports.at(L"A").status, GeometryCalibration::ModuleStatus::aligned) << reports.at(L"A").reason;
+  EXPECT_LT(calibrator.error(L"A"), 10.0f);
+  for (const auto* name : {L"region", L"ghost"}) {
+    EXPECT_EQ(calibrator.error().count(name), 0u);
+    EXPECT_EQ(finished.count(Utils::toUtf8(name)), 0u);
+  }
+  EXPECT_EQ(calibrator.error().size(), failing.size() + 1);
+
+  // No usable target: every module with geometry and picture fails the same way.
+  Images noTargetPicture = rig.images;
+  noTargetPicture[L"T"] = Image::fromMat(cv::Mat(1, 1, CV_8UC3, cv::Scalar(5, 5, 5)));
+  MatchToTarget blind(rig.camera, noTargetPicture);
+  int blindFinished = 0;
+  blind.registerStatusCallback([&](int, int, std::string text, AdvStepInfo) {
+    blindFinished += text.rfind("Finished Module ", 0) == 0 ? 1 : 0;
+  });
+  blind.calibrate({L"A", L"B"}, L"T");
+  EXPECT_EQ(blindFinished, 2);
+  EXPECT_FLOAT_EQ(blind.error(L"A"), 10.0f);
+  EXPECT_FLOAT_EQ(blind.error(L"B"), 10.0f);
+  EXPECT_EQ(blind.moduleReports().at(L"B").status, GeometryCalibration::ModuleStatus::failed);
+}
+
+// A work scale outside what a work picture can take is held, said once a
+// run, and the modules still go through the driver.
+TEST(MatchToTargetContract, AnUnusableWorkScaleIsHeldAndSaidOnce) {
+  const Testing::CapturedLog log("MatrixBasedMatchToBackground");
+  const Rig rig = makeRig();
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.allowScale(0.001f);  // a 0.6 x 0.5 px work picture: held at 2 px
+  calibrator.calibrate({L"A", L"B"}, L"T");
+  const std::string text = log.text();
+  const std::string said = "working at";
+  const auto first = text.find(said);
+  ASSERT_NE(first, std::string::npos) << text;
+  EXPECT_EQ(text.find(said, first + 1), std::string::npos) << text;
+  EXPECT_EQ(text.find("Skipping pmodule"), std::string::npos) << text;
+  EXPECT_EQ(calibrator.error().size(), 2u);
+}
+
+// A rejected estimate over a placement the pictures support leaves the
+// module where it is, reported "kept", with the error of a rejected result:
+// the largest float, 10 after normalisation; it does not count as aligned.
+TEST(MatchToTargetContract, AModuleKeptInPlaceHasTheErrorOfARejectedResult) {
+  // A smooth picture: well textured for the correlation, no corners for features.
+  cv::Mat smooth(240, 320, CV_8UC3);
+  for (int y = 0; y < smooth.rows; ++y)
+    for (int x = 0; x < smooth.cols; ++x)
+      smooth.at<cv::Vec3b>(y, x) = cv::Vec3b(cv::saturate_cast<uchar>(40 + 0.5 * x), cv::saturate_cast<uchar>(30 + 0.6 * y),
+                                             cv::saturate_cast<uchar>(100 + 40 * std::sin(x * 0.02 + y * 0.015)));
+  CameraDescription::Orbivane camera;
+  Images images;
+  for (const auto* name : {L"T", L"m"}) {
+    CameraDescription::OrbivaneModule module(name);
+    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
+    camera.addModule(module);
+    images[name] = Image::fromMat(smooth);
+  }
+  MatchToTarget calibrator(camera, images);
+  const auto result = calibrator.calibrate({L"m"}, L"T");
+  const auto report = calibrator.moduleReports().at(L"m");
+  EXPECT_EQ(report.status, GeometryCalibration::ModuleStatus::kept) << report.reason;
+  EXPECT_EQ(report.reason.rfind("kept in place: ", 0), 0u) << report.reason;
+  EXPECT_GE(report.correlation, 0.5);
+  EXPECT_FLOAT_EQ(calibrator.error(L"m"), 10.0f);
+  EXPECT_EQ(result.findModule(L"m")->matrixGeometry()->matrix(), Utils::Matrix4x4::identity());
+  // Mode 1 measures nothing and leaves errors as they are: the largest float itself.
+  MatchToTarget flow(camera, images);
+  flow.setCalibrationMode(MatchToTarget::kKeepMatrix);
+  flow.calibrate({L"m"}, L"T");
+  EXPECT_EQ(flow.error(L"m"), FLT_MAX);
+  EXPECT_EQ(flow.moduleReports().at(L"m").status, GeometryCalibration::ModuleStatus::kept);
 }
 
 TEST(MatchToTargetContract, SkippedModulesAreLoggedWithTheirMessages) {

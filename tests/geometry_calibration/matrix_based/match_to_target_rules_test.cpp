@@ -71,6 +71,18 @@ TEST(MatchToTargetRules, WorkScale) {
   EXPECT_FLOAT_EQ(state.workScale(1, 0, 0, 1), 1.2f);
 }
 
+TEST(MatchToTargetRules, TheWorkPictureIsHeldToWhatCanBeAllocated) {
+  // A scale of 3 on a 4K target would give 11520 px: held to 8192 a side.
+  const double held = MatchToTargetState::heldWorkScale(3.0, cv::Size(3840, 2160));
+  EXPECT_DOUBLE_EQ(held, 8192.0 / 3840.0);
+  EXPECT_LE(cvRound(3840 * held), 8192);
+  EXPECT_DOUBLE_EQ(MatchToTargetState::heldWorkScale(1.5, cv::Size(3840, 2160)), 1.5);  // within: unchanged
+  // Held from below at 2 pixels on the shorter side.
+  EXPECT_DOUBLE_EQ(MatchToTargetState::heldWorkScale(0.001, cv::Size(320, 240)), 2.0 / 240.0);
+  // A picture no scale can bring within both bounds.
+  EXPECT_TRUE(std::isnan(MatchToTargetState::heldWorkScale(1.0, cv::Size(20000, 1))));
+}
+
 TEST(MatchToTargetRules, AcceptOnlyBetterFiniteUnmirroredResults) {
   EstimateResult r;
   r.error = 12.0f;
@@ -159,8 +171,11 @@ TEST(MatchToTargetRules, ModeZeroReportsEachModuleTwiceWithinTheTotal) {
   EXPECT_EQ(reports[0], std::make_pair(1, std::string("Calibrating Module a")));
   EXPECT_EQ(reports[1], std::make_pair(1, std::string("Finished Module a")));
   EXPECT_EQ(total, 2);  // mode 1: m2n x n = 1 x 2
-  // Mode 1 measures and keeps: an identical picture has (almost) no differing pixels.
-  EXPECT_LT(calibrator.error(L"a"), 1.0f);
+  // Mode 1 runs no estimator: nothing is accepted, so the error is the
+  // largest float; the identical picture supports the placement, which the
+  // report says by "kept".
+  EXPECT_EQ(calibrator.error(L"a"), FLT_MAX);
+  EXPECT_EQ(calibrator.moduleReports().at(L"a").status, GeometryCalibration::ModuleStatus::kept);
   EXPECT_EQ(calibrator.imgsWorkingCopy(L"a").size(), 2u);
 }
 

@@ -288,11 +288,24 @@ TEST(NeighbourNeighbour, BadInputThrowsForUnknownNamesAndOtherwiseStaysPut) {
   }
 
   // No texture, pictures too small for one level, no matrix geometry: (0, 0)
-  // and nothing moves.
+  // and nothing moves; the pair is logged like any other, and the whole
+  // chain logs every pair and carries a zero correction for it.
   auto expectStill = [&](NeighbourStitcher::Images images, CameraDescription::Orbivane camera) {
-    NeighbourStitcher stitcher(camera, std::move(images), 4, 6, 1.0f);
+    const Testing::CapturedLog log("MatrixBasedNeighbourNeighbourStitch");
+    NeighbourStitcher stitcher(camera, images, 4, 6, 1.0f);
     const auto found = stitcher.calibratePair(L"M0", L"M1", true);
     EXPECT_EQ(found, std::make_pair(0.0f, 0.0f));
+    EXPECT_FALSE(stitcher.lastPair().measured);
+    EXPECT_FALSE(stitcher.lastPair().reason.empty());
+    EXPECT_NE(log.text().find("Stitching Modules: M0 M1"), std::string::npos) << log.text();
+    NeighbourNeighbour whole(camera, std::move(images), 4, 6, 1.0f);
+    whole.calibrate({L"M0", L"M1"}, L"M0");
+    ASSERT_EQ(whole.translations().size(), 1u);
+    EXPECT_EQ(whole.translations().front().dx, 0.0f);
+    EXPECT_EQ(whole.translations().front().dy, 0.0f);
+    const std::string text = log.text();
+    const auto first = text.find("Stitching Modules: M0 M1");
+    EXPECT_NE(text.find("Stitching Modules: M0 M1", first + 1), std::string::npos) << text;
     for (const auto& module : camera.modules()) {
       if (module->matrixGeometry() == nullptr) continue;
       EXPECT_EQ(matrixOf(stitcher.camera(), module->name()), module->matrixGeometry()->matrix());

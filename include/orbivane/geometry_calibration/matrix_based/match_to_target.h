@@ -105,7 +105,9 @@ class ORBIVANE_EXPORT MatchToTarget {
 
   // The work scale: > 0 fixes it, < 0 means 1.0 (the target's own
   // resolution), 0 (default) derives it from the module's current placement.
-  // Modes 2 and 0 with grid always work at 1.2.
+  // Modes 2 and 0 with grid always work at 1.2. A scale that would make the
+  // target's work picture larger than 8192 pixels a side (or smaller than 2)
+  // is held to that size, and the run logs once that it did.
   void allowScale(const float& scale);
 
   void registerStatusCallback(std::function<void(int, int, std::string, GeometryCalibration::AdvStepInfo)> callback);
@@ -127,15 +129,21 @@ class ORBIVANE_EXPORT MatchToTarget {
   // module's picture), when it does not matter where the pairs lie; the
   // module's picture covers at least 10 % of its area on the target; and its
   // normalised cross-correlation with the target over the overlap is at
-  // least 0.5 and not below that of the starting placement (the better of
-  // the two is kept: a module already in place stays exactly as it was, and
-  // counts as aligned). Pixels a picture shows nothing at (black in every
-  // channel) count for none of these. Otherwise the module has
-  // failed and keeps its matrix exactly, and its error is the largest float
-  // before normalisation. Mode 1 runs no estimator: each module is "aligned"
-  // when its current placement passes the correlation check, else "failed".
+  // least 0.5 and not below that of the starting placement. Pixels a picture
+  // shows nothing at (black in every channel) count for none of these. A
+  // module whose estimate is rejected keeps its matrix exactly and its error
+  // is the largest float before normalisation (10 after it in modes 0 and
+  // 3); it is "kept" when its starting placement passes the correlation
+  // check (already in place: the reason says why the estimate was not
+  // used), else "failed". Mode 1 runs no estimator: every module it reaches
+  // is "kept" or "failed" by that check, with the largest float as error.
+  // A module that cannot be brought to the estimator (a picture under 2x2
+  // pixels or unreadable, no usable target, a singular, mirrored or
+  // non-finite matrix, no overlap with the target) has "failed" with the
+  // reason, the largest float as error and its "Finished Module " report.
   // Names that are not in the camera, and names the run did not reach
-  // before an abort, are "skipped".
+  // before an abort, are "skipped"; modules without matrix geometry or
+  // without picture "failed" and have no error entry.
   std::map<std::wstring, GeometryCalibration::ModuleReport> moduleReports() const;
 
   // The module's working copies of the last run: its picture warped into the

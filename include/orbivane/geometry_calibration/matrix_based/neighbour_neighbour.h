@@ -69,8 +69,9 @@ class ORBIVANE_EXPORT NeighbourNeighbour {
   // Stitches the listed modules in list order and returns the corrected copy
   // of the camera. A module name without a module in the camera or without a
   // picture throws std::out_of_range (before anything is changed for that
-  // pair). Modules whose geometry is not a matrix geometry are logged and
-  // their pair skipped.
+  // pair). Every pair is logged ("Stitching Modules: " and the two names)
+  // and its correction carried down the chain; a pair that cannot be
+  // measured (a module without matrix geometry, say) carries a zero one.
   virtual CameraDescription::Orbivane calibrate(std::list<std::wstring> modules, std::wstring reference);
   virtual ~NeighbourNeighbour();
 
