@@ -183,7 +183,7 @@ void runCalibrate(const CalibrateOptions& options) {
   pipelineOptions.clipNoHoles = !options.allowHoles;
   for (const auto& name : options.modules) {
     if (!camera.findModule(Utils::fromUtf8(name))) {
-      std::cerr << "orbivane-calibrate: module " << name << " is not in " << options.camera << "; skipped\n";
+      throw CommandError("unknown module '" + name + "' in " + options.camera + " (--modules)");
     }
     pipelineOptions.modules.push_back(Utils::fromUtf8(name));
   }
@@ -191,6 +191,9 @@ void runCalibrate(const CalibrateOptions& options) {
   if (!problem.empty()) throw CommandError(problem);
   if (!pipelineOptions.target.empty() && !camera.findModule(pipelineOptions.target)) {
     throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
+  }
+  if (!options.reference.empty() && !camera.findModule(pipelineOptions.reference)) {
+    throw CommandError("unknown reference module '" + options.reference + "' in " + options.camera);
   }
 
   CalibrationPipeline::Images images;

@@ -203,13 +203,21 @@ struct InitInputs {
   std::shared_ptr<Image::RGBImage> target;
 };
 
+// A picture a module can be drawn from: readable and 2x2 pixels or larger,
+// as `camera validate` requires.
+std::shared_ptr<Image::RGBImage> initPicture(const std::string& path) {
+  auto image = Image::loadImage(path);
+  if (!image) throw CommandError(image.error());
+  if (image.value()->width() < 2 || image.value()->height() < 2) {
+    throw CommandError("picture '" + path + "' is " + std::to_string(image.value()->width()) + "x" +
+                       std::to_string(image.value()->height()) + " pixels; a module's picture needs 2x2 or more");
+  }
+  return image.value();
+}
+
 InitInputs readInitInputs(const InitOptions& o) {
   InitInputs in;
-  for (const auto& p : o.pictures) {
-    auto image = Image::loadImage(p);
-    if (!image) throw CommandError(image.error());
-    in.pictures.push_back(image.value());
-  }
+  for (const auto& p : o.pictures) in.pictures.push_back(initPicture(p));
   std::set<std::string> used;
   for (std::size_t i = 0; i < o.pictures.size(); ++i) {
     const std::string base = o.names.empty() ? fs::path(o.pictures[i]).stem().string() : o.names[i];
@@ -222,9 +230,7 @@ InitInputs readInitInputs(const InitOptions& o) {
   }
   if (!o.target.empty()) {
     if (used.count("target") != 0) throw CommandError("a picture is already named 'target'; rename it with --names");
-    auto image = Image::loadImage(o.target);
-    if (!image) throw CommandError(image.error());
-    in.target = image.value();
+    in.target = initPicture(o.target);
   }
   return in;
 }

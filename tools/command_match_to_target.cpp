@@ -75,7 +75,10 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
   // not on the scale the mode documents, so none are reported.
   nlohmann::json errors = nlohmann::json::object();
   if (!interrupted) {
-    for (const auto& [name, value] : calibrator.error()) errors[Utils::toUtf8(name)] = value;
+    // A failed module's error is the largest float in the library; here it
+    // is null, no number a reader could take for a measurement.
+    for (const auto& [name, value] : calibrator.error())
+      errors[Utils::toUtf8(name)] = value < 3.0e38f ? nlohmann::json(value) : nlohmann::json(nullptr);
   }
   nlohmann::json modules = nlohmann::json::object();
   int notAligned = 0;

@@ -4,11 +4,13 @@
 // carry them and connect to the index.
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,6 +62,19 @@ std::string fileNameFor(const std::string& module) {
     name += plain ? c : '_';
   }
   if (name.empty() || name == "." || name == "..") name = "_" + name;
+  return name;
+}
+
+// `stem` + `extension`, or with "-2", "-3", ... before the extension when
+// that name (compared without case) is taken; the name is then taken.
+std::string uniqueFileName(const std::string& stem, const std::string& extension, std::set<std::string>& used) {
+  const auto lower = [](std::string text) {
+    for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+  };
+  std::string name = stem + extension;
+  for (int k = 2; used.count(lower(name)) != 0; ++k) name = stem + "-" + std::to_string(k) + extension;
+  used.insert(lower(name));
   return name;
 }
 
@@ -146,11 +161,12 @@ void runFind(const FindOptions& options) {
   nlohmann::json frames = nlohmann::json::object();
   auto sampled = finder.samples();
   CameraDescription::Orbivane result = camera;
+  std::set<std::string> usedFiles;  // lower case: one file per module on any file system
   for (const auto& [name, moments] : found.value()) {
     if (moments.empty() || !moments.front().picture) continue;
     const std::string utf8 = Utils::toUtf8(name);
     const auto& best = moments.front();
-    const std::string fileName = fileNameFor(utf8) + ".png";
+    const std::string fileName = uniqueFileName(fileNameFor(utf8), ".png", usedFiles);
     const std::string picturePath = (fs::path(options.out) / fileName).string();
     const auto saved = Image::saveImage(*best.picture, staged.file(fileName));
     if (!saved) throw CommandError(saved.error());
@@ -205,12 +221,34 @@ void runFind(const FindOptions& options) {
                        (errors.size() > 1 ? " (and " + std::to_string(errors.size() - 1) + " more)" : "") +
                        "; nothing written");
   }
+  // Interrupted: the modules done so far are written, the others left out
+  // (named), so the camera written has a picture for every module.
+  std::vector<std::string> notDone;
+  if (interrupted) {
+    auto& modules = result.modules();
+    for (auto it = modules.begin(); it != modules.end();) {
+      if ((*it)->image()) {
+        ++it;
+        continue;
+      }
+      notDone.push_back(Utils::toUtf8((*it)->name()));
+      it = modules.erase(it);
+    }
+    if (modules.empty()) {
+      exitStatus() = kExitInterrupted;
+      throw CommandError("interrupted before any module had a picture; nothing written");
+    }
+  }
   const std::string cameraPath = (fs::path(options.out) / "camera.json").string();
   const auto savedCamera = CameraDescription::saveCameraFile(result, staged.file("camera.json"));
   if (!savedCamera) throw CommandError(savedCamera.error());
   staged.commit();
   std::cout << "detector: " << finder.detectorDescription() << "\n";
-  if (interrupted) std::cout << "interrupted: wrote the modules done so far\n";
+  if (interrupted) {
+    std::cout << "interrupted: wrote the modules done so far";
+    for (std::size_t i = 0; i < notDone.size(); ++i) std::cout << (i == 0 ? "; left out: " : ", ") << notDone[i];
+    std::cout << "\n";
+  }
   std::cout << "wrote " << cameraPath << std::endl;
   output.print({{"frames", frames}});
   if (interrupted) exitStatus() = kExitInterrupted;

@@ -125,6 +125,18 @@ std::string PipelineOptions::validate() const {
   const bool needsTarget = std::find(steps.begin(), steps.end(), "match") != steps.end() ||
                            std::find(steps.begin(), steps.end(), "shader") != steps.end();
   if (needsTarget && target.empty()) return "the match and shader steps need a target module";
+  const auto listed = [this](const std::wstring& name) {
+    return std::find(modules.begin(), modules.end(), name) != modules.end();
+  };
+  if (!target.empty() && listed(target)) {
+    return "the target '" + Utils::toUtf8(target) + "' is among the modules to calibrate; it stays where it is";
+  }
+  if (!reference.empty() && reference == target) {
+    return "the reference '" + Utils::toUtf8(reference) + "' is the target; the reference is one of the modules";
+  }
+  if (!reference.empty() && !modules.empty() && !listed(reference)) {
+    return "the reference '" + Utils::toUtf8(reference) + "' is not among the modules to calibrate";
+  }
   if (matchMode < 0 || matchMode > 3) return "the match mode is 0, 1, 2 or 3, not " + std::to_string(matchMode);
   if (const auto valid = NeighbourOptions{levels, iterations, step}.validate(); !valid) {
     return "neighbour stitching: " + valid.error();
@@ -243,6 +255,9 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   } else {
     for (const auto& name : options.modules)
       if (std::find(listed_.begin(), listed_.end(), name) == listed_.end()) listed_.push_back(name);
+  }
+  if (!options.reference.empty() && !camera_.findModule(options.reference)) {
+    throw std::invalid_argument("the reference '" + Utils::toUtf8(options.reference) + "' is no module of the camera");
   }
   // One meter for the run's seams: a module a step does not move is not drawn again.
   auto meter = std::make_shared<SeamMeter>(drawingSize(withPictures(camera_, images_)));

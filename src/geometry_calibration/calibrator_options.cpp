@@ -36,8 +36,9 @@ Utils::ReturnState<bool, std::string> MatchOptions::validate() const {
   if (m2n < 1 || m2n > 100) return outside("m2n", "1..100", m2n);
   if (!std::isfinite(allowScale) || allowScale > 8.0f) return outside("the allowed scale", "a finite number up to 8", allowScale);
   if (gridColumns != 0 || gridRows != 0) {
-    if (gridColumns < 1 || gridColumns > 256 || gridRows < 1 || gridRows > 256) {
-      return Utils::failure("a grid needs 1..256 columns and rows, not " + text(gridColumns) + "x" + text(gridRows));
+    if (gridColumns < 1 || gridColumns > mostGridCells_ || gridRows < 1 || gridRows > mostGridCells_) {
+      return Utils::failure("a grid needs 1.." + text(mostGridCells_) + " columns and rows, not " + text(gridColumns) +
+                            "x" + text(gridRows));
     }
     if (mode != 0) return Utils::failure("a grid is refined in mode 0 only, not in mode " + text(mode));
   }
@@ -49,6 +50,10 @@ Utils::ReturnState<bool, std::string> MatchOptions::parseGrid(const std::string&
   char x = 0, rest = 0;
   if (std::sscanf(grid.c_str(), "%d%c%d%c", &columns, &x, &rows, &rest) != 3 || (x != 'x' && x != 'X')) {
     return Utils::failure("a grid is COLSxROWS, e.g. 4x3, not '" + grid + "'");
+  }
+  // "0x0" would read as no grid at all: a grid asked for has cells.
+  if (columns < 1 || rows < 1) {
+    return Utils::failure("a grid needs 1.." + text(mostGridCells_) + " columns and rows, not '" + grid + "'");
   }
   gridColumns = columns;
   gridRows = rows;

@@ -107,23 +107,39 @@ ReturnState<std::string, std::string> readWholeFile(const std::string& path) {
 
 FileLock::FileLock(const std::string& path) {
   const PathParts parts = split(path);
-  const std::string lockPath = parts.dir + "/." + parts.base + ".lock";
-  fd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd_ < 0) {
-    error_ = "cannot lock '" + path + "': " + std::strerror(errno);
-    return;
-  }
-  while (::flock(fd_, LOCK_EX) != 0) {
-    if (errno == EINTR) continue;
-    error_ = "cannot lock '" + path + "': " + std::strerror(errno);
+  lockPath_ = parts.dir + "/." + parts.base + ".lock";
+  // The lock file is removed when the lock is given up, so a lock taken on a
+  // file that a releasing holder has just removed locks nothing: the file
+  // locked must still be the one at the path, else the next one is tried.
+  for (;;) {
+    fd_ = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ < 0) {
+      error_ = "cannot lock '" + path + "': " + std::strerror(errno);
+      return;
+    }
+    int locked;
+    while ((locked = ::flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
+    }
+    if (locked != 0) {
+      error_ = "cannot lock '" + path + "': " + std::strerror(errno);
+      ::close(fd_);
+      fd_ = -1;
+      return;
+    }
+    struct stat held, current;
+    if (::fstat(fd_, &held) == 0 && ::stat(lockPath_.c_str(), &current) == 0 && held.st_ino == current.st_ino &&
+        held.st_dev == current.st_dev) {
+      return;
+    }
     ::close(fd_);
-    fd_ = -1;
-    return;
   }
 }
 
 FileLock::~FileLock() {
   if (fd_ >= 0) {
+    // Removed while still held: nobody can lock this file after it is gone
+    // from the path and before it is unlocked.
+    ::unlink(lockPath_.c_str());
     ::flock(fd_, LOCK_UN);
     ::close(fd_);
   }

@@ -47,7 +47,7 @@ TEST(CalibratorOptions, TargetMatching) {
   EXPECT_THAT(problem(o), HasSubstr("allowed scale"));
   o.allowScale = -1.0f;  // the target's own resolution
   EXPECT_EQ(problem(o), "");
-  // Grids: parsed from text, 1..256 each, mode 0 only.
+  // Grids: parsed from text, 1..64 each, mode 0 only.
   EXPECT_TRUE(o.parseGrid("32x18"));
   EXPECT_EQ(o.gridColumns, 32);
   EXPECT_EQ(o.gridRows, 18);
@@ -56,10 +56,16 @@ TEST(CalibratorOptions, TargetMatching) {
   EXPECT_THAT(problem(o), HasSubstr("mode 0 only"));
   o.mode = 0;
   for (const char* bad : {"3y4", "4x", "x3", "4x3x2", ""}) EXPECT_FALSE(o.parseGrid(bad)) << bad;
-  ASSERT_TRUE(o.parseGrid("0x3"));
-  EXPECT_THAT(problem(o), HasSubstr("1..256 columns and rows, not 0x3"));
-  ASSERT_TRUE(o.parseGrid("257x3"));
-  EXPECT_THAT(problem(o), HasSubstr("257x3"));
+  // A grid of no cells is refused, not read as no grid.
+  for (const char* none : {"0x3", "3x0", "0x0"}) {
+    const auto parsed = o.parseGrid(none);
+    ASSERT_FALSE(parsed) << none;
+    EXPECT_THAT(parsed.error(), HasSubstr("1..64 columns and rows")) << none;
+  }
+  ASSERT_TRUE(o.parseGrid("65x3"));
+  EXPECT_THAT(problem(o), HasSubstr("1..64 columns and rows, not 65x3"));
+  ASSERT_TRUE(o.parseGrid("64x64"));
+  EXPECT_EQ(problem(o), "");
 }
 
 TEST(CalibratorOptions, ClippingFisheyeAndResolution) {

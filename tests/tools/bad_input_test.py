@@ -132,6 +132,7 @@ def make_fixtures(w):
                 chunk(b"IDAT", zlib.compress(b"\0" * 10)) + chunk(b"IEND", b""))
     # A picture 1 pixel high and 3 wide, and a blank one.
     cv2.imwrite(os.path.join(w, "tiny.png"), np.zeros((1, 3, 3), np.uint8))
+    cv2.imwrite(os.path.join(w, "one.png"), np.full((1, 1, 3), 128, np.uint8))
 
 
 # (name, arguments, exit status, words of the message)
@@ -175,6 +176,10 @@ CASES = [
     ("init with too few names", ["camera", "init", "view1.png", "view2.png", "--names", "a", "--out", "c.json"], 1,
      "--names"),
     ("init over a picture", ["camera", "init", "view1.png", "view2.png", "--out", "view2.png"], 1, "inputs"),
+    ("init from a 1x1 picture", ["camera", "init", "view1.png", "one.png", "--out", "c.json"], 1,
+     "is 1x1 pixels"),
+    ("init with a 1x3 target", ["camera", "init", "view1.png", "--target", "tiny.png", "--out", "c.json"], 1,
+     "is 3x1 pixels"),
     ("init from a truncated picture", ["camera", "init", "view1.png", "cut.jpg", "--out", "c.json"], 1, "truncated"),
     ("remove an unknown module", ["camera", "remove-module", "cam.json", "ghost", "--out", "c.json"], 1, "ghost"),
     ("remove over the camera", ["camera", "remove-module", "cam.json", "view1", "--out", "cam.json"], 1, "inputs"),
@@ -197,6 +202,10 @@ CASES = [
                                "m.json"], 1, "a grid is COLSxROWS"),
     ("match with a grid in mode 2", ["match-to-target", "cam.json", "--target", "target", "--grid", "3x4", "--mode",
                                      "2", "--out", "m.json"], 1, "mode 0 only"),
+    ("match with a grid of no cells", ["match-to-target", "cam.json", "--target", "target", "--grid", "0x0",
+                                       "--out", "m.json"], 1, "1..64 columns and rows"),
+    ("match with a grid too fine to estimate", ["match-to-target", "cam.json", "--target", "target", "--grid",
+                                                "256x256", "--out", "m.json"], 1, "1..64 columns and rows, not 256x256"),
     ("match with m2n 0", ["match-to-target", "cam.json", "--target", "target", "--m2n", "0", "--out", "m.json"], 1,
      "m2n must lie in 1..100"),
     ("match with a singular module", ["match-to-target", "singular.json", "--target", "target", "--modules",
@@ -211,6 +220,15 @@ CASES = [
                                           "n.json"], 3, "singular"),
     ("calibrate with an unknown step", ["calibrate", "cam.json", "--target", "target", "--steps", "match,paint",
                                         "--out", "c.json"], 1, "unknown step 'paint'"),
+    ("calibrate with an unknown reference", ["calibrate", "cam.json", "--reference", "ghost", "--out", "c.json"], 1,
+     "unknown reference module 'ghost'"),
+    ("calibrate with a reference left out", ["calibrate", "cam.json", "--modules", "view1,view2", "--reference",
+                                             "view3", "--out", "c.json"], 1, "'view3' is not among the modules"),
+    ("calibrate the target with the modules", ["calibrate", "cam.json", "--target", "target", "--modules",
+                                               "target,view1", "--out", "c.json"], 1,
+     "the target 'target' is among the modules"),
+    ("calibrate an unknown module", ["calibrate", "cam.json", "--modules", "view1,ghost", "--out", "c.json"], 1,
+     "unknown module 'ghost'"),
     ("calibrate into a missing folder", ["calibrate", "cam.json", "--target", "target", "--out", "missing/c.json"],
      1, "does not exist"),
     ("calibrate with a report over files", ["calibrate", "cam.json", "--target", "target", "--out", "c.json",

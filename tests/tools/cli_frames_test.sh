@@ -154,4 +154,24 @@ grep -q -- "--from expects ISO-8601" err.txt || fail "--from yesterday message: 
 grep -q -- "--to expects ISO-8601" err.txt || fail "--to message: $(cat err.txt)"
 [ -e late ] && fail "a refused run made its output folder"
 
+# Two modules whose names differ only where a file name cannot follow them
+# ("a b" and "a_b", and "A_B" on a file system that ignores case) get a
+# picture file each, and the camera points each module at its own.
+/usr/bin/python3 - <<'PY' || fail "cannot write the index of look-alike names"
+import json
+json.dump({"format": "orbivane-recordings", "version": 1, "recordings": [
+    {"module": m, "video": "front.avi", "start": "2026-11-22T10:00:00Z"} for m in ("a b", "a_b", "A_B")]},
+    open("alike.json", "w"))
+PY
+"$tool" find-frames alike.json --detector hog --min-person-height 80 --from 2026-11-22T10:00:02.5Z --samples 3 \
+  --out alike >alike.txt 2>err.txt || fail "find-frames of look-alike names failed: $(cat err.txt)"
+/usr/bin/python3 - <<'PY' || fail "look-alike module names share a picture: $(cat alike/camera.json)"
+import json, os
+modules = json.load(open("alike/camera.json"))["modules"]
+pictures = [m["image"] for m in modules]
+assert len(modules) == 3 and len({p.lower() for p in pictures}) == 3, pictures
+for p in pictures:
+    assert os.path.isfile(os.path.join("alike", p)), p
+PY
+
 finish "find-frames ok"

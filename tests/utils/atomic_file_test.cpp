@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -76,4 +77,37 @@ TEST(AtomicFile, FailedReplaceLeavesTheTargetIntact) {
   EXPECT_EQ(Synthetic::readText(target + "/inside.txt"), "keep me");
   EXPECT_FALSE(hasTemporaryLeftovers(dir.path()));
   EXPECT_THAT(entries(dir.path()), ::testing::ElementsAre("target"));
+}
+
+// Threads that each take the lock, read a counter file, and write it back one
+// higher: with the lock no increment is lost, although every release removes
+// the lock file that the next holder may already have opened; afterwards no
+// lock file is left beside the guarded file.
+TEST(FileLock, SerialisesWritersAndLeavesNoLockFileBehind) {
+  Synthetic::TemporaryDirectory dir;
+  const std::string counter = dir.file("counter.txt");
+  Synthetic::writeText(counter, "0");
+  constexpr int kThreads = 4, kRounds = 50;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (int r = 0; r < kRounds; ++r) {
+        const Utils::FileLock lock(counter);
+        ASSERT_TRUE(lock.held()) << lock.error();
+        const int value = std::stoi(Synthetic::readText(counter));
+        std::this_thread::yield();
+        ASSERT_TRUE(Utils::writeFileAtomically(counter, std::to_string(value + 1)));
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(Synthetic::readText(counter), std::to_string(kThreads * kRounds));
+  EXPECT_THAT(entries(dir.path()), ::testing::ElementsAre("counter.txt"));
+}
+
+TEST(FileLock, AFolderThatCannotHoldTheLockFileIsNamed) {
+  Synthetic::TemporaryDirectory dir;
+  const Utils::FileLock lock(dir.file("missing/state.json"));
+  EXPECT_FALSE(lock.held());
+  EXPECT_THAT(lock.error(), HasSubstr("missing/state.json"));
 }

@@ -30,7 +30,11 @@ struct ORBIVANE_EXPORT MatchOptions {
   unsigned long long m2b = 5;        // matching rounds per module in mode 3, 1..100
   unsigned long long m2n = 1;        // runs in a row in mode 3, 1..100
   float allowScale = 0.0f;           // work scale: > 0 fixed (at most 8), < 0 the target's own, 0 from the placement
-  int gridColumns = 0, gridRows = 0; // a UV grid per module (mode 0); 0 x 0: none, else 1..256 each
+  // A UV grid per module (mode 0); 0 x 0: none, else 1..mostGridCells_ each.
+  // Every cell is estimated on its own: 64 x 64 takes seconds, 128 x 128 ten
+  // times as long, and finer cells hold too few pixels to estimate.
+  static constexpr int mostGridCells_ = 64;
+  int gridColumns = 0, gridRows = 0;
   Utils::ReturnState<bool, std::string> validate() const;
   // "COLSxROWS" into gridColumns and gridRows; an error for other text.
   Utils::ReturnState<bool, std::string> parseGrid(const std::string& text);

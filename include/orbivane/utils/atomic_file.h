@@ -8,9 +8,9 @@
 // is gone) are removed first, so they never pile up.
 //
 // FileLock: an exclusive lock, across processes, on a file's companion lock
-// file (".NAME.lock" beside it); read-modify-write of a shared file (a
-// simulated camera's state, restore points) happens under it, so two
-// writers never lose each other's update.
+// file (".NAME.lock" beside it, removed again when the lock is given up);
+// read-modify-write of a shared file (a simulated camera's state, restore
+// points) happens under it, so two writers never lose each other's update.
 #pragma once
 
 #include <string>
@@ -40,6 +40,7 @@ class ORBIVANE_EXPORT FileLock {
 
  private:
   int fd_ = -1;
+  std::string lockPath_;
   std::string error_;
 };
 

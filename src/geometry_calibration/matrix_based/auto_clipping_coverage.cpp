@@ -38,7 +38,11 @@ void valueModeMap(const cv::Mat& coverage, const cv::Mat& values, float weight, 
 }
 
 void wellCoveredMask(const cv::Mat& coverage, float needed, cv::Mat& mask) {
-  cv::compare(coverage, cv::Scalar(needed - kCoverageTolerance), mask, cv::CMP_GE);
+  // The tolerance forgives one 8-bit level; it never lets an element no
+  // module covers count, however small the threshold (coverage moves in
+  // steps of 1/255, so half a step separates none from some).
+  const float least = std::max(needed - kCoverageTolerance, 0.5f / 255.0f);
+  cv::compare(coverage, cv::Scalar(least), mask, cv::CMP_GE);
 }
 
 void geometryModeMap(const cv::Mat& wellCovered, cv::Mat& map) {

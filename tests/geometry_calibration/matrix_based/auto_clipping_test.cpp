@@ -387,6 +387,19 @@ TEST(AutoClippingGeometryMode, ThresholdMustLieInZeroToOne) {
   EXPECT_TRUE(clipping.process());
 }
 
+TEST(AutoClippingGeometryMode, NoThresholdLetsAnUncoveredElementCount) {
+  // One module on the left half: however small the threshold, the right
+  // half, which no module covers, stays outside and no gap is hidden.
+  const auto camera = cameraOf({{L"half", boxMatrix(0, 0, 0.5f, 1)}});
+  for (float threshold : {0.5f, 1e-3f, 1e-9f}) {
+    AutoClipping clipping(camera);
+    ASSERT_TRUE(clipping.config(false, false, threshold));
+    ASSERT_TRUE(clipping.process()) << threshold;
+    EXPECT_NEAR(clipping.rectangle().width, 200, 1) << threshold;
+    EXPECT_NEAR(clipping.offset()[2], 0.5f, 1.5f / 400) << threshold;
+  }
+}
+
 TEST(AutoClippingGeometryMode, GeometryModeReportsTheKnownHole) {
   AutoClipping clipping(cameraWithHole());
   ASSERT_TRUE(clipping.config(false, false, 0.5f));
