@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include <opencv2/calib3d.hpp>
@@ -27,6 +26,25 @@
 
 namespace Synthetic {
 namespace {
+
+// The space-separated fields of a Hugin project line; a field's quoted
+// text (n"TIFF_m c:NONE") keeps its spaces.
+std::vector<std::string> projectTokens(const std::string& line) {
+  std::vector<std::string> tokens;
+  std::string current;
+  bool quoted = false;
+  for (char c : line) {
+    if (c == '"') quoted = !quoted;
+    if (c == ' ' && !quoted) {
+      if (!current.empty()) tokens.push_back(current);
+      current.clear();
+    } else {
+      current += c;
+    }
+  }
+  if (!current.empty()) tokens.push_back(current);
+  return tokens;
+}
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -254,30 +272,35 @@ PeerResult huginStitch(const std::vector<std::string>& files, const std::string&
   std::stringstream text;
   text << in.rdbuf();
   std::string project = text.str();
-  std::smatch found;
-  const std::regex pLine(R"(\np ([^\n]*))");
-  if (!std::regex_search(project, found, pLine)) {
+  // The panorama line "p f2 w3000 h1500 ... S10,2990,5,1495 n\"TIFF_m ...\"":
+  // its canvas size and crop are read, and it is written back uncropped with
+  // one layer per photograph.
+  const std::size_t lineStart = project.find("\np ");
+  if (lineStart == std::string::npos) {
     result.error = "no panorama line in the project";
     return result;
   }
-  std::string line = found[1].str();
-  std::smatch w, h, s;
-  std::regex_search(line, w, std::regex(R"(\bw(\d+))"));
-  std::regex_search(line, h, std::regex(R"(\bh(\d+))"));
-  if (w.empty() || h.empty()) {
+  const std::size_t first = lineStart + 3, last = std::min(project.find('\n', first), project.size());
+  int width = 0, height = 0;
+  std::string line;
+  for (const std::string& token : projectTokens(project.substr(first, last - first))) {
+    int left = 0, right = 0, top = 0, bottom = 0;
+    if (token[0] == 'w') width = std::atoi(token.c_str() + 1);
+    if (token[0] == 'h') height = std::atoi(token.c_str() + 1);
+    if (token[0] == 'S' && std::sscanf(token.c_str(), "S%d,%d,%d,%d", &left, &right, &top, &bottom) == 4) {
+      result.crop = cv::Rect(left, top, right - left, bottom - top);
+      continue;
+    }
+    if (token[0] == 'n') continue;
+    line += (line.empty() ? "" : " ") + token;
+  }
+  if (width <= 0 || height <= 0) {
     result.error = "no canvas size in the project";
     return result;
   }
-  result.panorama = cv::Size(std::stoi(w[1].str()), std::stoi(h[1].str()));
-  if (std::regex_search(line, s, std::regex(R"(\bS(\d+),(\d+),(\d+),(\d+))"))) {
-    const int left = std::stoi(s[1].str()), right = std::stoi(s[2].str());
-    const int top = std::stoi(s[3].str()), bottom = std::stoi(s[4].str());
-    result.crop = cv::Rect(left, top, right - left, bottom - top);
-    line = std::regex_replace(line, std::regex(R"(\bS\d+,\d+,\d+,\d+)"), "");
-  }
-  line = std::regex_replace(line, std::regex(R"(\bn"[^"]*")"), "");
+  result.panorama = cv::Size(width, height);
   line += " n\"TIFF_m c:NONE r:UNCROPPED\"";
-  project.replace(std::size_t(found.position(1)), std::size_t(found.length(1)), line);
+  project.replace(first, last - first, line);
   std::ofstream(folder + "/layers.pto") << project;
   if (run("nona -o '" + folder + "/layer' '" + folder + "/layers.pto'") != 0) {
     result.error = "failed: nona";
