@@ -11,6 +11,7 @@
 #include "logging/logger_setup.h"
 #include "orbivane/utils/wide_text.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/sensor_calibration/sensor_shifter.h"
 #include "orbivane/session/quarn_session.h"
 #include "sensor_calibration/device_access.h"
 #include "sensor_calibration/fisheye_center_finder.h"
@@ -37,9 +38,29 @@ struct FisheyeCalibration::Impl {
   int rows = 0;
   std::shared_ptr<spdlog::logger> logger;
 
+  Quarn::CamerasensorInfoData limits;  // the device's sensor info as apply read it
+
   Utils::ReturnState<bool, std::string> fail(const std::string& text) {
     logger->error(text);
     return Utils::failure(text);
+  }
+
+  // The process-wide store of the sensor shifter keeps the window the
+  // device now has: the last window decided for the module.
+  void remember(std::int32_t x, std::int32_t y) const {
+    SensorShifter::SensorInfo info = SensorShifter::lastChangedSensorInfo(module.name());
+    info.moduleName = module.name();
+    info.x = x;
+    info.y = y;
+    if (!limits.empty()) {
+      info.xMin = limits.xMin();
+      info.xMax = limits.xMax();
+      info.xStep = limits.xStep();
+      info.yMin = limits.yMin();
+      info.yMax = limits.yMax();
+      info.yStep = limits.yStep();
+    }
+    SensorShifter::updatelastChangedSensorInfo(info, module.name());
   }
 };
 
@@ -50,7 +71,7 @@ FisheyeCalibration::FisheyeCalibration(const CameraDescription::OrbivaneModule& 
 
 FisheyeCalibration::FisheyeCalibration(const CameraDescription::OrbivaneModule& module, int threshold)
     : impl_(new Impl{module, nullptr, 0, 0, false, threshold, {}, false, 0, 0, 0, 0,
-                     Utils::calibratorLogger("FisheyeCalibration")}) {}
+                     Utils::calibratorLogger("FisheyeCalibration"), {}}) {}
 
 FisheyeCalibration::~FisheyeCalibration() = default;
 
@@ -64,7 +85,13 @@ FisheyeCalibration::CalibrationResults FisheyeCalibration::calculateCalibration(
     std::shared_ptr<Image::UniversalImageInterface> image) {
   CalibrationResults results;
   results.image = image;
-  impl_->haveResults = false;
+  // Every calculation leaves results that apply works from, an implausible
+  // circle's -1 values included; only apply before any calculation has none.
+  impl_->haveResults = true;
+  impl_->circleX = -1;
+  impl_->circleY = -1;
+  impl_->cols = 0;
+  impl_->rows = 0;
   cv::Mat picture;
   try {
     if (image) picture = Image::toMat(image);
@@ -76,6 +103,8 @@ FisheyeCalibration::CalibrationResults FisheyeCalibration::calculateCalibration(
     impl_->results = results;
     return results;
   }
+  impl_->cols = picture.cols;
+  impl_->rows = picture.rows;
   FisheyeCenterFinder finder(picture);
   finder.setThreshold(std::clamp(impl_->threshold, 0, 255));
   finder.setThresholdingMethod(2);
@@ -89,11 +118,8 @@ FisheyeCalibration::CalibrationResults FisheyeCalibration::calculateCalibration(
     results.x = cx;
     results.y = cy;
     results.radius = finder.radiusf();
-    impl_->haveResults = true;
     impl_->circleX = finder.centreX();
     impl_->circleY = finder.centreY();
-    impl_->cols = picture.cols;
-    impl_->rows = picture.rows;
     impl_->logger->info("Circle at ({}, {}), radius {}", cx, cy, finder.radiusf());
   } else {
     std::cerr << "Circle can't drawn, possible wrong circle parameters. Check the lens cover!" << std::endl;
@@ -146,6 +172,8 @@ Utils::ReturnState<bool, std::string> FisheyeCalibration::apply(short x, short y
   d.previousX = info.x();
   d.previousY = info.y();
   d.moved = true;
+  d.limits = info;
+  d.remember(newX, newY);
   d.logger->info("Sensor window moved from ({}, {}) to ({}, {})", info.x(), info.y(), newX, newY);
   return true;
 }
@@ -160,6 +188,7 @@ bool FisheyeCalibration::restore() {
     return false;
   }
   d.moved = false;
+  d.remember(d.previousX, d.previousY);
   return true;
 }
 

@@ -22,6 +22,8 @@
 
 #include <cmath>
 #include <iostream>
+#include <map>
+#include <utility>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -39,6 +41,15 @@ float SensorShifter::virtualSensorShiftBuffer_ = 0.0f;
 namespace {
 
 using Module = CameraDescription::OrbivaneModule;
+
+// The window each module's picture was found at when the device was first
+// read or written in this process, for modules the store has no entry for:
+// the picture as loaded shows the window the device is at, wherever that is.
+std::map<std::wstring, std::pair<std::int32_t, std::int32_t>> firstSeenWindows;
+
+void noteFirstSeen(const std::wstring& name, std::int32_t x, std::int32_t y) {
+  firstSeenWindows.emplace(name, std::make_pair(x, y));
+}
 
 // The quad's corners through a 4x4 matrix (perspective transform of points);
 // nothing when a corner does not project.
@@ -127,6 +138,7 @@ bool SensorShifter::readSensorShift(std::shared_ptr<Module> module, SensorInfo& 
   info.yMax = v.yMax();
   info.yMin = v.yMin();
   info.yStep = v.yStep();
+  noteFirstSeen(info.moduleName, info.x, info.y);
   if (!virtualShift) return true;
   info.virtualShift = true;
   info.deviceXMax = info.xMax;
@@ -144,6 +156,7 @@ void SensorShifter::writeSensorShift(std::shared_ptr<Module> module, const Senso
   auto read = session.value()->GetCamerasensorInfo({}).get();
   if (!read || read.value().empty()) return;
   const Quarn::CamerasensorInfoData& device = read.value();
+  noteFirstSeen(module->name(), device.x(), device.y());
   std::int32_t x = std::max(std::min(info.x, device.xMax()), device.xMin());
   if (device.xStep() != 0) x = x - x % device.xStep();
   std::int32_t y = std::max(std::min(info.y, device.yMax()), device.yMin());
@@ -178,7 +191,10 @@ void SensorShifter::writeSensorShift(std::shared_ptr<Module> module, const Senso
       }
     }
   }
-  if (written) {
+  // The store holds the window the picture now shows: the written one, and
+  // for a virtual shift also one the device refused, since the picture has
+  // followed it (a retry at the same position then moves nothing more).
+  if (written || info.virtualShift) {
     SensorInfo kept = info;
     kept.moduleName = module->name();
     kept.x = x;
@@ -212,6 +228,9 @@ Utils::SurfaceQuad SensorShifter::getUnclippedRect(std::shared_ptr<Module> modul
   if (stored != staticSensorInfo_.end() && !stored->second.moduleName.empty()) {
     referenceX = stored->second.x;
     referenceY = stored->second.y;
+  } else if (const auto seen = firstSeenWindows.find(module->name()); seen != firstSeenWindows.end()) {
+    referenceX = seen->second.first;
+    referenceY = seen->second.second;
   } else if (info.virtualShift) {
     referenceX = (double(info.deviceXMin) + info.deviceXMax) / 2.0;
     referenceY = (double(info.deviceYMin) + info.deviceYMax) / 2.0;

@@ -2,6 +2,7 @@
 // texts, apply's snapping and range refusal, every device failure, and the
 // closed loop on the simulated camera.
 #include "orbivane/sensor_calibration/fisheye_calibration.h"
+#include "orbivane/sensor_calibration/sensor_shifter.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -192,6 +193,17 @@ TEST(FisheyeCalibrationTest, ApplyRefusesAndReportsEveryFailure) {
   {
     FisheyeCalibration calibration(fisheyeModule("novalues", {800, 600}, 2, 2), 97);
     EXPECT_EQ(calibration.apply(0, 0).error(), "No Calibration Values!");
+    // A calculation that found no circle leaves its -1 values, which apply
+    // uses: x = 0 - (1200 / 2 - (-1)) = -601, snapped to -600, below the minimum.
+    testing::internal::CaptureStderr();
+    const auto none = calibration.calculateCalibration(Image::fromMat(cv::Mat(900, 1200, CV_8UC3, cv::Scalar::all(0))));
+    testing::internal::GetCapturedStderr();
+    ASSERT_EQ(none.radius, -1.0f);
+    testing::internal::CaptureStdout();
+    const auto r = calibration.apply(0, 0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_THAT(r.error(), testing::StartsWith("Sensor Shift Values out of Range!  x: -600 ["));
+    EXPECT_EQ(windowOf("novalues"), std::make_pair(0, 0));
   }
   for (const bool timeout : {false, true}) {
     Quarn::SimulatedFaults f;
@@ -231,9 +243,17 @@ TEST(FisheyeCalibrationTest, ClosedLoopCentresTheCircleAndRestoreGoesBack) {
   EXPECT_LE(std::abs(after.x - 600.0f), 2.0f);  // within a step of the middle
   EXPECT_LE(std::abs(after.y - 450.0f), 2.0f);
   EXPECT_NE(windowOf(name), std::make_pair(0, 0));
+  // The process-wide store follows the window apply wrote, and restore.
+  const auto stored = [] {
+    const auto info = SensorCalibration::SensorShifter::lastChangedSensorInfo(L"loop");
+    return std::make_pair(info.x, info.y);
+  };
+  EXPECT_EQ(stored(), windowOf(name));
+  EXPECT_EQ(SensorCalibration::SensorShifter::lastChangedSensorInfo(L"loop").moduleName, L"loop");
 
   ASSERT_TRUE(calibration.restore());
   EXPECT_EQ(windowOf(name), std::make_pair(0, 0));
+  EXPECT_EQ(stored(), std::make_pair(0, 0));
   EXPECT_THAT(camera->capture(name).value(), Testing::PictureNear(before, 0));
 }
 

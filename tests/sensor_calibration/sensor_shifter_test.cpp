@@ -167,22 +167,69 @@ TEST(SensorShifterTest, VirtualWriteMakesThePictureFollowTheWindow) {
   auto module = moduleOnCamera("follow", 1, 1);
   SensorShifter::SensorInfo info;
   ASSERT_TRUE(SensorShifter::readSensorShift(module, info, true, 0.0f));
-  // Before any write the picture shows the middle of the device range,
-  // x = (-100 + 101) / 2 = 0.5.
+  // Before any write the picture shows the window the device is at, (0, 0):
+  // a 20 px move of the window moves the picture by 20 of its 200 px.
   info.x = 20;
   info.y = -10;
   SensorShifter::writeSensorShift(module, info);
   EXPECT_EQ(deviceWindow("follow"), std::make_pair(20, -10));
   const auto quad = OrbivaneGeometry::moduleSurfaceQuad(module->matrixGeometry()->matrix());
   ASSERT_TRUE(quad);
-  EXPECT_NEAR(quad->left(), 19.5 / 200.0, 1e-6);
+  EXPECT_NEAR(quad->left(), 20.0 / 200.0, 1e-6);
   EXPECT_NEAR(quad->top(), -0.1, 1e-6);
-  EXPECT_NEAR(quad->right(), 1.0 + 19.5 / 200.0, 1e-6);
+  EXPECT_NEAR(quad->right(), 1.0 + 20.0 / 200.0, 1e-6);
   // The next write is taken relative to this one, not compounded.
   info.x = 40;
   info.y = -10;
   SensorShifter::writeSensorShift(module, info);
-  EXPECT_NEAR(OrbivaneGeometry::moduleSurfaceQuad(module->matrixGeometry()->matrix())->left(), 39.5 / 200.0, 1e-6);
+  EXPECT_NEAR(OrbivaneGeometry::moduleSurfaceQuad(module->matrixGeometry()->matrix())->left(), 40.0 / 200.0, 1e-6);
+}
+
+// A camera saved after a virtual write and loaded in a new process: its
+// picture already shows the window the device is at, so writing that window
+// again moves nothing, and a move is measured from it.
+TEST(SensorShifterTest, AVirtualWriteStartsFromTheWindowTheDeviceIsAt) {
+  auto module = moduleOnCamera("reloaded", 1, 1);
+  auto camera = Quarn::SimulatedCamera::open("memory:shifter-reloaded").value();
+  ASSERT_TRUE(camera->moveWindow("reloaded", 20, -10));  // where the earlier process left it
+  SensorShifter::SensorInfo info;
+  ASSERT_TRUE(SensorShifter::readSensorShift(module, info, true, 0.0f));
+  ASSERT_EQ(info.x, 20);
+  const Utils::Matrix4x4 loaded = module->matrixGeometry()->matrix();
+  SensorShifter::writeSensorShift(module, info);
+  EXPECT_EQ(module->matrixGeometry()->matrix(), loaded);
+  info.x = 30;
+  SensorShifter::writeSensorShift(module, info);
+  EXPECT_NEAR(OrbivaneGeometry::moduleSurfaceQuad(module->matrixGeometry()->matrix())->left(), 10.0 / 200.0, 1e-6);
+}
+
+// The device refuses a virtual write: the picture follows the window as the
+// virtual shift asks, and the store follows the picture, so a retry at the
+// same position (which the device now takes) moves the picture no further.
+TEST(SensorShifterTest, ARetryAfterARefusedVirtualWriteMovesNothingMore) {
+  Quarn::SimulatedFaults refusing;
+  refusing.writeFailing = true;
+  auto module = moduleOnCamera("refused", 1, 1, refusing);
+  SensorShifter::SensorInfo info;
+  ASSERT_TRUE(SensorShifter::readSensorShift(module, info, true, 0.0f));
+  info.x = 30;
+  info.y = 0;
+  testing::internal::CaptureStderr();
+  SensorShifter::writeSensorShift(module, info);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::StartsWith("!!!Error "));
+  EXPECT_EQ(deviceWindow("refused"), std::make_pair(0, 0));
+  const Utils::Matrix4x4 moved = module->matrixGeometry()->matrix();
+  EXPECT_NEAR(OrbivaneGeometry::moduleSurfaceQuad(moved)->left(), 30.0 / 200.0, 1e-6);
+  EXPECT_EQ(SensorShifter::lastChangedSensorInfo(L"refused").x, 30);
+
+  // The device takes writes again; the retry at the same position.
+  auto camera = Quarn::SimulatedCamera::open("memory:shifter-refused").value();
+  auto record = camera->module("refused").value();
+  record.faults = Quarn::SimulatedFaults();
+  ASSERT_TRUE(camera->setModule(record));
+  SensorShifter::writeSensorShift(module, info);
+  EXPECT_EQ(deviceWindow("refused"), std::make_pair(30, 0));
+  EXPECT_EQ(module->matrixGeometry()->matrix(), moved);
 }
 
 // With the virtual narrowing the record's limits may lie beyond the
@@ -199,7 +246,7 @@ TEST(SensorShifterTest, VirtualWriteOfAClampedPositionDoesNotDrift) {
   const Utils::Matrix4x4 first = module->matrixGeometry()->matrix();
   const auto quad = OrbivaneGeometry::moduleSurfaceQuad(first);
   ASSERT_TRUE(quad);
-  EXPECT_NEAR(quad->left(), 100.5 / 200.0, 1e-6);
+  EXPECT_NEAR(quad->left(), 101.0 / 200.0, 1e-6);  // from the window the device was at, (0, 0)
   EXPECT_NEAR(quad->top(), -0.5, 1e-6);
   for (int again = 0; again < 3; ++again) {
     SensorShifter::writeSensorShift(module, info);

@@ -47,10 +47,14 @@ class ORBIVANE_EXPORT FisheyeCalibration {
   // Moves the sensor window so that the last circle found comes to the middle
   // of the picture, plus (x, y) sensor pixels. The new position is snapped to
   // the steps toward plus infinity; a position beyond the limits is refused.
+  // After a calculation that found no plausible circle its -1 values are
+  // used as they are; only apply before any calculation answers "No
+  // Calibration Values!". A window written is kept in SensorShifter's store
+  // (lastChangedSensorInfo).
   Utils::ReturnState<bool, std::string> apply(short x, short y);
 
-  // Puts the window back where the last apply found it; true at once when no
-  // apply moved it.
+  // Puts the window back where the last apply found it (and in
+  // SensorShifter's store); true at once when no apply moved it.
   bool restore();
 
  private:

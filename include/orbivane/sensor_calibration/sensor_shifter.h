@@ -62,8 +62,10 @@ class ORBIVANE_EXPORT SensorShifter {
                               const bool& virtualShift, const float& buffer);
   // Sends info.x, info.y, clamped to the device's own limits and rounded
   // toward zero to its steps. A refused write is reported on standard error
-  // only. For a virtual shift the module's matrix then follows the window.
-  // A successful write is kept in the store.
+  // only. For a virtual shift the module's matrix then follows the window,
+  // refused or not. The store keeps the window the picture now shows: a
+  // successful write, and a refused one of a virtual shift (so a retry at the
+  // same position moves the picture no further).
   static void writeSensorShift(std::shared_ptr<CameraDescription::OrbivaneModule> module, const SensorInfo& info);
 
   // Switches the virtual shift; the buffer is taken only when switching on.
@@ -79,12 +81,14 @@ class ORBIVANE_EXPORT SensorShifter {
   // coordinates of the module's current picture (the unit square is the
   // picture as it is now; the module's matrix takes these coordinates onto
   // the surface). The current picture is taken to show the window last
-  // written for the module (its store entry) or, before any write, the window
-  // in the middle of the device range; one sensor pixel is one pixel of the
-  // module's picture. So a window moved by (dx, dy) sensor pixels is the unit
-  // square moved by (dx / width, dy / height). Corners: top-left, top-right,
-  // bottom-right, bottom-left. A module without a picture gets the unit
-  // square.
+  // written for the module (its store entry) or, without one, the window the
+  // device was at when this process first read or wrote it (a picture loaded
+  // with its camera shows the window the device is at); only a module never
+  // read is taken to show the middle of the device range. One sensor pixel
+  // is one pixel of the module's picture. So a window moved by (dx, dy)
+  // sensor pixels is the unit square moved by (dx / width, dy / height).
+  // Corners: top-left, top-right, bottom-right, bottom-left. A module without
+  // a picture gets the unit square.
   static Utils::SurfaceQuad getUnclippedRect(std::shared_ptr<CameraDescription::OrbivaneModule> module,
                                              const SensorInfo& info);
 
