@@ -34,7 +34,7 @@ struct ORBIVANE_EXPORT StepDetail {
   Utils::Optional<std::wstring> reference;
 };
 
-class ORBIVANE_EXPORT AdvStepInfo {
+struct ORBIVANE_EXPORT AdvStepInfo {
  public:
   AdvStepInfo();
   AdvStepInfo(const AdvStepInfo& other);
