@@ -22,6 +22,7 @@
 #include "orbivane/image/yuv_image_interface.h"
 
 #include "orbivane/geometry/clip_matrix.h"
+#include "orbivane/geometry/final_matrix.h"
 #include "orbivane/geometry/geometry.h"
 #include "orbivane/geometry/matrix_geometry.h"
 #include "orbivane/geometry/matrix_representable_geometry.h"
@@ -39,6 +40,8 @@
 #include "orbivane/logging/logger_configuration.h"
 
 #include "orbivane/geometry_calibration/adv_step_info.h"
+#include "orbivane/geometry_calibration/calibration_pipeline.h"
+#include "orbivane/geometry_calibration/calibration_report.h"
 #include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/geometry_calibration_inferface.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
@@ -48,12 +51,14 @@
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 
 #include "orbivane/blur_detection/estimate_blur.h"
+#include "orbivane/rendering/panorama_renderer.h"
 
 #include "orbivane/session/camera_backend.h"
 #include "orbivane/shading/image_shading.h"
 #include "orbivane/session/quarn_records.h"
 #include "orbivane/session/quarn_session.h"
 #include "orbivane/recordings/recording_image_source.h"
+#include "orbivane/recordings/recording_player.h"
 #include "orbivane/recordings/recordings_index.h"
 #include "orbivane/simulated/simulated_camera.h"
 
@@ -62,5 +67,6 @@
 #include "orbivane/sensor_calibration/resolution_calibration.h"
 #include "orbivane/sensor_calibration/sensor_shifter.h"
 
+#include "orbivane/image_selection/person_detector.h"
 #include "orbivane/image_selection/smart_finder_image.h"
 #include "orbivane/image_selection/smart_finder_match_to_target.h"

@@ -2,6 +2,7 @@
 // reads a clip matrix back, scores a picture, and hands a changed camera to
 // both sensor calibrators through updateOrbivane.
 #include <iostream>
+#include <string>
 
 #include <orbivane/calibration.h>
 
@@ -22,6 +23,11 @@ int main() {
   changed.findModule(L"front")->setFisheye(true);
   fisheye.updateOrbivane(changed);
   resolution.updateOrbivane(changed);
+  // The whole calibration's options and reports come with the same header.
+  GeometryCalibration::PipelineOptions options;
+  options.steps = {"paint"};
+  if (options.validate().empty()) return 1;
+  if (std::string(GeometryCalibration::statusName(GeometryCalibration::ModuleStatus::kept)) != "kept") return 1;
   std::cout << "consumer ok" << std::endl;
   return 0;
 }
