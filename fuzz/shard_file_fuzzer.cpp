@@ -1,5 +1,6 @@
 // Shader-search shard files: parsed against the search's grid or refused
-// with a message naming the file; what is taken in lies on the grid.
+// with a message naming the file; what is taken in lies on the grid and says
+// what it was searched on.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -14,6 +15,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     const Tool::ShardFile shard = Tool::parseShardFile(text, "fuzz.json", grid);
     if (shard.index < 0 || shard.index >= shard.count) std::abort();
+    if (shard.camera.empty() && shard.modulePicture.empty() && shard.grid.empty() && shard.reference.empty() &&
+        shard.referencePicture.empty() && text.find("\"searched\"") == std::string::npos) {
+      std::abort();  // accepted without saying what it was searched on
+    }
     for (const auto& result : shard.results) {
       if (result.parameters.size() != grid.size() || result.gridIndex >= ShaderBruteForcer::gridSize(grid)) {
         std::abort();

@@ -10,11 +10,13 @@
 #include <iomanip>
 #include <list>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "staged_folder.h"
 #include "json_output.h"
 #include "demo/demo_report.h"
 #include "interrupt_watch.h"
@@ -22,6 +24,7 @@
 #include "orbivane/geometry_calibration/calibration_pipeline.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/rendering/panorama_renderer.h"
+#include "orbivane/utils/atomic_file.h"
 #include "orbivane/utils/wide_text.h"
 #include "progress.h"
 #include "report_json.h"
@@ -83,22 +86,16 @@ std::string seamRows(const std::vector<GeometryCalibration::SeamResidual>& seams
   return html.str();
 }
 
-// A report folder is new, empty or an earlier report's: nothing of the
-// user's is written over.
+// A report folder is new, empty or holds only what an earlier report wrote:
+// nothing of the user's is written over.
 void checkReportFolder(const std::string& dir) {
   checkOutputFolder(dir, "--report");
-  std::error_code ec;
-  if (fs::exists(dir) && !fs::is_empty(dir, ec) && !fs::exists(fs::path(dir) / "report.html")) {
-    throw CommandError("--report " + dir + " holds other files; give an empty or new folder");
-  }
+  StagedFolder::checkOwned(dir, "report", "--report");
 }
 
+// Writes the report into `dir` (the staging folder of the report's).
 void writeReport(const std::string& dir, const CalibrateOptions& options, const CameraDescription::Orbivane& before,
                  const CalibrationPipeline& pipeline) {
-  checkReportFolder(dir);
-  std::error_code ec;
-  fs::create_directories(dir, ec);
-  if (ec) throw CommandError("cannot create the report folder " + dir + ": " + ec.message());
   const std::list<std::wstring> listed = pipeline.listedModules();
   drawPanorama(before, listed, (fs::path(dir) / "panorama-before.png").string());
   std::ostringstream html;
@@ -196,6 +193,11 @@ void runCalibrate(const CalibrateOptions& options) {
     throw CommandError("unknown reference module '" + options.reference + "' in " + options.camera);
   }
 
+  // Runs writing the same camera file take turns, so one run's camera never
+  // ends beside another's report.
+  const Utils::FileLock outputLock(options.out);
+  if (!outputLock.held()) throw CommandError(outputLock.error());
+
   CalibrationPipeline::Images images;
   for (const auto& module : camera.modules())
     if (module->image()) images[module->name()] = module->image();
@@ -210,8 +212,6 @@ void runCalibrate(const CalibrateOptions& options) {
     interrupted = watch.interrupted();
   }
   progress.finish(!interrupted);
-  const auto saved = CameraDescription::saveCameraFile(result, options.out);
-  if (!saved) throw CommandError(saved.error());
 
   nlohmann::json steps = nlohmann::json::array();
   for (const auto& step : pipeline.steps()) {
@@ -271,8 +271,19 @@ void runCalibrate(const CalibrateOptions& options) {
     std::cerr << "orbivane-calibrate: the worst seam is " << fixed(summary.worstPx, 2) << " px, above "
               << fixed(kWidestAcceptedSeamPx, 1) << " px\n";
   }
+  // The report is written whole beside its folder first; then the camera
+  // file and the report are put in place one right after the other, so an
+  // interrupted or failed run leaves the outputs of the earlier one.
+  std::unique_ptr<StagedFolder> report;
   if (!options.report.empty()) {
-    writeReport(options.report, options, camera, pipeline);
+    checkReportFolder(options.report);
+    report = std::make_unique<StagedFolder>(options.report, false);
+    writeReport(report->path(), options, camera, pipeline);
+  }
+  const auto saved = CameraDescription::saveCameraFile(result, options.out);
+  if (!saved) throw CommandError(saved.error());
+  if (report) {
+    report->commit();
     std::cout << "report: " << (fs::path(options.report) / "report.html").string() << "\n";
   }
   if (interrupted) std::cout << "interrupted: wrote the steps done so far\n";

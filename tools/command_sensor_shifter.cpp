@@ -19,6 +19,7 @@
 #include <sstream>
 
 #include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
 
 #include "command_line.h"
 #include "json_output.h"
@@ -289,6 +290,13 @@ void overlap() {
       if (auto* geometry = described->geometry()) pair[i]->setGeometry(geometry->clone());
       if (auto* linkage = described->linkage()) pair[i]->setLinkage(linkage->clone());
       pair[i]->setShaders(described->shaders());
+    }
+  }
+  // The picture's place is checked before any window moves.
+  if (!a.picture.empty()) {
+    checkOutputFile(a.picture, {a.state, restorePath(), a.camera}, "--picture");
+    if (!cv::haveImageWriter(a.picture)) {
+      throw CommandError("--picture " + a.picture + ": no picture format for that name; end it in .png or .jpg");
     }
   }
   SensorCalibration::SensorShifter::OverlapOptions options;

@@ -26,6 +26,7 @@
 
 #include "command_line.h"
 #include "json_output.h"
+#include "digest.h"
 #include "shard_file.h"
 #include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
@@ -93,6 +94,42 @@ void writeResults(const CameraDescription::Orbivane& camera, const std::string& 
   if (json) JsonOutput::printActive({{"best", best}});
 }
 
+// Fingerprints of what a search runs on (see shard_file.h).
+std::string pictureDigest(const std::string& name, const cv::Mat& picture) {
+  Digest digest;
+  digest.add(name + '\0');
+  const int size[] = {picture.rows, picture.cols, picture.type()};
+  digest.add(size, sizeof size);
+  for (int y = 0; y < picture.rows; ++y) digest.add(picture.ptr(y), picture.cols * picture.elemSize());
+  return digest.hex();
+}
+
+std::string gridDigest(const ShaderBruteForcer::ParameterList& grid) {
+  Digest digest;
+  for (const auto& [name, range] : grid) {
+    digest.add(name + '\0');
+    const float values[] = {range.min, range.max, range.step};
+    digest.add(values, sizeof values);
+  }
+  return digest.hex();
+}
+
+std::string fileDigest(const std::string& path) {
+  Digest digest;
+  if (!digest.addFile(path)) throw CommandError("cannot read '" + path + "'");
+  return digest.hex();
+}
+
+// The reference's picture: a module of the camera by name, or a picture file.
+std::shared_ptr<Image::UniversalImageInterface> referencePicture(const CameraDescription::Orbivane& camera,
+                                                                 const std::string& reference) {
+  const auto module = camera.findModule(Utils::fromUtf8(reference));
+  if (module && module->image()) return module->image();
+  auto picture = Image::loadImage(reference);
+  if (!picture) throw CommandError(picture.error());
+  return picture.value();
+}
+
 std::pair<int, int> parseShard(const std::string& text) {
   const std::size_t slash = text.find('/');
   try {
@@ -124,14 +161,7 @@ void runSearch(const SearchOptions& options) {
   images[module] = found->image();
   // The reference: a module of the camera by name, or a picture file.
   const std::wstring reference = Utils::fromUtf8(options.reference);
-  const auto referenceModule = camera.findModule(reference);
-  if (referenceModule && referenceModule->image()) {
-    images[reference] = referenceModule->image();
-  } else {
-    auto picture = Image::loadImage(options.reference);
-    if (!picture) throw CommandError(picture.error());
-    images[reference] = picture.value();
-  }
+  images[reference] = referencePicture(camera, options.reference);
 
   ShaderBruteForcer forcer(camera, images);
   int shardIndex = 0, shardCount = 1;
@@ -153,21 +183,33 @@ void runSearch(const SearchOptions& options) {
   progress.finish();
   std::cout << "\n" << forcer.evaluationCount() << " renderings scored\n";
 
+  if (forcer.results().empty()) {
+    exitStatus() = kExitFailedModules;
+    std::cerr << "orbivane-calibrate: no rendering of module '" << options.module
+              << "' could be scored against the reference; nothing written\n";
+  }
   if (options.shard.empty()) {
     writeResults(camera, options.module, forcer.results(), options.outDir, options.json);
     return;
   }
+  if (forcer.results().empty()) return;
   nlohmann::json best = nlohmann::json::array();
   for (const auto& result : forcer.results()) {
     best.push_back(
         {{"error", result.error}, {"index", result.gridIndex}, {"parameters", parametersJson(result.parameters)}});
   }
-  const nlohmann::json shard{{"format", "orbivane-shader-shard"},
+  nlohmann::json shard{{"format", "orbivane-shader-shard"},
                              {"version", 1},
                              {"module", options.module},
                              {"shard", {shardIndex, shardCount}},
                              {"gridSize", ShaderBruteForcer::gridSize(ShaderBruteForcer::defaultParameterList())},
                              {"best", best}};
+  shard["searched"] = {{"camera", fileDigest(options.camera)},
+                       {"module", pictureDigest(options.module, Image::toMat(found->image()))},
+                       {"reference", options.reference},
+                       {"referencePicture", pictureDigest(options.reference, Image::toMat(images[reference]))},
+                       {"grid", gridDigest(ShaderBruteForcer::defaultParameterList())}};
+  shard["check"] = shardCheck(shard);
   std::filesystem::create_directories(options.outDir);
   const std::string path = options.outDir + "/shard-" + std::to_string(shardIndex) + "-of-" +
                            std::to_string(shardCount) + ".json";
@@ -180,12 +222,30 @@ void runSearch(const SearchOptions& options) {
   }
 }
 
+// A shard is merged only into the search it is a part of: the same camera
+// file, module picture, reference picture and grid.
+void checkSearchedOn(const ShardFile& shard, const std::string& path, const CameraDescription::Orbivane& camera,
+                     const std::string& cameraPath, const ShaderBruteForcer::ParameterList& grid) {
+  const auto refuse = [&path](const std::string& what) {
+    throw CommandError("shard file '" + path + "' was searched on " + what);
+  };
+  if (shard.camera != fileDigest(cameraPath)) refuse("another camera file than '" + cameraPath + "'");
+  const auto module = camera.findModule(Utils::fromUtf8(shard.module));
+  if (!module->image() || shard.modulePicture != pictureDigest(shard.module, Image::toMat(module->image()))) {
+    refuse("another picture of module '" + shard.module + "' (or another module)");
+  }
+  if (shard.grid != gridDigest(grid)) refuse("another parameter grid than this search's");
+  if (shard.referencePicture != pictureDigest(shard.reference, Image::toMat(referencePicture(camera, shard.reference)))) {
+    refuse("another picture of the reference '" + shard.reference + "' than it has now");
+  }
+}
+
 void runMerge(const MergeOptions& options) {
   JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
   checkOutputFolder(options.outDir, "--out-dir");
-  std::string module;
+  std::string module, referenceOfAll;
   int count = 0;
   std::vector<bool> seen;
   std::list<std::list<ShaderBruteForcer::Result>> shards;
@@ -205,6 +265,12 @@ void runMerge(const MergeOptions& options) {
     if (shard.module != module) {
       throw CommandError("shard file '" + path + "': shard of module '" + shard.module + "', the others are of '" +
                          module + "'");
+    }
+    checkSearchedOn(shard, path, loaded.value(), options.camera, grid);
+    if (referenceOfAll.empty()) referenceOfAll = shard.reference + '\0' + shard.referencePicture;
+    if (shard.reference + '\0' + shard.referencePicture != referenceOfAll) {
+      throw CommandError("shard file '" + path + "' was searched against the reference '" + shard.reference +
+                         "', the others against another");
     }
     if (shard.count != count) {
       throw CommandError("shard file '" + path + "': shard " + std::to_string(shard.index) + "/" +

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "digest.h"
 
 namespace Tool {
 
@@ -76,7 +77,25 @@ ShardFile parseShardFile(const std::string& text, const std::string& path, const
     }
     out.results.push_back(std::move(r));
   }
+  const auto& searched = field(shard, "searched", "the file");
+  std::string* fingerprints[] = {&out.camera, &out.modulePicture, &out.reference, &out.referencePicture, &out.grid};
+  const char* keys[] = {"camera", "module", "reference", "referencePicture", "grid"};
+  for (int k = 0; k < 5; ++k) {
+    const auto& value = field(searched, keys[k], "\"searched\"");
+    if (!value.is_string()) throw CommandError("shard file '" + path + "': searched/" + keys[k] + " is not text");
+    *fingerprints[k] = value.get<std::string>();
+  }
+  const auto& check = field(shard, "check", "the file");
+  if (!check.is_string() || check.get<std::string>() != shardCheck(shard)) {
+    throw CommandError("shard file '" + path + "' was changed after the search wrote it (its check does not match)");
+  }
   return out;
+}
+
+std::string shardCheck(const nlohmann::json& shard) {
+  nlohmann::json body = shard;
+  body.erase("check");
+  return Digest().add(body.dump()).hex();
 }
 
 }  // namespace Tool

@@ -10,8 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "digest.h"
 
 namespace Tool {
 namespace {
@@ -32,9 +38,69 @@ void removeStaleStaging(const fs::path& target) {
   }
 }
 
+constexpr const char* kWrittenList = ".orbivane-written";
+
+// A file's fingerprint; empty when it cannot be read.
+std::string contentHash(const fs::path& file) {
+  Digest digest;
+  return digest.addFile(file.string()) ? digest.hex() : std::string();
+}
+
+// Every regular file under `folder` but the list itself, by relative path.
+std::map<std::string, fs::path> filesUnder(const fs::path& folder) {
+  std::map<std::string, fs::path> files;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(folder, ec); !ec && it != fs::recursive_directory_iterator();
+       it.increment(ec)) {
+    if (it->is_directory(ec)) continue;
+    const std::string relative = fs::relative(it->path(), folder, ec).generic_string();
+    if (relative != kWrittenList) files[relative] = it->path();
+  }
+  return files;
+}
+
+void writeWrittenList(const fs::path& folder) {
+  nlohmann::json list = nlohmann::json::object();
+  std::error_code ec;
+  for (const auto& [relative, path] : filesUnder(folder)) {
+    list[relative] = {{"size", fs::file_size(path, ec)}, {"hash", contentHash(path)}};
+  }
+  std::ofstream(folder / kWrittenList) << list.dump(1) << "\n";
+}
+
 }  // namespace
 
-StagedFolder::StagedFolder(std::string target, bool keepExisting) {
+void StagedFolder::checkOwned(const std::string& folder, const std::string& what, const std::string& option) {
+  std::error_code ec;
+  if (!fs::exists(folder, ec)) return;
+  if (!fs::is_directory(folder, ec)) throw CommandError(option + " '" + folder + "' is a file, not a folder");
+  if (fs::is_empty(folder, ec)) return;
+  nlohmann::json list;
+  try {
+    std::ifstream in(fs::path(folder) / kWrittenList);
+    if (!in) {
+      throw CommandError(option + " '" + folder + "' is not empty and holds no earlier " + what +
+                         " (nothing says a run wrote it); give " + option + " a new folder");
+    }
+    in >> list;
+  } catch (const nlohmann::json::exception&) {
+    throw CommandError(option + " '" + folder + "': the list of what an earlier " + what +
+                       " wrote cannot be read; give " + option + " a new folder");
+  }
+  for (const auto& [relative, path] : filesUnder(folder)) {
+    const auto entry = list.find(relative);
+    const bool same = entry != list.end() && entry->is_object() &&
+                      entry->value("size", std::uintmax_t(0)) == fs::file_size(path, ec) &&
+                      entry->value("hash", std::string()) == contentHash(path);
+    if (!same) {
+      throw CommandError(option + " '" + folder + "' holds '" + relative + "', which no earlier " + what + " wrote" +
+                         (entry == list.end() ? "" : " as it is now") +
+                         "; move it away or give " + option + " a new folder");
+    }
+  }
+}
+
+StagedFolder::StagedFolder(std::string target, bool keepExisting) : keepExisting_(keepExisting) {
   fs::path absolute = fs::absolute(target).lexically_normal();
   if (absolute.filename().empty()) absolute = absolute.parent_path();  // "dir/" names dir
   target_ = absolute.string();
@@ -69,6 +135,7 @@ StagedFolder::~StagedFolder() {
 
 void StagedFolder::commit() {
   std::error_code ec;
+  if (!keepExisting_) writeWrittenList(staging_);
   if (!fs::exists(target_, ec)) {
     if (std::rename(staging_.c_str(), target_.c_str()) != 0) {
       throw CommandError("cannot put '" + target_ + "' in place: " + std::strerror(errno));

@@ -7,6 +7,12 @@
 // throws or is killed leaves what was there before, never a mix of old and
 // new files. Staging folders of runs that were killed (their process is gone)
 // are removed by the next StagedFolder beside the same target.
+//
+// A folder a command owns whole (the demo's, a report's) is replaced only
+// when it holds nothing but what such a run wrote: commit() leaves a list of
+// every file it put there, with its size and a hash of its bytes
+// (".orbivane-written"), and checkOwned() refuses a folder holding a file
+// that is not on that list or was changed since, naming it.
 #pragma once
 
 #include <string>
@@ -26,12 +32,19 @@ class StagedFolder {
   // Where the run writes (the staging folder).
   const std::string& path() const { return staging_; }
   std::string file(const std::string& name) const { return staging_ + "/" + name; }
-  // Puts the new content in place; throws CommandError when it cannot.
+  // Puts the new content in place; throws CommandError when it cannot. A
+  // folder that replaces the target's content whole lists what it wrote.
   void commit();
+
+  // Throws CommandError unless `folder` is missing, empty, or holds only
+  // the files an earlier run listed, unchanged. `what` names that run in
+  // the message ("demo", "report"), `option` the option that chose the folder.
+  static void checkOwned(const std::string& folder, const std::string& what, const std::string& option);
 
  private:
   std::string target_;
   std::string staging_;
+  bool keepExisting_ = false;
   bool committed_ = false;
 };
 

@@ -22,6 +22,7 @@
 #include "orbivane/recordings/recordings_index.h"
 #include "simulated/scene_renderer.h"
 #include "recordings/video_frame_reader.h"
+#include "utils/json_path.h"
 #include "orbivane/utils/atomic_file.h"
 
 namespace Quarn {
@@ -250,7 +251,9 @@ std::string SimulatedCamera::toJson(const std::vector<SimulatedModule>& modules)
 
 Utils::ReturnState<std::vector<SimulatedModule>, std::string> SimulatedCamera::fromJson(const std::string& text) {
   try {
-    const json root = json::parse(text);
+    auto parsed = Utils::parseJsonText(text, "simulated camera state");
+    if (!parsed) return Utils::failure(parsed.error());
+    const json& root = parsed.value();
     if (root.value("format", std::string()) != kFormat) {
       return Utils::failure(std::string("not a simulated camera state (format is not \"") + kFormat + "\")");
     }

@@ -1,6 +1,7 @@
 // Where a JSON parse stops; see json_path.h.
 #include "utils/json_path.h"
 
+#include <set>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -29,16 +30,23 @@ class PathTracker : public nlohmann::json_sax<json> {
   bool string(string_t&) override { return value(); }
   bool binary(binary_t&) override { return value(); }
   bool start_object(std::size_t) override {
-    stack_.push_back({false, 0, std::string()});
+    stack_.push_back({false, 0, std::string(), {}});
     return true;
   }
   bool key(string_t& key) override {
-    stack_.back().key = key;
+    Level& level = stack_.back();
+    level.key = key;
+    if (!level.keys.insert(key).second) {
+      repeated_ = true;  // stops the parse here; path() names the key
+      return false;
+    }
     return true;
   }
+  // Whether the parse stopped at a key its object already had.
+  bool repeated() const { return repeated_; }
   bool end_object() override { return close(); }
   bool start_array(std::size_t) override {
-    stack_.push_back({true, 0, std::string()});
+    stack_.push_back({true, 0, std::string(), {}});
     return true;
   }
   bool end_array() override { return close(); }
@@ -49,6 +57,7 @@ class PathTracker : public nlohmann::json_sax<json> {
     bool array;
     std::size_t index;
     std::string key;
+    std::set<std::string> keys;  // an object's keys so far
   };
   bool value() {
     if (!stack_.empty() && stack_.back().array) ++stack_.back().index;
@@ -59,6 +68,7 @@ class PathTracker : public nlohmann::json_sax<json> {
     return value();
   }
   std::vector<Level> stack_;
+  bool repeated_ = false;
 };
 
 
@@ -74,6 +84,13 @@ std::string jsonPathWhereParsingStops(const std::string& text) {
 }
 
 ReturnState<nlohmann::json, std::string> parseJsonText(const std::string& text, const std::string& what) {
+  // A key given twice in one object would silently keep its last value.
+  PathTracker tracker;
+  try {
+    json::sax_parse(text, &tracker);
+  } catch (const json::exception&) {
+  }
+  if (tracker.repeated()) return failure(what + ": at " + tracker.path() + ": the key is given twice in its object");
   try {
     return json::parse(text);
   } catch (const json::parse_error& e) {

@@ -16,8 +16,9 @@ namespace Utils {
 std::string jsonPathWhereParsingStops(const std::string& text);
 
 // Parses a user's JSON file. A failure reads "<what>: not valid JSON: <the
-// parser's words>" or "<what>: at <JSON path>: a number too large to be held
-// (beyond about 1.8e308)"; `what` names the file ("camera file 'cam.json'").
+// parser's words>", "<what>: at <JSON path>: a number too large to be held
+// (beyond about 1.8e308)" or "<what>: at <JSON path>: the key is given twice
+// in its object"; `what` names the file ("camera file 'cam.json'").
 ReturnState<nlohmann::json, std::string> parseJsonText(const std::string& text, const std::string& what);
 
 }  // namespace Utils

@@ -88,6 +88,12 @@ def make_fixtures(w):
         "uvGrid", {"cols": 2, "rows": 2, "points": [[0, 0]]}))
     variant("mirrored.json", lambda c: c["modules"][1]["geometry"].__setitem__(
         "matrix", [-0.3846, 0, 0, 0.7, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1]))
+    # The same key twice in one object: JSON readers would keep the last.
+    open(os.path.join(w, "twicekey.json"), "w").write(
+        json.dumps(cam).replace('"image": "view2.png"', '"image": "view2.png", "image": "view3.png"', 1))
+    open(os.path.join(w, "rec-twice.json"), "w").write(
+        '{"format": "orbivane-recordings", "version": 1, "recordings": [{"module": "front", "video": "vtest.avi", '
+        '"start": "2026-11-22T10:00:00Z", "start": "2026-11-22T11:00:00Z"}]}')
     open(os.path.join(w, "trunc.json"), "w").write(json.dumps(cam)[:100])
     open(os.path.join(w, "empty.json"), "w").write("")
     variant("noformat.json", lambda c: c.pop("format"))
@@ -96,6 +102,12 @@ def make_fixtures(w):
     # The state of a simulated camera with one fisheye module.
     r = run(["sensor", "create", "state.json", "--module", "A", "--scene", "fisheye", "--size", "640", "480"], w)
     assert r.returncode == 0, r.stderr
+    # Two modules cropped from one picture, overlapping by about 200 columns,
+    # whose overlap balancing would move a window.
+    for module, x in (("L", 0), ("R", 400)):
+        r = run(["sensor", "create", "pair.json", "--module", module, "--scene", "whole.png", "--crop", str(x), "100",
+                 "640", "600", "--window", "560", "520"], w)
+        assert r.returncode == 0, r.stderr
     # A recordings index with a missing video.
     json.dump({"format": "orbivane-recordings", "version": 1, "recordings": [
         {"module": "front", "video": "missing.avi", "start": "2026-11-22T10:00:00Z"}]},
@@ -120,6 +132,30 @@ def make_fixtures(w):
     json.dump({"format": "orbivane-shader-shard", "version": 1, "module": "view1", "shard": [0, 1],
                "best": [{"error": 1.0, "index": 3, "parameters": {"f_evil": 1.0}}]},
               open(os.path.join(w, "shard-forged.json"), "w"))
+    # Real shards of a small search in three parts, and what a careless user
+    # merges them with: a shard relabelled by hand, another camera, a shard
+    # searched against another reference.
+    for name in ("view1", "whole"):
+        picture = cv2.imread(os.path.join(w, name + ".png"))
+        cv2.imwrite(os.path.join(w, "s" + name + ".png"), cv2.resize(picture, (picture.shape[1] // 4,
+                                                                            picture.shape[0] // 4)))
+    small = json.loads(json.dumps(cam))
+    small["modules"] = [small["modules"][0], small["modules"][3]]
+    small["modules"][0]["image"], small["modules"][1]["image"] = "sview1.png", "swhole.png"
+    small["modules"][0]["geometry"]["shaderId"] = "00060001"
+    json.dump(small, open(os.path.join(w, "camsh.json"), "w"))
+    small["modules"][0]["geometry"]["matrix"][3] = 0.01
+    json.dump(small, open(os.path.join(w, "camsh-moved.json"), "w"))
+    for i in range(3):
+        r = run(["shader-search", "camsh.json", "--module", "view1", "--reference", "target", "--shard", "%d/3" % i,
+                 "--out-dir", "shards"], w)
+        assert r.returncode == 0, r.stderr
+    r = run(["shader-search", "camsh.json", "--module", "view1", "--reference", "swhole.png", "--shard", "1/3",
+             "--out-dir", "shards-other"], w)
+    assert r.returncode == 0, r.stderr
+    relabelled = json.load(open(os.path.join(w, "shards", "shard-2-of-3.json")))
+    relabelled["shard"] = [1, 3]
+    json.dump(relabelled, open(os.path.join(w, "shard-relabelled.json"), "w"))
     open(os.path.join(w, "values.txt"), "w").write("1 2\n3 x\n")
     # A PNG whose header names 100000 x 100000 pixels.
     import struct
@@ -159,6 +195,8 @@ CASES = [
     ("validate version 2", ["camera", "validate", "version2.json"], 1, "not supported"),
     ("validate 1e39", ["camera", "validate", "big39.json"], 1, "/modules/1/geometry/matrix/0"),
     ("validate 1e400", ["camera", "validate", "big400.json"], 1, "/modules/0/geometry/matrix/0"),
+    ("validate a key given twice", ["camera", "validate", "twicekey.json"], 1,
+     "at /modules/1/image: the key is given twice"),
     ("validate a missing picture", ["camera", "validate", "missingpic.json"], 1, "nowhere.png"),
     ("validate two modules of one name", ["camera", "validate", "dupname.json"], 1, "a second module"),
     ("validate an unknown key", ["camera", "validate", "unknownkey.json"], 1, "unknown key 'imagee'"),
@@ -232,7 +270,7 @@ CASES = [
     ("calibrate into a missing folder", ["calibrate", "cam.json", "--target", "target", "--out", "missing/c.json"],
      1, "does not exist"),
     ("calibrate with a report over files", ["calibrate", "cam.json", "--target", "target", "--out", "c.json",
-                                            "--report", "out"], 1, "holds other files"),
+                                            "--report", "out"], 1, "holds no earlier report"),
     # autoclip
     ("autoclip with a threshold of 2", ["autoclip", "cam.json", "--threshold", "2"], 1, "threshold must lie in (0, 1]"),
     ("autoclip with -1 iterations", ["autoclip", "cam.json", "--values", "values.txt", "--cols", "2", "--rows", "2",
@@ -262,6 +300,12 @@ CASES = [
      1, "--radius"),
     ("sensor create of a huge scene", ["sensor", "create", "state.json", "--module", "B", "--size", "20000",
                                        "20000"], 1, "MB"),
+    ("sensor overlap with a picture into a missing folder", ["sensor", "overlap", "pair.json", "--modules", "L,R",
+                                                              "--overlap", "100", "--picture", "missing/o.png"], 1,
+     "--picture"),
+    ("sensor overlap with a picture of no format", ["sensor", "overlap", "pair.json", "--modules", "L,R",
+                                                    "--overlap", "100", "--picture", "overlap.xyz"], 1,
+     "no picture format"),
     ("sensor restore without a restore point", ["sensor", "restore", "state.json", "--module", "A"], 1,
      "nothing to restore"),
     ("sensor capture over the state", ["sensor", "capture", "state.json", "--module", "A", "state.json"], 1,
@@ -269,6 +313,8 @@ CASES = [
     # find-frames
     ("find-frames with a missing video", ["find-frames", "rec-missing.json", "--out", "out"], 1, "missing.avi"),
     ("find-frames with a truncated video", ["find-frames", "rec-cut.json", "--out", "out"], 1, "truncated"),
+    ("find-frames with a start given twice", ["find-frames", "rec-twice.json", "--out", "out"], 1,
+     "at /recordings/0/start: the key is given twice"),
     ("find-frames with a bad start time", ["find-frames", "rec-badtime.json", "--out", "out"], 1, "yesterday"),
     ("find-frames with a reversed window", ["find-frames", "rec.json", "--from", "2026-11-22T10:00:20Z", "--to",
                                             "2026-11-22T10:00:10Z", "--out", "out"], 1, "ends before it starts"),
@@ -280,6 +326,15 @@ CASES = [
                                                  "sm"], 1, "\"module\""),
     ("shader-merge of a forged shard", ["shader-merge", "cam.json", "shard-forged.json", "--out-dir", "sm"], 1,
      "parameters"),
+    ("shader-merge of a relabelled shard", ["shader-merge", "camsh.json", "shards/shard-0-of-3.json",
+                                            "shard-relabelled.json", "shards/shard-2-of-3.json", "--out-dir", "sm"],
+     1, "shard-relabelled.json' was changed after the search wrote it"),
+    ("shader-merge onto another camera", ["shader-merge", "camsh-moved.json", "shards/shard-0-of-3.json",
+                                          "shards/shard-1-of-3.json", "shards/shard-2-of-3.json", "--out-dir", "sm"],
+     1, "was searched on another camera file"),
+    ("shader-merge of a shard of another reference", ["shader-merge", "camsh.json", "shards/shard-0-of-3.json",
+                                                      "shards-other/shard-1-of-3.json", "shards/shard-2-of-3.json",
+                                                      "--out-dir", "sm"], 1, "searched against the reference"),
     ("shader-search of an unknown module", ["shader-search", "cam.json", "--module", "ghost", "--reference",
                                             "target", "--out-dir", "ss"], 1, "ghost"),
     ("shader-search into a file", ["shader-search", "cam.json", "--module", "view1", "--reference", "target",
@@ -315,6 +370,32 @@ def check_cases(w):
     print("%d bad-input cases run" % len(CASES))
 
 
+def check_parallel_calibrations(w):
+    """Two calibrations started a moment apart onto one camera file and one
+    report folder: each pair of outputs is one run's, never a mix."""
+    for name in ("A", "B"):
+        camera = json.load(open(os.path.join(w, "cam.json")))
+        camera["name"] = name
+        json.dump(camera, open(os.path.join(w, "cam-%s.json" % name), "w"))
+    for round_ in range(3):
+        procs = []
+        for name in ("A", "B"):
+            procs.append(subprocess.Popen([TOOL, "calibrate", "cam-%s.json" % name, "--steps", "neighbour",
+                                           "--out", "both.json", "--report", "both-report"], cwd=w,
+                                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True))
+            time.sleep(0.2 * round_)
+        for p in procs:
+            _, err = p.communicate(timeout=300)
+            if p.returncode not in (0, 3):
+                failures.append("parallel calibrations, round %d: exit %d, %s" % (round_, p.returncode, err[-200:]))
+        camera = json.load(open(os.path.join(w, "both.json"))).get("name")
+        report = open(os.path.join(w, "both-report", "report.html")).read()
+        if "cam-%s.json" % camera not in report:
+            failures.append("parallel calibrations, round %d: the camera of run %s beside another run's report"
+                            % (round_, camera))
+    print("parallel calibrations: 2 runs onto one camera file and report, 3 rounds")
+
+
 def check_interruption(w):
     """Ctrl-C and a kill in the middle of the demo's many files: the earlier
     demo folder stays whole, and the next run cleans up."""
@@ -340,6 +421,18 @@ def check_interruption(w):
     if left:
         failures.append("a killed run's staging folder is still there after the next run: %s" % left)
     print("interruption: %d staging folder(s) left by the kill, %d after the next run" % (len(leftovers), len(left)))
+    # The demo's folder with the user's notes in it, or with a file of the
+    # demo's changed by the user, is refused by name and left as it is.
+    for name, change in (("notes.txt", lambda: open(os.path.join(folder, "notes.txt"), "w").write("mine")),
+                         ("report.html", lambda: open(os.path.join(folder, "report.html"), "a").write("<!-- x -->"))):
+        change()
+        kept = digest(folder)
+        r = run(["demo", "--quick", "--out", folder], w, timeout=900)
+        if r.returncode != 1 or name not in r.stderr or digest(folder) != kept:
+            failures.append("demo over a folder holding the user's %s: exit %d, %s" % (name, r.returncode,
+                                                                                      r.stderr.strip()[-200:]))
+        if name == "notes.txt":
+            os.remove(os.path.join(folder, name))
 
 
 def check_concurrency(w):
@@ -372,6 +465,7 @@ def main():
         make_fixtures(w)
         check_cases(w)
         check_concurrency(w)
+        check_parallel_calibrations(w)
         check_interruption(w)
     finally:
         shutil.rmtree(w, ignore_errors=True)

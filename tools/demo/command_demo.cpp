@@ -38,17 +38,11 @@ DemoOptions& options() {
   return o;
 }
 
-// Where the demo writes; a folder that holds anything but an earlier demo is
-// refused, so nothing of the user's is overwritten.
+// Where the demo writes; a folder that holds anything but what an earlier
+// demo wrote there is refused, so nothing of the user's is overwritten.
 void prepareFolder(const std::string& dir) {
-  std::error_code error;
-  if (fs::exists(dir, error)) {
-    if (!fs::is_directory(dir, error)) throw CommandError("'" + dir + "' exists and is not a folder");
-    if (!fs::is_empty(dir, error) && !fs::exists(fs::path(dir) / "report.html", error)) {
-      throw CommandError("'" + dir + "' is not empty and holds no earlier demo report; give --out a new folder");
-    }
-  }
   checkOutputFolder(dir, "--out");
+  StagedFolder::checkOwned(dir, "demo", "--out");
 }
 
 void writePanorama(const CameraDescription::Orbivane& camera, bool grid, const std::string& path) {
@@ -152,6 +146,7 @@ void run() {
                 s.seconds, s.passed ? "ok" : "OUTSIDE TOLERANCE");
     allPassed = allPassed && s.passed;
   }
+  StagedFolder::checkOwned(o.out, "demo", "--out");  // nothing of the user's came in meanwhile
   staged.commit();
   std::cout << "Demo finished in " << Demo::number(seconds, 1) << " s. Report: "
             << fs::absolute(fs::path(o.out) / "report.html").string() << std::endl;
