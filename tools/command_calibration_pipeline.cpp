@@ -241,7 +241,7 @@ void runCalibrate(const CalibrateOptions& options) {
     if (std::isfinite(v.residualPx)) std::cout << ", residual " << fixed(v.residualPx, 3) << " px";
     if (!v.reason.empty()) std::cout << " (" << v.reason << ")";
     std::cout << "\n";
-    if (v.status != ModuleStatus::aligned && v.status != ModuleStatus::kept) {
+    if (v.status != ModuleStatus::aligned && v.status != ModuleStatus::kept && v.status != ModuleStatus::aborted) {
       ++notAligned;
       std::cerr << "orbivane-calibrate: module " << text << " " << GeometryCalibration::statusName(v.status) << ": "
                 << v.reason << "\n";
@@ -290,7 +290,8 @@ void runCalibrate(const CalibrateOptions& options) {
   std::cout << "wrote " << options.out << std::endl;
   nlohmann::json seams = nlohmann::json::array();
   for (const auto& s : finalSeams) seams.push_back(seamJson(s));
-  output.print({{"modules", verdicts},
+  output.print({{"interrupted", interrupted},
+                {"modules", verdicts},
                 {"steps", steps},
                 {"seamsBefore", before},
                 {"seams", seams},

@@ -238,6 +238,15 @@ std::map<std::wstring, ModuleReport> CalibrationPipeline::verdicts() const {
       verdict.reason = step.step + ": " + report.reason;
     }
   }
+  // An interrupted run finished no module: what is not failed is aborted.
+  if (abort_.load()) {
+    const std::string during = steps_.empty() ? std::string("before the first step") : "in or after step " + steps_.back().step;
+    for (auto& [name, verdict] : out) {
+      if (verdict.status == ModuleStatus::aligned || verdict.status == ModuleStatus::kept) {
+        verdict = verdictOf(ModuleStatus::aborted, "the run was interrupted " + during);
+      }
+    }
+  }
   return out;
 }
 

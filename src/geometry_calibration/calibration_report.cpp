@@ -11,6 +11,8 @@ const char* statusName(ModuleStatus status) {
       return "failed";
     case ModuleStatus::kept:
       return "kept";
+    case ModuleStatus::aborted:
+      return "aborted";
     case ModuleStatus::skipped:
     default:
       return "skipped";

@@ -239,4 +239,46 @@ TEST(CalibrationPipeline, BadModulesEndInNamedStatuses) {
   EXPECT_EQ(reports.at(L"M2").status, ModuleStatus::aligned) << reports.at(L"M2").reason;
 }
 
+// The run is interrupted as neighbour stitching starts: no module counts as
+// calibrated, each says so, and the camera returned is whole.
+TEST(CalibrationPipeline, AnInterruptedRunReportsItsModulesAborted) {
+  const Rig rig = makeRig(true);
+  GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
+  pipeline.registerStatusCallback([&pipeline](int, int, std::string text, GeometryCalibration::AdvStepInfo) {
+    if (text.rfind("neighbour stitching", 0) == 0) pipeline.abort();
+  });
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.steps = {"match", "neighbour", "clip"};
+  const auto result = pipeline.run(options);
+  EXPECT_TRUE(pipeline.aborted());
+  EXPECT_LT(pipeline.steps().size(), 3u) << "clipping never started";
+  for (const auto& name : rig.scene.names) {
+    const auto& verdict = pipeline.verdicts().at(name);
+    EXPECT_EQ(verdict.status, ModuleStatus::aborted) << Utils::toUtf8(name) << ": " << verdict.reason;
+    EXPECT_TRUE(result.findModule(name)->matrixGeometry()->matrix().isFinite());
+  }
+}
+
+// Options that name the modules inconsistently are refused before any work.
+TEST(CalibrationPipeline, TheReferenceAndTheTargetMustFitTheModules) {
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.steps = {"match", "neighbour"};
+  options.modules = {L"Target", L"M1"};
+  EXPECT_NE(options.validate().find("the target 'Target' is among the modules"), std::string::npos);
+  options.modules = {L"M1", L"M2"};
+  options.reference = L"M3";
+  EXPECT_NE(options.validate().find("'M3' is not among the modules"), std::string::npos);
+  options.reference = L"Target";
+  EXPECT_NE(options.validate().find("is the target"), std::string::npos);
+  options.reference = L"M2";
+  EXPECT_EQ(options.validate(), "");
+  const Rig rig = makeRig(true);
+  GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
+  options.modules.clear();
+  options.reference = L"Nowhere";
+  EXPECT_THROW(pipeline.run(options), std::invalid_argument);
+}
+
 }  // namespace

@@ -136,7 +136,8 @@ class ORBIVANE_EXPORT CalibrationPipeline {
   const std::vector<SeamResidual>& seamsBefore() const { return seamsBefore_; }
   const std::vector<StepReport>& steps() const { return steps_; }
   // Each listed module's verdict over all steps: the first step that did not
-  // align it decides; aligned when every step did.
+  // align it decides; aligned when every step did. After an interrupted run
+  // (abort()) every module that did not fail is "aborted".
   std::map<std::wstring, ModuleReport> verdicts() const;
   // The modules the last run() calibrated, each once, in order.
   const std::list<std::wstring>& listedModules() const { return listed_; }

@@ -21,9 +21,10 @@ enum class ModuleStatus {
   failed,   // the module could not be calibrated; its matrix is unchanged (see reason)
   skipped,  // the module was not calibrated at all (unknown, listed twice, aborted before it)
   kept,     // left exactly as it came in, which its pictures support: the step would not have improved it (see reason)
+  aborted,  // the run was interrupted (abort()) while or before this module was calibrated; its matrix is unchanged
 };
 
-// "aligned", "failed", "skipped" or "kept".
+// "aligned", "failed", "skipped", "kept" or "aborted".
 ORBIVANE_EXPORT const char* statusName(ModuleStatus status);
 
 struct ModuleReport {

@@ -14,7 +14,7 @@ IterativeEstimator::IterativeEstimator(EstimatorContext context, std::uint64_t r
 EstimateResult IterativeEstimator::estimate(const WorkPictures& pictures, const cv::Matx33f& homography) {
   EstimateResult best;
   best.homography = homography;
-  best.error = differenceError(pictures.module, pictures.target, cv::Matx33d(homography));
+  best.error = overlapDifference(pictures, cv::Matx33d(homography));
   bool improved = false;
   FeatureMatcher matcher(context_);
   std::int32_t rounds = 0;
@@ -40,7 +40,7 @@ EstimateResult IterativeEstimator::estimate(const WorkPictures& pictures, const 
     // The round's correction is measured on a resampled picture; a last
     // refinement against the original module picture removes that loss.
     candidate = refineHomography(pictures, candidate, nullptr, 1);
-    const float error = differenceError(pictures.module, pictures.target, candidate);
+    const float error = overlapDifference(pictures, candidate);
     // The first round replaces the start; later rounds must lower the error.
     if (improved && !(error < best.error)) break;
     best.homography = cv::Matx33f(candidate);

@@ -1,8 +1,10 @@
 // The iterative estimator of target matching (mode 3): repeated feature
 // matching, each round on the module picture warped by the best homography so
 // far, for at most the m2b limit of rounds; a round is kept only when it
-// lowers the difference error, and the first round that does not ends the
-// loop.
+// lowers the error, and the first round that does not ends the loop. The
+// error is overlapDifference (mean grey difference over the module's
+// footprint), on the scale mode 3's normalisation expects: 60 and more is a
+// failure.
 #pragma once
 
 #include <cstdint>

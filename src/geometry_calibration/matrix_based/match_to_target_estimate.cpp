@@ -117,6 +117,28 @@ float differenceError(const cv::Mat& module, const cv::Mat& target, const cv::Ma
   return std::isfinite(error) ? static_cast<float>(error) : kFailedError;
 }
 
+float overlapDifference(const WorkPictures& pictures, const cv::Matx33d& h) {
+  const cv::Mat& module = pictures.moduleGrey;
+  const cv::Mat& target = pictures.targetGrey;
+  if (module.empty() || target.empty() || !isUsableHomography(h)) return kFailedError;
+  cv::Mat warped, shown;
+  cv::warpPerspective(module, warped, cv::Mat(h), target.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+  const cv::Mat ones = pictures.moduleMask.empty() ? cv::Mat(module.size(), CV_8U, cv::Scalar(255)) : pictures.moduleMask;
+  cv::warpPerspective(ones, shown, cv::Mat(h), target.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT);
+  if (!pictures.targetMask.empty()) shown &= pictures.targetMask;
+  // Off the module's edge by a pixel: the border's interpolation with black.
+  cv::erode(shown, shown, cv::Mat());
+  if (cv::countNonZero(shown) < 0.01 * double(target.total())) return kFailedError;
+  const double targetMean = cv::mean(target, shown)[0], moduleMean = cv::mean(warped, shown)[0];
+  if (!(moduleMean > 1.0)) return kFailedError;
+  cv::Mat scaled, difference;
+  warped.convertTo(scaled, CV_32F, targetMean / moduleMean);
+  target.convertTo(difference, CV_32F);
+  cv::absdiff(difference, scaled, difference);
+  const double error = cv::mean(difference, shown)[0];
+  return std::isfinite(error) ? static_cast<float>(error) : kFailedError;
+}
+
 cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& estimate, bool* improved, int levels) {
   if (improved) *improved = false;
   if (!isUsableHomography(estimate) || pictures.targetGrey.empty() || pictures.moduleGrey.empty()) return estimate;

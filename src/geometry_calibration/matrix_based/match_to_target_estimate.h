@@ -74,6 +74,16 @@ struct EstimatorContext {
 // for empty pictures or a non-finite homography.
 float differenceError(const cv::Mat& module, const cv::Mat& target, const cv::Matx33d& h);
 
+// The error of the iterative mode: the mean absolute grey difference (grey
+// levels, 0..255) between the target and the module placed by `h`, over the
+// target pixels the module shows (both masks), after the module's mean grey
+// there is scaled to the target's. Unlike differenceError it does not grow
+// with the target area the module does not cover: a module placed exactly
+// scores the pictures' noise and lens differences (a few levels), one a few
+// pixels off some tens. kFailedError when they share under 1 % of the
+// target's pixels. Needs prepareGrey().
+float overlapDifference(const WorkPictures& pictures, const cv::Matx33d& h);
+
 // Refines `estimate` (module work -> target work pixels) at the pictures' full
 // resolution by direct alignment (homography with gain and offset) and
 // returns the better of the estimate and the refined homography, judged by

@@ -607,7 +607,7 @@ CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, c
   for (const auto& name : modules) {
     if (abort.load()) {
       for (const auto& rest : modules)
-        if (reports.count(rest) == 0) skip(rest, ModuleStatus::skipped, "aborted before this module");
+        if (reports.count(rest) == 0) skip(rest, ModuleStatus::aborted, "interrupted before this module");
       return camera;
     }
     auto module = camera.findModule(name);
@@ -628,7 +628,15 @@ CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, c
       skip(name, ModuleStatus::failed, "no picture");
       continue;
     }
+    // A module the interrupt came to in the middle is put back as it was:
+    // what its estimators returned when stopped says nothing about it.
+    const auto before = module->geometry()->clone();
     calibrateModule(name, targetPicture, targetPlanar);
+    if (abort.load()) {
+      camera.findModule(name)->setGeometry(before->clone());
+      errors[name] = FLT_MAX;
+      skip(name, ModuleStatus::aborted, "interrupted while this module was calibrated");
+    }
     // A module that failed before its estimator could run has the error of
     // a rejected result (its report says why).
     errors.emplace(name, FLT_MAX);

@@ -22,6 +22,7 @@
 namespace {
 
 using GeometryCalibration::AdvStepInfo;
+using GeometryCalibration::ModuleStatus;
 using GeometryCalibration::MatrixBased::MatchToTarget;
 using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
 
@@ -146,6 +147,29 @@ TEST(MatchToTargetEndToEnd, OpticalFlowAndIterativeModesAreAsAccurate) {
   }
 }
 
+// Mode 3 on a module that shows a third of the target: its error measures the
+// module's own footprint, so a well placed module is as good as the best
+// (0), not failed (10) for the target area it does not cover.
+TEST(MatchToTargetEndToEnd, IterativeModeJudgesAModuleByItsOwnFootprint) {
+  const cv::Size targetSize(320, 240), moduleSize(100, 240);
+  Synthetic::ModuleTruth truth;
+  truth.homography = cv::Matx33d(1, 0, 102.5, 0, 1, 1.5, 0, 0, 1);  // placed 2.5 px and 1.5 px off
+  Utils::Matrix4x4 third = Utils::Matrix4x4::identity();
+  Rig rig = makeRig("home.jpg", targetSize, third, {{L"m", {moduleSize, truth}}});
+  third.set(0, 0, 100.0f / 320.0f);
+  third.set(0, 3, 100.0f / 320.0f);
+  rig.camera.findModule(L"m")->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(third));
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.setCalibrationMode(MatchToTarget::kIterative);
+  calibrator.setM2nMaxIteration(1);
+  const auto result = calibrator.calibrate({L"m"}, L"T");
+  EXPECT_EQ(calibrator.moduleReports().at(L"m").status, ModuleStatus::aligned);
+  EXPECT_EQ(calibrator.error().at(L"m"), 0.0f);
+  EXPECT_LT(Synthetic::cornerError(truth.homography, foundHomography(result, L"m", moduleSize, L"T", targetSize),
+                                   moduleSize),
+            0.1);
+}
+
 TEST(MatchToTargetEndToEnd, GridModeMovesTheGridTowardsANonRigidWarp) {
   cv::RNG rng(3);
   const cv::Size size(320, 240);
@@ -246,6 +270,31 @@ TEST(MatchToTargetBadInput, SkipsWithoutHarm) {
   EXPECT_TRUE(noTarget.error().empty());
 }
 
+// The interrupt comes while a module is being matched: that module is put
+// back as it came and reported aborted, with the error of a failure; what
+// its stopped estimators returned is not taken for a result.
+TEST(MatchToTargetAbort, TheModuleBeingMatchedIsPutBackAndReportedAborted) {
+  cv::RNG rng(23);
+  const cv::Size size(320, 240);
+  std::vector<std::pair<std::wstring, std::pair<cv::Size, Synthetic::ModuleTruth>>> modules;
+  for (const wchar_t* name : {L"a", L"b"}) {
+    Synthetic::ModuleTruth truth;
+    truth.homography = Synthetic::realisticMisalignment(rng, size, size);
+    modules.push_back({name, {size, truth}});
+  }
+  Rig rig = makeRig("graf1.png", size, Utils::Matrix4x4::identity(), modules);
+  MatchToTarget calibrator(rig.camera, rig.images);
+  calibrator.registerStatusCallback([&](int, int, std::string text, AdvStepInfo) {
+    if (text == "Calibrating Module b") calibrator.abort();
+  });
+  const auto result = calibrator.calibrate({L"a", L"b"}, L"T");
+  EXPECT_EQ(calibrator.moduleReports().at(L"a").status, ModuleStatus::aligned);
+  EXPECT_EQ(calibrator.moduleReports().at(L"b").status, ModuleStatus::aborted);
+  EXPECT_EQ(calibrator.moduleReports().at(L"b").reason, "interrupted while this module was calibrated");
+  EXPECT_EQ(result.findModule(L"b")->matrixGeometry()->matrix(), Utils::Matrix4x4::identity());
+  EXPECT_GE(calibrator.error().at(L"b"), 10.0f) << "the failure mark";
+}
+
 TEST(MatchToTargetAbort, FromAnotherThreadReturnsThePartlyUpdatedCamera) {
   cv::RNG rng(19);
   const cv::Size size(320, 240);
@@ -274,6 +323,9 @@ TEST(MatchToTargetAbort, FromAnotherThreadReturnsThePartlyUpdatedCamera) {
   stopper.join();
   EXPECT_NE(result.findModule(L"a")->matrixGeometry()->matrix(), Utils::Matrix4x4::identity());
   EXPECT_EQ(result.findModule(L"c")->matrixGeometry()->matrix(), Utils::Matrix4x4::identity());
+  EXPECT_EQ(calibrator.moduleReports().at(L"a").status, ModuleStatus::aligned);
+  EXPECT_EQ(calibrator.moduleReports().at(L"c").status, ModuleStatus::aborted);
+  EXPECT_FALSE(calibrator.error().count(L"c")) << "never reached, no error";
   // Once aborted, later runs return at the first module.
   const auto again = calibrator.calibrate({L"c"}, L"T");
   EXPECT_EQ(again.findModule(L"c")->matrixGeometry()->matrix(), Utils::Matrix4x4::identity());
