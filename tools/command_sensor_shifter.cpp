@@ -198,6 +198,20 @@ void capture() {
                            {"size", {picture.value().cols, picture.value().rows}}});
 }
 
+// The sensor shifter's own words for a refused write ("!!!Error ...: Cannot
+// write SensorShift!") with what happened and what to do; empty when the
+// captured text holds none.
+std::string refusedWrite(const std::string& captured, const std::string& module) {
+  const std::size_t at = captured.find("!!!Error ");
+  if (at == std::string::npos) return std::string();
+  std::string why = captured.substr(at + 9, captured.find('\n', at) - at - 9);
+  const std::size_t tail = why.rfind(": Cannot write SensorShift!");
+  if (tail != std::string::npos) why.erase(tail);
+  return "the device refused to move module '" + module + "''s sensor window (" + why +
+         "); see where it is with 'sensor read STATE --module " + module +
+         "', check the device and its limits, and write again";
+}
+
 void write() {
   openCamera();
   SensorCalibration::SensorShifter::SensorInfo info;
@@ -207,6 +221,7 @@ void write() {
   auto* old = std::cerr.rdbuf(err.rdbuf());
   SensorCalibration::SensorShifter::writeSensorShift(moduleFor(), info);
   std::cerr.rdbuf(old);
+  if (const std::string refused = refusedWrite(err.str(), args().module); !refused.empty()) throw CommandError(refused);
   if (!err.str().empty()) throw CommandError(err.str().substr(0, err.str().find('\n')));
   printWindow(openCamera());
 }
@@ -307,6 +322,13 @@ void overlap() {
   auto result = SensorCalibration::SensorShifter::overlapCalibration(pair[0], pair[1], options);
   std::cerr.rdbuf(old);
   if (!result) throw CommandError(result.error());
+  for (const auto& module : a.modules) {
+    const std::string refused = refusedWrite(err.str(), module);
+    if (!refused.empty() && err.str().find(module) != std::string::npos) {
+      std::cerr << "orbivane-calibrate: " << refused << "\n";
+      exitStatus() = kExitFailedModules;
+    }
+  }
   const auto& r = result.value();
   if (!a.picture.empty()) {
     auto shown = SensorCalibration::SensorShifter::overlapImg(pair[0], pair[1], r.wanted);

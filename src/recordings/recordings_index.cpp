@@ -260,7 +260,9 @@ bool isRecordingsIndexFile(const std::string& path) {
 
 Utils::ReturnState<VideoInfo, std::string> probeVideo(const std::string& path) {
   std::error_code ec;
-  if (!fs::is_regular_file(path, ec)) return Utils::failure("video '" + path + "': no such file");
+  if (fs::is_directory(path, ec)) return Utils::failure("video '" + path + "' is a folder, not a video file");
+  if (!fs::exists(path, ec)) return Utils::failure("video '" + path + "': no such file");
+  if (!fs::is_regular_file(path, ec)) return Utils::failure("video '" + path + "' is not a regular file");
   const auto size = fs::file_size(path, ec);
   const auto time = fs::last_write_time(path, ec).time_since_epoch().count();
   using Key = std::tuple<std::string, std::uintmax_t, long long>;

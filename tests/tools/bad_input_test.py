@@ -108,6 +108,17 @@ def make_fixtures(w):
         r = run(["sensor", "create", "pair.json", "--module", module, "--scene", "whole.png", "--crop", str(x), "100",
                  "640", "600", "--window", "560", "520"], w)
         assert r.returncode == 0, r.stderr
+    # A module whose device refuses every window move.
+    r = run(["sensor", "create", "refusing.json", "--module", "A", "--scene", "fisheye", "--size", "640", "480"], w)
+    assert r.returncode == 0, r.stderr
+    refusing = json.load(open(os.path.join(w, "refusing.json")))
+    refusing["modules"][0]["faults"]["writeFailing"] = True
+    json.dump(refusing, open(os.path.join(w, "refusing.json"), "w"))
+    # A recordings index whose video is a folder.
+    os.mkdir(os.path.join(w, "clip.avi"))
+    json.dump({"format": "orbivane-recordings", "version": 1, "recordings": [
+        {"module": "front", "video": "clip.avi", "start": "2026-11-22T10:00:00Z"}]},
+        open(os.path.join(w, "rec-folder.json"), "w"))
     # A recordings index with a missing video.
     json.dump({"format": "orbivane-recordings", "version": 1, "recordings": [
         {"module": "front", "video": "missing.avi", "start": "2026-11-22T10:00:00Z"}]},
@@ -306,12 +317,16 @@ CASES = [
     ("sensor overlap with a picture of no format", ["sensor", "overlap", "pair.json", "--modules", "L,R",
                                                     "--overlap", "100", "--picture", "overlap.xyz"], 1,
      "no picture format"),
+    ("sensor write the device refuses", ["sensor", "write", "refusing.json", "--module", "A", "--x", "4", "--y", "2"],
+     1, "the device refused to move module 'A''s sensor window"),
     ("sensor restore without a restore point", ["sensor", "restore", "state.json", "--module", "A"], 1,
      "nothing to restore"),
     ("sensor capture over the state", ["sensor", "capture", "state.json", "--module", "A", "state.json"], 1,
      "inputs"),
     # find-frames
     ("find-frames with a missing video", ["find-frames", "rec-missing.json", "--out", "out"], 1, "missing.avi"),
+    ("find-frames with a folder for a video", ["find-frames", "rec-folder.json", "--out", "out"], 1,
+     "is a folder, not a video file"),
     ("find-frames with a truncated video", ["find-frames", "rec-cut.json", "--out", "out"], 1, "truncated"),
     ("find-frames with a start given twice", ["find-frames", "rec-twice.json", "--out", "out"], 1,
      "at /recordings/0/start: the key is given twice"),
