@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <vector>
@@ -222,6 +223,7 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
                             static_cast<int>(asInteger((*s)[1], "/panoramaSize/1", 1, 1 << 20))});
   }
   const json& modules = asArray(requiredKey(root, "/", "modules"), "/modules");
+  std::map<std::string, std::shared_ptr<Image::RGBImage>> pictures;  // by resolved path
   std::vector<std::pair<std::size_t, std::wstring>> neighbours;
   std::set<std::wstring> names;
   for (std::size_t i = 0; i < modules.size(); ++i) {
@@ -281,9 +283,14 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
       const std::string path = resolvePath(asString(*v, where + "/image"), baseDirectory);
       module.setImagePath(path);
       if (options.loadImages) {
-        auto image = Image::loadImage(path);
-        if (!image) throw FileError(where + "/image", image.error());
-        module.setImage(image.value());
+        // Modules that name one file share its picture, read once.
+        auto& shared = pictures[path];
+        if (!shared) {
+          auto image = Image::loadImage(path);
+          if (!image) throw FileError(where + "/image", image.error());
+          shared = image.value();
+        }
+        module.setImage(shared);
       }
     }
     camera.addModule(module);

@@ -87,6 +87,35 @@ cv::Size rasterSize(const Utils::Size& panoramaSize, const std::vector<Footprint
   return cv::Size(side(width), side(height));
 }
 
+namespace {
+
+// The raster elements a picture warped by `transform` can touch: the box of
+// its corners, two elements wider on every side for the interpolation,
+// within the raster; the whole raster when a corner lies on or behind the
+// horizon (w <= 0), where the box is not bounded by the corners.
+cv::Rect reachedElements(const cv::Mat& transform, cv::Size picture, cv::Size raster) {
+  const cv::Matx33d t(transform);
+  double left = 1e300, top = 1e300, right = -1e300, bottom = -1e300;
+  for (const cv::Point2d corner : {cv::Point2d(-1, -1), cv::Point2d(picture.width + 1, -1),
+                                   cv::Point2d(-1, picture.height + 1),
+                                   cv::Point2d(picture.width + 1, picture.height + 1)}) {
+    const cv::Vec3d p = t * cv::Vec3d(corner.x, corner.y, 1.0);
+    if (!(p[2] > 1e-12)) return cv::Rect(cv::Point(0, 0), raster);
+    left = std::min(left, p[0] / p[2]);
+    right = std::max(right, p[0] / p[2]);
+    top = std::min(top, p[1] / p[2]);
+    bottom = std::max(bottom, p[1] / p[2]);
+  }
+  if (!std::isfinite(left + right + top + bottom)) return cv::Rect(cv::Point(0, 0), raster);
+  const auto clampX = [&](double v) { return int(std::clamp(v, 0.0, double(raster.width))); };
+  const auto clampY = [&](double v) { return int(std::clamp(v, 0.0, double(raster.height))); };
+  const int x0 = clampX(std::floor(left) - 2), x1 = clampX(std::ceil(right) + 3);
+  const int y0 = clampY(std::floor(top) - 2), y1 = clampY(std::ceil(bottom) + 3);
+  return cv::Rect(x0, y0, std::max(0, x1 - x0), std::max(0, y1 - y0));
+}
+
+}  // namespace
+
 void accumulateCoverage(const std::vector<Footprint>& footprints, cv::Size raster, cv::Mat& coverage) {
   cv::Mat sum(raster, CV_32F, cv::Scalar(0));
   cv::Mat mask;
@@ -101,8 +130,16 @@ void accumulateCoverage(const std::vector<Footprint>& footprints, cv::Size raste
     const cv::Matx33d toRaster(raster.width, 0, -0.5, 0, raster.height, -0.5, 0, 0, 1);
     const cv::Mat transform(toRaster * f.homography *
                             pixelsToTexture(picture.width, picture.height));
-    cv::warpPerspective(mask, warped, transform, raster, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar(0));
-    cv::addWeighted(sum, 1.0, warped, 1.0, 0.0, sum, CV_32F);
+    // Only the raster elements the footprint can reach are warped and
+    // added: a camera of many small modules costs its modules' area, not
+    // modules x raster.
+    const cv::Rect box = reachedElements(transform, picture, raster);
+    if (box.empty()) continue;
+    const cv::Matx33d shift(1, 0, -box.x, 0, 1, -box.y, 0, 0, 1);
+    cv::warpPerspective(mask, warped, cv::Mat(shift * cv::Matx33d(transform)), box.size(), cv::INTER_LINEAR,
+                        cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::Mat region = sum(box);
+    cv::addWeighted(region, 1.0, warped, 1.0, 0.0, region, CV_32F);
   }
   sum.convertTo(coverage, CV_32F, kEightBitScale);
 }
