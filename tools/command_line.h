@@ -25,6 +25,7 @@ struct CommandError : std::runtime_error {
 // Exit statuses: 0 all done, 1 error, 3 finished but some listed module or
 // pair could not be calibrated, 130 interrupted (Ctrl-C). A command that
 // finishes sets its status here; main returns it.
+constexpr int kExitUsage = 2;  // the command line itself is wrong (the parser's message says how)
 constexpr int kExitFailedModules = 3;
 constexpr int kExitInterrupted = 130;
 int& exitStatus();

@@ -72,13 +72,15 @@ int main(int argc, char** argv) {
     }
     if (!known) {
       std::cerr << "orbivane-calibrate: unknown command '" << argv[1] << "'; the commands are " << names << std::endl;
-      return 106;
+      return Tool::kExitUsage;
     }
   }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // --help and --version end well; every misuse of the command line
+    // (unknown option, missing or malformed value) exits with one status.
+    return app.exit(e) == 0 ? 0 : Tool::kExitUsage;
   } catch (const Tool::CommandError& e) {
     std::cerr << "orbivane-calibrate: " << e.what() << std::endl;
     return 1;
