@@ -182,6 +182,22 @@ struct AutoClipping::Impl {
     const double w = coverage.cols, h = coverage.rows;
     viewerOffset = {float((rect.x + 0.5) / w), float((rect.y + 0.5) / h),
                     float(1.0 - (rect.x + 0.5 + rect.width) / w), float(1.0 - (rect.y + 0.5 + rect.height) / h)};
+    // A rectangle over the whole map is the whole panorama, and so is one
+    // over all of it but the last column (or row), which the value search
+    // never takes, where that is well covered too: it is kept as it is (no
+    // crop across that side), so a clipped camera clips to itself instead of
+    // losing a pixel each time.
+    const bool mapped = !wellCovered.empty() && wellCovered.size() == coverage.size() && rect.area() > 0;
+    const auto wholeSide = [&](int start, int length, int size, const cv::Rect& last) {
+      if (!mapped || start != 0) return false;
+      return length == size || (length == size - 1 && cv::countNonZero(wellCovered(last)) == last.area());
+    };
+    if (wholeSide(rect.x, rect.width, coverage.cols, cv::Rect(coverage.cols - 1, rect.y, 1, rect.height))) {
+      viewerOffset[0] = viewerOffset[2] = 0.0f;
+    }
+    if (wholeSide(rect.y, rect.height, coverage.rows, cv::Rect(rect.x, coverage.rows - 1, rect.width, 1))) {
+      viewerOffset[1] = viewerOffset[3] = 0.0f;
+    }
     gaps = AutoClippingCoverage::listGaps(wellCovered, rect);
     inspection = AutoClippingCoverage::drawInspection(coverage, wellCovered, rect);
     logger->info("AutoClipping: rectangle x {} y {} width {} height {}, offsets {} {} {} {}, {} hole(s)", rect.x,

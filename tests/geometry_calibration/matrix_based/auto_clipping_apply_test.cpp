@@ -231,3 +231,34 @@ TEST(AutoClippingApply, NothingToApplyIsRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+// Clipping the clipped camera again keeps it as it is: same panorama size,
+// same matrices, every time (the search leaves the map's last column and row
+// out, which must not cost the panorama a pixel per run).
+TEST(AutoClippingApply, AClippedCameraClipsToItself) {
+  const PhotoRig rig = photoRig();
+  Orbivane camera = rig.camera;
+  std::vector<Utils::Size> sizes;
+  for (int run = 0; run < 3; ++run) {
+    AutoClipping clipping(std::make_shared<Orbivane>(camera));
+    ASSERT_TRUE(clipping.config(false, false, 1.0f));
+    clipping.setNoHoles(true);
+    ASSERT_TRUE(clipping.process());
+    auto clipped = clipping.clippedCamera();
+    ASSERT_TRUE(clipped) << clipped.error();
+    if (run > 0) {
+      EXPECT_EQ(clipped.value().panoramaSize(), camera.panoramaSize()) << "run " << run;
+      for (const auto& module : camera.modules()) {
+        const auto again = clipped.value().findModule(module->name())->matrixGeometry()->matrix();
+        for (int r = 0; r < 4; ++r)
+          for (int c = 0; c < 4; ++c)
+            EXPECT_NEAR(again.get(r, c), module->matrixGeometry()->matrix().get(r, c), 1e-6) << "run " << run;
+      }
+    }
+    camera = clipped.value();
+  }
+}
+
+}  // namespace
