@@ -17,6 +17,7 @@ packages=(
   clang libclang-rt-14-dev
   libceres-dev hugin-tools
   pybind11-dev python3-dev python3-pytest python3-distributed
+  python3-pip python3-setuptools python3-wheel python3-venv
 )
 
 if [ "$(id -u)" -eq 0 ]; then
