@@ -114,8 +114,12 @@ class CalibrationResult:
         return self.error is None
 
     def failed_modules(self) -> _List[str]:
-        """Names of the modules whose verdict is not 'aligned'."""
-        return sorted(n for n, v in self.report.get("verdicts", {}).items() if v["status"] != "aligned")
+        """Names of the modules whose verdict is neither 'aligned' nor 'kept' (failed, skipped or aborted)."""
+        return sorted(n for n, v in self.report.get("verdicts", {}).items() if v["status"] not in ("aligned", "kept"))
+
+
+_PIPELINE_OPTIONS = frozenset(
+    {"levels", "iterations", "step", "require_overlap", "keep_aspect", "clip_threshold", "no_holes"})
 
 
 def calibrate(
@@ -137,9 +141,15 @@ def calibrate(
     ``pictures`` overrides the camera's own pictures, ``callback`` is
     fn(step, total, text, info). Further keywords go to
     :meth:`CalibrationPipeline.run` (levels, iterations, step,
-    require_overlap, keep_aspect, clip_threshold, no_holes). Bad options raise
-    ValueError; the result's report holds each module's verdict.
+    require_overlap, keep_aspect, clip_threshold, no_holes); another keyword
+    raises TypeError naming it. Bad options raise ValueError, a module, target
+    or reference that is not in the camera KeyError; the result's report holds
+    each module's verdict.
     """
+    unknown = sorted(set(options) - _PIPELINE_OPTIONS)
+    if unknown:
+        raise TypeError("calibrate() got an unexpected keyword argument %r (the pipeline's options are %s)"
+                        % (unknown[0], ", ".join(sorted(_PIPELINE_OPTIONS))))
     started = _time.perf_counter()
     pipeline = CalibrationPipeline(camera, pictures)
     if callback is not None:

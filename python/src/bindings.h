@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -63,6 +64,12 @@ cv::Mat matFromArray(const py::handle& object, const std::string& what);
 std::wstring wide(const std::string& text);
 std::string narrow(const std::wstring& text);
 std::list<std::wstring> wideList(const std::vector<std::string>& names);
+// The names of a camera's modules, and the check every class makes of the
+// names it is given: KeyError naming the first that is no module of the
+// camera ("unknown module 'ghost'"; `role` says which: "module", "target
+// module", "reference module"). Empty names are not checked.
+std::set<std::string> moduleNames(const CameraDescription::Orbivane& camera);
+void requireModules(const std::set<std::string>& known, const std::vector<std::string>& names, const char* role);
 
 py::array_t<float> matrixArray(const Utils::Matrix4x4& matrix);
 // From any 4 x 4 array-like of numbers; ValueError otherwise.

@@ -37,8 +37,27 @@ Utils::Matrix4x4 matrixFromObject(const py::handle& object) {
     throw py::value_error("expected a 4 x 4 matrix of numbers (row-major)");
   }
   std::array<float, 16> values{};
-  for (int i = 0; i < 16; ++i) values[std::size_t(i)] = array.data()[i];
+  for (int i = 0; i < 16; ++i) {
+    values[std::size_t(i)] = array.data()[i];
+    if (!std::isfinite(values[std::size_t(i)])) {
+      throw py::value_error("the matrix holds a value that is not finite (row " + std::to_string(i / 4) + ", column " +
+                            std::to_string(i % 4) + ")");
+    }
+  }
   return Utils::Matrix4x4(values);
+}
+
+std::set<std::string> moduleNames(const CameraDescription::Orbivane& camera) {
+  std::set<std::string> names;
+  for (const auto& module : camera.modules())
+    if (module) names.insert(narrow(module->name()));
+  return names;
+}
+
+void requireModules(const std::set<std::string>& known, const std::vector<std::string>& names, const char* role) {
+  for (const auto& name : names) {
+    if (!name.empty() && known.count(name) == 0) throw py::key_error("unknown " + std::string(role) + " '" + name + "'");
+  }
 }
 
 namespace {

@@ -2,6 +2,7 @@
 // ShaderBruteForcer and AutoClipping. Each wrapper owns the library's
 // calibrator and a callback relay; the main operation runs with the GIL
 // released, so abort() works from another Python thread.
+#include <atomic>
 #include <chrono>
 #include <list>
 #include <memory>
@@ -33,16 +34,18 @@ const char* kCallbackDoc =
 
 struct PyMatchToTarget {
   PyMatchToTarget(const Orbivane& camera, const py::dict& pictures)
-      : impl(std::make_unique<MatchToTarget>(camera, picturesFromDict(pictures))) {
+      : impl(std::make_unique<MatchToTarget>(camera, picturesFromDict(pictures))), names(moduleNames(camera)) {
     impl->registerStatusCallback(relay.callback());
   }
   std::unique_ptr<MatchToTarget> impl;
+  std::set<std::string> names;
+  std::atomic<bool> aborted{false};  // abort() was called: every later calibrate() returns at once
   CallbackRelay relay;
 };
 
 struct PyNeighbourNeighbour {
   PyNeighbourNeighbour(const Orbivane& camera, const py::dict& pictures, int levels, int iterations, float step)
-      : impl(checked(camera, pictures, levels, iterations, step)) {
+      : impl(checked(camera, pictures, levels, iterations, step)), names(moduleNames(camera)) {
     impl->registerStatusCallback(relay.callback());
   }
   // The stitcher, its settings checked by the library's own rules first.
@@ -54,11 +57,14 @@ struct PyNeighbourNeighbour {
     return std::make_unique<NeighbourNeighbour>(camera, picturesFromDict(pictures), levels, iterations, step);
   }
   std::unique_ptr<NeighbourNeighbour> impl;
+  std::set<std::string> names;
   CallbackRelay relay;
 };
 
 struct PyShaderBruteForcer {
-  PyShaderBruteForcer(const Orbivane& camera, const py::dict& pictures, const py::object& parameters) {
+  PyShaderBruteForcer(const Orbivane& camera, const py::dict& pictures, const py::object& parameters)
+      : names(moduleNames(camera)) {
+    for (const auto& item : pictures) pictureNames.insert(py::str(item.first).cast<std::string>());
     if (parameters.is_none()) {
       impl = std::make_unique<ShaderBruteForcer>(camera, picturesFromDict(pictures));
     } else {
@@ -66,6 +72,7 @@ struct PyShaderBruteForcer {
     }
     impl->registerStatusCallback(relay.callback());
   }
+  std::set<std::string> names, pictureNames;  // the camera's modules; the pictures given
 
   // [(name, min, max, step[, kind]), ...] in walk order, the first outermost.
   static ShaderBruteForcer::ParameterList parameterList(const py::handle& parameters) {
@@ -132,6 +139,8 @@ void registerMatchToTarget(py::module_& m) {
       .def(
           "calibrate",
           [](PyMatchToTarget& self, const std::vector<std::string>& modules, const std::string& target) {
+            requireModules(self.names, modules, "module");
+            requireModules(self.names, {target}, "target module");
             auto result = self.relay.run("MatchToTarget.calibrate",
                                          [&] { return self.impl->calibrate(wideList(modules), wide(target)); });
             return std::make_shared<Orbivane>(std::move(result));
@@ -139,8 +148,15 @@ void registerMatchToTarget(py::module_& m) {
           py::arg("modules"), py::arg("target"),
           "Aligns the modules (in list order) to `target` and returns the corrected copy of the camera. "
           "Releases the GIL; abort() from another thread makes it return what it has.")
-      .def("abort", [](PyMatchToTarget& self) { self.impl->abort(); },
-           "Stops a running calibrate() at the next module; safe from any thread.")
+      .def(
+          "abort",
+          [](PyMatchToTarget& self) {
+            self.aborted = true;
+            self.impl->abort();
+          },
+          "Stops a running calibrate() at the next module (that module and the rest are 'aborted'); safe from any "
+          "thread. Later calibrate() calls return at once.")
+      .def("aborted", [](const PyMatchToTarget& self) { return self.aborted.load(); }, "Whether abort() was called.")
       .def(
           "set_calibration_mode",
           [](PyMatchToTarget& self, int mode) {
@@ -237,13 +253,15 @@ void registerNeighbourNeighbour(py::module_& m) {
       .def(
           "calibrate",
           [](PyNeighbourNeighbour& self, const std::vector<std::string>& modules, const std::string& reference) {
+            requireModules(self.names, modules, "module");
+            requireModules(self.names, {reference}, "reference module");
             auto result = self.relay.run("NeighbourNeighbour.calibrate",
                                          [&] { return self.impl->calibrate(wideList(modules), wide(reference)); });
             return std::make_shared<Orbivane>(std::move(result));
           },
           py::arg("modules"), py::arg("reference") = "",
           "Stitches the modules in list order; `reference` stays in place (empty: the chain's middle). "
-          "An unknown module or one without a picture raises IndexError.")
+          "An unknown module raises KeyError, one without a picture IndexError.")
       .def("register_status_callback",
            [](PyNeighbourNeighbour& self, py::object fn) { self.relay.setFunction(std::move(fn)); }, py::arg("fn"),
            kCallbackDoc)
@@ -279,14 +297,20 @@ void registerShaderBruteForcer(py::module_& m) {
       .def(
           "search_for_best_parameters",
           [](PyShaderBruteForcer& self, const std::string& module, const std::string& reference) {
+            requireModules(self.names, {module}, "module");
+            if (self.pictureNames.count(module) == 0) throw py::key_error("no picture of module '" + module + "'");
+            if (self.pictureNames.count(reference) == 0) {
+              throw py::key_error("unknown reference '" + reference + "' (no picture of that name)");
+            }
             auto cameras = self.relay.run("ShaderBruteForcer.search_for_best_parameters", [&] {
               return self.impl->searchForBestParameters(wide(module), wide(reference));
             });
             return sharedCameras(std::move(cameras));
           },
           py::arg("module"), py::arg("reference"),
-          "Up to ten cameras, best first, whose module carries one of the best parameter sets. Unknown names "
-          "raise IndexError; a module whose geometry names an unknown shader raises RuntimeError.")
+          "Up to ten cameras, best first, whose module carries one of the best parameter sets. An unknown module "
+          "or a reference without a picture raises KeyError; a module whose geometry names an unknown shader "
+          "raises RuntimeError.")
       .def(
           "set_shard",
           [](PyShaderBruteForcer& self, int index, int count) {

@@ -138,6 +138,9 @@ cv::Mat matFromArray(const py::handle& object, const std::string& what) {
 
 std::shared_ptr<Image::UniversalImageInterface> pictureFromArray(const py::handle& object, const std::string& what) {
   py::array array = checkedArray(object, what);
+  if (array.shape(0) == 0 || array.shape(1) == 0) {
+    throw py::value_error(what + ": an empty picture (" + shapeText(array) + ")");
+  }
   const int channels = array.ndim() == 3 ? int(array.shape(2)) : 1;
   if ((channels == 3 || channels == 4) && array.writeable() && packedPixels(array) && array.shape(0) > 0 &&
       array.shape(1) > 0) {

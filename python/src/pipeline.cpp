@@ -18,10 +18,11 @@ using GeometryCalibration::CalibrationPipeline;
 using GeometryCalibration::PipelineOptions;
 
 struct PyPipeline {
-  PyPipeline(const Orbivane& camera, const py::object& pictures) {
+  PyPipeline(const Orbivane& camera, const py::object& pictures) : names(moduleNames(camera)) {
     impl = std::make_unique<CalibrationPipeline>(camera, picturesOf(camera, pictures));
     impl->registerStatusCallback(relay.callback());
   }
+  std::set<std::string> names;
   std::unique_ptr<CalibrationPipeline> impl;
   CallbackRelay relay;
 };
@@ -98,6 +99,9 @@ void registerPipeline(py::module_& m) {
           [](PyPipeline& self, const std::string& target, const py::object& modules, const py::object& steps,
              const std::string& reference, int matchMode, int levels, int iterations, float step, bool requireOverlap,
              bool keepAspect, float clipThreshold, bool noHoles) {
+            if (!modules.is_none()) requireModules(self.names, modules.cast<std::vector<std::string>>(), "module");
+            requireModules(self.names, {target}, "target module");
+            requireModules(self.names, {reference}, "reference module");
             const PipelineOptions options = optionsFrom(target, modules, steps, reference, matchMode, levels,
                                                         iterations, step, requireOverlap, keepAspect, clipThreshold,
                                                         noHoles);

@@ -81,7 +81,7 @@ class TestMatchToTarget:
         thread.join()
         reports = matcher.module_reports()
         assert reports["M2"]["status"] == "aligned"
-        assert reports["M4"]["status"] == "skipped" and reports["M5"]["status"] == "skipped"
+        assert reports["M4"]["status"] == "aborted" and reports["M5"]["status"] == "aborted"
         assert np.array_equal(result.module("M4").matrix, rig.misaligned["M4"])
         assert rig.corner_errors(result)["M2"][1] < 1.0
 
@@ -186,8 +186,10 @@ class TestNeighbourNeighbour:
 
     def test_unknown_module_raises(self, straight_rig):
         stitcher = orbivane.NeighbourNeighbour(straight_rig.camera, straight_rig.camera.pictures())
-        with pytest.raises(IndexError):
+        with pytest.raises(KeyError, match="unknown module 'Nowhere'"):
             stitcher.calibrate(["M1", "Nowhere"], "")
+        with pytest.raises(KeyError, match="unknown reference module 'Elsewhere'"):
+            stitcher.calibrate(["M1", "M2"], "Elsewhere")
 
 
 class TestShaderBruteForcer:
@@ -221,8 +223,10 @@ class TestShaderBruteForcer:
         forcer = orbivane.ShaderBruteForcer(lens.camera, lens.pictures, lens.parameters)
         with pytest.raises(ValueError, match="shard 3 of 3"):
             forcer.set_shard(3, 3)
-        with pytest.raises(IndexError, match="invalid map<K, T> key"):
+        with pytest.raises(KeyError, match="unknown reference 'no such picture'"):
             forcer.search_for_best_parameters("lens", "no such picture")
+        with pytest.raises(KeyError, match="unknown module 'glass'"):
+            forcer.search_for_best_parameters("glass", "reference")
         with pytest.raises(ValueError, match=r"\(name, min, max, step\)"):
             orbivane.ShaderBruteForcer(lens.camera, lens.pictures, [("f_TCorrection_F", 0.1)])
 
@@ -327,6 +331,35 @@ class TestPipeline:
         errors = rig.corner_errors(result.camera)
         assert errors["M2"][1] < 1.0 and errors["M3"][1] < 1.0
         assert np.array_equal(result.camera.module("M1").matrix, rig.misaligned["M1"])
+
+    def test_wrong_names_and_keywords_raise_naming_them(self, rig):
+        for kwargs, message in (({"modules": ["M2", "Ghost"]}, "unknown module 'Ghost'"),
+                                ({"target": "Nowhere"}, "unknown target module 'Nowhere'"),
+                                ({"reference": "Elsewhere", "steps": ["match", "neighbour"]},
+                                 "unknown reference module 'Elsewhere'")):
+            options = {"target": "Target", **kwargs}
+            with pytest.raises(KeyError, match=message):
+                orbivane.calibrate(rig.camera, **options)
+        with pytest.raises(TypeError, match="unexpected keyword argument 'modulez'"):
+            orbivane.calibrate(rig.camera, target="Target", modulez=["M2"])
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        with pytest.raises(KeyError, match="unknown module 'Ghost'"):
+            matcher.calibrate(["M2", "Ghost"], "Target")
+        with pytest.raises(KeyError, match="unknown target module 'Nowhere'"):
+            matcher.calibrate(["M2"], "Nowhere")
+        with pytest.raises(ValueError, match="not finite"):
+            orbivane.Module("A", matrix=np.full((4, 4), np.nan))
+        with pytest.raises(ValueError, match="an empty picture"):
+            orbivane.Module("A", matrix=np.eye(4), picture=np.zeros((0, 0, 3), np.uint8))
+
+    def test_an_aborted_matcher_says_so_per_module(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, rig.camera.pictures())
+        assert not matcher.aborted()
+        matcher.abort()
+        assert matcher.aborted()
+        result = matcher.calibrate(["M2", "M3"], "Target")
+        assert {n: r["status"] for n, r in matcher.module_reports().items()} == {"M2": "aborted", "M3": "aborted"}
+        assert np.array_equal(result.module("M2").matrix, rig.misaligned["M2"])
 
     def test_bad_options_raise(self, rig):
         with pytest.raises(ValueError, match="unknown step 'paint'"):
