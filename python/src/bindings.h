@@ -92,6 +92,33 @@ struct LibraryError : std::runtime_error {
 // library's per-module error handling does not take it for a module failure.
 struct CallbackStopped {};
 
+// The library's console texts ("Best 0 Error: ...", "Starting t = ...",
+// " #") while a call from Python runs: std::cout and std::cerr are caught
+// (from every thread, a line at a time) and handed to Python's logging when
+// the call returns, under the logger "orbivane.<Class>" (INFO; the progress
+// marks " #" at DEBUG). Nothing is printed unless the user configures
+// logging. Built with the GIL held; the streams are restored when the last
+// capture ends.
+class ConsoleCapture {
+ public:
+  explicit ConsoleCapture(const char* what);
+  ~ConsoleCapture();
+  ConsoleCapture(const ConsoleCapture&) = delete;
+  ConsoleCapture& operator=(const ConsoleCapture&) = delete;
+
+ private:
+  std::string logger_;
+};
+
+// A call into the library from Python without a calibrator's relay: its
+// console texts go to the logger "orbivane.<what>", and the GIL is released
+// while it runs (the capture outlives the release: it logs with the GIL).
+struct LibraryCall {
+  explicit LibraryCall(const char* what) : console(what) {}
+  ConsoleCapture console;
+  py::gil_scoped_release release;
+};
+
 // The status callback a calibrator gets from Python. It always checks for
 // pending signals (so Ctrl-C stops a long run); with a registered function it
 // calls fn(step, total, text, info). An exception there stops the run: it is
@@ -126,6 +153,7 @@ struct CallbackRelay::State {
 template <typename Call>
 auto CallbackRelay::run(const char* what, Call&& call) -> decltype(call()) {
   begin(what);
+  const ConsoleCapture console(what);
   struct Ender {
     CallbackRelay* relay;
     ~Ender() { relay->end(); }

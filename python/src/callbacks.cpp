@@ -1,4 +1,7 @@
 // Status callbacks into Python, and the step record (AdvStepInfo) they get.
+#include <iostream>
+#include <mutex>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -63,6 +66,98 @@ void CallbackRelay::raiseStored() {
   state_->error = nullptr;
   if (!error) throw std::runtime_error("the run was stopped by its status callback");
   std::rethrow_exception(error);
+}
+
+namespace {
+
+// Collects what is written to it, a whole line at a time, from any thread.
+class LineCollector : public std::streambuf {
+ public:
+  std::vector<std::string> take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> out;
+    out.swap(lines_);
+    if (!partial_.empty()) out.push_back(std::move(partial_));
+    partial_.clear();
+    return out;
+  }
+
+ protected:
+  int overflow(int c) override {
+    if (c == traits_type::eof()) return traits_type::not_eof(c);
+    const char ch = traits_type::to_char_type(c);
+    xsputn(&ch, 1);
+    return c;
+  }
+  std::streamsize xsputn(const char* text, std::streamsize count) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (std::streamsize i = 0; i < count; ++i) {
+      if (text[i] == '\n') {
+        lines_.push_back(std::move(partial_));
+        partial_.clear();
+      } else {
+        partial_ += text[i];
+      }
+    }
+    return count;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+  std::string partial_;
+};
+
+// The one capture of the process, shared by the calls under way (GIL held).
+struct Console {
+  int users = 0;
+  LineCollector collector;
+  std::streambuf* out = nullptr;
+  std::streambuf* err = nullptr;
+};
+
+Console& console() {
+  static Console* shared = new Console();  // never destroyed: the streams may outlive static destruction
+  return *shared;
+}
+
+bool onlyProgressMarks(const std::string& line) {
+  return line.find_first_not_of(" #") == std::string::npos;
+}
+
+}  // namespace
+
+ConsoleCapture::ConsoleCapture(const char* what) {
+  const std::string call(what);
+  logger_ = "orbivane." + call.substr(0, call.find('.'));
+  Console& c = console();
+  if (c.users++ == 0) {
+    c.out = std::cout.rdbuf(&c.collector);
+    c.err = std::cerr.rdbuf(&c.collector);
+  }
+}
+
+ConsoleCapture::~ConsoleCapture() {
+  Console& c = console();
+  if (--c.users == 0) {
+    std::cout.rdbuf(c.out);
+    std::cerr.rdbuf(c.err);
+  }
+  const std::vector<std::string> lines = c.collector.take();
+  if (lines.empty()) return;
+  // An exception on its way out of the call stays the one the caller sees.
+  PyObject *type = nullptr, *value = nullptr, *trace = nullptr;
+  PyErr_Fetch(&type, &value, &trace);
+  try {
+    const py::object logger = py::module_::import("logging").attr("getLogger")(logger_);
+    for (const auto& line : lines) {
+      if (line.empty()) continue;
+      logger.attr(onlyProgressMarks(line) ? "debug" : "info")(line);
+    }
+  } catch (const py::error_already_set&) {
+    // Logging that fails loses the library's texts, nothing else.
+  }
+  PyErr_Restore(type, value, trace);
 }
 
 namespace {

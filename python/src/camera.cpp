@@ -215,7 +215,7 @@ py::object renderPanorama(const Orbivane& camera, const py::object& size, double
   options.overlay = overlay;
   Utils::ReturnState<OrbivaneRendering::Panorama, std::string> result = Utils::failure("not drawn");
   {
-    py::gil_scoped_release release;
+    const LibraryCall release("Camera");
     result = OrbivaneRendering::renderPanorama(camera, options);
   }
   if (!result) throw LibraryError(result.error());
@@ -248,7 +248,7 @@ py::array shadePicture(const py::object& picture, const std::vector<OrbivaneGeom
   }
   std::shared_ptr<Image::UniversalImageInterface> shaded;
   {
-    py::gil_scoped_release release;
+    const LibraryCall release("Camera");
     ImageSource::ImageShading shading;
     shading.SetShader(std::list<OrbivaneGeometry::Shader>(shaders.begin(), shaders.end()));
     if (const auto* geometry = carrier.matrixGeometry(); geometry && geometry->uvGrid()) {
@@ -417,7 +417,7 @@ void registerCamera(py::module_& m) {
             options.loadImages = loadPictures;
             Utils::ReturnState<Orbivane, std::string> loaded = Utils::failure("not loaded");
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("Camera");
               loaded = CameraDescription::loadCameraFile(path, options);
             }
             return std::make_shared<Orbivane>(loadedOrRaise(std::move(loaded)));

@@ -505,7 +505,7 @@ void registerAutoClipping(py::module_& m) {
 // target matching done wholly in C++ (pictures taken from the camera's
 // modules, reports and errors read), in seconds.
 double matchToTargetSeconds(const Orbivane& camera, const std::vector<std::string>& modules, const std::string& target) {
-  py::gil_scoped_release release;
+  const LibraryCall release("MatchToTarget");
   const auto started = std::chrono::steady_clock::now();
   const Images images = modulePictures(camera);
   MatchToTarget matcher(camera, images);

@@ -227,7 +227,7 @@ void registerPictures(py::module_& m) {
         const cv::Mat mat = matFromArray(picture, "picture");
         Utils::ReturnState<bool, std::string> saved = true;
         {
-          py::gil_scoped_release release;
+          const LibraryCall release("Pictures");
           saved = Image::saveMat(mat, path);
         }
         if (!saved) throw LibraryError(saved.error());

@@ -159,7 +159,7 @@ void registerPipeline(py::module_& m) {
             const CalibrationPipeline::Images images = picturesOf(camera, pictures);
             std::vector<GeometryCalibration::SeamResidual> seams;
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("CalibrationPipeline");
               seams = CalibrationPipeline::measureSeams(camera, images, wideList(chain));
             }
             return seamList(seams);

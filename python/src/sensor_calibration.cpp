@@ -221,7 +221,7 @@ void registerSimulatedCamera(py::module_& m) {
             if (!window.is_none()) module.window = windowFrom(window.cast<py::dict>());
             if (!faults.is_none()) module.faults = faultsFrom(faults.cast<py::dict>());
             module.latencyMs = latencyMs;
-            py::gil_scoped_release release;
+            const LibraryCall release("SensorCalibration");
             valueOrRaise(self.addModule(module));
           },
           py::arg("id"), py::arg("scene"), py::arg("window") = py::none(), py::arg("faults") = py::none(),
@@ -247,7 +247,7 @@ void registerSimulatedCamera(py::module_& m) {
           [](const SimulatedCamera& self, const std::string& id) {
             Utils::ReturnState<cv::Mat, std::string> picture = Utils::failure("not captured");
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               picture = self.capture(id);
             }
             return arrayFromMat(valueOrRaise(std::move(picture)));
@@ -262,7 +262,7 @@ void registerSimulatedCamera(py::module_& m) {
       .def(
           "move_window",
           [](SimulatedCamera& self, const std::string& id, int x, int y) {
-            py::gil_scoped_release release;
+            const LibraryCall release("SensorCalibration");
             valueOrRaise(self.moveWindow(id, x, y));
           },
           py::arg("id"), py::arg("x"), py::arg("y"))
@@ -280,7 +280,7 @@ void registerSensorShifter(py::module_& m) {
             SensorShifter::SensorInfo info;
             bool ok = false;
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               ok = virtualShift.is_none() ? SensorShifter::readSensorShift(module, info)
                                           : SensorShifter::readSensorShift(module, info, virtualShift.cast<bool>(), buffer);
             }
@@ -297,7 +297,7 @@ void registerSensorShifter(py::module_& m) {
           "write_sensor_shift",
           [](ModulePtr module, const py::dict& info) {
             const auto window = sensorInfoFrom(info);
-            py::gil_scoped_release release;
+            const LibraryCall release("SensorCalibration");
             SensorShifter::writeSensorShift(module, window);
           },
           py::arg("module"), py::arg("info"),
@@ -307,7 +307,7 @@ void registerSensorShifter(py::module_& m) {
           [](ModulePtr module, double dx, double dy) {
             Utils::ReturnState<SensorShifter::SensorInfo, std::string> r = Utils::failure("not run");
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               r = SensorShifter::sensorshiftCalibration(module, dx, dy);
             }
             return sensorInfoDict(valueOrRaise(std::move(r)));
@@ -324,7 +324,7 @@ void registerSensorShifter(py::module_& m) {
       .def_static(
           "update_settings",
           [](ModulePtr module) {
-            py::gil_scoped_release release;
+            const LibraryCall release("SensorCalibration");
             return SensorShifter::updateSettings(module);
           },
           py::arg("module"))
@@ -354,7 +354,7 @@ void registerSensorShifter(py::module_& m) {
             auto b = pictureFromArray(right, "right picture");
             Utils::ReturnState<SensorShifter::OverlapMeasurement, std::string> r = Utils::failure("not measured");
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               r = SensorShifter::measureOverlap(a, b, searchShare, minScore);
             }
             return overlapDict(valueOrRaise(std::move(r)));
@@ -372,7 +372,7 @@ void registerSensorShifter(py::module_& m) {
             options.minScore = minScore;
             Utils::ReturnState<SensorShifter::OverlapResult, std::string> r = Utils::failure("not run");
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               r = SensorShifter::overlapCalibration(left, right, options);
             }
             const auto result = valueOrRaise(std::move(r));
@@ -428,7 +428,7 @@ void registerFisheyeAndResolution(py::module_& m) {
             auto image = pictureFromArray(picture, "fisheye picture");
             SensorCalibration::FisheyeCalibration::CalibrationResults r;
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               r = self.impl->calculateCalibration(image);
             }
             py::dict d;
@@ -445,7 +445,7 @@ void registerFisheyeAndResolution(py::module_& m) {
           [](PyFisheye& self, short x, short y) {
             Utils::ReturnState<bool, std::string> r = false;
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               r = self.impl->apply(x, y);
             }
             return valueOrRaise(std::move(r));
@@ -454,7 +454,7 @@ void registerFisheyeAndResolution(py::module_& m) {
           "Moves the window so the last circle comes to the middle (+ x, y sensor pixels); raises OrbivaneError "
           "when the device refuses.")
       .def("restore", [](PyFisheye& self) {
-        py::gil_scoped_release release;
+        const LibraryCall release("SensorCalibration");
         return self.impl->restore();
       });
 
@@ -470,7 +470,7 @@ void registerFisheyeAndResolution(py::module_& m) {
             auto image = pictureFromArray(picture, "target picture");
             std::shared_ptr<Image::UniversalImageInterface> annotated;
             {
-              py::gil_scoped_release release;
+              const LibraryCall release("SensorCalibration");
               annotated = self.impl->calculateCalibration(image);
             }
             return arrayFromPicture(annotated);
@@ -482,7 +482,7 @@ void registerFisheyeAndResolution(py::module_& m) {
       .def("metres_per_pixel_x", [](const PyResolution& self) { return self.impl->metresPerPixelX(); })
       .def("metres_per_pixel_y", [](const PyResolution& self) { return self.impl->metresPerPixelY(); })
       .def("apply", [](PyResolution& self) {
-        py::gil_scoped_release release;
+        const LibraryCall release("SensorCalibration");
         return self.impl->apply();
       })
       .def("restore", [](PyResolution& self) { return self.impl->restore(); })
@@ -644,7 +644,7 @@ void registerSensorCalibration(py::module_& m) {
       "estimate_blur",
       [](const py::object& picture, int rotation) {
         auto image = pictureFromArray(picture, "picture");
-        py::gil_scoped_release release;
+        const LibraryCall release("SensorCalibration");
         return BlurDetection::estimateBlur(image, rotation);
       },
       py::arg("picture"), py::arg("rotation") = 0,

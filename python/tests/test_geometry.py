@@ -3,6 +3,7 @@ truth: target matching, neighbour stitching, the shader parameter search,
 automatic clipping and the whole pipeline; callbacks, abort() from another
 thread, the GIL released during a run, and exceptions."""
 
+import logging
 import threading
 import time
 
@@ -183,6 +184,17 @@ class TestNeighbourNeighbour:
         assert abs(pairs[1]["shift_px"] - 5.0) < 0.5 and abs(pairs[2]["shift_px"] - 5.0) < 0.5
         assert texts[0] == "Stitching Modules M1 and M2" and texts[-1] == "Adjusting Chain"
         assert len(stitcher.translations()) == 4
+
+    def test_quiet_unless_logging_is_asked_for(self, straight_rig, capfd, caplog):
+        stitcher = orbivane.NeighbourNeighbour(straight_rig.camera, straight_rig.camera.pictures())
+        stitcher.calibrate(["M1", "M2"], "")
+        out, err = capfd.readouterr()
+        assert out == "" and err == "", (out, err)  # nothing on the console
+        with caplog.at_level(logging.INFO, logger="orbivane"):
+            stitcher.calibrate(["M1", "M2"], "")
+        records = [r for r in caplog.records if r.name == "orbivane.NeighbourNeighbour"]
+        assert any(r.getMessage().startswith("Starting t = (") for r in records), caplog.records
+        assert capfd.readouterr() == ("", "")
 
     def test_unknown_module_raises(self, straight_rig):
         stitcher = orbivane.NeighbourNeighbour(straight_rig.camera, straight_rig.camera.pictures())

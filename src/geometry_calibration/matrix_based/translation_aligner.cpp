@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <iostream>
 
 #include <opencv2/imgproc.hpp>
 
@@ -137,7 +138,9 @@ TranslationResult TranslationAligner::align(const cv::Mat& first, const cv::Mat&
     cv::buildPyramid(first, firstPyramid_, depth, cv::BORDER_REFLECT_101);
     cv::buildPyramid(second, secondPyramid_, depth, cv::BORDER_REFLECT_101);
   }
-  std::fprintf(stderr, "Starting t = (%.2f,%.2f)\n", start.x, start.y);
+  char starting[80];
+  std::snprintf(starting, sizeof starting, "Starting t = (%.2f,%.2f)\n", start.x, start.y);
+  std::cerr << starting << std::flush;  // through the stream, so a host that redirects std::cerr gets it
   if (depth == 0) return result;
   result.depth = depth;
 
