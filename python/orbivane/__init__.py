@@ -19,10 +19,13 @@ library's texts.
 a Dask cluster; ``orbivane.synthetic`` builds test scenes with known truth.
 """
 
+import functools as _functools
 import os as _os
 import time as _time
 from dataclasses import dataclass as _dataclass, field as _field
 from typing import Any as _Any, Dict as _Dict, List as _List, Optional as _Optional
+
+import numpy as _np
 
 # The shader files come with the package. The library looks for them, among
 # other places, in $ProgramData/Hollbrink/Shaders; point it there unless the
@@ -90,6 +93,54 @@ __all__ = [
     "set_num_threads",
     "shade_picture",
 ]
+
+
+def _picklable(function, qualname=None):
+    """The library's function as a Python function of this package, so that
+    pickle (Dask's client.submit, multiprocessing) sends it by name."""
+
+    @_functools.wraps(function)
+    def call(*args, **kwargs):
+        return function(*args, **kwargs)
+
+    call.__module__ = __name__
+    call.__qualname__ = qualname or function.__name__
+    return call
+
+
+clip_matrix_shader = _picklable(clip_matrix_shader)
+estimate_blur = _picklable(estimate_blur)
+get_num_threads = _picklable(get_num_threads)
+load_picture = _picklable(load_picture)
+render_panorama = _picklable(render_panorama)
+save_picture = _picklable(save_picture)
+set_num_threads = _picklable(set_num_threads)
+shade_picture = _picklable(shade_picture)
+Camera.load = staticmethod(_picklable(Camera.load, "Camera.load"))
+Camera.from_json = staticmethod(_picklable(Camera.from_json, "Camera.from_json"))
+
+
+def _camera_iter(self):
+    """The camera's modules in order."""
+    return iter(self.modules)
+
+
+def _camera_eq(self, other):
+    """Equal cameras: the same description (as the camera file writes it) and
+    the same pictures, pixel for pixel."""
+    if not isinstance(other, Camera):
+        return NotImplemented
+    if self.to_json() != other.to_json():
+        return False
+    mine, theirs = self.pictures(), other.pictures()
+    return mine.keys() == theirs.keys() and all(_np.array_equal(mine[k], theirs[k]) for k in mine)
+
+
+Camera.__iter__ = _camera_iter
+Camera.__eq__ = _camera_eq
+Camera.__hash__ = None  # cameras change: not usable as keys
+
+
 
 
 @_dataclass

@@ -102,6 +102,27 @@ CameraPtr cameraFromState(const py::tuple& state) {
   return camera;
 }
 
+// A module on its own: a copy that names no neighbour (the neighbour is
+// another module of the camera it came from). It pickles as a camera of
+// just it.
+ModulePtr standaloneCopy(const OrbivaneModule& module) {
+  auto copy = std::make_shared<OrbivaneModule>(module);
+  copy->setNeighbour(nullptr);
+  return copy;
+}
+
+py::tuple moduleState(const OrbivaneModule& module) {
+  Orbivane alone;
+  alone.addModule(*standaloneCopy(module));
+  return cameraState(alone);
+}
+
+ModulePtr moduleFromState(const py::tuple& state) {
+  const CameraPtr camera = cameraFromState(state);
+  if (camera->modules().size() != 1) throw py::value_error("not a pickled orbivane.Module");
+  return camera->modules().front();
+}
+
 OrbivaneGeometry::MatrixGeometry& matrixGeometryOf(OrbivaneModule& module) {
   if (!module.geometry()) module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>());
   auto* geometry = module.matrixGeometry();
@@ -309,6 +330,12 @@ void registerCamera(py::module_& m) {
            }),
            py::arg("name"), py::arg("matrix") = py::none(), py::arg("picture") = py::none(),
            "A module with a matrix geometry when `matrix` (4 x 4) is given, and a picture when `picture` is.")
+      .def("__copy__", [](const OrbivaneModule& module) { return standaloneCopy(module); },
+           "A copy that belongs to no camera (it names no neighbour); the picture is shared, as a camera copy "
+           "shares it.")
+      .def("__deepcopy__", [](const OrbivaneModule& module, const py::dict&) { return standaloneCopy(module); })
+      .def(py::pickle([](const OrbivaneModule& module) { return moduleState(module); },
+                      [](const py::tuple& state) { return moduleFromState(state); }))
       .def_property(
           "name", [](const OrbivaneModule& mod) { return narrow(mod.name()); },
           [](OrbivaneModule& mod, const std::string& name) { mod.setName(wide(name)); })

@@ -132,6 +132,38 @@ class TestPickling:
         for name in rig.names:
             assert again.module(name).matrix.tobytes() == rig.camera.module(name).matrix.tobytes()
 
+    def test_modules_pickle_and_copy_with_their_pictures(self, photo):
+        camera, grid = small_camera(photo)
+        b = camera.module("B")
+        for twin in (pickle.loads(pickle.dumps(b)), copy.copy(b), copy.deepcopy(b)):
+            assert twin.name == "B" and twin.rotation == 90 and twin.fisheye_threshold == 80
+            assert np.array_equal(twin.matrix, b.matrix) and np.array_equal(twin.picture, b.picture)
+            assert twin.shader_id == "00060001" and len(twin.shaders) == 2
+            twin.rotation = 0
+            assert b.rotation == 90  # a copy, not the camera's module
+        a = pickle.loads(pickle.dumps(camera.module("A")))
+        assert np.array_equal(a.uv_grid, grid)
+
+    def test_cameras_iterate_and_compare(self, photo):
+        camera, _ = small_camera(photo)
+        assert [m.name for m in camera] == ["A", "B"]
+        assert camera == camera.copy() == pickle.loads(pickle.dumps(camera))
+        moved = camera.copy()
+        moved.module("B").matrix = np.eye(4) * 0.5
+        assert camera != moved
+        repainted = camera.copy()
+        picture = repainted.module("A").picture.copy()
+        picture[0, 0] ^= 255
+        repainted.module("A").picture = picture
+        assert camera != repainted  # the same description, another picture
+        with pytest.raises(TypeError):
+            hash(camera)
+
+    def test_the_package_functions_travel_by_name(self):
+        for function in (orbivane.estimate_blur, orbivane.load_picture, orbivane.render_panorama,
+                         orbivane.Camera.load, orbivane.Camera.from_json):
+            assert pickle.loads(pickle.dumps(function)) is function
+
     def test_garbage_state_is_refused(self):
         camera = orbivane.Camera.__new__(orbivane.Camera)
         with pytest.raises(ValueError, match="not a pickled orbivane.Camera"):
