@@ -40,7 +40,9 @@ _REFERENCE_KEY = "\x00reference"
 
 
 def _threads_per_task(requested: Optional[int]) -> int:
-    """Threads one task may use on this worker: as asked, else its share of the cores."""
+    """Threads one task may use on this worker: as asked, else its share of
+    this machine's cores, split over the task slots of every worker on the
+    machine (several workers of one machine do not each take all cores)."""
     if requested is not None:
         return max(1, int(requested))
     try:
@@ -48,9 +50,24 @@ def _threads_per_task(requested: Optional[int]) -> int:
 
         worker = get_worker()
         slots = getattr(getattr(worker, "state", None), "nthreads", None) or getattr(worker, "nthreads", 1)
+        slots = _slots_on_this_machine(worker, int(slots))
     except (ImportError, ValueError):
         slots = 1
     return max(1, (os.cpu_count() or 1) // max(1, int(slots)))
+
+
+def _slots_on_this_machine(worker, own: int) -> int:
+    """Task slots of all workers on the worker's machine, as the scheduler
+    knows them; the worker's own when it cannot be asked."""
+    try:
+        from dask.distributed import get_client
+
+        host = worker.address.rsplit(":", 1)[0]
+        workers = get_client().scheduler_info().get("workers", {})
+        slots = sum(int(w.get("nthreads", 1)) for address, w in workers.items() if address.rsplit(":", 1)[0] == host)
+        return max(own, slots)
+    except Exception:  # no scheduler to ask (a test without a cluster): the worker alone
+        return own
 
 
 # --- shader search ------------------------------------------------------------
@@ -137,11 +154,12 @@ def shader_search(
     if count < 1:
         raise ValueError("shards must be at least 1")
 
-    # The camera (with its pictures) travels to each worker once.
-    [camera_future] = client.scatter([camera], hash=False)
+    # The camera (with its pictures) travels to every worker once, so losing
+    # a worker loses no only copy: its shards run again elsewhere.
+    [camera_future] = client.scatter([camera], hash=False, broadcast=True)
     reference_future = None
     if reference_picture is not None:
-        [reference_future] = client.scatter([reference_picture], hash=False)
+        [reference_future] = client.scatter([reference_picture], hash=False, broadcast=True)
     futures = [
         client.submit(
             _search_shard,
@@ -214,7 +232,7 @@ def _as_job(job, index: int) -> CalibrationJob:
 
 def _run_job(job: CalibrationJob, camera: Optional[orbivane.Camera]) -> orbivane.CalibrationResult:
     """One camera's pipeline, on a worker; a failure becomes the result's error.
-    `camera` is the job's camera (scattered ahead), None to read job.camera's file."""
+    `camera` is the job's camera (sent with the task), None to read job.camera's file."""
     started = time.perf_counter()
     # The worker's share of the cores: tasks running side by side on one
     # machine would otherwise each spread over all of them.
@@ -249,8 +267,9 @@ def submit_calibrations(client, jobs: Iterable[Union[CalibrationJob, dict]]) -> 
     for i, job in enumerate(prepared):
         camera = None
         if not isinstance(job.camera, str):
-            # Cameras carry their pictures: they go to the cluster as data of their own.
-            [camera] = client.scatter([job.camera], hash=False)
+            # A camera (with its pictures) goes with its task: a lost worker
+            # held no only copy of it, and the task runs again elsewhere.
+            camera = job.camera
             job = CalibrationJob(None, job.target, job.modules, job.steps, job.name, dict(job.options))
         futures.append(client.submit(_run_job, job, camera, key=f"orbivane-calibrate-{job.name}-{i}-{stamp}", pure=False))
     return futures

@@ -3,6 +3,7 @@ cameras really travel pickled): the sharded shader search equals the
 single-process search, and calibrate_many keeps going past a failing job."""
 
 import os
+import time
 
 import numpy as np
 import pytest
@@ -101,3 +102,19 @@ class TestCalibrateMany:
             for name in modules:
                 assert errors[name][1] < 1.0, (result.name, name, errors[name])
             assert sorted(result.report["verdicts"]) == modules
+
+    def test_losing_the_worker_that_runs_a_job_only_runs_it_again(self, client, data_dir):
+        rig = synthetic.make_rig(data_dir, quick=True, seed=3, name="fleet-3")
+        [future] = submit_calibrations(client, [{"camera": rig.camera, "target": "Target", "modules": ["M2", "M3"],
+                                                 "steps": ["match"]}])
+        deadline = time.monotonic() + 60
+        while not any(client.processing().values()):
+            assert time.monotonic() < deadline, "the job never started"
+            time.sleep(0.02)
+        busy = [address for address, keys in client.processing().items() if keys]
+        with pytest.raises(Exception):
+            client.run(os._exit, 1, workers=busy)  # the worker dies mid-job; its nanny starts another
+        result = future.result(timeout=300)
+        assert result.ok and result.failed_modules() == []
+        errors = rig.corner_errors(result.camera)
+        assert errors["M2"][1] < 1.0 and errors["M3"][1] < 1.0
