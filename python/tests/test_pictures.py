@@ -122,3 +122,18 @@ class TestPicturesOut:
         difference = np.abs(picture[middle].astype(int) - rig.scene[middle].astype(int)).mean(axis=2)
         assert covered[middle].mean() > 0.95
         assert np.median(difference[covered[middle]]) < 12
+
+
+class TestBlurRecipe:
+    def test_the_documented_cv2_recipe_gives_the_same_integer(self, data_dir):
+        """docs/python.md's blur recipe, run as written, against estimate_blur."""
+        docs = open(os.path.join(os.path.dirname(__file__), "..", "..", "docs", "python.md")).read()
+        start = docs.index("def blur_score(")
+        recipe = docs[start:docs.index("```", start)]
+        namespace = {}
+        exec("import cv2, numpy as np\n" + recipe, namespace)
+        for name in ("baboon.jpg", "building.jpg", "fruits.jpg"):
+            picture = cv2.imread(os.path.join(data_dir, name))
+            for rotation in (0, 90, 180, 270):
+                assert namespace["blur_score"](picture, rotation) == orbivane.estimate_blur(picture, rotation), (
+                    name, rotation)
