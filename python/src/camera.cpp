@@ -290,7 +290,8 @@ void registerCamera(py::module_& m) {
                                        "parameters held as text ('i_' integer, 'f_' floating point).")
       .def(py::init<const std::string&, const std::map<std::string, std::string>&>(), py::arg("uid"),
            py::arg("parameters") = std::map<std::string, std::string>())
-      .def_property_readonly("uid", &OrbivaneGeometry::Shader::uid)
+      .def_property_readonly("uid", &OrbivaneGeometry::Shader::uid,
+           "The shader's UID (eight hex digits, e.g. '00060001').")
       .def_property_readonly(
           "parameters", [](const OrbivaneGeometry::Shader& s) { return s.parameters(); },
           "A copy of the parameters {name: text}; change them with set_parameter.")
@@ -300,7 +301,8 @@ void registerCamera(py::module_& m) {
              return value ? py::object(py::str(*value)) : py::none();
            },
            py::arg("name"), "The parameter's text, or None.")
-      .def("set_parameter", &OrbivaneGeometry::Shader::setParameter, py::arg("name"), py::arg("value"))
+      .def("set_parameter", &OrbivaneGeometry::Shader::setParameter, py::arg("name"), py::arg("value"),
+           "Sets one parameter's value (text, as the shader file holds it).")
       .def("__eq__", [](const OrbivaneGeometry::Shader& a, const OrbivaneGeometry::Shader& b) { return a == b; })
       .def("__repr__", [](const OrbivaneGeometry::Shader& s) {
         return "<orbivane.Shader " + s.uid() + " with " + std::to_string(s.parameters().size()) + " parameters>";
@@ -338,11 +340,14 @@ void registerCamera(py::module_& m) {
                       [](const py::tuple& state) { return moduleFromState(state); }))
       .def_property(
           "name", [](const OrbivaneModule& mod) { return narrow(mod.name()); },
-          [](OrbivaneModule& mod, const std::string& name) { mod.setName(wide(name)); })
+          [](OrbivaneModule& mod, const std::string& name) { mod.setName(wide(name)); },
+           "The module's name, unique in its camera.")
       .def_property("rotation", &OrbivaneModule::rotation, &OrbivaneModule::setRotation,
                     "Mounting rotation in degrees, clockwise.")
-      .def_property("channel", &OrbivaneModule::channel, &OrbivaneModule::setChannel)
-      .def_property("fisheye", &OrbivaneModule::fisheye, &OrbivaneModule::setFisheye)
+      .def_property("channel", &OrbivaneModule::channel, &OrbivaneModule::setChannel,
+           "The module's video channel on its device.")
+      .def_property("fisheye", &OrbivaneModule::fisheye, &OrbivaneModule::setFisheye,
+           "Whether the module has a fisheye lens (its picture a bright lens circle).")
       .def_property(
           "fisheye_threshold",
           [](const OrbivaneModule& mod) -> py::object {
@@ -360,7 +365,8 @@ void registerCamera(py::module_& m) {
             return mod.geometry() ? py::object(py::str(mod.geometry()->kind())) : py::none();
           },
           "'matrix', 'region', ... or None without geometry.")
-      .def_property_readonly("has_matrix", [](const OrbivaneModule& mod) { return mod.matrixGeometry() != nullptr; })
+      .def_property_readonly("has_matrix", [](const OrbivaneModule& mod) { return mod.matrixGeometry() != nullptr; },
+           "Whether the module has a matrix geometry.")
       .def_property(
           "matrix",
           [](const OrbivaneModule& mod) -> py::object {
@@ -468,7 +474,8 @@ void registerCamera(py::module_& m) {
            "'<stem>.pictures/<module>.png' beside it; the camera itself is not changed.")
       .def_property(
           "name", [](const Orbivane& c) { return narrow(c.name()); },
-          [](Orbivane& c, const std::string& name) { c.setName(wide(name)); })
+          [](Orbivane& c, const std::string& name) { c.setName(wide(name)); },
+           "The camera's name.")
       .def_property(
           "panorama_size",
           [](const Orbivane& c) -> py::object {
@@ -491,7 +498,8 @@ void registerCamera(py::module_& m) {
                                std::vector<std::string> names;
                                for (const auto& mod : c.modules()) names.push_back(narrow(mod->name()));
                                return names;
-                             })
+                             },
+           "The modules' names in camera order.")
       .def("module", &moduleOf, py::arg("name"), "The module of that name; KeyError when there is none.")
       .def("add_module", [](Orbivane& c, const OrbivaneModule& mod) { return c.addModule(mod); }, py::arg("module"),
            "Appends a copy of the module and returns the camera's copy.")
@@ -502,7 +510,8 @@ void registerCamera(py::module_& m) {
             auto& modules = c.modules();
             modules.erase(std::find(modules.begin(), modules.end(), found));
           },
-          py::arg("name"))
+          py::arg("name"),
+           "Removes the module of that name (KeyError when there is none); neighbours that named it name none.")
       .def(
           "set_neighbour",
           [](Orbivane& c, const std::string& name, const py::object& neighbour) {
@@ -518,7 +527,8 @@ void registerCamera(py::module_& m) {
             return out;
           },
           "The modules' pictures {name: array}, as the calibrators take them.")
-      .def("copy", [](const Orbivane& c) { return std::make_shared<Orbivane>(c); })
+      .def("copy", [](const Orbivane& c) { return std::make_shared<Orbivane>(c); },
+           "A deep copy: its modules are its own (pictures are shared, not copied).")
       .def("__copy__", [](const Orbivane& c) { return std::make_shared<Orbivane>(c); })
       .def("__deepcopy__", [](const Orbivane& c, const py::dict&) { return std::make_shared<Orbivane>(c); })
       .def("__len__", [](const Orbivane& c) { return c.modules().size(); })

@@ -165,8 +165,10 @@ void registerMatchToTarget(py::module_& m) {
             if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
             self.impl->setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(mode));
           },
-          py::arg("mode"))
-      .def("calibration_mode", [](const PyMatchToTarget& self) { return int(self.impl->calibrationMode()); })
+          py::arg("mode"),
+           "Sets the mode (0..3; ValueError otherwise) for the next calibrate().")
+      .def("calibration_mode", [](const PyMatchToTarget& self) { return int(self.impl->calibrationMode()); },
+           "The mode calibrate() uses: 0 feature matching, 1 keep matrices, 2 optical flow, 3 iterative.")
       .def("set_grid_enabled", [](PyMatchToTarget& self, bool enabled) { self.impl->setGridEnabled(enabled); },
            py::arg("enabled"), "Mode 0: refine the modules' UV grids too (each needs init_grid).")
       .def(
@@ -175,7 +177,8 @@ void registerMatchToTarget(py::module_& m) {
             if (columns < 1 || rows < 1) throw py::value_error("a grid needs at least one column and one row");
             self.impl->initGrid(columns, rows, wide(module));
           },
-          py::arg("columns"), py::arg("rows"), py::arg("module"))
+          py::arg("columns"), py::arg("rows"), py::arg("module"),
+           "Mode 0 with the grid enabled: gives `module` a UV grid of columns x rows cells to refine.")
       .def(
           "get_grid",
           [](const PyMatchToTarget& self, const std::string& module) -> py::object {
@@ -193,10 +196,12 @@ void registerMatchToTarget(py::module_& m) {
           py::arg("module"), "The module's grid as a (rows + 1) x (columns + 1) x 2 array, or None.")
       .def("set_m2n_max_iteration", [](PyMatchToTarget& self, std::uint64_t n) { self.impl->setM2nMaxIteration(n); },
            py::arg("limit"), "Mode 3: runs in a row (default 1).")
-      .def("m2n_max_iteration", [](const PyMatchToTarget& self) { return self.impl->m2nMaxIteration(); })
+      .def("m2n_max_iteration", [](const PyMatchToTarget& self) { return self.impl->m2nMaxIteration(); },
+           "Mode 3: runs in a row.")
       .def("set_m2b_max_iteration", [](PyMatchToTarget& self, std::uint64_t n) { self.impl->setM2bMaxIteration(n); },
            py::arg("limit"), "Mode 3: matching rounds per module (default 5).")
-      .def("m2b_max_iteration", [](const PyMatchToTarget& self) { return self.impl->m2bMaxIteration(); })
+      .def("m2b_max_iteration", [](const PyMatchToTarget& self) { return self.impl->m2bMaxIteration(); },
+           "Mode 3: matching rounds per module.")
       .def("allow_scale", [](PyMatchToTarget& self, float scale) { self.impl->allowScale(scale); }, py::arg("scale"),
            "Work scale: > 0 fixes it, < 0 the target's resolution, 0 (default) from the module's placement.")
       .def("register_status_callback",
@@ -228,13 +233,15 @@ void registerMatchToTarget(py::module_& m) {
           [](const PyMatchToTarget& self, const std::string& module, const py::object& matrix) {
             return matrixArray(self.impl->transformToWorkSystem(wide(module), matrixFromObject(matrix)));
           },
-          py::arg("module"), py::arg("matrix"))
+          py::arg("module"), py::arg("matrix"),
+           "A module matrix in the target's work system, where the estimators compare pictures.")
       .def(
           "transform_to_resulte",
           [](const PyMatchToTarget& self, const std::string& module, const py::object& matrix) {
             return matrixArray(self.impl->transformToResulte(wide(module), matrixFromObject(matrix)));
           },
-          py::arg("module"), py::arg("matrix"))
+          py::arg("module"), py::arg("matrix"),
+           "The work-system matrix of a result turned back into a module matrix (the inverse of transform_to_work_system).")
       .def_static(
           "calculate_fin_matrix",
           [](const Orbivane& camera, const std::string& module) {
@@ -334,16 +341,19 @@ void registerShaderBruteForcer(py::module_& m) {
             return out;
           },
           "The last search's best results by rising error: [{'error', 'grid_index', 'parameters'}, ...].")
-      .def("evaluation_count", [](const PyShaderBruteForcer& self) { return self.impl->evaluationCount(); })
+      .def("evaluation_count", [](const PyShaderBruteForcer& self) { return self.impl->evaluationCount(); },
+           "Renderings scored by the last search.")
       .def_static("default_parameter_list",
-                  [] { return PyShaderBruteForcer::parameterTuples(ShaderBruteForcer::defaultParameterList()); })
+                  [] { return PyShaderBruteForcer::parameterTuples(ShaderBruteForcer::defaultParameterList()); },
+           "The fixed grid the search walks: [(name, min, max, step, kind), ...], the first outermost.")
       .def_static(
           "grid_size",
           [](const py::object& parameters) {
             return ShaderBruteForcer::gridSize(parameters.is_none() ? ShaderBruteForcer::defaultParameterList()
                                                                     : PyShaderBruteForcer::parameterList(parameters));
           },
-          py::arg("parameters") = py::none())
+          py::arg("parameters") = py::none(),
+           "Points of a parameter grid (the default grid when none is given).")
       .def_static(
           "parameter_values",
           [](const std::string& name, float min, float max, float step) {
@@ -353,7 +363,8 @@ void registerShaderBruteForcer(py::module_& m) {
             range.step = step;
             return ShaderBruteForcer::parameterValues(name, range);
           },
-          py::arg("name"), py::arg("min"), py::arg("max"), py::arg("step"))
+          py::arg("name"), py::arg("min"), py::arg("max"), py::arg("step"),
+           "The values one grid entry takes, in walk order.")
       .def_static(
           "merge_results",
           [](const py::list& shards) {
@@ -423,7 +434,8 @@ void registerAutoClipping(py::module_& m) {
             return self.relay.run("AutoClipping.process", [&] { return self.impl->process(); });
           },
           "Runs the configured mode; False when no rectangle was found (error() says why).")
-      .def("is_processed", [](const PyAutoClipping& self) { return self.impl->isProcessed(); })
+      .def("is_processed", [](const PyAutoClipping& self) { return self.impl->isProcessed(); },
+           "Whether a process() has succeeded since the last config().")
       .def("offset", [](PyAutoClipping& self) { return self.impl->offset(); },
            "[left, top, right, bottom] distances from the panorama's edges, surface units.")
       .def(
@@ -448,17 +460,21 @@ void registerAutoClipping(py::module_& m) {
            [](const PyAutoClipping& self) {
              const cv::Size s = self.impl->coverageSize();
              return py::make_tuple(s.width, s.height);
-           })
+           },
+           "The coverage raster's size (width, height) of the last process(), in elements.")
       .def("coverage", [](const PyAutoClipping& self) { return arrayFromMat(self.impl->coverage()); },
            "The coverage map (float32, module units).")
       .def("inspection_picture", [](const PyAutoClipping& self) { return arrayFromMat(self.impl->inspectionPicture()); },
            "The picture 'imgBackgrdRect' (BGR): coverage grey, holes red, the rectangle green.")
-      .def("error", [](const PyAutoClipping& self) { return self.impl->error(); })
-      .def("skipped_modules", [](const PyAutoClipping& self) { return self.impl->skippedModules(); })
+      .def("error", [](const PyAutoClipping& self) { return self.impl->error(); },
+           "Why the last config() or process() failed; empty after a success.")
+      .def("skipped_modules", [](const PyAutoClipping& self) { return self.impl->skippedModules(); },
+           "The modules the last process() left out, one line each with the reason.")
       .def("set_no_holes", [](PyAutoClipping& self, bool noHoles) { self.impl->setNoHoles(noHoles); },
            py::arg("no_holes"),
            "Geometry mode: the largest rectangle without any badly covered element, found exactly.")
-      .def("no_holes", [](const PyAutoClipping& self) { return self.impl->noHoles(); })
+      .def("no_holes", [](const PyAutoClipping& self) { return self.impl->noHoles(); },
+           "Whether the rectangle must be free of badly covered elements (set_no_holes).")
       .def("viewer_offset", [](const PyAutoClipping& self) { return self.impl->viewerOffset(); },
            "offset() moved by half an element right and down: the crop clipped_camera() applies, so the clipped "
            "panorama's pixel centres fall on covered elements.")

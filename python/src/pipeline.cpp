@@ -118,12 +118,14 @@ void registerPipeline(py::module_& m) {
           "module's matrix. Options that cannot be used raise ValueError.")
       .def("abort", [](PyPipeline& self) { self.impl->abort(); },
            "From another thread: the running step stops at its next module and run() returns what it has.")
-      .def("aborted", [](const PyPipeline& self) { return self.impl->aborted(); })
+      .def("aborted", [](const PyPipeline& self) { return self.impl->aborted(); },
+           "Whether abort() was called: the run stopped and its modules are 'aborted'.")
       .def("register_status_callback", [](PyPipeline& self, py::object fn) { self.relay.setFunction(std::move(fn)); },
            py::arg("fn"), "fn(step, total, text, info); the text is prefixed with the step's name.")
       .def("verdicts", [](const PyPipeline& self) { return moduleReportsDict(self.impl->verdicts()); },
            "Each listed module's verdict over all steps (the first step that did not align it decides).")
-      .def("seams_before", [](const PyPipeline& self) { return seamList(self.impl->seamsBefore()); })
+      .def("seams_before", [](const PyPipeline& self) { return seamList(self.impl->seamsBefore()); },
+           "The seams measured on the camera as given, before any step: [{'first', 'second', 'measured', 'reason', 'dx', 'dy', 'px', 'overlap_pixels'}, ...].")
       .def(
           "steps",
           [](const PyPipeline& self) {

@@ -240,8 +240,10 @@ void registerSimulatedCamera(py::module_& m) {
             d["latency_ms"] = module.latencyMs;
             return d;
           },
-          py::arg("id"))
-      .def("module_ids", [](const SimulatedCamera& self) { return valueOrRaise(self.moduleIds()); })
+          py::arg("id"),
+           "The simulated module of that id as a dict (window, scene, faults); KeyError when there is none.")
+      .def("module_ids", [](const SimulatedCamera& self) { return valueOrRaise(self.moduleIds()); },
+           "The ids of the simulated modules.")
       .def(
           "capture",
           [](const SimulatedCamera& self, const std::string& id) {
@@ -258,15 +260,18 @@ void registerSimulatedCamera(py::module_& m) {
           [](const SimulatedCamera& self, const std::string& id) {
             return arrayFromMat(valueOrRaise(self.sensorFrame(id)));
           },
-          py::arg("id"))
+          py::arg("id"),
+           "The module's whole sensor frame (the picture the window crops) as a BGR array.")
       .def(
           "move_window",
           [](SimulatedCamera& self, const std::string& id, int x, int y) {
             const LibraryCall release("SensorCalibration");
             valueOrRaise(self.moveWindow(id, x, y));
           },
-          py::arg("id"), py::arg("x"), py::arg("y"))
-      .def_property_readonly("address", &SimulatedCamera::address);
+          py::arg("id"), py::arg("x"), py::arg("y"),
+           "Moves the module's sensor window (clamped to its limits, rounded to its steps).")
+      .def_property_readonly("address", &SimulatedCamera::address,
+           "The state file the simulated camera keeps its modules in (or 'memory:...').");
 }
 
 void registerSensorShifter(py::module_& m) {
@@ -320,23 +325,29 @@ void registerSensorShifter(py::module_& m) {
             const auto shift = valueOrRaise(SensorShifter::cvtToPixelSensorShift(module, dx, dy));
             return py::make_tuple(shift.x, shift.y);
           },
-          py::arg("module"), py::arg("surface_dx"), py::arg("surface_dy"))
+          py::arg("module"), py::arg("surface_dx"), py::arg("surface_dy"),
+           "A window move in sensor units turned into pixels of the module's picture.")
       .def_static(
           "update_settings",
           [](ModulePtr module) {
             const LibraryCall release("SensorCalibration");
             return SensorShifter::updateSettings(module);
           },
-          py::arg("module"))
+          py::arg("module"),
+           "Reads the shifter's settings (virtual shift and its buffer) again.")
       .def_static("enable_virtual_sensor_shift", [](bool enable, float buffer) {
             SensorShifter::enableVirtualSensorShift(enable, buffer);
-          }, py::arg("enable"), py::arg("buffer") = 0.0f)
-      .def_static("virtual_sensor_shift_enabled", &SensorShifter::virtualSensorShiftEnabled)
-      .def_static("virtual_sensor_shift_buffer", &SensorShifter::virtualSensorShiftBuffer)
+          }, py::arg("enable"), py::arg("buffer") = 0.0f,
+           "Turns the virtual shift on or off: when on, writing a window also moves the module's picture on the panorama.")
+      .def_static("virtual_sensor_shift_enabled", &SensorShifter::virtualSensorShiftEnabled,
+           "Whether writing a window also moves the module's picture on the panorama.")
+      .def_static("virtual_sensor_shift_buffer", &SensorShifter::virtualSensorShiftBuffer,
+           "Sensor pixels the virtual shift keeps off the device's limits.")
       .def_static(
           "last_changed_sensor_info",
           [](const std::string& name) { return sensorInfoDict(SensorShifter::lastChangedSensorInfo(wide(name))); },
-          py::arg("module"))
+          py::arg("module"),
+           "The window last written in this process (the store the virtual shift works from), or None.")
       .def_static(
           "get_unclipped_rect",
           [](ModulePtr module, const py::dict& info) {
@@ -396,7 +407,8 @@ void registerSensorShifter(py::module_& m) {
           [](ModulePtr left, ModulePtr right, double wantedPixels) {
             return arrayFromPicture(SensorShifter::overlapImg(left, right, wantedPixels));
           },
-          py::arg("left"), py::arg("right"), py::arg("wanted_pixels") = -1.0);
+          py::arg("left"), py::arg("right"), py::arg("wanted_pixels") = -1.0,
+           "The two modules' strips side by side and their overlap laid together (left red, right cyan), as a BGR array.");
 }
 
 // --- fisheye and resolution ---------------------------------------------------------
@@ -421,7 +433,8 @@ void registerFisheyeAndResolution(py::module_& m) {
                         "sensor window so the circle sits in the middle.")
       .def(py::init<const OrbivaneModule&, const py::object&>(), py::arg("module"), py::arg("threshold") = py::none(),
            "threshold: grey level of the circle's edge (None: 97).")
-      .def_property_readonly("threshold", [](const PyFisheye& self) { return self.impl->threshold(); })
+      .def_property_readonly("threshold", [](const PyFisheye& self) { return self.impl->threshold(); },
+           "The grey threshold the lens circle is found with (0..255).")
       .def(
           "calculate_calibration",
           [](PyFisheye& self, const py::object& picture) {
@@ -456,7 +469,8 @@ void registerFisheyeAndResolution(py::module_& m) {
       .def("restore", [](PyFisheye& self) {
         const LibraryCall release("SensorCalibration");
         return self.impl->restore();
-      });
+      },
+           "Moves the sensor window back to where it was before apply(); True when it could be written.");
 
   py::class_<PyResolution>(m, "ResolutionCalibration",
                            "Resolution: metres per pixel from a target of three round marks at the corners of a "
@@ -476,17 +490,25 @@ void registerFisheyeAndResolution(py::module_& m) {
             return arrayFromPicture(annotated);
           },
           py::arg("picture"), "Measures and returns the annotated picture.")
-      .def("circle_count", [](const PyResolution& self) { return self.impl->circleCount(); })
-      .def("horizontal_spacing", [](const PyResolution& self) { return self.impl->horizontalSpacing(); })
-      .def("vertical_spacing", [](const PyResolution& self) { return self.impl->verticalSpacing(); })
-      .def("metres_per_pixel_x", [](const PyResolution& self) { return self.impl->metresPerPixelX(); })
-      .def("metres_per_pixel_y", [](const PyResolution& self) { return self.impl->metresPerPixelY(); })
+      .def("circle_count", [](const PyResolution& self) { return self.impl->circleCount(); },
+           "How many circle marks the last measurement found.")
+      .def("horizontal_spacing", [](const PyResolution& self) { return self.impl->horizontalSpacing(); },
+           "The marks' horizontal spacing in pixels, or -1 before a measurement.")
+      .def("vertical_spacing", [](const PyResolution& self) { return self.impl->verticalSpacing(); },
+           "The marks' vertical spacing in pixels, or -1 before a measurement.")
+      .def("metres_per_pixel_x", [](const PyResolution& self) { return self.impl->metresPerPixelX(); },
+           "Metres on the target per picture pixel across, or -1 before a measurement.")
+      .def("metres_per_pixel_y", [](const PyResolution& self) { return self.impl->metresPerPixelY(); },
+           "Metres on the target per picture pixel down, or -1 before a measurement.")
       .def("apply", [](PyResolution& self) {
         const LibraryCall release("SensorCalibration");
         return self.impl->apply();
-      })
-      .def("restore", [](PyResolution& self) { return self.impl->restore(); })
-      .def("applied", [](const PyResolution& self) { return self.impl->applied(); });
+      },
+           "Writes the measured pixel size into the module; False when nothing was measured.")
+      .def("restore", [](PyResolution& self) { return self.impl->restore(); },
+           "Puts back the module's resolution values from before apply().")
+      .def("applied", [](const PyResolution& self) { return self.impl->applied(); },
+           "Whether apply() has set the module's resolution values.");
 }
 
 // --- frames from recordings ----------------------------------------------------------
@@ -592,8 +614,10 @@ void registerSmartFinder(py::module_& m) {
           "max_foreground, smallest_person_height. "
           "Bad values raise ValueError.")
       .def("register_status_callback", [](PySmartFinder& self, py::object fn) { self.relay.setFunction(std::move(fn)); },
-           py::arg("fn"))
-      .def("abort", [](PySmartFinder& self) { self.impl->abort(); })
+           py::arg("fn"),
+           "fn(step, total, text, info) for each step of find(); None removes it.")
+      .def("abort", [](PySmartFinder& self) { self.impl->abort(); },
+           "Stops a running find() at the next frame; safe from any thread.")
       .def(
           "find",
           [](PySmartFinder& self, const std::vector<std::string>& modules) {
@@ -608,9 +632,12 @@ void registerSmartFinder(py::module_& m) {
              py::dict out;
              for (const auto& [name, e] : self.impl->errors()) out[py::str(narrow(name))] = e;
              return out;
-           })
-      .def("samples", [](const PySmartFinder& self) { return framesDict(self.impl->samples()); })
-      .def("detector_description", [](const PySmartFinder& self) { return self.impl->detectorDescription(); })
+           },
+           "Modules of the last find() that got no picture, with the reason.")
+      .def("samples", [](const PySmartFinder& self) { return framesDict(self.impl->samples()); },
+           "Every frame the last find() looked at, per module, with its verdict.")
+      .def("detector_description", [](const PySmartFinder& self) { return self.impl->detectorDescription(); },
+           "Which person detector the finder uses, in words.")
       .def(
           "pictures",
           [](const PySmartFinder& self) {

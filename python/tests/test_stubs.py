@@ -49,3 +49,22 @@ def test_every_stub_names_something_real_with_a_docstring():
     for name in ("MatchToTarget", "Camera", "calibrate", "render_panorama"):
         assert getattr(orbivane, name).__doc__
     assert "Releases the GIL" in orbivane.MatchToTarget.calibrate.__doc__
+
+
+def test_every_public_member_says_what_it_does():
+    """help() shows a sentence for every class member, not just a signature."""
+    undocumented = []
+    for name in public(_orbivane):
+        cls = getattr(_orbivane, name)
+        if not inspect.isclass(cls) or issubclass(cls, BaseException):
+            continue
+        for member in public(cls):
+            attr = getattr(cls, member)
+            doc = (getattr(attr, "__doc__", None) or "").strip()
+            if isinstance(inspect.getattr_static(cls, member), property):
+                described = bool(doc)
+            else:  # pybind11's first line is the signature
+                described = len([line for line in doc.splitlines() if line.strip()]) > 1
+            if not described:
+                undocumented.append(f"{name}.{member}")
+    assert undocumented == []
