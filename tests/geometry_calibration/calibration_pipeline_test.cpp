@@ -253,8 +253,9 @@ TEST(CalibrationPipeline, AnInterruptedRunReportsItsModulesAborted) {
   const auto result = pipeline.run(options);
   EXPECT_TRUE(pipeline.aborted());
   EXPECT_LT(pipeline.steps().size(), 3u) << "clipping never started";
+  const auto verdicts = pipeline.verdicts();
   for (const auto& name : rig.scene.names) {
-    const auto& verdict = pipeline.verdicts().at(name);
+    const auto& verdict = verdicts.at(name);
     EXPECT_EQ(verdict.status, ModuleStatus::aborted) << Utils::toUtf8(name) << ": " << verdict.reason;
     EXPECT_TRUE(result.findModule(name)->matrixGeometry()->matrix().isFinite());
   }
