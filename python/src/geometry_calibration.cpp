@@ -211,11 +211,14 @@ void registerMatchToTarget(py::module_& m) {
           "error",
           [](const PyMatchToTarget& self) {
             py::dict out;
-            for (const auto& [name, e] : self.impl->error()) out[py::str(narrow(name))] = e;
+            for (const auto& [name, e] : self.impl->error()) {
+              out[py::str(narrow(name))] = e < 3.0e38f ? py::object(py::float_(e)) : py::object(py::none());
+            }
             return out;
           },
-          "Per module error of the last run (modes 0 and 3 normalised: 0 as good as the best module, 10 failed; "
-          "a module without an accepted estimate has the largest float before normalisation).")
+          "Per module error of the last run (modes 0 and 3 normalised: 0 as good as the best module, 10 failed); "
+          "None for a module without an accepted estimate where no normalisation applies (the C++ API's largest "
+          "float).")
       .def("module_reports", [](const PyMatchToTarget& self) { return moduleReportsDict(self.impl->moduleReports()); },
            "The verdict of the last calibrate per listed name ('aligned', 'kept', 'failed' or 'skipped'; 'error' "
            "is None for a module without one): {name: {'status', 'reason', 'error', "
