@@ -23,6 +23,7 @@
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/utils/wide_text.h"
+#include "utils/parallel.h"
 
 namespace GeometryCalibration {
 namespace {
@@ -176,8 +177,8 @@ std::vector<SeamResidual> measureWith(SeamMeter& meter, const CameraDescription:
   for (std::size_t i = 0; i < listed.size(); ++i)
     for (std::size_t j = i + 1; j < listed.size(); ++j) pairs.emplace_back(i, j);
   std::vector<SeamMeasure> measured(pairs.size());
-  cv::parallel_for_(cv::Range(0, int(pairs.size())), [&](const cv::Range& range) {
-    for (int k = range.start; k < range.end; ++k) {
+  Utils::parallelRows(0, int(pairs.size()), [&](int first, int last) {
+    for (int k = first; k < last; ++k) {
       measured[std::size_t(k)] = meter.measure(*listed[pairs[std::size_t(k)].first], *listed[pairs[std::size_t(k)].second]);
     }
   });

@@ -15,6 +15,7 @@
 #include "orbivane/camera/final_matrix.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/rendering/module_drawing.h"
+#include "utils/parallel.h"
 
 namespace GeometryCalibration {
 namespace {
@@ -220,8 +221,8 @@ void SeamMeter::prepare(const std::vector<const CameraDescription::OrbivaneModul
     if (it != cache_.end()) scratch[i]->cache_[it->first] = it->second;
     todo.push_back(i);
   }
-  cv::parallel_for_(cv::Range(0, int(todo.size())), [&](const cv::Range& range) {
-    for (int k = range.start; k < range.end; ++k) {
+  Utils::parallelRows(0, int(todo.size()), [&](int first, int last) {
+    for (int k = first; k < last; ++k) {
       const std::size_t i = todo[std::size_t(k)];
       scratch[i]->drawn(*modules[i], needed[i]);
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <mutex>
 
 #include <opencv2/imgproc.hpp>
@@ -24,6 +25,38 @@ constexpr double kConverged = 0.005;    // pixels: a step below this ends a leve
 constexpr double kRegularisation = 0.05;  // second-difference weight, relative to a point's data
 constexpr double kSignificance = 10.0;  // the field must explain this many times what noise would
 constexpr int kFoldRetries = 4;         // regularisation raised tenfold per retry
+// A measured point whose shift turns against each measured lattice neighbour
+// (right, below) by more than this (radians; the curl of the field over one
+// spacing, half of it) locked on a wrong peak: lens and parallax fields turn
+// by hundredths over a spacing of 12..32 pixels, a wrong peak by tenths.
+constexpr double kMostLocalTurn = 0.1;
+
+// For each measured lattice point, how far its shift turns against its
+// measured right and lower neighbours (radians: the smaller of the two
+// half-curls, so a point is judged by its best-agreeing neighbour); 0 where
+// it has no measured neighbour. Points lie `spacing` apart on rows.
+template <typename Result>
+std::vector<double> localTurns(const std::vector<cv::Point>& lattice, const std::vector<Result>& found, int spacing) {
+  std::map<std::pair<int, int>, std::size_t> index;
+  for (std::size_t k = 0; k < lattice.size(); ++k)
+    if (found[k].ok) index[{lattice[k].x, lattice[k].y}] = k;
+  std::vector<double> turns(lattice.size(), 0.0);
+  for (const auto& [at, k] : index) {
+    double smallest = -1.0;
+    const auto right = index.find({at.first + spacing, at.second});
+    if (right != index.end()) {
+      // d(dy)/dx over one spacing: half the curl when the field only turns.
+      smallest = std::fabs(found[right->second].shift.y - found[k].shift.y) / spacing;
+    }
+    const auto below = index.find({at.first, at.second + spacing});
+    if (below != index.end()) {
+      const double turn = std::fabs(found[below->second].shift.x - found[k].shift.x) / spacing;
+      smallest = smallest < 0.0 ? turn : std::min(smallest, turn);
+    }
+    turns[k] = std::max(0.0, smallest);
+  }
+  return turns;
+}
 
 // The pictures patches are aligned on: both smoothed, as floats, with the
 // target's gradients; the module's validity eroded by the smoothing.
@@ -389,10 +422,15 @@ EstimateResult GridEstimator::estimate(const WorkPictures& pictures, const cv::M
     });
     takeStepsTo(static_cast<int>(double(last) / double(lattice.size()) * steps));
   }
+  const std::vector<double> turns = localTurns(lattice, found, spacing);
   std::vector<cv::Point2d> places;  // grid positions (unit square) of the measurements
   for (std::size_t k = 0; k < lattice.size(); ++k) {
     const PatchResult& r = found[k];
     const cv::Point2d place = land(back, cv::Point2d(lattice[k]));
+    if (r.ok && std::fabs(turns[k]) > kMostLocalTurn) {
+      context_.logger->debug("Skip for rot: \t{}", turns[k] * 180.0 / CV_PI);
+      continue;
+    }
     if (r.ok && std::isfinite(place.x) && std::isfinite(place.y)) {
       if (tries[k] > 1) context_.logger->debug("break on try {}", tries[k] - 1);
       // Neighbouring patches overlap: their information is shared, not added.

@@ -8,6 +8,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "orbivane/rendering/module_drawing.h"
+#include "utils/parallel.h"
 
 namespace GeometryCalibration {
 namespace Rig {
@@ -97,8 +98,8 @@ std::vector<double> exposureGains(const std::vector<std::shared_ptr<CameraDescri
   const cv::Size size = reduced(panorama, largestSide);
   const int n = int(modules.size());
   std::vector<Drawn> drawn(modules.size());
-  cv::parallel_for_(cv::Range(0, n), [&](const cv::Range& range) {
-    for (int i = range.start; i < range.end; ++i) drawn[std::size_t(i)] = drawGrey(*modules[std::size_t(i)], size, false);
+  Utils::parallelRows(0, n, [&](int first, int last) {
+    for (int i = first; i < last; ++i) drawn[std::size_t(i)] = drawGrey(*modules[std::size_t(i)], size, false);
   });
   // log g_i - log g_j = log(mean_j / mean_i) for every overlapping pair,
   // solved with the gains' mean logarithm held at 0: first each pair by its

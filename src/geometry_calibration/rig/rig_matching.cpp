@@ -12,6 +12,8 @@
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "utils/parallel.h"
+
 namespace GeometryCalibration {
 namespace Rig {
 namespace {
@@ -125,9 +127,9 @@ void turnOfPair(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatu
 std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
                                                     const std::atomic<bool>& abort, double contrast) {
   std::vector<cv::detail::ImageFeatures> features(pictures.size());
-  cv::parallel_for_(cv::Range(0, int(pictures.size())), [&](const cv::Range& range) {
+  Utils::parallelRows(0, int(pictures.size()), [&](int first, int last) {
     cv::Ptr<cv::Feature2D> sift = cv::SIFT::create(0, 3, contrast);
-    for (int i = range.start; i < range.end; ++i) {
+    for (int i = first; i < last; ++i) {
       if (abort.load()) return;
       const cv::Mat& picture = pictures[std::size_t(i)];
       const double area = double(picture.cols) * picture.rows;
