@@ -2,7 +2,6 @@
 #include "orbivane/blur_detection/estimate_blur.h"
 
 #include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "blur_detection/laplacian_statistics.h"
 #include "orbivane/image/image_conversion.h"
@@ -25,11 +24,9 @@ int estimateBlur(std::shared_ptr<Image::UniversalImageInterface> image, int rota
   } else {
     bgr = Image::toMat(*image);
   }
-  cv::Mat grey;
-  cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
   std::vector<std::uint8_t> keepRow, keepColumn;
-  bandMasks(grey.rows, grey.cols, turn, keepRow, keepColumn);
-  const LaplacianStatistics stats = laplacianStatistics(grey, keepRow, keepColumn);
+  bandMasks(bgr.rows, bgr.cols, turn, keepRow, keepColumn);
+  const LaplacianStatistics stats = bgrLaplacianStatistics(bgr, keepRow, keepColumn);
   return static_cast<int>(stats.stddev * stats.stddev);
 }
 

@@ -3,6 +3,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
+
+#include <opencv2/core/hal/intrin.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "utils/parallel.h"
 
 namespace BlurDetection {
 namespace {
@@ -19,47 +25,45 @@ inline std::int32_t laplacianAt(const std::uint8_t* up, const std::uint8_t* mid,
   return 2 * (up[left] + up[right] + down[left] + down[right]) - 8 * mid[x];
 }
 
-// Sums of the Laplacian and its square over one row. Squares are summed in
-// 32-bit chunks of 128 pixels (128 * 4080^2 < 2^31) and then widened, which
-// keeps the inner loop in 32-bit lanes.
-void rowSums(const std::uint8_t* up, const std::uint8_t* mid, const std::uint8_t* down, int cols,
-             const std::uint8_t* keepColumn, std::int64_t& sum, std::int64_t& sumSquares) {
-  if (cols < 3) {  // every pixel touches the border
-    for (int x = 0; x < cols; ++x) {
-      const std::int32_t lap =
-          laplacianAt(up, mid, down, reflect101(x - 1, cols), x, reflect101(x + 1, cols)) * (keepColumn ? keepColumn[x] : 1);
-      sum += lap;
-      sumSquares += static_cast<std::int64_t>(lap) * lap;
+// Adds one pixel's Laplacian (reflect-101 at the row's ends) and its square.
+void addPixel(const std::uint8_t* up, const std::uint8_t* mid, const std::uint8_t* down, int x, int cols,
+              std::int64_t& sum, std::int64_t& sumSquares) {
+  const std::int32_t lap = laplacianAt(up, mid, down, reflect101(x - 1, cols), x, reflect101(x + 1, cols));
+  sum += lap;
+  sumSquares += static_cast<std::int64_t>(lap) * lap;
+}
+
+// Sums of the Laplacian and its square over the pixels [from, to) of one
+// row, away from its ends (1 <= from, to <= cols - 1). A Laplacian lies in
+// -2040 .. 2040, so eight of them fit 16-bit lanes and their squares are
+// summed in pairs into 32-bit lanes (pmaddwd); a chunk of 256 pixels puts
+// at most 66 squares into a lane, so even the four lanes' total stays below
+// 2^31 (264 * 2040^2) before it is widened.
+void interiorSums(const std::uint8_t* up, const std::uint8_t* mid, const std::uint8_t* down, int from, int to,
+                  std::int64_t& sum, std::int64_t& sumSquares) {
+  int x = from;
+#if CV_SIMD128
+  constexpr int kLanes = 8, kChunk = 256;  // pixels per widening
+  const cv::v_int16x8 ones = cv::v_setall_s16(1);
+  while (x + kLanes <= to) {
+    const int end = std::min(to - kLanes, x + kChunk);
+    cv::v_int32x4 s = cv::v_setzero_s32(), sq = cv::v_setzero_s32();
+    for (; x <= end; x += kLanes) {
+      const cv::v_uint16x8 corners = cv::v_load_expand(up + x - 1) + cv::v_load_expand(up + x + 1) +
+                                     cv::v_load_expand(down + x - 1) + cv::v_load_expand(down + x + 1);
+      const cv::v_int16x8 lap =
+          cv::v_reinterpret_as_s16(corners << 1) - cv::v_reinterpret_as_s16(cv::v_load_expand(mid + x) << 3);
+      s += cv::v_dotprod(lap, ones);
+      sq += cv::v_dotprod(lap, lap);
     }
-    return;
+    sum += cv::v_reduce_sum(s);
+    sumSquares += cv::v_reduce_sum(sq);
   }
-  // The two border pixels, reflected.
-  for (int x : {0, cols - 1}) {
-    const std::int32_t lap =
-        laplacianAt(up, mid, down, reflect101(x - 1, cols), x, reflect101(x + 1, cols)) * (keepColumn ? keepColumn[x] : 1);
+#endif
+  for (; x < to; ++x) {
+    const std::int32_t lap = 2 * (up[x - 1] + up[x + 1] + down[x - 1] + down[x + 1]) - 8 * mid[x];
     sum += lap;
     sumSquares += static_cast<std::int64_t>(lap) * lap;
-  }
-  constexpr int kChunk = 128;
-  for (int start = 1; start < cols - 1; start += kChunk) {
-    const int end = std::min(cols - 1, start + kChunk);
-    std::int32_t s = 0;
-    std::int32_t sq = 0;
-    if (keepColumn == nullptr) {
-      for (int x = start; x < end; ++x) {
-        const std::int32_t lap = 2 * (up[x - 1] + up[x + 1] + down[x - 1] + down[x + 1]) - 8 * mid[x];
-        s += lap;
-        sq += lap * lap;
-      }
-    } else {
-      for (int x = start; x < end; ++x) {
-        const std::int32_t lap = (2 * (up[x - 1] + up[x + 1] + down[x - 1] + down[x + 1]) - 8 * mid[x]) * keepColumn[x];
-        s += lap;
-        sq += lap * lap;
-      }
-    }
-    sum += s;
-    sumSquares += sq;
   }
 }
 
@@ -95,27 +99,34 @@ void bandMasks(int rows, int cols, Image::Turn turn, std::vector<std::uint8_t>& 
   }
 }
 
-LaplacianStatistics laplacianStatistics(const cv::Mat& grey, const std::vector<std::uint8_t>& keepRow,
-                                        const std::vector<std::uint8_t>& keepColumn) {
-  CV_Assert(grey.type() == CV_8UC1 && !grey.empty());
-  const int rows = grey.rows;
-  const int cols = grey.cols;
-  const bool allColumns = std::all_of(keepColumn.begin(), keepColumn.end(), [](std::uint8_t k) { return k != 0; });
-  std::int64_t keptColumns = 0;
-  for (std::uint8_t k : keepColumn) keptColumns += k;
+namespace {
 
-  std::int64_t sum = 0;
-  std::int64_t sumSquares = 0;
-  std::int64_t count = 0;
-  for (int y = 0; y < rows; ++y) {
+// Sums of the kept Laplacians of rows [first, last); `row(y)` gives grey row
+// y of the picture (only rows first - 1 .. last are asked for, reflected at
+// the picture's border), `spans` the runs [begin, end) of kept columns.
+template <typename RowOf>
+void stripeSums(const RowOf& row, int first, int last, int rows, int cols, const std::vector<std::uint8_t>& keepRow,
+                const std::vector<std::pair<int, int>>& spans, std::int64_t& sum, std::int64_t& sumSquares) {
+  std::int64_t s = 0, sq = 0;  // locals: the caller's totals may alias anything
+  for (int y = first; y < last; ++y) {
     if (!keepRow[static_cast<std::size_t>(y)]) continue;
-    rowSums(grey.ptr<std::uint8_t>(reflect101(y - 1, rows)), grey.ptr<std::uint8_t>(y),
-            grey.ptr<std::uint8_t>(reflect101(y + 1, rows)), cols, allColumns ? nullptr : keepColumn.data(), sum,
-            sumSquares);
-    count += keptColumns;
+    const std::uint8_t* up = row(reflect101(y - 1, rows));
+    const std::uint8_t* mid = row(y);
+    const std::uint8_t* down = row(reflect101(y + 1, rows));
+    for (const auto& [begin, end] : spans) {
+      // The row's two end pixels are reflected; the rest is interior.
+      const int from = std::max(begin, 1), to = std::min(end, cols - 1);
+      if (begin == 0) addPixel(up, mid, down, 0, cols, s, sq);
+      if (from < to) interiorSums(up, mid, down, from, to, s, sq);
+      if (end == cols && cols > 1) addPixel(up, mid, down, cols - 1, cols, s, sq);
+    }
   }
+  sum += s;
+  sumSquares += sq;
+}
 
-  // The closing arithmetic of cv::meanStdDev, so the figure matches it bit for bit.
+// The closing arithmetic of cv::meanStdDev, so the figure matches it bit for bit.
+LaplacianStatistics closing(std::int64_t sum, std::int64_t sumSquares, std::int64_t count) {
   LaplacianStatistics stats;
   stats.count = count;
   const double scale = count ? 1.0 / static_cast<double>(count) : 0.0;
@@ -124,6 +135,61 @@ LaplacianStatistics laplacianStatistics(const cv::Mat& grey, const std::vector<s
   stats.mean = s;
   stats.stddev = std::sqrt(std::max(sq - s * s, 0.0));
   return stats;
+}
+
+// The runs [begin, end) of kept columns.
+std::vector<std::pair<int, int>> keptSpans(const std::vector<std::uint8_t>& keep) {
+  std::vector<std::pair<int, int>> spans;
+  const int n = static_cast<int>(keep.size());
+  for (int x = 0; x < n;) {
+    if (!keep[std::size_t(x)]) {
+      ++x;
+      continue;
+    }
+    const int begin = x;
+    while (x < n && keep[std::size_t(x)]) ++x;
+    spans.emplace_back(begin, x);
+  }
+  return spans;
+}
+
+std::int64_t keptCount(const std::vector<std::uint8_t>& keepRow, const std::vector<std::pair<int, int>>& spans) {
+  std::int64_t rows = 0, columns = 0;
+  for (const std::uint8_t k : keepRow) rows += k;
+  for (const auto& [begin, end] : spans) columns += end - begin;
+  return rows * columns;
+}
+
+}  // namespace
+
+LaplacianStatistics bgrLaplacianStatistics(const cv::Mat& bgr, const std::vector<std::uint8_t>& keepRow,
+                                           const std::vector<std::uint8_t>& keepColumn) {
+  CV_Assert(bgr.type() == CV_8UC3 && !bgr.empty());
+  const int rows = bgr.rows, cols = bgr.cols;
+  const std::vector<std::pair<int, int>> spans = keptSpans(keepColumn);
+  // Stripes of rows whose grey version (with one row of margin on each
+  // side) stays in the cache between conversion and sums.
+  constexpr int kStripeRows = 32;
+  const int stripes = (rows + kStripeRows - 1) / kStripeRows;
+  std::vector<std::int64_t> sums(static_cast<std::size_t>(stripes)), squares(static_cast<std::size_t>(stripes));
+  Utils::parallelRows(0, stripes, [&](int firstStripe, int lastStripe) {
+    cv::Mat grey;
+    for (int k = firstStripe; k < lastStripe; ++k) {
+      const int first = k * kStripeRows, last = std::min(rows, first + kStripeRows);
+      const int from = std::max(0, first - 1), to = std::min(rows, last + 1);
+      cv::cvtColor(bgr.rowRange(from, to), grey, cv::COLOR_BGR2GRAY);
+      // Rows outside [from, to) are only asked for as reflections, which
+      // land inside it.
+      const auto row = [&grey, from](int y) { return grey.ptr<std::uint8_t>(y - from); };
+      stripeSums(row, first, last, rows, cols, keepRow, spans, sums[std::size_t(k)], squares[std::size_t(k)]);
+    }
+  });
+  std::int64_t sum = 0, sumSquares = 0;
+  for (int k = 0; k < stripes; ++k) {
+    sum += sums[std::size_t(k)];
+    sumSquares += squares[std::size_t(k)];
+  }
+  return closing(sum, sumSquares, keptCount(keepRow, spans));
 }
 
 }  // namespace BlurDetection
