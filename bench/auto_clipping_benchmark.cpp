@@ -8,10 +8,12 @@
 //
 // Goals (--check exits with 1 when one is missed): at least 95 % of the
 // optimum on every layout; ours at least 100x the exact search on the same
-// 960x540 map; ours on a 3840x2160 map at least 5x faster than the exact
-// search on a 960x540 one (a sixteenth of the elements; the exact search on
-// the large map itself would take about 64 times as long): where the exact
-// 960x540 search takes 100 ms, that is a 3840x2160 map in under 20 ms.
+// 960x540 map; ours on a 3840x2160 map (sixteen times the elements; the
+// exact search there would take about 64 times as long) at least 30x faster
+// than the exact search on a 960x540 one: where the exact 960x540 search
+// takes 200 ms, that is a 3840x2160 map in under 6.7 ms. Both run on one
+// thread; the search is a single pass that more threads do not speed up
+// (writing the 66 MB integral is what it costs).
 // Speed goals are ratios of medians measured side by side in this process.
 // --smoke runs the fewest iterations and judges the share only.
 //
@@ -287,23 +289,14 @@ int main(int argc, char** argv) {
                     100.0 * worstShare);
   const char* sameMap = "max-sum rectangle 960x540 (exact Kadane vs findMaxValueRect)";
   const char* largeMap = "findMaxValueRect on 3840x2160 against exact Kadane on 960x540";
-  const auto ratios = Bench::runAndCompare(options, {{sameMap, "ExactKadane/960", "FindMaxValueRect/960"},
-                                                     {largeMap, "ExactKadane/960", "FindMaxValueRect/3840"}});
-
-  // Ours on the 3840x2160 map on its own: the exact search would take about a minute there.
-  std::vector<double> times;
-  cv::Mat integral;
-  const cv::Mat& map = timingMap(3840);
-  for (int i = 0; i < 9; ++i) {
-    times.push_back(milliseconds([&] { Search::findMaxValueRect(map, 1, 16, 1000000, integral); }));
-  }
-  std::sort(times.begin(), times.end());
-  std::printf("findMaxValueRect 3840x2160: median %.2f ms\n", times[4]);
+  const auto ratios =
+      Bench::runAndCompare(options, {{sameMap, "ExactKadane/960", "FindMaxValueRect/960"},
+                                     {largeMap, "ExactKadane/960", "FindMaxValueRect/3840"}});
   const auto ratio = [&](const char* label) {
     const auto found = ratios.find(label);
     return found == ratios.end() ? 0.0 : found->second;
   };
   goals.speed(ratio(sameMap) >= 100.0, "%s: exact / ours %.1fx, at least 100x", sameMap, ratio(sameMap));
-  goals.speed(ratio(largeMap) >= 5.0, "%s: exact / ours %.1fx, at least 5x", largeMap, ratio(largeMap));
+  goals.speed(ratio(largeMap) >= 30.0, "%s: exact / ours %.1fx, at least 30x", largeMap, ratio(largeMap));
   return goals.finish();
 }

@@ -173,7 +173,7 @@ struct AutoClipping::Impl {
       return fail("AutoClipping: no rectangle found within the iteration limit of " +
                   std::to_string(kGeometryModeMaxIterations));
     }
-    cv::integral(valueMap, integral, CV_64F);
+    AutoClippingSearch::integralOf(valueMap, integral);
     return true;
   }
 
@@ -239,7 +239,7 @@ struct AutoClipping::Impl {
     if (noHoles) {
       rect = AutoClippingCoverage::largestHoleFreeRect(wellCovered);
       if (rect.empty()) return fail("AutoClipping: no rectangle without holes found");
-      cv::integral(valueMap, integral, CV_64F);
+      AutoClippingSearch::integralOf(valueMap, integral);
     } else if (!geometrySearch()) {
       return false;
     }

@@ -7,6 +7,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+
 namespace GeometryCalibration {
 namespace MatrixBased {
 namespace AutoClippingSearch {
@@ -46,7 +47,60 @@ bool integralTakes(int depth) {
   return depth == CV_8U || depth == CV_16U || depth == CV_16S || depth == CV_32F || depth == CV_64F;
 }
 
+// Four rows of the integral of a float map: row k reads `r[k]` and writes
+// `o[k]`; `above` is the integral's row over the first. Each element is the
+// running sum of its row so far (added left to right in double) plus the
+// element above, which is cv::integral's rule; the four rows advance
+// together so that their running sums, each a chain of dependent additions,
+// overlap. (A function of its own, so its pointers stay in registers.)
+__attribute__((noinline)) void fourRows(const float* const r[4], const double* above, double* const o[4], int cols) {
+  const float *r0 = r[0], *r1 = r[1], *r2 = r[2], *r3 = r[3];
+  double *o0 = o[0], *o1 = o[1], *o2 = o[2], *o3 = o[3];
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  for (int x = 0; x < cols; ++x) {
+    s0 += r0[x];
+    s1 += r1[x];
+    s2 += r2[x];
+    s3 += r3[x];
+    const double v0 = above[x] + s0;
+    const double v1 = v0 + s1;
+    const double v2 = v1 + s2;
+    o0[x] = v0;
+    o1[x] = v1;
+    o2[x] = v2;
+    o3[x] = v2 + s3;
+  }
+}
+
 }  // namespace
+
+void integralOf(const cv::Mat& map, cv::Mat& integral) {
+  if (map.type() != CV_32FC1 || map.dims != 2) {
+    cv::integral(map, integral, CV_64F);
+    return;
+  }
+  integral.create(map.rows + 1, map.cols + 1, CV_64F);
+  std::fill_n(integral.ptr<double>(0), integral.cols, 0.0);
+  int y = 0;
+  for (; y + 4 <= map.rows; y += 4) {
+    const float* const r[4] = {map.ptr<float>(y), map.ptr<float>(y + 1), map.ptr<float>(y + 2), map.ptr<float>(y + 3)};
+    double* const o[4] = {integral.ptr<double>(y + 1) + 1, integral.ptr<double>(y + 2) + 1,
+                          integral.ptr<double>(y + 3) + 1, integral.ptr<double>(y + 4) + 1};
+    for (double* row : o) row[-1] = 0.0;
+    fourRows(r, integral.ptr<double>(y) + 1, o, map.cols);
+  }
+  for (; y < map.rows; ++y) {
+    const float* r = map.ptr<float>(y);
+    const double* above = integral.ptr<double>(y) + 1;
+    double* out = integral.ptr<double>(y + 1) + 1;
+    out[-1] = 0.0;
+    double s = 0.0;
+    for (int x = 0; x < map.cols; ++x) {
+      s += r[x];
+      out[x] = above[x] + s;
+    }
+  }
+}
 
 Utils::Optional<cv::Rect> findMaxValueRect(const cv::Mat& mat, int minStep, int startStep, std::size_t maxIterations,
                                            cv::Mat& integral) {
@@ -61,7 +115,7 @@ Utils::Optional<cv::Rect> findMaxValueRect(const cv::Mat& mat, int minStep, int 
     return std::nullopt;
   }
   if (integralTakes(mat.depth())) {
-    cv::integral(mat, integral, CV_64F);
+    integralOf(mat, integral);
   } else {
     cv::Mat wide;
     mat.convertTo(wide, CV_64F);

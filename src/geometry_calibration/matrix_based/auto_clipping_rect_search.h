@@ -42,6 +42,13 @@ Utils::Optional<cv::Rect> findMaxValueRect(const cv::Mat& mat, int minStep, int 
                                            cv::Mat& integral);
 Utils::Optional<cv::Rect> findMaxValueRect(const cv::Mat& mat, int minStep, int startStep, std::size_t maxIterations);
 
+// cv::integral(map, integral, CV_64F), value for value: each row's running
+// sum is added in the same order, so every element is the same double. A
+// 32-bit float map (what clipping searches) is summed four rows at a time,
+// whose running sums are independent (twice as fast); any other depth goes
+// to cv::integral.
+void integralOf(const cv::Mat& map, cv::Mat& integral);
+
 // The sum of the elements of `rect` from an integral image (CV_64F,
 // (rows + 1) x (cols + 1)) as cv::integral makes it. `rect` must lie inside
 // the map.

@@ -3,6 +3,8 @@
 // one element, start step equal to the minimum step, the iteration limit),
 // and on random maps, that it stops only where no move of the last step
 // raises the brute-force sum.
+#include <cmath>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <string>
@@ -172,6 +174,36 @@ TEST(AutoClippingSearch, RandomMapsEndWhereNoMoveOfTheLastStepRaisesTheBruteForc
       }
     }
   }
+}
+
+}  // namespace
+
+namespace {
+
+// The search's integral is cv::integral's, double for double, on float maps
+// of every row count modulo the four rows summed together, with values whose
+// sums round (fractions, mixed magnitudes), and on a map of another depth.
+TEST(AutoClippingSearch, TheIntegralIsOpenCvsBitForBit) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> value(-3.0f, 3.0f);
+  std::uniform_int_distribution<int> scale(-20, 20);
+  for (const cv::Size size : {cv::Size(1, 1), cv::Size(5, 3), cv::Size(13, 7), cv::Size(131, 258), cv::Size(64, 9),
+                              cv::Size(1030, 37)}) {
+    cv::Mat map(size, CV_32F);
+    for (int y = 0; y < map.rows; ++y)
+      for (int x = 0; x < map.cols; ++x) map.at<float>(y, x) = std::ldexp(value(rng), scale(rng));
+    cv::Mat ours, theirs;
+    GeometryCalibration::MatrixBased::AutoClippingSearch::integralOf(map, ours);
+    cv::integral(map, theirs, CV_64F);
+    ASSERT_EQ(ours.size(), theirs.size());
+    ASSERT_EQ(ours.type(), theirs.type());
+    EXPECT_EQ(std::memcmp(ours.data, theirs.data, theirs.total() * theirs.elemSize()), 0) << size;
+  }
+  cv::Mat bytes(9, 11, CV_8U), ours, theirs;
+  cv::randu(bytes, 0, 256);
+  GeometryCalibration::MatrixBased::AutoClippingSearch::integralOf(bytes, ours);
+  cv::integral(bytes, theirs, CV_64F);
+  EXPECT_EQ(cv::norm(ours, theirs, cv::NORM_INF), 0.0);
 }
 
 }  // namespace
