@@ -184,8 +184,7 @@ void runCalibrate(const CalibrateOptions& options) {
     }
     pipelineOptions.modules.push_back(Utils::fromUtf8(name));
   }
-  const std::string problem = pipelineOptions.validate();
-  if (!problem.empty()) throw CommandError(problem);
+  if (const auto valid = pipelineOptions.validate(); !valid) throw CommandError(valid.error());
   if (!pipelineOptions.target.empty() && !camera.findModule(pipelineOptions.target)) {
     throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
   }

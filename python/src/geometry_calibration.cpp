@@ -194,16 +194,39 @@ void registerMatchToTarget(py::module_& m) {
             return std::move(out);
           },
           py::arg("module"), "The module's grid as a (rows + 1) x (columns + 1) x 2 array, or None.")
-      .def("set_m2n_max_iteration", [](PyMatchToTarget& self, std::uint64_t n) { self.impl->setM2nMaxIteration(n); },
-           py::arg("limit"), "Mode 3: runs in a row (default 1).")
+      .def(
+          "set_m2n_max_iteration",
+          [](PyMatchToTarget& self, std::uint64_t n) {
+            GeometryCalibration::MatchOptions settings;
+            settings.m2n = n;
+            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            self.impl->setM2nMaxIteration(n);
+          },
+          py::arg("limit"), "Mode 3: runs in a row, 1..100 (default 1); ValueError outside.")
       .def("m2n_max_iteration", [](const PyMatchToTarget& self) { return self.impl->m2nMaxIteration(); },
            "Mode 3: runs in a row.")
-      .def("set_m2b_max_iteration", [](PyMatchToTarget& self, std::uint64_t n) { self.impl->setM2bMaxIteration(n); },
-           py::arg("limit"), "Mode 3: matching rounds per module (default 5).")
+      .def(
+          "set_m2b_max_iteration",
+          [](PyMatchToTarget& self, std::uint64_t n) {
+            GeometryCalibration::MatchOptions settings;
+            settings.m2b = n;
+            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            self.impl->setM2bMaxIteration(n);
+          },
+          py::arg("limit"), "Mode 3: matching rounds per module, 1..100 (default 5); ValueError outside.")
       .def("m2b_max_iteration", [](const PyMatchToTarget& self) { return self.impl->m2bMaxIteration(); },
            "Mode 3: matching rounds per module.")
-      .def("allow_scale", [](PyMatchToTarget& self, float scale) { self.impl->allowScale(scale); }, py::arg("scale"),
-           "Work scale: > 0 fixes it, < 0 the target's resolution, 0 (default) from the module's placement.")
+      .def(
+          "allow_scale",
+          [](PyMatchToTarget& self, float scale) {
+            GeometryCalibration::MatchOptions settings;
+            settings.allowScale = scale;
+            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            self.impl->allowScale(scale);
+          },
+          py::arg("scale"),
+          "Work scale: > 0 fixes it (at most 8), < 0 the target's resolution, 0 (default) from the module's "
+          "placement; ValueError for a scale above 8 or not finite.")
       .def("register_status_callback",
            [](PyMatchToTarget& self, py::object fn) { self.relay.setFunction(std::move(fn)); }, py::arg("fn"),
            kCallbackDoc)

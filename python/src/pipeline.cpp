@@ -78,8 +78,7 @@ PipelineOptions optionsFrom(const std::string& target, const py::object& modules
   options.keepAspect = keepAspect;
   options.clipThreshold = clipThreshold;
   options.clipNoHoles = noHoles;
-  const std::string problem = options.validate();
-  if (!problem.empty()) throw py::value_error(problem);
+  if (const auto valid = options.validate(); !valid) throw py::value_error(valid.error());
   return options;
 }
 

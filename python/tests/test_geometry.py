@@ -147,6 +147,13 @@ class TestMatchToTarget:
         matcher.set_calibration_mode(3)
         matcher.set_m2b_max_iteration(2)
         assert (matcher.calibration_mode(), matcher.m2b_max_iteration()) == (3, 2)
+        with pytest.raises(ValueError, match=r"m2b must lie in 1\.\.100, not 0"):
+            matcher.set_m2b_max_iteration(0)
+        with pytest.raises(ValueError, match=r"m2n must lie in 1\.\.100, not 500"):
+            matcher.set_m2n_max_iteration(500)
+        with pytest.raises(ValueError, match="allowed scale"):
+            matcher.allow_scale(float("nan"))
+        assert (matcher.m2b_max_iteration(), matcher.m2n_max_iteration()) == (2, 1)
         with pytest.raises(TypeError, match="callable"):
             matcher.register_status_callback(42)
 

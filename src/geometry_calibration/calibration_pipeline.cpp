@@ -115,40 +115,42 @@ SeamSummary summariseSeams(const std::vector<SeamResidual>& seams) {
   return summary;
 }
 
-std::string PipelineOptions::validate() const {
+Utils::ReturnState<bool, std::string> PipelineOptions::validate() const {
   static const std::vector<std::string> known = {"match", "neighbour", "clip", "shader"};
-  if (steps.empty()) return "no steps to run";
+  if (steps.empty()) return Utils::failure(std::string("no steps to run"));
   for (const auto& s : steps) {
     if (std::find(known.begin(), known.end(), s) == known.end())
-      return "unknown step '" + s + "' (steps: match, neighbour, clip, shader)";
-    if (std::count(steps.begin(), steps.end(), s) > 1) return "step '" + s + "' is listed twice";
+      return Utils::failure("unknown step '" + s + "' (steps: match, neighbour, clip, shader)");
+    if (std::count(steps.begin(), steps.end(), s) > 1) return Utils::failure("step '" + s + "' is listed twice");
   }
   const bool needsTarget = std::find(steps.begin(), steps.end(), "match") != steps.end() ||
                            std::find(steps.begin(), steps.end(), "shader") != steps.end();
-  if (needsTarget && target.empty()) return "the match and shader steps need a target module";
+  if (needsTarget && target.empty()) return Utils::failure(std::string("the match and shader steps need a target module"));
   const auto listed = [this](const std::wstring& name) {
     return std::find(modules.begin(), modules.end(), name) != modules.end();
   };
   if (!target.empty() && listed(target)) {
-    return "the target '" + Utils::toUtf8(target) + "' is among the modules to calibrate; it stays where it is";
+    return Utils::failure("the target '" + Utils::toUtf8(target) + "' is among the modules to calibrate; it stays where it is");
   }
   if (!reference.empty() && reference == target) {
-    return "the reference '" + Utils::toUtf8(reference) + "' is the target; the reference is one of the modules";
+    return Utils::failure("the reference '" + Utils::toUtf8(reference) + "' is the target; the reference is one of the modules");
   }
   if (!reference.empty() && !modules.empty() && !listed(reference)) {
-    return "the reference '" + Utils::toUtf8(reference) + "' is not among the modules to calibrate";
+    return Utils::failure("the reference '" + Utils::toUtf8(reference) + "' is not among the modules to calibrate");
   }
-  if (matchMode < 0 || matchMode > 3) return "the match mode is 0, 1, 2 or 3, not " + std::to_string(matchMode);
+  if (matchMode < 0 || matchMode > 3) {
+    return Utils::failure("the match mode is 0, 1, 2 or 3, not " + std::to_string(matchMode));
+  }
   if (const auto valid = NeighbourOptions{levels, iterations, step}.validate(); !valid) {
-    return "neighbour stitching: " + valid.error();
+    return Utils::failure("neighbour stitching: " + valid.error());
   }
   ClippingOptions clip;
   clip.requireOverlap = requireOverlap;
   clip.keepAspect = keepAspect;
   clip.threshold = clipThreshold;
   clip.noHoles = clipNoHoles;
-  if (const auto valid = clip.validate(); !valid) return "clipping: " + valid.error();
-  return std::string();
+  if (const auto valid = clip.validate(); !valid) return Utils::failure("clipping: " + valid.error());
+  return true;
 }
 
 CalibrationPipeline::CalibrationPipeline(const CameraDescription::Orbivane& camera, Images images)
@@ -252,8 +254,7 @@ std::map<std::wstring, ModuleReport> CalibrationPipeline::verdicts() const {
 }
 
 CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& options) {
-  const std::string problem = options.validate();
-  if (!problem.empty()) throw std::invalid_argument(problem);
+  if (const auto valid = options.validate(); !valid) throw std::invalid_argument(valid.error());
   auto logger = Utils::calibratorLogger("CalibrationPipeline");
   steps_.clear();
 

@@ -267,19 +267,79 @@ TEST(CalibrationPipeline, TheReferenceAndTheTargetMustFitTheModules) {
   options.target = L"Target";
   options.steps = {"match", "neighbour"};
   options.modules = {L"Target", L"M1"};
-  EXPECT_NE(options.validate().find("the target 'Target' is among the modules"), std::string::npos);
+  EXPECT_NE(options.validate().error().find("the target 'Target' is among the modules"), std::string::npos);
   options.modules = {L"M1", L"M2"};
   options.reference = L"M3";
-  EXPECT_NE(options.validate().find("'M3' is not among the modules"), std::string::npos);
+  EXPECT_NE(options.validate().error().find("'M3' is not among the modules"), std::string::npos);
   options.reference = L"Target";
-  EXPECT_NE(options.validate().find("is the target"), std::string::npos);
+  EXPECT_NE(options.validate().error().find("is the target"), std::string::npos);
   options.reference = L"M2";
-  EXPECT_EQ(options.validate(), "");
+  EXPECT_TRUE(options.validate());
   const Rig rig = makeRig(true);
   GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
   options.modules.clear();
   options.reference = L"Nowhere";
   EXPECT_THROW(pipeline.run(options), std::invalid_argument);
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<double> matricesOf(const CameraDescription::Orbivane& camera) {
+  std::vector<double> values;
+  for (const auto& module : camera.modules()) {
+    if (module->matrixGeometry() == nullptr) continue;
+    for (int r = 0; r < 4; ++r)
+      for (int c = 0; c < 4; ++c) values.push_back(module->matrixGeometry()->matrix()(r, c));
+  }
+  return values;
+}
+
+// Target matching and neighbour stitching check their settings when they
+// start (automatic clipping does in process()), as the command line and
+// Python do: out of range, nothing moves and every module or pair says which
+// setting, instead of a run on values nobody can mean.
+TEST(CalibrationPipeline, EachCalibratorRefusesSettingsOutOfRangeWhenItStarts) {
+  const Rig rig = makeRig(true);
+  const std::list<std::wstring> modules(rig.scene.names.begin(), rig.scene.names.end());
+  const auto reasonOf = [](const GeometryCalibration::MatrixBased::MatchToTarget& matcher, const std::wstring& name) {
+    return matcher.moduleReports().at(name).reason;
+  };
+  {
+    GeometryCalibration::MatrixBased::MatchToTarget matcher(rig.camera, rig.images);
+    matcher.setCalibrationMode(GeometryCalibration::MatrixBased::MatchToTarget::kIterative);
+    matcher.setM2bMaxIteration(0);
+    const auto result = matcher.calibrate(modules, L"Target");
+    EXPECT_EQ(matricesOf(result), matricesOf(rig.camera));
+    for (const auto& name : modules) {
+      EXPECT_EQ(matcher.moduleReports().at(name).status, ModuleStatus::failed);
+      EXPECT_NE(reasonOf(matcher, name).find("m2b must lie in 1..100, not 0"), std::string::npos) << reasonOf(matcher, name);
+      EXPECT_EQ(matcher.error(name), std::numeric_limits<float>::max());
+    }
+  }
+  {
+    GeometryCalibration::MatrixBased::MatchToTarget matcher(rig.camera, rig.images);
+    matcher.allowScale(std::numeric_limits<float>::quiet_NaN());
+    matcher.calibrate(modules, L"Target");
+    EXPECT_NE(reasonOf(matcher, modules.front()).find("allowed scale"), std::string::npos);
+    matcher.allowScale(0.0f);
+    matcher.setGridEnabled(true);
+    matcher.initGrid(100, 2, modules.front());
+    matcher.calibrate(modules, L"Target");
+    EXPECT_NE(reasonOf(matcher, modules.front()).find("1..64 columns and rows, not 100x2"), std::string::npos)
+        << reasonOf(matcher, modules.front());
+  }
+  {
+    GeometryCalibration::MatrixBased::NeighbourNeighbour stitcher(rig.camera, rig.images, 0, 6, 1.0f);
+    const auto result = stitcher.calibrate(modules, modules.front());
+    EXPECT_EQ(matricesOf(result), matricesOf(rig.camera));
+    ASSERT_EQ(stitcher.pairReports().size(), modules.size() - 1);
+    for (const auto& pair : stitcher.pairReports()) {
+      EXPECT_FALSE(pair.measured);
+      EXPECT_NE(pair.reason.find("levels must lie in 1..30, not 0"), std::string::npos) << pair.reason;
+    }
+  }
 }
 
 }  // namespace

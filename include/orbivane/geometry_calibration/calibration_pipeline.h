@@ -41,6 +41,7 @@
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
 #include "orbivane/utils/matrix4x4.h"
+#include "orbivane/utils/return_state.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -63,8 +64,8 @@ struct ORBIVANE_EXPORT PipelineOptions {
   // few holes for a larger rectangle.
   bool clipNoHoles = true;
 
-  // Empty when the options can be used; otherwise what is wrong, one line.
-  std::string validate() const;
+  // True when the options can be used; otherwise what is wrong, one line.
+  Utils::ReturnState<bool, std::string> validate() const;
 };
 
 // One pair of overlapping modules' seam, measured on the panorama as a

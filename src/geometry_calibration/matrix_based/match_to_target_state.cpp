@@ -17,6 +17,7 @@
 #include "geometry_calibration/matrix_based/iterative_estimator.h"
 #include "geometry_calibration/matrix_based/optical_flow_estimator.h"
 #include "logging/logger_setup.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/rendering/module_drawing.h"
@@ -564,11 +565,47 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   }
 }
 
+std::string MatchToTargetState::optionsProblem(const std::list<std::wstring>& modules) const {
+  MatchOptions settings;
+  settings.mode = static_cast<int>(mode);
+  settings.m2b = m2bLimit;
+  settings.m2n = m2nLimit;
+  settings.allowScale = allowedScale;
+  if (const auto valid = settings.validate(); !valid) return valid.error();
+  if (mode == MatchToTarget::kFeatureMatching && gridEnabled) {
+    for (const auto& name : modules) {
+      const auto found = grids.find(name);
+      if (found == grids.end()) continue;
+      const Utils::UVGrid& grid = found->second;
+      settings.gridColumns = grid.columns();
+      settings.gridRows = grid.rows();
+      if (const auto valid = settings.validate(); !valid) return "the grid of " + narrow(name) + ": " + valid.error();
+    }
+  }
+  return std::string();
+}
+
+CameraDescription::Orbivane MatchToTargetState::refuseOptions(const std::list<std::wstring>& modules,
+                                                              const std::string& problem) {
+  logger->error("Target matching: options out of range: {}; no module is matched", problem);
+  reports.clear();
+  for (const auto& name : modules) {
+    ModuleReport& verdict = reports[name];
+    verdict.status = ModuleStatus::failed;
+    verdict.reason = "options out of range: " + problem;
+    verdict.error = FLT_MAX;
+    errors[name] = FLT_MAX;
+  }
+  m2nCountdown = m2nLimit;
+  return camera;
+}
+
 CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, const std::list<std::wstring>& modules,
                                                           const std::wstring& targetName) {
   target = targetName;
   errors.clear();
   workScaleHeldLogged = false;
+  if (const std::string problem = optionsProblem(modules); !problem.empty()) return refuseOptions(modules, problem);
   setUpProgress(modules);
 
   // The target's picture and matrix, looked up once for the run.

@@ -48,6 +48,13 @@ class MatchToTargetState {
   CameraDescription::Orbivane calibrate(MatchToTarget& self, const std::list<std::wstring>& modules,
                                         const std::wstring& target);
 
+  // The settings as MatchOptions::validate judges them (with the grids of
+  // the listed modules in mode 0 with grid): empty when they are in range.
+  std::string optionsProblem(const std::list<std::wstring>& modules) const;
+  // A run refused for its settings: every listed module failed with the
+  // problem as its reason, the camera as it was.
+  CameraDescription::Orbivane refuseOptions(const std::list<std::wstring>& modules, const std::string& problem);
+
   // Step rules, public so that they can be checked on their own.
   // Progress total and first "current" of a run over `names`.
   void setUpProgress(const std::list<std::wstring>& names);

@@ -12,6 +12,7 @@
 #include "geometry/coverage.h"
 #include "geometry_calibration/seam_measurement.h"
 #include "logging/logger_setup.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/rendering/module_drawing.h"
 #include "orbivane/shading/image_shading.h"
 #include "orbivane/geometry/surface_projection.h"
@@ -246,7 +247,11 @@ NeighbourStitcher::NeighbourStitcher(const CameraDescription::Orbivane& camera, 
     : camera_(camera),
       images_(std::move(images)),
       logger_(Utils::calibratorLogger("MatrixBasedNeighbourNeighbourStitch")),
-      aligner_(levels, iterations, step) {}
+      aligner_(levels, iterations, step) {
+  if (const auto valid = NeighbourOptions{levels, iterations, step}.validate(); !valid) {
+    optionsProblem_ = "options out of range: " + valid.error();
+  }
+}
 
 std::pair<float, float> NeighbourStitcher::calibratePair(const std::wstring& first, const std::wstring& second,
                                                          bool apply) {
@@ -285,6 +290,7 @@ std::pair<float, float> NeighbourStitcher::alignPair(const std::wstring& first, 
     lastPair_.reason = reason;
     return std::pair<float, float>(0.0f, 0.0f);
   };
+  if (!optionsProblem_.empty()) return notMeasured(optionsProblem_);
 
   for (const auto& module : {firstModule, secondModule}) {
     if (module->matrixGeometry() == nullptr) {
@@ -517,6 +523,7 @@ CameraDescription::Orbivane NeighbourStitcher::calibrate(const std::list<std::ws
   const std::vector<std::wstring> names(modules.begin(), modules.end());
   translations_.clear();
   pairReports_.clear();
+  if (!optionsProblem_.empty()) logger_->error("Neighbour stitching: {}; no pair is measured", optionsProblem_);
   step_ = 0;
   totalSteps_ = names.empty() ? 0 : static_cast<int>(names.size());  // the pairs, then the adjustment
 

@@ -48,6 +48,8 @@ class NeighbourStitcher {
  public:
   using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
 
+  // Options out of range (NeighbourOptions::validate) are logged when a
+  // calibration starts and leave every pair unmeasured with that reason.
   NeighbourStitcher(const CameraDescription::Orbivane& camera, Images images, int levels, int iterations,
                     float step);
 
@@ -126,6 +128,7 @@ class NeighbourStitcher {
   int step_ = 0;
   int totalSteps_ = 0;
   std::shared_ptr<SeamMeter> meter_;
+  std::string optionsProblem_;  // why the constructor's options are out of range; empty when they are fine
 };
 
 }  // namespace MatrixBased
