@@ -220,9 +220,14 @@ void runCalibrate(const CalibrateOptions& options) {
     for (const auto& p : step.pairs) pairs.push_back(pairReportJson(p));
     for (const auto& s : step.seams) seams.push_back(seamJson(s));
     double worst = 0;
+    int measured = 0;
     for (const auto& s : step.seams)
-      if (s.measured) worst = std::max(worst, s.px);
-    std::cout << step.step << ": " << fixed(step.seconds, 2) << " s, worst seam " << fixed(worst, 3) << " px\n";
+      if (s.measured) {
+        worst = std::max(worst, s.px);
+        ++measured;
+      }
+    std::cout << step.step << ": " << fixed(step.seconds, 2) << " s, "
+              << (measured > 0 ? "worst seam " + fixed(worst, 3) + " px" : std::string("no seam measured")) << "\n";
     nlohmann::json entry = {{"step", step.step}, {"seconds", step.seconds}, {"modules", modules}, {"seams", seams}};
     if (step.step == "neighbour") entry["pairs"] = pairs;
     if (!step.clipping.empty()) {
@@ -261,14 +266,27 @@ void runCalibrate(const CalibrateOptions& options) {
       std::cout << "not measured: " << s.reason << "\n";
     }
   }
-  std::cout << "seams: " << summary.measured << " measured (" << summary.matches << " matched features), median "
-            << fixed(summary.medianPx, 2) << " px, 90 % " << fixed(summary.p90Px, 2) << " px, worst pair "
-            << fixed(summary.worstPx, 2) << " px; exposure differs by at most " << fixed(summary.worstExposureEv, 3)
-            << " EV\n";
+  if (summary.measured == 0) {
+    std::cout << "seams: none measured\n";
+  } else {
+    std::cout << "seams: " << summary.measured << " measured (" << summary.matches << " matched features), median "
+              << fixed(summary.medianPx, 2) << " px, 90 % " << fixed(summary.p90Px, 2) << " px, worst pair "
+              << fixed(summary.worstPx, 2) << " px; exposure differs by at most "
+              << fixed(summary.worstExposureEv, 3) << " EV\n";
+  }
   const bool seamsTooWide = summary.worstPx > kWidestAcceptedSeamPx;
   if (seamsTooWide) {
     std::cerr << "orbivane-calibrate: the worst seam is " << fixed(summary.worstPx, 2) << " px, above "
               << fixed(kWidestAcceptedSeamPx, 1) << " px\n";
+  }
+  // Modules placed side by side whose seams nothing could measure are not
+  // shown to line up: the run says so rather than pass on no evidence.
+  int placed = 0;
+  for (const auto& [name, v] : pipeline.verdicts()) placed += v.status == ModuleStatus::aligned || v.status == ModuleStatus::kept;
+  const bool seamsUnmeasured = summary.measured == 0 && placed >= 2 && !interrupted;
+  if (seamsUnmeasured) {
+    std::cerr << "orbivane-calibrate: no seam between the modules could be measured (no overlap with detail enough to "
+                 "match), so nothing shows that they line up\n";
   }
   // The report is written whole beside its folder first; then the camera
   // file and the report are put in place one right after the other, so an
@@ -304,7 +322,7 @@ void runCalibrate(const CalibrateOptions& options) {
                   {"matches", summary.matches}}}});
   if (interrupted) {
     exitStatus() = kExitInterrupted;
-  } else if (notAligned > 0 || seamsTooWide) {
+  } else if (notAligned > 0 || seamsTooWide || seamsUnmeasured) {
     exitStatus() = kExitFailedModules;
   }
 }

@@ -180,6 +180,9 @@ def make_fixtures(w):
     # A picture 1 pixel high and 3 wide, and a blank one.
     cv2.imwrite(os.path.join(w, "tiny.png"), np.zeros((1, 3, 3), np.uint8))
     cv2.imwrite(os.path.join(w, "one.png"), np.full((1, 1, 3), 128, np.uint8))
+    # The camera of cam.json whose modules show 1x1 pictures.
+    cam["modules"] = [dict(m, image="one.png") for m in cam["modules"][:3]]
+    json.dump(cam, open(os.path.join(w, "onepixel.json"), "w"))
 
 
 # (name, arguments, exit status, words of the message)
@@ -276,6 +279,10 @@ CASES = [
     ("calibrate the target with the modules", ["calibrate", "cam.json", "--target", "target", "--modules",
                                                "target,view1", "--out", "c.json"], 1,
      "the target 'target' is among the modules"),
+    ("calibrate 1x1 pictures", ["calibrate", "onepixel.json", "--out", "one-c.json"], 3,
+     "no seam between the modules could be measured"),
+    ("stitch 1x1 pictures", ["neighbour", "onepixel.json", "--modules", "view1,view2", "--out", "one-n.json"], 3,
+     "too small for one pyramid level"),
     ("calibrate an unknown module", ["calibrate", "cam.json", "--modules", "view1,ghost", "--out", "c.json"], 1,
      "unknown module 'ghost'"),
     ("calibrate into a missing folder", ["calibrate", "cam.json", "--target", "target", "--out", "missing/c.json"],
