@@ -269,55 +269,63 @@ void MatchToTargetState::report(const std::string& text, AdvStepInfo info) {
 
 void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat& targetPicture,
                                          const cv::Matx33d& targetPlanar) {
-  auto module = camera.findModule(name);
-  auto* geometry = module->matrixGeometry();
-  const Utils::Matrix4x4 previous = geometry->matrix();
   ModuleReport& verdict = reports[name];
   verdict = ModuleReport();
   verdict.status = ModuleStatus::failed;
+  Placement placed;
+  if (!placeOnTarget(name, targetPicture, targetPlanar, placed, verdict)) return;
+  WorkPictures pictures;
+  if (!prepareWorkPictures(name, targetPicture, placed, pictures, verdict)) return;
+  const EstimateResult result = runEstimator(name, pictures, placed);
+  results[name] = result;
+  const Judgement judged = judge(name, result, pictures, placed, verdict);
+  writeBack(name, result, judged, targetPicture, targetPlanar, placed, verdict);
+}
 
-  // The module picture.
-  const auto imageIt = images.find(name);
-  const cv::Mat modulePicture = pictureOf(imageIt->second);
+bool MatchToTargetState::placeOnTarget(const std::wstring& name, const cv::Mat& targetPicture,
+                                       const cv::Matx33d& targetPlanar, Placement& placed, ModuleReport& verdict) {
+  const auto module = camera.findModule(name);
+  placed.previous = module->matrixGeometry()->matrix();
+  placed.modulePicture = pictureOf(images.find(name)->second);
+  const cv::Mat& modulePicture = placed.modulePicture;
   if (modulePicture.empty() || modulePicture.cols < 2 || modulePicture.rows < 2) {
     logger->error("Module {} has no usable Image; the module failed", narrow(name));
     verdict.reason = modulePicture.empty() ? "no usable picture" : "picture too small (under 2x2 pixels)";
-    return;
+    return false;
   }
   if (targetPicture.empty()) {
     logger->error("Module {}: the target {} has no usable Image or Matrix; the module failed", narrow(name),
                   narrow(target));
     verdict.reason = "the target " + narrow(target) + " has no usable picture or matrix";
-    return;
+    return false;
   }
-  const cv::Matx33d modulePlanar = OrbivaneGeometry::planarHomography(previous);
-  if (!invertible(modulePlanar)) {
+  placed.modulePlanar = OrbivaneGeometry::planarHomography(placed.previous);
+  if (!invertible(placed.modulePlanar)) {
     logger->error("Module {} has a singular or non-finite Matrix; the module failed", narrow(name));
-    verdict.reason = previous.isFinite() ? "singular matrix" : "non-finite matrix";
-    return;
+    verdict.reason = placed.previous.isFinite() ? "singular matrix" : "non-finite matrix";
+    return false;
   }
-  if (!(cv::determinant(modulePlanar) > 0.0)) {
+  if (!(cv::determinant(placed.modulePlanar) > 0.0)) {
     logger->error("Module {} has a mirrored Matrix; the module failed", narrow(name));
     verdict.reason = "mirrored matrix";
-    return;
+    return false;
   }
 
   // The module's homography into the target's pixels, and the work scale.
   const cv::Matx33d pixelsT = OrbivaneGeometry::textureToPixels(targetPicture.cols, targetPicture.rows);
   const cv::Matx33d textureT = OrbivaneGeometry::pixelsToTexture(targetPicture.cols, targetPicture.rows);
   const cv::Matx33d textureM = OrbivaneGeometry::pixelsToTexture(modulePicture.cols, modulePicture.rows);
-  const cv::Matx33d targetInverse = targetPlanar.inv();
-  cv::Matx33d h0 = normalised(pixelsT * targetInverse * modulePlanar * textureM);
+  const cv::Matx33d h0 = normalised(pixelsT * targetPlanar.inv() * placed.modulePlanar * textureM);
   if (!invertible(h0)) {
     logger->error("Module {} has a singular or non-finite Matrix; the module failed", narrow(name));
     verdict.reason = "no usable placement on the target (singular, or far outside it)";
-    return;
+    return false;
   }
   double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));
   if (!std::isfinite(s) || !(s > 0.0)) {
     logger->error("Module {}: no usable work scale ({}); the module failed", narrow(name), s);
     verdict.reason = "no usable work scale";
-    return;
+    return false;
   }
   // The work picture is held to what can be allocated (kLargestWorkSide a
   // side) and to at least 2 pixels a side; the run says once when it holds it.
@@ -326,7 +334,7 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     logger->error("Module {}: the target's {}x{} picture has no usable work size; the module failed", narrow(name),
                   targetPicture.cols, targetPicture.rows);
     verdict.reason = "the target's picture has no usable work size";
-    return;
+    return false;
   }
   if (held != s) {
     if (!workScaleHeldLogged) {
@@ -336,9 +344,11 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     }
     s = held;
   }
-  const int workWidth = std::max(1, cvRound(targetPicture.cols * s));
-  const int workHeight = std::max(1, cvRound(targetPicture.rows * s));
-  const double sx = double(workWidth) / targetPicture.cols, sy = double(workHeight) / targetPicture.rows;
+  placed.scale = s;
+  placed.workSize = cv::Size(std::max(1, cvRound(targetPicture.cols * s)), std::max(1, cvRound(targetPicture.rows * s)));
+  const double sx = double(placed.workSize.width) / targetPicture.cols;
+  const double sy = double(placed.workSize.height) / targetPicture.rows;
+  placed.sx = sx;
   // Target pixels -> work pixels, as resize maps pixel centres.
   const cv::Matx33d scale(sx, 0, 0.5 * (sx - 1.0), 0, sy, 0.5 * (sy - 1.0), 0, 0, 1);
 
@@ -346,79 +356,83 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
   // A module the viewer draws through a UV grid or a lens shader is drawn so
   // onto the target's work frame instead: its working copy is what the
   // viewer shows, and the estimate is a correction on top of all of it.
-  const bool drawn = OrbivaneRendering::drawnBeyondMatrix(*module);
+  placed.drawn = OrbivaneRendering::drawnBeyondMatrix(*module);
   const cv::Matx33d placement = scale * h0;
   std::vector<cv::Point2f> outline = {{0.f, 0.f},
                                       {float(modulePicture.cols), 0.f},
                                       {float(modulePicture.cols), float(modulePicture.rows)},
                                       {0.f, float(modulePicture.rows)}};
-  std::vector<cv::Point2f> landed;
-  cv::perspectiveTransform(outline, landed, cv::Matx33f(placement));
-  if (distortionMethod && !drawn) {
+  cv::perspectiveTransform(outline, placed.landed, cv::Matx33f(placement));
+  placed.prewarp = placement;
+  if (distortionMethod && !placed.drawn) {
     for (auto& p : outline) p.x += static_cast<float>(kDistortionOffset);
-  }
-  cv::Matx33d prewarp = placement;
-  if (distortionMethod && !drawn) {
-    const cv::Mat g = cv::getPerspectiveTransform(outline, landed);
+    const cv::Mat g = cv::getPerspectiveTransform(outline, placed.landed);
     cv::Mat converted;
     g.convertTo(converted, CV_64F);
-    prewarp = cv::Matx33d(converted.ptr<double>());
+    placed.prewarp = cv::Matx33d(converted.ptr<double>());
   }
-  if (!invertible(prewarp) || !(cv::determinant(prewarp) > 0.0)) {
+  if (!invertible(placed.prewarp) || !(cv::determinant(placed.prewarp) > 0.0)) {
     logger->error("Module {} has a singular or mirrored placement on the target; the module failed", narrow(name));
     verdict.reason = "singular or mirrored placement on the target";
-    return;
+    return false;
   }
 
-  WorkSystem system;
+  WorkSystem& system = placed.system;
   system.backwardLeft = targetPlanar * textureT * scale.inv();
-  system.backwardRight = prewarp * textureM.inv();
+  system.backwardRight = placed.prewarp * textureM.inv();
   system.forwardLeft = system.backwardLeft.inv();
   system.forwardRight = system.backwardRight.inv();
   workSystems[name] = system;
+  return true;
+}
 
+bool MatchToTargetState::prepareWorkPictures(const std::wstring& name, const cv::Mat& targetPicture,
+                                             const Placement& placed, WorkPictures& pictures, ModuleReport& verdict) {
   // Working copies; pixels a picture shows nothing at (black in every
   // channel) are marked as such in its mask.
-  WorkPictures pictures;
-  if (workWidth == targetPicture.cols && workHeight == targetPicture.rows) {
+  if (placed.workSize == targetPicture.size()) {
     pictures.target = targetPicture;
   } else {
-    cv::resize(targetPicture, pictures.target, cv::Size(workWidth, workHeight), 0, 0,
-               s < 1.0 ? cv::INTER_AREA : cv::INTER_CUBIC);
+    cv::resize(targetPicture, pictures.target, placed.workSize, 0, 0,
+               placed.scale < 1.0 ? cv::INTER_AREA : cv::INTER_CUBIC);
   }
   pictures.targetMask = contentMask(pictures.target);
-  if (drawn) {
-    CameraDescription::OrbivaneModule shown(*module);
+  const auto imageIt = images.find(name);
+  if (placed.drawn) {
+    CameraDescription::OrbivaneModule shown(*camera.findModule(name));
     shown.setImage(imageIt->second);
-    const cv::Matx33d onFrame = OrbivaneGeometry::pixelsToTexture(workWidth, workHeight) * system.backwardRight;
+    const cv::Matx33d onFrame =
+        OrbivaneGeometry::pixelsToTexture(placed.workSize.width, placed.workSize.height) * placed.system.backwardRight;
     auto drawing = OrbivaneRendering::drawModuleOnFrame(shown, onFrame, pictures.target.size());
     if (!drawing) {
       logger->error("Module {} cannot be drawn on the target: {}; the module failed", narrow(name), drawing.error());
       verdict.reason = "cannot be drawn on the target: " + drawing.error();
-      return;
+      return false;
     }
     drawing.value().colour.convertTo(pictures.module, CV_8UC3);
     pictures.moduleMask = drawing.value().inside;
     const cv::Mat shows = contentMask(pictures.module);
     if (!shows.empty()) pictures.moduleMask &= shows;
   } else {
-    cv::warpPerspective(modulePicture, pictures.module, cv::Mat(prewarp), pictures.target.size(), cv::INTER_LINEAR,
-                        cv::BORDER_CONSTANT);
-    cv::Mat shows = contentMask(modulePicture);
-    if (shows.empty()) shows = cv::Mat(modulePicture.size(), CV_8U, cv::Scalar(255));
-    cv::warpPerspective(shows, pictures.moduleMask, cv::Mat(prewarp), pictures.target.size(), cv::INTER_NEAREST,
-                        cv::BORDER_CONSTANT);
+    cv::warpPerspective(placed.modulePicture, pictures.module, cv::Mat(placed.prewarp), pictures.target.size(),
+                        cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+    cv::Mat shows = contentMask(placed.modulePicture);
+    if (shows.empty()) shows = cv::Mat(placed.modulePicture.size(), CV_8U, cv::Scalar(255));
+    cv::warpPerspective(shows, pictures.moduleMask, cv::Mat(placed.prewarp), pictures.target.size(),
+                        cv::INTER_NEAREST, cv::BORDER_CONSTANT);
   }
   pictures.prepareGrey();
   workingCopies[name] = {Image::fromMat(pictures.module), Image::fromMat(pictures.target)};
-  // How much of the module's picture lands on the target's.
-  const double outlineArea = std::fabs(cv::contourArea(landed));
+
+  // How much of the module's picture lands on the target's, and whether it
+  // shows anything to match.
+  const double outlineArea = std::fabs(cv::contourArea(placed.landed));
   const int covered = cv::countNonZero(pictures.moduleMask);
   verdict.overlapShare = outlineArea > 0.0 ? std::min(1.0, covered / outlineArea) : 0.0;
   if (covered < 16) {
     logger->error("Module {} does not overlap the target {}; the module failed", narrow(name), narrow(target));
     verdict.reason = "no overlap with the target";
-    return;
+    return false;
   }
   if (verdict.overlapShare < kSmallestOverlapShare) {
     logger->error("Module {}: only {:.1f} % of its picture lies on the target {}; nothing to match", narrow(name),
@@ -427,19 +441,21 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     std::snprintf(text, sizeof text, "only %.1f %% of its picture overlaps the target", 100.0 * verdict.overlapShare);
     verdict.reason = text;
     errors[name] = FLT_MAX;  // as an estimate that failed: the module went through the driver
-    return;
+    return false;
   }
-  {
-    cv::Scalar mean, deviation;
-    cv::meanStdDev(pictures.moduleGrey, mean, deviation, pictures.moduleMask);
-    if (!(deviation[0] >= kLeastTexture)) {
-      logger->error("Module {} shows a blank picture; nothing to match", narrow(name));
-      verdict.reason = "blank picture (no texture)";
-      errors[name] = FLT_MAX;
-      return;
-    }
+  cv::Scalar mean, deviation;
+  cv::meanStdDev(pictures.moduleGrey, mean, deviation, pictures.moduleMask);
+  if (!(deviation[0] >= kLeastTexture)) {
+    logger->error("Module {} shows a blank picture; nothing to match", narrow(name));
+    verdict.reason = "blank picture (no texture)";
+    errors[name] = FLT_MAX;
+    return false;
   }
+  return true;
+}
 
+EstimateResult MatchToTargetState::runEstimator(const std::wstring& name, const WorkPictures& pictures,
+                                                const Placement& placed) {
   // The estimator of the mode; the start is the current placement.
   const cv::Matx33f start = cv::Matx33f::eye();
   EstimatorContext context{logger, &abort};
@@ -456,7 +472,7 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
         const auto own = grids.find(name);
         Utils::UVGrid& grid = own != grids.end() ? own->second : none;
         GridEstimator estimator(context, [this, &name] { report("Refining Grid of Module " + narrow(name)); });
-        result = estimator.estimate(pictures, start, system.backwardRight, grid, gridDisplacements[name]);
+        result = estimator.estimate(pictures, start, placed.system.backwardRight, grid, gridDisplacements[name]);
       }
       break;
     case MatchToTarget::kOpticalFlow:
@@ -469,100 +485,110 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
     default:
       // No estimator: nothing is estimated, so there is no error either
       // (the result stays at the largest float); the placement is only
-      // checked against the pictures below.
+      // checked against the pictures.
       result.homography = start;
       break;
   }
-  results[name] = result;
+  return result;
+}
 
-  // The verdict. The Part's rule first (better than the best error so far,
-  // finite, not mirrored), then whether the pictures support the estimate:
-  // feature pairs spread over the overlap, and the photometric agreement
-  // over the overlap compared with that of the starting placement.
-  const cv::Matx33d startWork = cv::Matx33d::eye();
-  verdict.startCorrelation = overlapCorrelation(pictures, startWork);
-  Utils::Matrix4x4 resultMatrix = previous;
-  Utils::Matrix4x4 candidate = previous;
-  std::string rejection;
-  bool estimated = false;
+MatchToTargetState::Judgement MatchToTargetState::judge(const std::wstring& name, const EstimateResult& result,
+                                                        const WorkPictures& pictures, const Placement& placed,
+                                                        ModuleReport& verdict) {
+  // The Part's rule first (better than the best error so far, finite, not
+  // mirrored), then whether the pictures support the estimate: feature
+  // pairs spread over the overlap, and the photometric agreement over the
+  // overlap compared with that of the starting placement.
+  Judgement judged;
+  judged.resultMatrix = placed.previous;
+  verdict.startCorrelation = overlapCorrelation(pictures, cv::Matx33d::eye());
   if (mode == MatchToTarget::kKeepMatrix) {
-    rejection = "mode 1 runs no estimator";
-  } else if (!acceptable(result, FLT_MAX)) {
-    rejection = "no estimate could be made (" + describeFailure(result) + ")";
-  } else {
-    const cv::Matx33d work(result.homography);
-    if (mode == MatchToTarget::kIterative) {
-      // A correction on the surface, applied on top of the previous matrix.
-      const cv::Matx33d correction =
-          normalised(system.backwardLeft * work * system.backwardRight * modulePlanar.inv());
-      resultMatrix = withPlanar(Utils::Matrix4x4::identity(), correction);
-      candidate = resultMatrix * previous;
-    } else {
-      resultMatrix = toResult(name, withPlanar(previous, work));
-      candidate = resultMatrix;
-    }
-    const cv::Matx33d planar = OrbivaneGeometry::planarHomography(candidate);
-    if (!candidate.isFinite() || !invertible(planar) || !(cv::determinant(planar) > 0.0)) {
-      logger->warn("Module {}: the estimate gives an unusable matrix; kept the previous one", narrow(name));
-      rejection = "the estimate gives a singular, mirrored or non-finite matrix";
-    } else {
-      const Agreement agreement = agreementAfter(pictures, work);
-      rejection = supportProblem(result, agreement, verdict);
-      verdict.correlation = agreement.correlation;
-      if (rejection.empty()) {
-        if (!(verdict.correlation >= kLeastCorrelation)) {
-          char text[128];
-          std::snprintf(text, sizeof text, "the pictures do not agree after the estimate (correlation %.2f)",
-                        verdict.correlation);
-          rejection = text;
-        } else if (std::isfinite(verdict.startCorrelation) && verdict.correlation < verdict.startCorrelation) {
-          rejection = "the estimate is worse than the starting placement";
-        } else {
-          estimated = true;
-        }
-      }
-    }
+    judged.rejection = "mode 1 runs no estimator";
+    return judged;
   }
+  if (!acceptable(result, FLT_MAX)) {
+    judged.rejection = "no estimate could be made (" + describeFailure(result) + ")";
+    return judged;
+  }
+  const cv::Matx33d work(result.homography);
+  Utils::Matrix4x4 candidate;
+  if (mode == MatchToTarget::kIterative) {
+    // A correction on the surface, applied on top of the previous matrix.
+    const cv::Matx33d correction =
+        normalised(placed.system.backwardLeft * work * placed.system.backwardRight * placed.modulePlanar.inv());
+    judged.resultMatrix = withPlanar(Utils::Matrix4x4::identity(), correction);
+    candidate = judged.resultMatrix * placed.previous;
+  } else {
+    judged.resultMatrix = toResult(name, withPlanar(placed.previous, work));
+    candidate = judged.resultMatrix;
+  }
+  const cv::Matx33d planar = OrbivaneGeometry::planarHomography(candidate);
+  if (!candidate.isFinite() || !invertible(planar) || !(cv::determinant(planar) > 0.0)) {
+    logger->warn("Module {}: the estimate gives an unusable matrix; kept the previous one", narrow(name));
+    judged.rejection = "the estimate gives a singular, mirrored or non-finite matrix";
+    return judged;
+  }
+  const Agreement agreement = agreementAfter(pictures, work);
+  judged.rejection = supportProblem(result, agreement, verdict);
+  verdict.correlation = agreement.correlation;
+  if (!judged.rejection.empty()) return judged;
+  if (!(verdict.correlation >= kLeastCorrelation)) {
+    char text[128];
+    std::snprintf(text, sizeof text, "the pictures do not agree after the estimate (correlation %.2f)",
+                  verdict.correlation);
+    judged.rejection = text;
+  } else if (std::isfinite(verdict.startCorrelation) && verdict.correlation < verdict.startCorrelation) {
+    judged.rejection = "the estimate is worse than the starting placement";
+  } else {
+    judged.estimated = true;
+  }
+  return judged;
+}
 
-  if (estimated) {
+void MatchToTargetState::writeBack(const std::wstring& name, const EstimateResult& result, const Judgement& judged,
+                                   const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar,
+                                   const Placement& placed, ModuleReport& verdict) {
+  auto* geometry = camera.findModule(name)->matrixGeometry();
+  if (judged.estimated) {
     errors[name] = result.error;
     verdict.status = ModuleStatus::aligned;
     verdict.reason.clear();
     if (mode == MatchToTarget::kIterative) {
       if (!grids.empty() && grids.count(name) != 0) geometry->setUVGrid(grids[name]);
-      geometry->setMatrix(resultMatrix * previous);
+      geometry->setMatrix(judged.resultMatrix * placed.previous);
     } else {
-      geometry->setMatrix(resultMatrix);
+      geometry->setMatrix(judged.resultMatrix);
       if (gridEnabled && !grids.empty() && grids.count(name) != 0) geometry->setUVGrid(grids[name]);
     }
-    verdict.movedPx = largestCornerMove(modulePlanar, OrbivaneGeometry::planarHomography(geometry->matrix()),
-                                        targetPlanar, modulePicture.size(), targetPicture.size());
-  } else if (verdict.startCorrelation >= kLeastCorrelation) {
+    verdict.movedPx = largestCornerMove(placed.modulePlanar, OrbivaneGeometry::planarHomography(geometry->matrix()),
+                                        targetPlanar, placed.modulePicture.size(), targetPicture.size());
+    if (result.matchedFeatures && !result.supportDistances.empty()) {
+      std::vector<float> distances = result.supportDistances;
+      std::nth_element(distances.begin(), distances.begin() + distances.size() / 2, distances.end());
+      verdict.residualPx = distances[distances.size() / 2] / placed.sx;
+    }
+    return;
+  }
+  errors[name] = FLT_MAX;
+  if (verdict.startCorrelation >= kLeastCorrelation) {
     // The starting placement is the better one and the pictures support it:
     // the module stays exactly where it is. No estimate was accepted, so its
     // error is that of a rejected result; the report says it was kept.
-    errors[name] = FLT_MAX;
     verdict.status = ModuleStatus::kept;
     verdict.correlation = verdict.startCorrelation;
-    verdict.reason = "kept in place: " + rejection;
-  } else {
-    errors[name] = FLT_MAX;
-    verdict.status = ModuleStatus::failed;
-    if (mode == MatchToTarget::kKeepMatrix) {
-      char text[128];
-      std::snprintf(text, sizeof text, "the placement is not supported by the pictures (correlation %.2f)",
-                    verdict.startCorrelation);
-      rejection = text;
-    }
-    verdict.reason = rejection;
-    logger->warn("Module {} failed: {}; kept its matrix", narrow(name), rejection);
+    verdict.reason = "kept in place: " + judged.rejection;
+    return;
   }
-  if (result.matchedFeatures && !result.supportDistances.empty() && verdict.status == ModuleStatus::aligned &&
-      estimated) {
-    std::vector<float> distances = result.supportDistances;
-    std::nth_element(distances.begin(), distances.begin() + distances.size() / 2, distances.end());
-    verdict.residualPx = distances[distances.size() / 2] / sx;
+  std::string rejection = judged.rejection;
+  if (mode == MatchToTarget::kKeepMatrix) {
+    char text[128];
+    std::snprintf(text, sizeof text, "the placement is not supported by the pictures (correlation %.2f)",
+                  verdict.startCorrelation);
+    rejection = text;
   }
+  verdict.status = ModuleStatus::failed;
+  verdict.reason = rejection;
+  logger->warn("Module {} failed: {}; kept its matrix", narrow(name), rejection);
 }
 
 std::string MatchToTargetState::optionsProblem(const std::list<std::wstring>& modules) const {

@@ -110,6 +110,37 @@ class MatchToTargetState {
   // says why and it gets no error entry here (the driver gives it the
   // largest float).
   void calibrateModule(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar);
+
+  // Its steps. Where the module lands on the target: its picture, matrix,
+  // work scale and size, pre-warp and work system.
+  struct Placement {
+    cv::Mat modulePicture;
+    Utils::Matrix4x4 previous;  // the module's matrix before the run
+    cv::Matx33d modulePlanar = cv::Matx33d::eye();
+    double scale = 1.0, sx = 1.0;  // work scale; work pixels per target pixel across
+    cv::Size workSize;
+    bool drawn = false;  // drawn through a UV grid or lens shader, not a plain matrix
+    std::vector<cv::Point2f> landed;  // the picture's corners on the work picture
+    cv::Matx33d prewarp = cv::Matx33d::eye();
+    WorkSystem system;
+  };
+  // What the pictures say of an estimate.
+  struct Judgement {
+    bool estimated = false;    // accepted
+    std::string rejection;     // why not, when not
+    Utils::Matrix4x4 resultMatrix;  // the matrix (mode 3: the correction) an accepted estimate gives
+  };
+  // Each returns false (the report saying why) when the module fails there.
+  bool placeOnTarget(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar,
+                     Placement& placed, ModuleReport& verdict);
+  bool prepareWorkPictures(const std::wstring& name, const cv::Mat& targetPicture, const Placement& placed,
+                           WorkPictures& pictures, ModuleReport& verdict);
+  EstimateResult runEstimator(const std::wstring& name, const WorkPictures& pictures, const Placement& placed);
+  Judgement judge(const std::wstring& name, const EstimateResult& result, const WorkPictures& pictures,
+                  const Placement& placed, ModuleReport& verdict);
+  void writeBack(const std::wstring& name, const EstimateResult& result, const Judgement& judged,
+                 const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar, const Placement& placed,
+                 ModuleReport& verdict);
 };
 
 }  // namespace MatrixBased
