@@ -253,11 +253,146 @@ std::map<std::wstring, ModuleReport> CalibrationPipeline::verdicts() const {
   return out;
 }
 
-CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& options) {
-  if (const auto valid = options.validate(); !valid) throw std::invalid_argument(valid.error());
-  auto logger = Utils::calibratorLogger("CalibrationPipeline");
-  steps_.clear();
+namespace {
 
+// What every step works with. `forward(prefix)` gives a status callback that
+// scales the step's own progress into its span of the run's one total.
+struct StepContext {
+  CameraDescription::Orbivane& camera;
+  const CalibrationPipeline::Images& images;
+  const PipelineOptions& options;
+  const std::list<std::wstring>& active;  // modules still in the running
+  std::function<StatusCallback(const std::string&)> forward;
+  const std::atomic<bool>& abort;
+  std::shared_ptr<spdlog::logger> logger;
+};
+
+void matchStep(StepContext& c, std::atomic<MatchToTarget*>& running, StepReport& step) {
+  MatchToTarget matcher(c.camera, c.images);
+  matcher.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(c.options.matchMode));
+  matcher.registerStatusCallback(c.forward("target matching"));
+  running.store(&matcher);
+  if (c.abort.load()) matcher.abort();
+  c.camera = matcher.calibrate(c.active, c.options.target);
+  running.store(nullptr);
+  for (const auto& [name, report] : matcher.moduleReports()) step.modules[name] = report;
+}
+
+void neighbourStep(StepContext& c, const std::shared_ptr<SeamMeter>& meter, StepReport& step) {
+  // Only modules that are in the camera with a picture can be stitched.
+  std::list<std::wstring> chain;
+  for (const auto& name : c.active) {
+    const auto module = c.camera.findModule(name);
+    const auto image = c.images.find(name);
+    if (!module) {
+      step.modules[name] = verdictOf(ModuleStatus::skipped, "no module of that name in the camera");
+    } else if (image == c.images.end() || !image->second) {
+      step.modules[name] = verdictOf(ModuleStatus::failed, "no picture");
+    } else {
+      chain.push_back(name);
+    }
+  }
+  std::wstring reference = c.options.reference;
+  if (reference.empty() && !chain.empty()) reference = *std::next(chain.begin(), long(chain.size() / 2));
+  NeighbourNeighbour stitcher(c.camera, c.images, c.options.levels, c.options.iterations, c.options.step);
+  MatrixBased::NeighbourNeighbourAccess::shareMeter(stitcher, meter);
+  stitcher.registerStatusCallback(c.forward("neighbour stitching"));
+  c.camera = stitcher.calibrate(chain, reference);
+  step.pairs = stitcher.pairReports();
+  if (!chain.empty()) step.modules[chain.front()] = verdictOf(ModuleStatus::aligned, std::string());
+  // A pair that was not measured moves nothing: its second module keeps
+  // its place beside the first.
+  for (const auto& pair : step.pairs) {
+    ModuleReport r = verdictOf(pair.measured ? ModuleStatus::aligned : ModuleStatus::kept,
+                               pair.measured ? std::string() : "seam with " + narrow(pair.first) + " not measured: " + pair.reason);
+    r.correlation = pair.correlation;
+    r.residualPx = std::numeric_limits<double>::quiet_NaN();
+    r.movedPx = pair.shiftPx;
+    step.modules[pair.second] = r;
+  }
+}
+
+void clipStep(StepContext& c, StepReport& step) {
+  // The rectangle the calibrated modules cover (the target and modules
+  // that failed are not part of the panorama shown), applied to every
+  // module of the camera so they keep their places relative to it.
+  auto covering = std::make_shared<CameraDescription::Orbivane>(c.camera);
+  auto& modules = covering->modules();
+  const auto& active = c.active;
+  modules.erase(std::remove_if(modules.begin(), modules.end(),
+                               [&active](const std::shared_ptr<CameraDescription::OrbivaneModule>& m) {
+                                 return !m || std::find(active.begin(), active.end(), m->name()) == active.end();
+                               }),
+                modules.end());
+  AutoClipping clipping(covering);
+  clipping.config(c.options.requireOverlap, c.options.keepAspect, c.options.clipThreshold);
+  clipping.setNoHoles(c.options.clipNoHoles);
+  if (modules.empty() || !clipping.process()) {
+    const std::string why = modules.empty() ? "no module left to clip" : clipping.error();
+    c.logger->warn("Clipping found no rectangle: {}", why);
+    for (const auto& name : active) step.modules[name] = verdictOf(ModuleStatus::failed, "no clipping rectangle: " + why);
+    return;
+  }
+  step.clipping = clipping.offset();
+  step.clippingPicture = clipping.inspectionPicture();
+  step.clippingCrop = *AutoClipping::clippingMatrix(clipping.viewerOffset());
+  const Utils::Size own = c.camera.panoramaSize();
+  const cv::Size raster = clipping.coverageSize();
+  c.camera = AutoClipping::applyClipping(c.camera, clipping.viewerOffset(),
+                                         own.empty() ? Utils::Size{raster.width, raster.height} : own);
+  for (const auto& name : active) step.modules[name] = verdictOf(ModuleStatus::aligned, std::string());
+}
+
+void shaderStep(StepContext& c, StepReport& step) {
+  int index = 0;
+  for (const auto& name : c.active) {
+    if (c.abort.load()) break;
+    ++index;
+    const auto module = c.camera.findModule(name);
+    if (!module || module->matrixGeometry() == nullptr || module->matrixGeometry()->shaderId().empty()) {
+      step.modules[name] = verdictOf(ModuleStatus::skipped, "no lens shader to search");
+      continue;
+    }
+    c.forward("shader search")(index, int(c.active.size()), "Searching Module " + narrow(name), AdvStepInfo());
+    try {
+      ShaderBruteForcer search(c.camera, c.images);
+      auto best = search.searchForBestParameters(name, c.options.target);
+      if (best.empty()) {
+        step.modules[name] = verdictOf(ModuleStatus::failed, "no parameter set gave a usable rendering");
+        continue;
+      }
+      const auto found = best.front().findModule(name);
+      c.camera.findModule(name)->setShaders(found->shaders());
+      step.modules[name] = verdictOf(ModuleStatus::aligned, std::string());
+    } catch (const std::exception& e) {
+      step.modules[name] = verdictOf(ModuleStatus::failed, e.what());
+    }
+  }
+}
+
+// The seams after a step that moved modules, against `seams` as the earlier
+// steps left them: a step that left them worse is undone (the camera put
+// back to `before`, its aligned modules kept where they were).
+void undoIfWorse(StepContext& c, const CameraDescription::Orbivane& before, const std::vector<SeamResidual>& seams,
+                 StepReport& step) {
+  const SeamComparison compared = compareSeams(seams, step.seams);
+  if (compared.lost == 0 && compared.after <= compared.before * (1.0 + kSeamWorseShare) + kSeamSlackPx) return;
+  char text[200];
+  std::snprintf(text, sizeof text,
+                "the step left the seams worse (mean %.2f px before, %.2f px after, %d seam(s) lost); undone",
+                compared.before, compared.after, compared.lost);
+  c.logger->warn("Step {}: {}", step.step, text);
+  c.camera = before;
+  step.seams = seams;
+  step.undone = text;
+  for (auto& [name, report] : step.modules) {
+    if (report.status == ModuleStatus::aligned) report = verdictOf(ModuleStatus::kept, text);
+  }
+}
+
+}  // namespace
+
+void CalibrationPipeline::listModules(const PipelineOptions& options) {
   // The modules to calibrate, each once.
   listed_.clear();
   if (options.modules.empty()) {
@@ -270,6 +405,13 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   if (!options.reference.empty() && !camera_.findModule(options.reference)) {
     throw std::invalid_argument("the reference '" + Utils::toUtf8(options.reference) + "' is no module of the camera");
   }
+}
+
+CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& options) {
+  if (const auto valid = options.validate(); !valid) throw std::invalid_argument(valid.error());
+  auto logger = Utils::calibratorLogger("CalibrationPipeline");
+  steps_.clear();
+  listModules(options);
   // One meter for the run's seams: a module a step does not move is not drawn again.
   auto meter = std::make_shared<SeamMeter>(drawingSize(withPictures(camera_, images_)));
   seamsBefore_ = measureWith(*meter, withPictures(camera_, images_), listed_);
@@ -283,7 +425,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   const int span = std::max(1, int(listed_.size()));
   const int total = span * int(options.steps.size());
   int offset = 0;
-  auto forward = [this, span, total, &offset](const std::string& prefix) {
+  auto forward = [this, span, total, &offset](const std::string& prefix) -> StatusCallback {
     return [this, prefix, span, total, &offset](int step, int all, std::string text, AdvStepInfo info) {
       if (!callback_) return;
       const long long within = all > 0 ? std::clamp<long long>(static_cast<long long>(step) * span / all, 0, span) : 0;
@@ -292,6 +434,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   };
   const std::map<std::string, std::string> stepTexts = {
       {"match", "target matching"}, {"neighbour", "neighbour stitching"}, {"clip", "clipping"}, {"shader", "shader search"}};
+  StepContext context{camera_, images_, options, active, forward, abort_, logger};
 
   for (const auto& stepName : options.steps) {
     if (abort_.load()) break;
@@ -303,124 +446,16 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       if (std::find(active.begin(), active.end(), name) == active.end())
         step.modules[name] = verdictOf(ModuleStatus::skipped, "failed an earlier step");
     }
-
-    if (stepName == "match") {
-      MatchToTarget matcher(camera_, images_);
-      matcher.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.matchMode));
-      matcher.registerStatusCallback(forward("target matching"));
-      runningMatch_.store(&matcher);
-      if (abort_.load()) matcher.abort();
-      camera_ = matcher.calibrate(active, options.target);
-      runningMatch_.store(nullptr);
-      for (const auto& [name, report] : matcher.moduleReports()) step.modules[name] = report;
-    } else if (stepName == "neighbour") {
-      // Only modules that are in the camera with a picture can be stitched.
-      std::list<std::wstring> chain;
-      for (const auto& name : active) {
-        const auto module = camera_.findModule(name);
-        const auto image = images_.find(name);
-        if (!module) {
-          step.modules[name] = verdictOf(ModuleStatus::skipped, "no module of that name in the camera");
-        } else if (image == images_.end() || !image->second) {
-          step.modules[name] = verdictOf(ModuleStatus::failed, "no picture");
-        } else {
-          chain.push_back(name);
-        }
-      }
-      std::wstring reference = options.reference;
-      if (reference.empty() && !chain.empty()) reference = *std::next(chain.begin(), long(chain.size() / 2));
-      NeighbourNeighbour stitcher(camera_, images_, options.levels, options.iterations, options.step);
-      MatrixBased::NeighbourNeighbourAccess::shareMeter(stitcher, meter);
-      stitcher.registerStatusCallback(forward("neighbour stitching"));
-      camera_ = stitcher.calibrate(chain, reference);
-      step.pairs = stitcher.pairReports();
-      if (!chain.empty()) step.modules[chain.front()] = verdictOf(ModuleStatus::aligned, std::string());
-      // A pair that was not measured moves nothing: its second module keeps
-      // its place beside the first.
-      for (const auto& pair : step.pairs) {
-        ModuleReport r = verdictOf(pair.measured ? ModuleStatus::aligned : ModuleStatus::kept,
-                                   pair.measured ? std::string() : "seam with " + narrow(pair.first) + " not measured: " + pair.reason);
-        r.correlation = pair.correlation;
-        r.residualPx = std::numeric_limits<double>::quiet_NaN();
-        r.movedPx = pair.shiftPx;
-        step.modules[pair.second] = r;
-      }
-    } else if (stepName == "clip") {
-      // The rectangle the calibrated modules cover (the target and modules
-      // that failed are not part of the panorama shown), applied to every
-      // module of the camera so they keep their places relative to it.
-      auto covering = std::make_shared<CameraDescription::Orbivane>(camera_);
-      auto& modules = covering->modules();
-      modules.erase(std::remove_if(modules.begin(), modules.end(),
-                                   [&active](const std::shared_ptr<CameraDescription::OrbivaneModule>& m) {
-                                     return !m || std::find(active.begin(), active.end(), m->name()) == active.end();
-                                   }),
-                    modules.end());
-      AutoClipping clipping(covering);
-      clipping.config(options.requireOverlap, options.keepAspect, options.clipThreshold);
-      clipping.setNoHoles(options.clipNoHoles);
-      if (!modules.empty() && clipping.process()) {
-        step.clipping = clipping.offset();
-        step.clippingPicture = clipping.inspectionPicture();
-        step.clippingCrop = *AutoClipping::clippingMatrix(clipping.viewerOffset());
-        const Utils::Size own = camera_.panoramaSize();
-        const cv::Size raster = clipping.coverageSize();
-        camera_ = AutoClipping::applyClipping(camera_, clipping.viewerOffset(),
-                                              own.empty() ? Utils::Size{raster.width, raster.height} : own);
-        for (const auto& name : active) step.modules[name] = verdictOf(ModuleStatus::aligned, std::string());
-      } else {
-        const std::string why = modules.empty() ? "no module left to clip" : clipping.error();
-        logger->warn("Clipping found no rectangle: {}", why);
-        for (const auto& name : active)
-          step.modules[name] = verdictOf(ModuleStatus::failed, "no clipping rectangle: " + why);
-      }
-    } else if (stepName == "shader") {
-      int index = 0;
-      for (const auto& name : active) {
-        if (abort_.load()) break;
-        ++index;
-        const auto module = camera_.findModule(name);
-        if (!module || module->matrixGeometry() == nullptr || module->matrixGeometry()->shaderId().empty()) {
-          step.modules[name] = verdictOf(ModuleStatus::skipped, "no lens shader to search");
-          continue;
-        }
-        forward("shader search")(index, int(active.size()), "Searching Module " + narrow(name), AdvStepInfo());
-        try {
-          ShaderBruteForcer search(camera_, images_);
-          auto best = search.searchForBestParameters(name, options.target);
-          if (best.empty()) {
-            step.modules[name] = verdictOf(ModuleStatus::failed, "no parameter set gave a usable rendering");
-            continue;
-          }
-          const auto found = best.front().findModule(name);
-          camera_.findModule(name)->setShaders(found->shaders());
-          step.modules[name] = verdictOf(ModuleStatus::aligned, std::string());
-        } catch (const std::exception& e) {
-          step.modules[name] = verdictOf(ModuleStatus::failed, e.what());
-        }
-      }
-    }
-
+    if (stepName == "match") matchStep(context, runningMatch_, step);
+    if (stepName == "neighbour") neighbourStep(context, meter, step);
+    if (stepName == "clip") clipStep(context, step);
+    if (stepName == "shader") shaderStep(context, step);
     // The seams after a step that moves modules (clipping moves them all
-    // alike); a step that left them worse is undone.
-    if (stepName == "clip") {
-      step.seams = seams;
-    } else {
+    // alike, so their seams stay as they were).
+    step.seams = seams;
+    if (stepName != "clip") {
       step.seams = measureWith(*meter, withPictures(camera_, images_), listed_);
-      const SeamComparison c = compareSeams(seams, step.seams);
-      if (c.lost > 0 || c.after > c.before * (1.0 + kSeamWorseShare) + kSeamSlackPx) {
-        char text[200];
-        std::snprintf(text, sizeof text,
-                      "the step left the seams worse (mean %.2f px before, %.2f px after, %d seam(s) lost); undone",
-                      c.before, c.after, c.lost);
-        logger->warn("Step {}: {}", stepName, text);
-        camera_ = before;
-        step.seams = seams;
-        step.undone = text;
-        for (auto& [name, report] : step.modules) {
-          if (report.status == ModuleStatus::aligned) report = verdictOf(ModuleStatus::kept, text);
-        }
-      }
+      undoIfWorse(context, before, seams, step);
       seams = step.seams;
     }
     // Modules that did not come through drop out of the later steps.

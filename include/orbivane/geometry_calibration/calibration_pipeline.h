@@ -150,6 +150,10 @@ class ORBIVANE_EXPORT CalibrationPipeline {
                                                 const std::list<std::wstring>& modules);
 
  private:
+  // The modules a run calibrates (options.modules, or every module but the
+  // target), each once, into listed_.
+  void listModules(const PipelineOptions& options);
+
   CameraDescription::Orbivane camera_;
   Images images_;
   StatusCallback callback_;
