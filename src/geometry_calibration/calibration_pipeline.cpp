@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <set>
 #include <cmath>
 #include <stdexcept>
 
@@ -390,6 +391,31 @@ void undoIfWorse(StepContext& c, const CameraDescription::Orbivane& before, cons
   }
 }
 
+// After neighbour stitching: a module that no measured seam ties to another
+// (and that target matching did not place, `matched`) is nowhere shown to
+// line up, whatever the step left it as; it fails and drops out of the
+// later steps, so that the clip does not keep room for it.
+void failUntied(const std::set<std::wstring>& matched, std::size_t listed, StepReport& step) {
+  if (listed < 2) return;
+  for (auto& [name, report] : step.modules) {
+    if ((report.status != ModuleStatus::aligned && report.status != ModuleStatus::kept) || matched.count(name) != 0) {
+      continue;
+    }
+    bool tied = false;
+    std::string why = "its picture overlaps no other module, so nothing places it";
+    for (const auto& seam : step.seams) {
+      if (seam.first != name && seam.second != name) continue;
+      if (seam.measured) {
+        tied = true;
+        break;
+      }
+      why = "no seam with another module could be measured (" + narrow(seam.first) + " / " + narrow(seam.second) +
+            ": " + seam.reason + ")";
+    }
+    if (!tied) report = verdictOf(ModuleStatus::failed, why);
+  }
+}
+
 }  // namespace
 
 void CalibrationPipeline::listModules(const PipelineOptions& options) {
@@ -435,6 +461,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   const std::map<std::string, std::string> stepTexts = {
       {"match", "target matching"}, {"neighbour", "neighbour stitching"}, {"clip", "clipping"}, {"shader", "shader search"}};
   StepContext context{camera_, images_, options, active, forward, abort_, logger};
+  std::set<std::wstring> matched;  // modules target matching placed
 
   for (const auto& stepName : options.steps) {
     if (abort_.load()) break;
@@ -458,6 +485,11 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       undoIfWorse(context, before, seams, step);
       seams = step.seams;
     }
+    if (stepName == "match") {
+      for (const auto& [name, report] : step.modules)
+        if (report.status == ModuleStatus::aligned) matched.insert(name);
+    }
+    if (stepName == "neighbour") failUntied(matched, listed_.size(), step);
     // Modules that did not come through drop out of the later steps.
     for (const auto& [name, report] : step.modules) {
       if (report.status != ModuleStatus::aligned && report.status != ModuleStatus::kept) active.remove(name);

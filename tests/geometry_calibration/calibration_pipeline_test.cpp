@@ -16,6 +16,7 @@
 #include "synthetic/corner_error.h"
 #include "synthetic/rig.h"
 #include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
 #include "orbivane/geometry_calibration/matrix_based/match_to_target.h"
 #include "orbivane/geometry_calibration/matrix_based/neighbour_neighbour.h"
 #include "orbivane/image/image_conversion.h"
@@ -340,6 +341,47 @@ TEST(CalibrationPipeline, EachCalibratorRefusesSettingsOutOfRangeWhenItStarts) {
       EXPECT_NE(pair.reason.find("levels must lie in 1..30, not 0"), std::string::npos) << pair.reason;
     }
   }
+}
+
+}  // namespace
+
+namespace {
+
+// A module set down beside the others (as camera init puts a picture it
+// could not place) overlaps none of them: neighbour stitching cannot tie it
+// in, so it fails with that reason, and the clip leaves no room for it.
+TEST(CalibrationPipeline, AModuleNoSeamTiesInFailsAndTheClipLeavesItOut) {
+  Rig rig = makeRig(true);
+  const std::wstring last = rig.scene.names.back();
+  CameraDescription::OrbivaneModule aside(L"Aside");
+  aside.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(
+      Utils::Matrix4x4::translation(3.0f, 0.0f) * rig.scene.misaligned.at(last)));
+  aside.setImage(rig.images.at(last));
+  rig.camera.addModule(aside);
+  rig.images[L"Aside"] = rig.images.at(last);
+
+  GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.steps = {"neighbour", "clip"};
+  const auto result = pipeline.run(options);
+  const auto verdicts = pipeline.verdicts();
+  EXPECT_EQ(verdicts.at(L"Aside").status, ModuleStatus::failed);
+  EXPECT_NE(verdicts.at(L"Aside").reason.find("overlaps no other module"), std::string::npos)
+      << verdicts.at(L"Aside").reason;
+  for (const auto& name : rig.scene.names) {
+    EXPECT_NE(verdicts.at(name).status, ModuleStatus::failed) << Utils::toUtf8(name) << ": " << verdicts.at(name).reason;
+  }
+  // The clip is the rectangle of the placed modules alone: the module aside
+  // lies wholly outside it.
+  ASSERT_EQ(pipeline.steps().size(), 2u);
+  const auto& clipped = pipeline.steps().back();
+  EXPECT_EQ(clipped.modules.at(L"Aside").status, ModuleStatus::skipped);
+  const Utils::Size size = result.panoramaSize();
+  const cv::Matx33d planar = OrbivaneGeometry::planarHomography(result.findModule(L"Aside")->matrixGeometry()->matrix());
+  std::vector<cv::Point2d> corner = {{0.0, 0.0}}, landed;
+  cv::perspectiveTransform(corner, landed, planar);
+  EXPECT_GT(landed[0].x, 1.0) << "the module aside starts right of the clipped panorama (" << size.width << " wide)";
 }
 
 }  // namespace

@@ -137,7 +137,9 @@ class ORBIVANE_EXPORT CalibrationPipeline {
   const std::vector<SeamResidual>& seamsBefore() const { return seamsBefore_; }
   const std::vector<StepReport>& steps() const { return steps_; }
   // Each listed module's verdict over all steps: the first step that did not
-  // align it decides; aligned when every step did. After an interrupted run
+  // align it decides; aligned when every step did. Neighbour stitching fails
+  // a module that no measured seam ties to another (and that target
+  // matching did not place). After an interrupted run
   // (abort()) every module that did not fail is "aborted".
   std::map<std::wstring, ModuleReport> verdicts() const;
   // The modules the last run() calibrated, each once, in order.
