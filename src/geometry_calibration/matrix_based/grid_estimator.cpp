@@ -334,6 +334,187 @@ bool unfolded(const std::vector<cv::Point2d>& t, int columns, int rows) {
   return true;
 }
 
+// Counts the estimate's progress steps; slot 0 of a module's steps is the
+// driver's "Calibrating Module" report, so the first is not reported here.
+class StepCounter {
+ public:
+  StepCounter(int steps, const std::function<void()>& step) : steps_(steps), step_(step) {}
+  void takeTo(int count) {
+    while (taken_ < std::min(count, steps_)) {
+      if (taken_ > 0) step_();
+      ++taken_;
+    }
+  }
+  void finish() { takeTo(steps_); }
+  int steps() const { return steps_; }
+
+ private:
+  int steps_, taken_ = 0;
+  const std::function<void()>& step_;
+};
+
+cv::Point2d land(const cv::Matx33d& m, cv::Point2d p) {
+  const cv::Vec3d q = m * cv::Vec3d(p.x, p.y, 1.0);
+  return cv::Point2d(q[0] / q[2], q[1] / q[2]);
+}
+
+// The points the displacement field is measured at: a lattice at about half
+// a grid cell (12..32 work pixels) over the aligned module's pixels, each
+// with a patch of 1.5 spacings.
+struct Lattice {
+  int spacing = 0, patch = 0;
+  std::vector<cv::Point> points;
+};
+
+Lattice layOutLattice(const cv::Matx33d& toTarget, int columns, int rows, const cv::Mat& alignedMask) {
+  Lattice lattice;
+  const cv::Point2d extent = land(toTarget, {1, 1}) - land(toTarget, {0, 0});
+  double cell = std::min(std::fabs(extent.x) / columns, std::fabs(extent.y) / rows);
+  if (!std::isfinite(cell)) cell = 64.0;
+  lattice.spacing = std::clamp(static_cast<int>(std::lround(cell / 2.0)), 12, 32);
+  lattice.patch = std::max(kSmallestPatch, static_cast<int>(std::lround(1.5 * lattice.spacing)));
+  for (int y = lattice.spacing / 2; y < alignedMask.rows; y += lattice.spacing)
+    for (int x = lattice.spacing / 2; x < alignedMask.cols; x += lattice.spacing)
+      if (alignedMask.at<std::uint8_t>(y, x)) lattice.points.emplace_back(x, y);
+  return lattice;
+}
+
+// The shift at one lattice point: coarse to fine, the patch grown by
+// kGrowth on each of `attempts` tries until the shift is plausible (within a
+// quarter of the patch) and the patches agree. `tries` counts the attempts.
+PatchResult measurePoint(const PatchPictures& full, const PatchPictures& half, cv::Point at, int patch, int attempts,
+                         int& tries) {
+  const cv::Rect whole(0, 0, full.target.cols, full.target.rows);
+  PatchResult result;
+  double size = patch;
+  for (int attempt = 0; attempt < attempts; ++attempt, size *= kGrowth) {
+    tries = attempt + 1;
+    const int s = static_cast<int>(std::min<double>(size, std::min(whole.width, whole.height)));
+    const cv::Rect rect(at.x - s / 2, at.y - s / 2, s, s);
+    if ((rect & whole) != rect) break;
+    const PatchResult coarse =
+        alignPatch(half, cv::Rect(rect.x / 2, rect.y / 2, rect.width / 2, rect.height / 2), cv::Point2d(0, 0));
+    result = alignPatch(full, rect, coarse.ok ? 2.0 * coarse.shift : cv::Point2d(0, 0));
+    if (result.ok && std::hypot(result.shift.x, result.shift.y) <= 0.25 * s && 1.0 - result.correlation <= kMostError) {
+      return result;
+    }
+    result.ok = false;
+  }
+  return result;
+}
+
+// Every lattice point's shift, a band of points per progress step and
+// sixteen bands at a time in parallel; false when aborted between them.
+bool measureField(const PatchPictures& full, const Lattice& lattice, const EstimatorContext& context,
+                  StepCounter& counter, std::vector<PatchResult>& found, std::vector<int>& tries) {
+  const PatchPictures half = halved(full);
+  const std::size_t count = lattice.points.size();
+  found.assign(count, PatchResult());
+  tries.assign(count, 0);
+  const std::size_t band = std::max<std::size_t>(1, count / std::size_t(std::max(1, counter.steps())) + 1);
+  for (std::size_t first = 0; first < count; first += band * 16) {
+    if (context.aborted()) return false;
+    const std::size_t last = std::min(count, first + band * 16);
+    Utils::parallelItems(last - first, 8, 0, [&](std::size_t begin, std::size_t end) {
+      for (std::size_t k = first + begin; k < first + end; ++k)
+        found[k] = measurePoint(full, half, lattice.points[k], lattice.patch, GridEstimator::kTries, tries[k]);
+    });
+    counter.takeTo(static_cast<int>(double(last) / double(count) * counter.steps()));
+  }
+  return true;
+}
+
+// The measurements the fit may use (a shift that turns against its
+// neighbours, is implausibly long or disagrees is left out, with its log
+// line), and their grid positions (unit square) through `back`.
+std::vector<cv::Point2d> keepMeasurements(const Lattice& lattice, const std::vector<PatchResult>& found,
+                                          const std::vector<int>& tries, const cv::Matx33d& back,
+                                          spdlog::logger& logger,
+                                          std::vector<GridEstimator::Measurement>& measurements) {
+  const std::vector<double> turns = localTurns(lattice.points, found, lattice.spacing);
+  std::vector<cv::Point2d> places;
+  // Neighbouring patches overlap: their information is shared, not added.
+  const double overlap =
+      std::min(1.0, double(lattice.spacing * lattice.spacing) / double(lattice.patch * lattice.patch));
+  for (std::size_t k = 0; k < lattice.points.size(); ++k) {
+    const PatchResult& r = found[k];
+    const cv::Point2d place = land(back, cv::Point2d(lattice.points[k]));
+    if (r.ok && std::fabs(turns[k]) > kMostLocalTurn) {
+      logger.debug("Skip for rot: \t{}", turns[k] * 180.0 / CV_PI);
+      continue;
+    }
+    if (r.ok && std::isfinite(place.x) && std::isfinite(place.y)) {
+      if (tries[k] > 1) logger.debug("break on try {}", tries[k] - 1);
+      measurements.push_back({cv::Point2d(lattice.points[k]), r.shift, r.information * overlap});
+      places.push_back(place);
+      continue;
+    }
+    const double distance = std::hypot(r.shift.x, r.shift.y);
+    if (r.ok || distance > 0.0) {
+      if (!(distance <= 0.25 * lattice.patch)) {
+        logger.debug("Skip for dist: \t{}", distance);
+      } else {
+        logger.debug("Skip for err: \t{}", 1.0 - r.correlation);
+      }
+    }
+  }
+  logger.debug("{} of {} points of the displacement field measured", measurements.size(), lattice.points.size());
+  return places;
+}
+
+// The grid fitted to the measurements, raising the regularisation while it
+// folds; kept (true, `grid` and `displacements` set) when the field explains
+// the measurements well beyond noise and does not fold.
+bool fitGrid(const std::vector<GridEstimator::Measurement>& measurements, const std::vector<cv::Point2d>& places,
+             const cv::Matx33d& toTarget, spdlog::logger& logger, Utils::UVGrid& grid,
+             std::vector<cv::Point2f>& displacements) {
+  const int columns = grid.columns(), rows = grid.rows();
+  const cv::Matx33d back = toTarget.inv();
+  const int points = (columns + 1) * (rows + 1);
+  std::vector<cv::Point2d> regular(static_cast<std::size_t>(points)), landing(regular.size());
+  for (int j = 0; j <= rows; ++j)
+    for (int i = 0; i <= columns; ++i) {
+      regular[std::size_t(j * (columns + 1) + i)] = cv::Point2d(double(i) / columns, double(j) / rows);
+      landing[std::size_t(j * (columns + 1) + i)] = land(toTarget, regular[std::size_t(j * (columns + 1) + i)]);
+    }
+  double regularisation = kRegularisation;
+  for (int attempt = 0; attempt <= kFoldRetries && !measurements.empty(); ++attempt, regularisation *= 10.0) {
+    const FieldFit fit = fitField(measurements, places, columns, rows, regularisation);
+    if (!fit.ok) break;
+    // Whether the field explains the measurements beyond what fitting its
+    // freedom to noise would: the explained chi-square per degree of freedom
+    // of the field against the one left per remaining degree of freedom (a
+    // ratio that does not depend on how well the measurements' information
+    // is scaled).
+    const double freedom = std::min(2.0 * points, 2.0 * double(measurements.size()));
+    const double remaining = std::max(1.0, 2.0 * double(measurements.size()) - freedom);
+    const double ratio = (fit.explained / freedom) / std::max(1e-12, fit.left / remaining);
+    if (!(ratio > kSignificance)) {
+      logger.debug("the displacement field explains {:.2f} times the noise: the grid stays regular", ratio);
+      break;
+    }
+    logger.debug("the displacement field explains {:.2f} times the noise", ratio);
+    std::vector<cv::Point2d> named(regular.size());
+    for (std::size_t p = 0; p < named.size(); ++p) named[p] = land(back, landing[p] + fit.shifts[p]);
+    if (!unfolded(named, columns, rows)) {
+      logger.debug("diff or error to big: {} {}{}", regularisation, fit.explained, " retry with bigger scale");
+      continue;
+    }
+    double distanceSum = 0.0;
+    for (std::size_t p = 0; p < named.size(); ++p) {
+      displacements[p] = cv::Point2f(static_cast<float>(fit.shifts[p].x), static_cast<float>(fit.shifts[p].y));
+      distanceSum += std::hypot(fit.shifts[p].x, fit.shifts[p].y);
+    }
+    std::vector<Utils::UVGrid::UVPoint> moved;
+    for (const auto& t : named) moved.push_back({static_cast<float>(t.x), static_cast<float>(t.y)});
+    grid.setPoints(moved);
+    logger.info("Mean diff distance: {}", distanceSum / points);
+    return true;
+  }
+  logger.info("Mean diff distance: {}", 0.0);
+  return false;
+}
+
 }  // namespace
 
 GridEstimator::GridEstimator(EstimatorContext context, std::function<void()> step)
@@ -345,21 +526,14 @@ EstimateResult GridEstimator::estimate(const WorkPictures& pictures, const cv::M
   measurements_.clear();
   fieldKept_ = false;
   const int columns = grid.columns(), rows = grid.rows();
-  const int steps = grid.empty() ? 0 : 4 * columns * rows;
-  // Slot 0 of the module's steps is the driver's "Calibrating Module" report.
-  int taken = 0;
-  auto takeStepsTo = [&](int count) {
-    while (taken < std::min(count, steps)) {
-      if (taken > 0) step_();
-      ++taken;
-    }
-  };
+  StepCounter counter(grid.empty() ? 0 : 4 * columns * rows, step_);
 
+  // 1. The global homography, by feature matching.
   FeatureMatcher matcher(context_);
   EstimateResult global = matcher.estimate(pictures, homography, kFeatures, 0.0f, 0.0f);
   displacements.assign(grid.empty() ? 0 : std::size_t(columns + 1) * std::size_t(rows + 1), cv::Point2f(0, 0));
   if (!(global.error < kFailedError) || grid.empty() || context_.aborted()) {
-    takeStepsTo(steps);
+    counter.finish();
     return global;
   }
   const cv::Matx33d h(global.homography);
@@ -368,136 +542,25 @@ EstimateResult GridEstimator::estimate(const WorkPictures& pictures, const cv::M
   const cv::Mat ones = pictures.moduleMask.empty() ? cv::Mat(pictures.moduleGrey.size(), CV_8U, cv::Scalar(255))
                                                    : pictures.moduleMask;
   cv::warpPerspective(ones, alignedMask, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_NEAREST);
-
-  // Where the grid's positions land on the target (work pixels), and back.
+  // Where the grid's positions land on the target (work pixels).
   const cv::Matx33d toTarget = h * textureToWork;
-  const cv::Matx33d back = toTarget.inv();
-  auto land = [](const cv::Matx33d& m, cv::Point2d p) {
-    const cv::Vec3d q = m * cv::Vec3d(p.x, p.y, 1.0);
-    return cv::Point2d(q[0] / q[2], q[1] / q[2]);
-  };
-  const cv::Point2d extent = land(toTarget, {1, 1}) - land(toTarget, {0, 0});
-  double cell = std::min(std::fabs(extent.x) / columns, std::fabs(extent.y) / rows);
-  if (!std::isfinite(cell)) cell = 64.0;
-  const int spacing = std::clamp(static_cast<int>(std::lround(cell / 2.0)), 12, 32);
-  const int patch = std::max(kSmallestPatch, static_cast<int>(std::lround(1.5 * spacing)));
 
-  // 2. The displacement field, row of the lattice by row (in parallel within a band of rows).
-  const PatchPictures full = patchPictures(pictures.targetGrey, aligned, alignedMask);
-  const PatchPictures half = halved(full);
-  const cv::Rect whole(0, 0, full.target.cols, full.target.rows);
-  std::vector<cv::Point> lattice;
-  for (int y = spacing / 2; y < whole.height; y += spacing)
-    for (int x = spacing / 2; x < whole.width; x += spacing)
-      if (alignedMask.at<std::uint8_t>(y, x)) lattice.emplace_back(x, y);
-  std::vector<PatchResult> found(lattice.size());
-  std::vector<int> tries(lattice.size(), 0);
-  auto measure = [&](std::size_t k) {
-    double size = patch;
-    for (int attempt = 0; attempt < kTries; ++attempt, size *= kGrowth) {
-      tries[k] = attempt + 1;
-      const int s = static_cast<int>(std::min<double>(size, std::min(whole.width, whole.height)));
-      const cv::Rect rect(lattice[k].x - s / 2, lattice[k].y - s / 2, s, s);
-      if ((rect & whole) != rect) break;
-      const PatchResult coarse =
-          alignPatch(half, cv::Rect(rect.x / 2, rect.y / 2, rect.width / 2, rect.height / 2), cv::Point2d(0, 0));
-      PatchResult r = alignPatch(full, rect, coarse.ok ? 2.0 * coarse.shift : cv::Point2d(0, 0));
-      if (r.ok && std::hypot(r.shift.x, r.shift.y) <= 0.25 * s && 1.0 - r.correlation <= kMostError) {
-        found[k] = r;
-        return;
-      }
-      found[k] = r;
-      found[k].ok = false;
-    }
-  };
-  const std::size_t band = std::max<std::size_t>(1, lattice.size() / std::size_t(std::max(1, steps)) + 1);
-  for (std::size_t first = 0; first < lattice.size(); first += band * 16) {
-    if (context_.aborted()) {
-      takeStepsTo(steps);
-      return global;
-    }
-    const std::size_t last = std::min(lattice.size(), first + band * 16);
-    Utils::parallelItems(last - first, 8, 0, [&](std::size_t begin, std::size_t end) {
-      for (std::size_t k = begin; k < end; ++k) measure(first + k);
-    });
-    takeStepsTo(static_cast<int>(double(last) / double(lattice.size()) * steps));
+  // 2. The displacement field left after it, at the points of a lattice.
+  const Lattice lattice = layOutLattice(toTarget, columns, rows, alignedMask);
+  std::vector<PatchResult> found;
+  std::vector<int> tries;
+  if (!measureField(patchPictures(pictures.targetGrey, aligned, alignedMask), lattice, context_, counter, found,
+                    tries)) {
+    counter.finish();
+    return global;
   }
-  const std::vector<double> turns = localTurns(lattice, found, spacing);
-  std::vector<cv::Point2d> places;  // grid positions (unit square) of the measurements
-  for (std::size_t k = 0; k < lattice.size(); ++k) {
-    const PatchResult& r = found[k];
-    const cv::Point2d place = land(back, cv::Point2d(lattice[k]));
-    if (r.ok && std::fabs(turns[k]) > kMostLocalTurn) {
-      context_.logger->debug("Skip for rot: \t{}", turns[k] * 180.0 / CV_PI);
-      continue;
-    }
-    if (r.ok && std::isfinite(place.x) && std::isfinite(place.y)) {
-      if (tries[k] > 1) context_.logger->debug("break on try {}", tries[k] - 1);
-      // Neighbouring patches overlap: their information is shared, not added.
-      const double overlap = std::min(1.0, double(spacing * spacing) / double(patch * patch));
-      measurements_.push_back({cv::Point2d(lattice[k]), r.shift, r.information * overlap});
-      places.push_back(place);
-    } else {
-      const double distance = std::hypot(r.shift.x, r.shift.y);
-      if (r.ok || distance > 0.0) {
-        if (!(distance <= 0.25 * patch)) {
-          context_.logger->debug("Skip for dist: \t{}", distance);
-        } else {
-          context_.logger->debug("Skip for err: \t{}", 1.0 - r.correlation);
-        }
-      }
-    }
-  }
-  context_.logger->debug("{} of {} points of the displacement field measured", measurements_.size(), lattice.size());
+  const std::vector<cv::Point2d> places =
+      keepMeasurements(lattice, found, tries, toTarget.inv(), *context_.logger, measurements_);
 
   // 3. and 4. The grid fitted to them, kept when it explains them and does not fold.
-  const int points = (columns + 1) * (rows + 1);
-  std::vector<cv::Point2d> regular(static_cast<std::size_t>(points)), landing(regular.size());
-  for (int j = 0; j <= rows; ++j)
-    for (int i = 0; i <= columns; ++i) {
-      regular[std::size_t(j * (columns + 1) + i)] = cv::Point2d(double(i) / columns, double(j) / rows);
-      landing[std::size_t(j * (columns + 1) + i)] = land(toTarget, regular[std::size_t(j * (columns + 1) + i)]);
-    }
-  double regularisation = kRegularisation;
-  for (int attempt = 0; attempt <= kFoldRetries && !measurements_.empty(); ++attempt, regularisation *= 10.0) {
-    const FieldFit fit = fitField(measurements_, places, columns, rows, regularisation);
-    if (!fit.ok) break;
-    // Whether the field explains the measurements beyond what fitting its
-    // freedom to noise would: the explained chi-square per degree of freedom
-    // of the field against the one left per remaining degree of freedom (a
-    // ratio that does not depend on how well the measurements' information
-    // is scaled).
-    const double freedom = std::min(2.0 * points, 2.0 * double(measurements_.size()));
-    const double remaining = std::max(1.0, 2.0 * double(measurements_.size()) - freedom);
-    const double ratio = (fit.explained / freedom) / std::max(1e-12, fit.left / remaining);
-    if (!(ratio > kSignificance)) {
-      context_.logger->debug("the displacement field explains {:.2f} times the noise: the grid stays regular", ratio);
-      break;
-    }
-    context_.logger->debug("the displacement field explains {:.2f} times the noise", ratio);
-    std::vector<cv::Point2d> named(regular.size());
-    for (std::size_t p = 0; p < named.size(); ++p) named[p] = land(back, landing[p] + fit.shifts[p]);
-    if (!unfolded(named, columns, rows)) {
-      context_.logger->debug("diff or error to big: {} {}{}", regularisation, fit.explained, " retry with bigger scale");
-      continue;
-    }
-    double distanceSum = 0.0;
-    for (std::size_t p = 0; p < named.size(); ++p) {
-      displacements[p] = cv::Point2f(static_cast<float>(fit.shifts[p].x), static_cast<float>(fit.shifts[p].y));
-      distanceSum += std::hypot(fit.shifts[p].x, fit.shifts[p].y);
-    }
-    grid.setPoints([&] {
-      std::vector<Utils::UVGrid::UVPoint> out;
-      for (const auto& t : named) out.push_back({static_cast<float>(t.x), static_cast<float>(t.y)});
-      return out;
-    }());
-    fieldKept_ = true;
-    global.value = points;
-    context_.logger->info("Mean diff distance: {}", distanceSum / points);
-    break;
-  }
-  if (!fieldKept_) context_.logger->info("Mean diff distance: {}", 0.0);
-  takeStepsTo(steps);
+  fieldKept_ = fitGrid(measurements_, places, toTarget, *context_.logger, grid, displacements);
+  if (fieldKept_) global.value = (columns + 1) * (rows + 1);
+  counter.finish();
   return global;
 }
 
