@@ -26,7 +26,7 @@ int main() {
   // The whole calibration's options and reports come with the same header.
   GeometryCalibration::PipelineOptions options;
   options.steps = {"paint"};
-  if (options.validate().empty()) return 1;
+  if (options.validate()) return 1;
   if (std::string(GeometryCalibration::statusName(GeometryCalibration::ModuleStatus::kept)) != "kept") return 1;
   std::cout << "consumer ok" << std::endl;
   return 0;
