@@ -103,9 +103,9 @@ void printWindow(const std::shared_ptr<Quarn::SimulatedCamera>& camera) {
   std::cout << "window " << w.x << " " << w.y << " (" << w.width << "x" << w.height << "), x " << w.xMin << ".."
             << w.xMax << " step " << w.xStep << ", y " << w.yMin << ".." << w.yMax << " step " << w.yStep
             << std::endl;
-  JsonOutput::printActive({{"module", args().module}, {"x", w.x}, {"y", w.y}, {"xMin", w.xMin}, {"xMax", w.xMax},
-                           {"xStep", w.xStep}, {"yMin", w.yMin}, {"yMax", w.yMax}, {"yStep", w.yStep},
-                           {"width", w.width}, {"height", w.height}});
+  nlohmann::json printed = {{"module", args().module}};
+  Quarn::windowFields(w, [&printed](const Quarn::SimulatedField& f, int value) { printed[f.json] = value; });
+  JsonOutput::printActive(printed);
 }
 
 // The restore points of every module of the state file: {name: {"x", "y"}}.

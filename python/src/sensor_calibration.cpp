@@ -102,103 +102,43 @@ py::dict overlapDict(const SensorShifter::OverlapMeasurement& m) {
 
 // --- simulated camera -----------------------------------------------------------
 
-py::dict sceneDict(const Quarn::SimulatedScene& s) {
+// The records' fields as Python names them, from the one list each record has.
+template <typename Record, typename Fields>
+py::dict recordDict(const Record& record, Fields fields) {
   py::dict d;
-  d["kind"] = s.kind;
-  d["width"] = s.width;
-  d["height"] = s.height;
-  d["centre_x"] = s.centreX;
-  d["centre_y"] = s.centreY;
-  d["radius"] = s.radius;
-  d["vignetting"] = s.vignetting;
-  d["corner_x"] = s.cornerX;
-  d["corner_y"] = s.cornerY;
-  d["spacing_x"] = s.spacingX;
-  d["spacing_y"] = s.spacingY;
-  d["mark_radius"] = s.markRadius;
-  d["rotation"] = s.rotation;
-  d["blur"] = s.blur;
-  d["noise"] = s.noise;
-  d["seed"] = s.seed;
-  d["image_path"] = s.imagePath;
-  d["crop_x"] = s.cropX;
-  d["crop_y"] = s.cropY;
-  d["crop_width"] = s.cropWidth;
-  d["crop_height"] = s.cropHeight;
+  fields(record, [&d](const Quarn::SimulatedField& f, const auto& value) { d[f.python] = value; });
   return d;
+}
+
+template <typename Record, typename Fields>
+Record recordFrom(const py::dict& d, Fields fields, const char* what) {
+  Record record;
+  std::vector<std::string> used;
+  fields(record, [&](const Quarn::SimulatedField& f, auto& value) { take(d, f.python, value, used); });
+  refuseUnknown(d, used, what);
+  return record;
+}
+
+py::dict sceneDict(const Quarn::SimulatedScene& s) {
+  return recordDict(s, [](const auto& r, auto&& visit) { Quarn::sceneFields(r, visit); });
 }
 
 Quarn::SimulatedScene sceneFrom(const py::dict& d) {
-  Quarn::SimulatedScene s;
-  std::vector<std::string> used;
-  take(d, "kind", s.kind, used);
-  take(d, "width", s.width, used);
-  take(d, "height", s.height, used);
-  take(d, "centre_x", s.centreX, used);
-  take(d, "centre_y", s.centreY, used);
-  take(d, "radius", s.radius, used);
-  take(d, "vignetting", s.vignetting, used);
-  take(d, "corner_x", s.cornerX, used);
-  take(d, "corner_y", s.cornerY, used);
-  take(d, "spacing_x", s.spacingX, used);
-  take(d, "spacing_y", s.spacingY, used);
-  take(d, "mark_radius", s.markRadius, used);
-  take(d, "rotation", s.rotation, used);
-  take(d, "blur", s.blur, used);
-  take(d, "noise", s.noise, used);
-  take(d, "seed", s.seed, used);
-  take(d, "image_path", s.imagePath, used);
-  take(d, "crop_x", s.cropX, used);
-  take(d, "crop_y", s.cropY, used);
-  take(d, "crop_width", s.cropWidth, used);
-  take(d, "crop_height", s.cropHeight, used);
-  refuseUnknown(d, used, "scene");
-  return s;
+  return recordFrom<Quarn::SimulatedScene>(d, [](auto& r, auto&& visit) { Quarn::sceneFields(r, visit); }, "scene");
 }
 
 py::dict windowDict(const Quarn::SimulatedWindow& w) {
-  py::dict d;
-  d["x"] = w.x;
-  d["y"] = w.y;
-  d["width"] = w.width;
-  d["height"] = w.height;
-  d["x_min"] = w.xMin;
-  d["x_max"] = w.xMax;
-  d["x_step"] = w.xStep;
-  d["y_min"] = w.yMin;
-  d["y_max"] = w.yMax;
-  d["y_step"] = w.yStep;
-  return d;
+  return recordDict(w, [](const auto& r, auto&& visit) { Quarn::windowFields(r, visit); });
 }
 
 Quarn::SimulatedWindow windowFrom(const py::dict& d) {
-  Quarn::SimulatedWindow w;
-  std::vector<std::string> used;
-  take(d, "x", w.x, used);
-  take(d, "y", w.y, used);
-  take(d, "width", w.width, used);
-  take(d, "height", w.height, used);
-  take(d, "x_min", w.xMin, used);
-  take(d, "x_max", w.xMax, used);
-  take(d, "x_step", w.xStep, used);
-  take(d, "y_min", w.yMin, used);
-  take(d, "y_max", w.yMax, used);
-  take(d, "y_step", w.yStep, used);
-  refuseUnknown(d, used, "window");
-  return w;
+  return recordFrom<Quarn::SimulatedWindow>(d, [](auto& r, auto&& visit) { Quarn::windowFields(r, visit); },
+                                            "window");
 }
 
 Quarn::SimulatedFaults faultsFrom(const py::dict& d) {
-  Quarn::SimulatedFaults f;
-  std::vector<std::string> used;
-  take(d, "connect_refused", f.connectRefused, used);
-  take(d, "sensor_info_empty", f.sensorInfoEmpty, used);
-  take(d, "sensor_info_failing", f.sensorInfoFailing, used);
-  take(d, "write_failing", f.writeFailing, used);
-  take(d, "write_timeout", f.writeTimeout, used);
-  take(d, "write_timeout_ms", f.writeTimeoutMs, used);
-  refuseUnknown(d, used, "faults");
-  return f;
+  return recordFrom<Quarn::SimulatedFaults>(d, [](auto& r, auto&& visit) { Quarn::faultFields(r, visit); },
+                                            "faults");
 }
 
 void registerSimulatedCamera(py::module_& m) {

@@ -61,84 +61,65 @@ T wholeNumber(const json& j, const char* key, T fallback) {
   return wholeNumber<T>(j.at(key), key);
 }
 
+// One field of a record into the state file, and back (a field the file
+// does not have keeps its value).
+template <typename T>
+void putField(json& j, const SimulatedField& f, const T& value) {
+  if (f.element < 0) {
+    j[f.json] = value;
+    return;
+  }
+  json& list = j[f.json];
+  if (!list.is_array()) list = json::array();
+  while (list.size() <= std::size_t(f.element)) list.push_back(nullptr);
+  list[std::size_t(f.element)] = value;
+}
+
+void readValue(const json& v, const char* key, int& value) { value = wholeNumber<int>(v, key); }
+void readValue(const json& v, const char* key, std::uint32_t& value) { value = wholeNumber<std::uint32_t>(v, key); }
+void readValue(const json& v, const char*, double& value) { value = v.get<double>(); }
+void readValue(const json& v, const char*, bool& value) { value = v.get<bool>(); }
+void readValue(const json& v, const char*, std::string& value) { value = v.get<std::string>(); }
+
+template <typename T>
+void getField(const json& j, const SimulatedField& f, T& value) {
+  if (!j.contains(f.json)) return;
+  readValue(f.element < 0 ? j.at(f.json) : j.at(f.json).at(std::size_t(f.element)), f.json, value);
+}
+
 json sceneToJson(const SimulatedScene& s) {
-  return {{"kind", s.kind},         {"width", s.width},         {"height", s.height},
-          {"centre", {s.centreX, s.centreY}},                   {"radius", s.radius},
-          {"vignetting", s.vignetting},                         {"corner", {s.cornerX, s.cornerY}},
-          {"spacing", {s.spacingX, s.spacingY}},                {"markRadius", s.markRadius},
-          {"rotation", s.rotation}, {"blur", s.blur},           {"noise", s.noise},
-          {"seed", s.seed},         {"imagePath", s.imagePath},
-          {"crop", {s.cropX, s.cropY, s.cropWidth, s.cropHeight}}};
+  json j = json::object();
+  sceneFields(s, [&j](const SimulatedField& f, const auto& value) { putField(j, f, value); });
+  return j;
 }
 
 SimulatedScene sceneFromJson(const json& j) {
   SimulatedScene s;
-  s.kind = j.value("kind", s.kind);
-  s.width = wholeNumber(j, "width", s.width);
-  s.height = wholeNumber(j, "height", s.height);
-  if (j.contains("centre")) {
-    s.centreX = j.at("centre").at(0).get<double>();
-    s.centreY = j.at("centre").at(1).get<double>();
-  }
-  s.radius = j.value("radius", s.radius);
-  s.vignetting = j.value("vignetting", s.vignetting);
-  if (j.contains("corner")) {
-    s.cornerX = j.at("corner").at(0).get<double>();
-    s.cornerY = j.at("corner").at(1).get<double>();
-  }
-  if (j.contains("spacing")) {
-    s.spacingX = j.at("spacing").at(0).get<double>();
-    s.spacingY = j.at("spacing").at(1).get<double>();
-  }
-  s.markRadius = j.value("markRadius", s.markRadius);
-  s.rotation = j.value("rotation", s.rotation);
-  s.blur = j.value("blur", s.blur);
-  s.noise = j.value("noise", s.noise);
-  s.seed = wholeNumber(j, "seed", s.seed);
-  s.imagePath = j.value("imagePath", s.imagePath);
-  if (j.contains("crop")) {
-    s.cropX = wholeNumber<int>(j.at("crop").at(0), "crop");
-    s.cropY = wholeNumber<int>(j.at("crop").at(1), "crop");
-    s.cropWidth = wholeNumber<int>(j.at("crop").at(2), "crop");
-    s.cropHeight = wholeNumber<int>(j.at("crop").at(3), "crop");
-  }
+  sceneFields(s, [&j](const SimulatedField& f, auto& value) { getField(j, f, value); });
   return s;
 }
 
 json windowToJson(const SimulatedWindow& w) {
-  return {{"x", w.x},       {"y", w.y},       {"width", w.width}, {"height", w.height}, {"xMin", w.xMin},
-          {"xMax", w.xMax}, {"xStep", w.xStep}, {"yMin", w.yMin}, {"yMax", w.yMax},     {"yStep", w.yStep}};
+  json j = json::object();
+  windowFields(w, [&j](const SimulatedField& f, const auto& value) { putField(j, f, value); });
+  return j;
 }
 
 SimulatedWindow windowFromJson(const json& j) {
   SimulatedWindow w;
-  w.x = wholeNumber(j, "x", w.x);
-  w.y = wholeNumber(j, "y", w.y);
-  w.width = wholeNumber(j, "width", w.width);
-  w.height = wholeNumber(j, "height", w.height);
-  w.xMin = wholeNumber(j, "xMin", w.xMin);
-  w.xMax = wholeNumber(j, "xMax", w.xMax);
-  w.xStep = wholeNumber(j, "xStep", w.xStep);
-  w.yMin = wholeNumber(j, "yMin", w.yMin);
-  w.yMax = wholeNumber(j, "yMax", w.yMax);
-  w.yStep = wholeNumber(j, "yStep", w.yStep);
+  windowFields(w, [&j](const SimulatedField& f, auto& value) { getField(j, f, value); });
   return w;
 }
 
 json faultsToJson(const SimulatedFaults& f) {
-  return {{"connectRefused", f.connectRefused},       {"sensorInfoEmpty", f.sensorInfoEmpty},
-          {"sensorInfoFailing", f.sensorInfoFailing}, {"writeFailing", f.writeFailing},
-          {"writeTimeout", f.writeTimeout},           {"writeTimeoutMs", f.writeTimeoutMs}};
+  json j = json::object();
+  faultFields(f, [&j](const SimulatedField& field, const auto& value) { putField(j, field, value); });
+  return j;
 }
 
 SimulatedFaults faultsFromJson(const json& j) {
   SimulatedFaults f;
-  f.connectRefused = j.value("connectRefused", f.connectRefused);
-  f.sensorInfoEmpty = j.value("sensorInfoEmpty", f.sensorInfoEmpty);
-  f.sensorInfoFailing = j.value("sensorInfoFailing", f.sensorInfoFailing);
-  f.writeFailing = j.value("writeFailing", f.writeFailing);
-  f.writeTimeout = j.value("writeTimeout", f.writeTimeout);
-  f.writeTimeoutMs = wholeNumber(j, "writeTimeoutMs", f.writeTimeoutMs);
+  faultFields(f, [&j](const SimulatedField& field, auto& value) { getField(j, field, value); });
   return f;
 }
 

@@ -2,8 +2,14 @@
 // shared between separate openings, scenes render where they are told.
 #include "orbivane/simulated/simulated_camera.h"
 
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "simulated/scene_renderer.h"
@@ -162,6 +168,58 @@ TEST(SceneRendererTest, LensCircleAndTargetLieWhereTheyAreTold) {
   EXPECT_NEAR(centres[2].x, 300.0, 1e-9);
   EXPECT_NEAR(centres[2].y, 100.0, 1e-9);
   EXPECT_TRUE(Quarn::renderLensCircle({0, 10}, {0, 0}, 1, 0, 0, 0, 1).empty());
+}
+
+}  // namespace
+
+namespace {
+
+// Every field of every record survives the state file, each with its own
+// value, and the file keeps the layout earlier files have (pairs and the
+// crop as arrays), so they still read.
+TEST(SimulatedCameraTest, EveryFieldRoundTripsInTheStateFileLayout) {
+  SimulatedModule m;
+  m.id = "all";
+  m.latencyMs = 9;
+  int next = 2;
+  const auto fill = [&next](const Quarn::SimulatedField&, auto& value) {
+    using T = std::decay_t<decltype(value)>;
+    if constexpr (std::is_same_v<T, std::string>) {
+      value = "text" + std::to_string(next++);
+    } else if constexpr (std::is_same_v<T, bool>) {
+      value = !value;
+    } else {
+      value = static_cast<T>(next++);
+    }
+  };
+  Quarn::sceneFields(m.scene, fill);
+  Quarn::windowFields(m.window, fill);
+  Quarn::faultFields(m.faults, fill);
+  const std::string text = SimulatedCamera::toJson({m});
+  EXPECT_THAT(text, HasSubstr("\"centre\": [\n"));
+  const auto file = nlohmann::json::parse(text);
+  EXPECT_EQ(file["modules"][0]["scene"]["crop"].size(), 4u);
+  EXPECT_EQ(file["modules"][0]["scene"]["spacing"][1].get<double>(), m.scene.spacingY);
+  const auto read = SimulatedCamera::fromJson(text);
+  ASSERT_TRUE(read) << read.error();
+  ASSERT_EQ(read.value().size(), 1u);
+  const SimulatedModule& back = read.value().front();
+  EXPECT_EQ(back.latencyMs, 9);
+  std::vector<std::string> written, readBack;
+  const auto list = [](std::vector<std::string>& out) {
+    return [&out](const Quarn::SimulatedField& f, const auto& value) {
+      std::ostringstream s;
+      s << f.python << "=" << value;
+      out.push_back(s.str());
+    };
+  };
+  Quarn::sceneFields(m.scene, list(written));
+  Quarn::windowFields(m.window, list(written));
+  Quarn::faultFields(m.faults, list(written));
+  Quarn::sceneFields(back.scene, list(readBack));
+  Quarn::windowFields(back.window, list(readBack));
+  Quarn::faultFields(back.faults, list(readBack));
+  EXPECT_EQ(readBack, written);
 }
 
 }  // namespace

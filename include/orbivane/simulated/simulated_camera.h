@@ -96,6 +96,66 @@ struct SimulatedFaults {
   int writeTimeoutMs = 3000;       // how long it stays silent before dropping the write
 };
 
+// Each record's fields, described once: the state file's reader and writer,
+// the Python bindings and the command line walk these lists. `visit(field,
+// member)` is called for every field in order; `field` gives the name Python
+// uses and where the state file keeps the value (a key, or one element of
+// the array at a key). `Record` is the record or a const record.
+struct SimulatedField {
+  const char* python;  // key in Python's dicts
+  const char* json;    // key in the state file
+  int element = -1;    // element of the array at `json`; -1: the value itself
+};
+
+template <typename Record, typename Visit>
+void sceneFields(Record& s, Visit&& visit) {
+  visit(SimulatedField{"kind", "kind"}, s.kind);
+  visit(SimulatedField{"width", "width"}, s.width);
+  visit(SimulatedField{"height", "height"}, s.height);
+  visit(SimulatedField{"centre_x", "centre", 0}, s.centreX);
+  visit(SimulatedField{"centre_y", "centre", 1}, s.centreY);
+  visit(SimulatedField{"radius", "radius"}, s.radius);
+  visit(SimulatedField{"vignetting", "vignetting"}, s.vignetting);
+  visit(SimulatedField{"corner_x", "corner", 0}, s.cornerX);
+  visit(SimulatedField{"corner_y", "corner", 1}, s.cornerY);
+  visit(SimulatedField{"spacing_x", "spacing", 0}, s.spacingX);
+  visit(SimulatedField{"spacing_y", "spacing", 1}, s.spacingY);
+  visit(SimulatedField{"mark_radius", "markRadius"}, s.markRadius);
+  visit(SimulatedField{"rotation", "rotation"}, s.rotation);
+  visit(SimulatedField{"blur", "blur"}, s.blur);
+  visit(SimulatedField{"noise", "noise"}, s.noise);
+  visit(SimulatedField{"seed", "seed"}, s.seed);
+  visit(SimulatedField{"image_path", "imagePath"}, s.imagePath);
+  visit(SimulatedField{"crop_x", "crop", 0}, s.cropX);
+  visit(SimulatedField{"crop_y", "crop", 1}, s.cropY);
+  visit(SimulatedField{"crop_width", "crop", 2}, s.cropWidth);
+  visit(SimulatedField{"crop_height", "crop", 3}, s.cropHeight);
+}
+
+template <typename Record, typename Visit>
+void windowFields(Record& w, Visit&& visit) {
+  visit(SimulatedField{"x", "x"}, w.x);
+  visit(SimulatedField{"y", "y"}, w.y);
+  visit(SimulatedField{"width", "width"}, w.width);
+  visit(SimulatedField{"height", "height"}, w.height);
+  visit(SimulatedField{"x_min", "xMin"}, w.xMin);
+  visit(SimulatedField{"x_max", "xMax"}, w.xMax);
+  visit(SimulatedField{"x_step", "xStep"}, w.xStep);
+  visit(SimulatedField{"y_min", "yMin"}, w.yMin);
+  visit(SimulatedField{"y_max", "yMax"}, w.yMax);
+  visit(SimulatedField{"y_step", "yStep"}, w.yStep);
+}
+
+template <typename Record, typename Visit>
+void faultFields(Record& f, Visit&& visit) {
+  visit(SimulatedField{"connect_refused", "connectRefused"}, f.connectRefused);
+  visit(SimulatedField{"sensor_info_empty", "sensorInfoEmpty"}, f.sensorInfoEmpty);
+  visit(SimulatedField{"sensor_info_failing", "sensorInfoFailing"}, f.sensorInfoFailing);
+  visit(SimulatedField{"write_failing", "writeFailing"}, f.writeFailing);
+  visit(SimulatedField{"write_timeout", "writeTimeout"}, f.writeTimeout);
+  visit(SimulatedField{"write_timeout_ms", "writeTimeoutMs"}, f.writeTimeoutMs);
+}
+
 struct SimulatedModule {
   std::string id;  // the connection's device
   SimulatedScene scene;
