@@ -176,8 +176,8 @@ void runCalibrate(const CalibrateOptions& options) {
                                                    : std::vector<std::string>{"match", "neighbour", "clip"};
   }
   pipelineOptions.reference = Utils::fromUtf8(options.reference);
-  pipelineOptions.matchMode = options.mode;
-  pipelineOptions.clipNoHoles = !options.allowHoles;
+  pipelineOptions.match.mode = options.mode;
+  pipelineOptions.clip.noHoles = !options.allowHoles;
   for (const auto& name : options.modules) {
     if (!camera.findModule(Utils::fromUtf8(name))) {
       throw CommandError("unknown module '" + name + "' in " + options.camera + " (--modules)");

@@ -70,14 +70,12 @@ PipelineOptions optionsFrom(const std::string& target, const py::object& modules
   if (!modules.is_none()) options.modules = wideList(modules.cast<std::vector<std::string>>());
   if (!steps.is_none()) options.steps = steps.cast<std::vector<std::string>>();
   options.reference = wide(reference);
-  options.matchMode = matchMode;
-  options.levels = levels;
-  options.iterations = iterations;
-  options.step = step;
-  options.requireOverlap = requireOverlap;
-  options.keepAspect = keepAspect;
-  options.clipThreshold = clipThreshold;
-  options.clipNoHoles = noHoles;
+  options.match.mode = matchMode;
+  options.neighbour = GeometryCalibration::NeighbourOptions{levels, iterations, step};
+  options.clip.requireOverlap = requireOverlap;
+  options.clip.keepAspect = keepAspect;
+  options.clip.threshold = clipThreshold;
+  options.clip.noHoles = noHoles;
   if (const auto valid = options.validate(); !valid) throw py::value_error(valid.error());
   return options;
 }

@@ -139,17 +139,9 @@ Utils::ReturnState<bool, std::string> PipelineOptions::validate() const {
   if (!reference.empty() && !modules.empty() && !listed(reference)) {
     return Utils::failure("the reference '" + Utils::toUtf8(reference) + "' is not among the modules to calibrate");
   }
-  if (matchMode < 0 || matchMode > 3) {
-    return Utils::failure("the match mode is 0, 1, 2 or 3, not " + std::to_string(matchMode));
-  }
-  if (const auto valid = NeighbourOptions{levels, iterations, step}.validate(); !valid) {
-    return Utils::failure("neighbour stitching: " + valid.error());
-  }
-  ClippingOptions clip;
-  clip.requireOverlap = requireOverlap;
-  clip.keepAspect = keepAspect;
-  clip.threshold = clipThreshold;
-  clip.noHoles = clipNoHoles;
+  if (const auto valid = match.validate(); !valid) return Utils::failure("target matching: " + valid.error());
+  if (const auto valid = neighbour.validate(); !valid) return Utils::failure("neighbour stitching: " + valid.error());
+  if (clip.valueMode) return Utils::failure("clipping: the clip step clips by coverage (geometry mode), not by values");
   if (const auto valid = clip.validate(); !valid) return Utils::failure("clipping: " + valid.error());
   return true;
 }
@@ -270,7 +262,15 @@ struct StepContext {
 
 void matchStep(StepContext& c, std::atomic<MatchToTarget*>& running, StepReport& step) {
   MatchToTarget matcher(c.camera, c.images);
-  matcher.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(c.options.matchMode));
+  const MatchOptions& settings = c.options.match;
+  matcher.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(settings.mode));
+  matcher.setM2bMaxIteration(settings.m2b);
+  matcher.setM2nMaxIteration(settings.m2n);
+  matcher.allowScale(settings.allowScale);
+  if (settings.gridColumns > 0) {
+    matcher.setGridEnabled(true);
+    for (const auto& name : c.active) matcher.initGrid(settings.gridColumns, settings.gridRows, name);
+  }
   matcher.registerStatusCallback(c.forward("target matching"));
   running.store(&matcher);
   if (c.abort.load()) matcher.abort();
@@ -295,7 +295,8 @@ void neighbourStep(StepContext& c, const std::shared_ptr<SeamMeter>& meter, Step
   }
   std::wstring reference = c.options.reference;
   if (reference.empty() && !chain.empty()) reference = *std::next(chain.begin(), long(chain.size() / 2));
-  NeighbourNeighbour stitcher(c.camera, c.images, c.options.levels, c.options.iterations, c.options.step);
+  const NeighbourOptions& settings = c.options.neighbour;
+  NeighbourNeighbour stitcher(c.camera, c.images, settings.levels, settings.iterations, settings.step);
   MatrixBased::NeighbourNeighbourAccess::shareMeter(stitcher, meter);
   stitcher.registerStatusCallback(c.forward("neighbour stitching"));
   c.camera = stitcher.calibrate(chain, reference);
@@ -326,8 +327,9 @@ void clipStep(StepContext& c, StepReport& step) {
                                }),
                 modules.end());
   AutoClipping clipping(covering);
-  clipping.config(c.options.requireOverlap, c.options.keepAspect, c.options.clipThreshold);
-  clipping.setNoHoles(c.options.clipNoHoles);
+  const ClippingOptions& settings = c.options.clip;
+  clipping.config(settings.requireOverlap, settings.keepAspect, settings.threshold);
+  clipping.setNoHoles(settings.noHoles);
   if (modules.empty() || !clipping.process()) {
     const std::string why = modules.empty() ? "no module left to clip" : clipping.error();
     c.logger->warn("Clipping found no rectangle: {}", why);

@@ -276,6 +276,17 @@ TEST(CalibrationPipeline, TheReferenceAndTheTargetMustFitTheModules) {
   EXPECT_NE(options.validate().error().find("is the target"), std::string::npos);
   options.reference = L"M2";
   EXPECT_TRUE(options.validate());
+  // Each step's record is checked by its own rules, named by its step.
+  GeometryCalibration::PipelineOptions records = options;
+  records.match.m2b = 0;
+  EXPECT_NE(records.validate().error().find("target matching: m2b must lie in 1..100"), std::string::npos);
+  records = options;
+  records.neighbour.levels = 99;
+  EXPECT_NE(records.validate().error().find("neighbour stitching: levels must lie in 1..30"), std::string::npos);
+  records = options;
+  records.clip.valueMode = true;
+  EXPECT_NE(records.validate().error().find("geometry mode"), std::string::npos);
+  EXPECT_TRUE(options.clip.noHoles) << "the pipeline clips without holes unless told otherwise";
   const Rig rig = makeRig(true);
   GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
   options.modules.clear();

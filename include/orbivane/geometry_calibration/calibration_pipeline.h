@@ -38,6 +38,7 @@
 #include "orbivane/camera/orbivane.h"
 #include "orbivane/export.h"
 #include "orbivane/geometry_calibration/calibration_report.h"
+#include "orbivane/geometry_calibration/calibrator_options.h"
 #include "orbivane/geometry_calibration/status_callback.h"
 #include "orbivane/image/universal_image_interface.h"
 #include "orbivane/utils/matrix4x4.h"
@@ -53,19 +54,26 @@ struct ORBIVANE_EXPORT PipelineOptions {
   std::list<std::wstring> modules;  // empty: every module of the camera except the target, in camera order
   std::vector<std::string> steps = {"match", "neighbour", "clip"};
   std::wstring reference;           // neighbour stitching's anchor; empty: the middle module of the chain
-  int matchMode = 0;                // MatchToTarget's mode (0..3)
-  int levels = 4, iterations = 6;   // neighbour stitching's pyramid levels and steps per level
-  float step = 1.0f;
-  bool requireOverlap = false, keepAspect = false;  // clipping's geometry mode
-  float clipThreshold = 0.5f;
-  // The clip step takes the largest rectangle without any badly covered
-  // element (AutoClipping::setNoHoles): the camera it writes goes to a
-  // viewer, which would show holes as black. False: the search that trades a
-  // few holes for a larger rectangle.
-  bool clipNoHoles = true;
+  // Each step's settings, as the calibrator's own record: the match step's
+  // mode, rounds and scale (a grid of gridColumns x gridRows is refined for
+  // every module in mode 0), neighbour stitching's pyramid, and the clip's
+  // geometry mode. The clip step takes the largest rectangle without any
+  // badly covered element by default (noHoles): the camera it writes goes
+  // to a viewer, which would show holes as black.
+  MatchOptions match;
+  NeighbourOptions neighbour;
+  ClippingOptions clip = withoutHoles();
 
-  // True when the options can be used; otherwise what is wrong, one line.
+  // True when the options can be used; otherwise what is wrong, one line
+  // (each record's own check, and the clip in geometry mode).
   Utils::ReturnState<bool, std::string> validate() const;
+
+ private:
+  static ClippingOptions withoutHoles() {
+    ClippingOptions o;
+    o.noHoles = true;
+    return o;
+  }
 };
 
 // One pair of overlapping modules' seam, measured on the panorama as a
