@@ -1,8 +1,11 @@
 // The settings of each calibrator as one record with validate(), in the
 // manner of OrbivaneCalibration::SmartFinderOptions. The calibrators keep the
-// constructors and setters their interfaces define; a host (the command
-// line, the Python package) fills a record, validates it at the library's
-// boundary and hands the values on, so every range is written once, here.
+// constructors and setters their interfaces define and check what they were
+// given against these records when a run starts (target matching and
+// neighbour stitching in calibrate, automatic clipping in process); hosts
+// (the command line, the Python package, PipelineOptions) fill a record and
+// validate it before handing the values on, so every range is written once,
+// here.
 //
 // validate() returns true, or an error naming the first bad value, its
 // allowed range and what was given.
