@@ -291,28 +291,102 @@ std::pair<float, float> NeighbourStitcher::alignPair(const std::wstring& first, 
     return std::pair<float, float>(0.0f, 0.0f);
   };
   if (!optionsProblem_.empty()) return notMeasured(optionsProblem_);
-
   for (const auto& module : {firstModule, secondModule}) {
     if (module->matrixGeometry() == nullptr) {
       logger_->warn("Module {} has no Matrix Geometry.. Skipping pmodule", narrow(module->name()));
       return notMeasured("module " + narrow(module->name()) + " has no matrix geometry");
     }
   }
-  const Utils::Matrix4x4 firstMatrix = firstModule->matrixGeometry()->matrix();
   const Utils::Matrix4x4 secondMatrix = secondModule->matrixGeometry()->matrix();
+  // The correction, measured on the two modules as the viewer draws them
+  // when a grid or shader takes part, else on the two pictures.
+  Utils::Optional<cv::Point2d> found;
   if (OrbivaneRendering::drawnBeyondMatrix(*firstModule) || OrbivaneRendering::drawnBeyondMatrix(*secondModule)) {
     CameraDescription::OrbivaneModule a(*firstModule), b(*secondModule);
     a.setImage(firstImage);
     b.setImage(secondImage);
-    const auto found = alignDrawnPair(a, b);
-    if (!found) return std::pair<float, float>(0.0f, 0.0f);
-    const float dx = float(found->x), dy = float(found->y);
-    if (apply) secondModule->matrixGeometry()->setMatrix(Utils::Matrix4x4::translation(dx, dy) * secondMatrix);
-    lastPair_.measured = true;
-    lastPair_.dx = dx;
-    lastPair_.dy = dy;
-    return {dx, dy};
+    found = alignDrawnPair(a, b);
+  } else {
+    found = alignPictures(*firstModule, *secondModule, firstImage, secondImage);
   }
+  if (!found) return std::pair<float, float>(0.0f, 0.0f);  // lastPair_ says why
+  const float dx = float(found->x), dy = float(found->y);
+  if (apply) secondModule->matrixGeometry()->setMatrix(Utils::Matrix4x4::translation(dx, dy) * secondMatrix);
+  lastPair_.measured = true;
+  lastPair_.dx = dx;
+  lastPair_.dy = dy;
+  return {dx, dy};
+}
+
+std::string NeighbourStitcher::greyPair(const std::wstring& first, const std::wstring& second,
+                                        const std::shared_ptr<Image::UniversalImageInterface>& firstImage,
+                                        const std::shared_ptr<Image::UniversalImageInterface>& secondImage,
+                                        cv::Mat& firstGrey, cv::Mat& secondGrey) {
+  cv::Mat firstColour, secondColour;
+  try {
+    firstColour = Image::toMat(firstImage);
+    secondColour = Image::toMat(secondImage);
+  } catch (const std::exception& e) {
+    logger_->warn("Modules {} and {}: {}; skipping the pair", narrow(first), narrow(second), e.what());
+    return std::string("unreadable picture: ") + e.what();
+  }
+  if (firstColour.empty() || secondColour.empty()) {
+    logger_->warn("Modules {} and {}: empty picture; skipping the pair", narrow(first), narrow(second));
+    return "empty picture";
+  }
+  cv::cvtColor(firstColour, firstGrey, kRgbToGrey);
+  cv::cvtColor(secondColour, secondGrey, kRgbToGrey);
+  if (secondGrey.size() != firstGrey.size()) {
+    // Each picture spans its module's unit square whatever its pixel count,
+    // so the second picture is brought to the first's size.
+    logger_->info("Module {} has a {}x{} picture, module {} {}x{}; aligning at {}x{}", narrow(second),
+                  secondGrey.cols, secondGrey.rows, narrow(first), firstGrey.cols, firstGrey.rows, firstGrey.cols,
+                  firstGrey.rows);
+    const bool shrinking = secondGrey.cols > firstGrey.cols || secondGrey.rows > firstGrey.rows;
+    cv::resize(secondGrey, secondGrey, firstGrey.size(), 0, 0, shrinking ? cv::INTER_AREA : cv::INTER_LINEAR);
+  }
+  return std::string();
+}
+
+std::string NeighbourStitcher::alignmentProblem(const std::wstring& first, const std::wstring& second, double x0,
+                                                double y0, cv::Size size) {
+  const TranslationResult& found = lastAlignment_;
+  if (found.depth == 0) return "pictures too small for one pyramid level (under 80 pixels a side, or depth 0)";
+  if (found.levelsAligned == 0) {
+    const cv::Rect overlap =
+        comparisonRectangle(TranslationAligner::kOverlapMode, cvRound(x0), cvRound(y0), size) & cv::Rect(cv::Point(), size);
+    return overlap.area() < 64 ? "no overlap" : "no texture in the overlap";
+  }
+  lastPair_.correlation = found.correlation;
+  lastPair_.overlapPixels = found.comparedPixels;
+  if (found.clamped) {
+    logger_->warn("Modules {} and {}: the alignment left the overlap; nothing applied", narrow(first),
+                  narrow(second));
+    return "the alignment left the overlap";
+  }
+  if (!(found.correlation >= kMinimumPairCorrelation)) {
+    logger_->warn("Modules {} and {}: the pictures do not agree in the overlap (correlation {:.2f}); nothing applied",
+                  narrow(first), narrow(second), found.correlation);
+    char text[96];
+    std::snprintf(text, sizeof text, "the pictures do not agree in the overlap (correlation %.2f)",
+                  found.correlation);
+    return text;
+  }
+  return std::string();
+}
+
+Utils::Optional<cv::Point2d> NeighbourStitcher::alignPictures(
+    const CameraDescription::OrbivaneModule& firstModule, const CameraDescription::OrbivaneModule& secondModule,
+    const std::shared_ptr<Image::UniversalImageInterface>& firstImage,
+    const std::shared_ptr<Image::UniversalImageInterface>& secondImage) {
+  const std::wstring& first = firstModule.name();
+  const std::wstring& second = secondModule.name();
+  const auto notMeasured = [this](const std::string& reason) {
+    lastPair_.reason = reason;
+    return Utils::Optional<cv::Point2d>();
+  };
+  const Utils::Matrix4x4 firstMatrix = firstModule.matrixGeometry()->matrix();
+  const Utils::Matrix4x4 secondMatrix = secondModule.matrixGeometry()->matrix();
   const auto firstRect = moduleRectangle(firstMatrix);
   const auto secondRect = moduleRectangle(secondMatrix);
   const cv::Matx33d firstPlanar = OrbivaneGeometry::planarHomography(firstMatrix);
@@ -322,34 +396,13 @@ std::pair<float, float> NeighbourStitcher::alignPair(const std::wstring& first, 
                   narrow(first), narrow(second));
     return notMeasured("singular, mirrored or non-finite matrix");
   }
-
   cv::Mat firstGrey, secondGrey;
-  {
-    cv::Mat firstColour, secondColour;
-    try {
-      firstColour = Image::toMat(firstImage);
-      secondColour = Image::toMat(secondImage);
-    } catch (const std::exception& e) {
-      logger_->warn("Modules {} and {}: {}; skipping the pair", narrow(first), narrow(second), e.what());
-      return notMeasured(std::string("unreadable picture: ") + e.what());
-    }
-    if (firstColour.empty() || secondColour.empty()) {
-      logger_->warn("Modules {} and {}: empty picture; skipping the pair", narrow(first), narrow(second));
-      return notMeasured("empty picture");
-    }
-    cv::cvtColor(firstColour, firstGrey, kRgbToGrey);
-    cv::cvtColor(secondColour, secondGrey, kRgbToGrey);
+  if (const std::string problem = greyPair(first, second, firstImage, secondImage, firstGrey, secondGrey);
+      !problem.empty()) {
+    return notMeasured(problem);
   }
   const int width = firstGrey.cols;
   const int height = firstGrey.rows;
-  if (secondGrey.size() != firstGrey.size()) {
-    // Each picture spans its module's unit square whatever its pixel count,
-    // so the second picture is brought to the first's size.
-    logger_->info("Module {} has a {}x{} picture, module {} {}x{}; aligning at {}x{}", narrow(second),
-                  secondGrey.cols, secondGrey.rows, narrow(first), width, height, width, height);
-    const bool shrinking = secondGrey.cols > width || secondGrey.rows > height;
-    cv::resize(secondGrey, secondGrey, firstGrey.size(), 0, 0, shrinking ? cv::INTER_AREA : cv::INTER_LINEAR);
-  }
 
   const double wA = double(firstRect->right()) - firstRect->left();
   const double hA = double(firstRect->bottom()) - firstRect->top();
@@ -374,57 +427,27 @@ std::pair<float, float> NeighbourStitcher::alignPair(const std::wstring& first, 
     firstMask = coveredMask(prewarp.secondToFirst, cv::Size(width, height));
   }
   aligner_.setFirstMask(firstMask);
-
   lastAlignment_ = aligner_.align(firstGrey, secondAligned, cv::Point2d(x0, y0), sx, sy);
-  const TranslationResult& found = lastAlignment_;
-  if (found.depth == 0) {
-    return notMeasured("pictures too small for one pyramid level (under 80 pixels a side, or depth 0)");
-  }
-  if (found.levelsAligned == 0) {
-    const cv::Rect overlap = comparisonRectangle(TranslationAligner::kOverlapMode, cvRound(x0), cvRound(y0),
-                                                 firstGrey.size()) &
-                             cv::Rect(0, 0, width, height);
-    return notMeasured(overlap.area() < 64 ? "no overlap" : "no texture in the overlap");
-  }
-  lastPair_.correlation = found.correlation;
-  lastPair_.overlapPixels = found.comparedPixels;
-  if (found.clamped) {
-    logger_->warn("Modules {} and {}: the alignment left the overlap; nothing applied", narrow(first),
-                  narrow(second));
-    return notMeasured("the alignment left the overlap");
-  }
-  if (!(found.correlation >= kMinimumPairCorrelation)) {
-    logger_->warn("Modules {} and {}: the pictures do not agree in the overlap (correlation {:.2f}); nothing applied",
-                  narrow(first), narrow(second), found.correlation);
-    char text[96];
-    std::snprintf(text, sizeof text, "the pictures do not agree in the overlap (correlation %.2f)",
-                  found.correlation);
-    return notMeasured(text);
+  if (const std::string problem = alignmentProblem(first, second, x0, y0, firstGrey.size()); !problem.empty()) {
+    return notMeasured(problem);
   }
 
   // The pixel correction, as a surface translation measured where the
   // pictures overlap.
+  const TranslationResult& found = lastAlignment_;
   const cv::Point2d moved = found.translation - cv::Point2d(x0, y0);
   const cv::Point2d centre = overlapCentre(firstMask, found.translation, firstGrey.size());
   const cv::Matx33d toSurface = firstPlanar * OrbivaneGeometry::pixelsToTexture(width, height);
   const cv::Point2d from = applyHomography(toSurface, centre);
   const cv::Point2d to = applyHomography(toSurface, centre + moved);
-  float dx = static_cast<float>(to.x - from.x);
-  float dy = static_cast<float>(to.y - from.y);
+  const double dx = float(to.x - from.x), dy = float(to.y - from.y);
   if (!std::isfinite(dx) || !std::isfinite(dy)) return notMeasured("the correction is not finite");
-  if (const std::string doubt = confirmShift(first, second, dx, dy); !doubt.empty()) {
+  if (const std::string doubt = confirmShift(first, second, float(dx), float(dy)); !doubt.empty()) {
     logger_->warn("Modules {} and {}: {}; nothing applied", narrow(first), narrow(second), doubt);
     return notMeasured(doubt);
   }
-
-  if (apply) {
-    secondModule->matrixGeometry()->setMatrix(Utils::Matrix4x4::translation(dx, dy) * secondMatrix);
-  }
-  lastPair_.measured = true;
-  lastPair_.dx = dx;
-  lastPair_.dy = dy;
   lastPair_.shiftPx = std::hypot(moved.x, moved.y);
-  return {dx, dy};
+  return cv::Point2d(dx, dy);
 }
 
 void NeighbourStitcher::shiftModules(const std::vector<std::wstring>& names, std::size_t from, float dx, float dy) {

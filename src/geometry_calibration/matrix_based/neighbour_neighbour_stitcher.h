@@ -94,6 +94,21 @@ class NeighbourStitcher {
               const std::map<std::string, double>& values);
   // The measurement behind calibratePair, without its log line.
   std::pair<float, float> alignPair(const std::wstring& first, const std::wstring& second, bool apply);
+  // Its steps for two modules drawn by their matrices alone: the surface
+  // correction, measured on the two pictures (empty when not measured,
+  // lastPair_ saying why); the two pictures in grey at the first's size
+  // (empty, or what is wrong with them); and what speaks against the
+  // aligner's last result (empty when nothing does).
+  Utils::Optional<cv::Point2d> alignPictures(const CameraDescription::OrbivaneModule& first,
+                                             const CameraDescription::OrbivaneModule& second,
+                                             const std::shared_ptr<Image::UniversalImageInterface>& firstImage,
+                                             const std::shared_ptr<Image::UniversalImageInterface>& secondImage);
+  std::string greyPair(const std::wstring& first, const std::wstring& second,
+                       const std::shared_ptr<Image::UniversalImageInterface>& firstImage,
+                       const std::shared_ptr<Image::UniversalImageInterface>& secondImage, cv::Mat& firstGrey,
+                       cv::Mat& secondGrey);
+  std::string alignmentProblem(const std::wstring& first, const std::wstring& second, double x0, double y0,
+                               cv::Size size);
 
   // Modules with a UV grid or a lens shader are not flat pictures under a
   // matrix: their pair is aligned on the two modules drawn alone over their
