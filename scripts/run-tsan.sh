@@ -5,9 +5,9 @@
 # callbacks, the session library's futures, the blur score's stripes, the
 # calibration pipeline (its seams measured in parallel) and the parallel
 # loops of the alignment. Our parallel loops run on std::threads in this
-# build; OpenCV
-# runs its own loops on the calling thread (OPENCV_FOR_THREADS_NUM=1), and
-# tests/tsan.supp names the uninstrumented third-party libraries only.
+# build; OpenCV runs its own loops on the calling thread
+# (OPENCV_FOR_THREADS_NUM=1), and tests/tsan.supp names the uninstrumented
+# third-party libraries only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/bootstrap.sh
