@@ -159,15 +159,9 @@ void writeReport(const std::string& dir, const CalibrateOptions& options, const 
   writeTextAtomically((fs::path(dir) / "report.html").string(), html.str());
 }
 
-void runCalibrate(const CalibrateOptions& options) {
-  JsonOutput output(options.json);
-  auto loaded = CameraDescription::loadCameraFile(options.camera);
-  if (!loaded) throw CommandError(loaded.error());
-  const CameraDescription::Orbivane camera = loaded.value();
-  // Where the results go is checked before any work starts.
-  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
-  if (!options.report.empty()) checkReportFolder(options.report);
-
+// The pipeline's options from the command line, checked against the camera.
+GeometryCalibration::PipelineOptions pipelineOptionsFor(const CalibrateOptions& options,
+                                                        const CameraDescription::Orbivane& camera) {
   GeometryCalibration::PipelineOptions pipelineOptions;
   pipelineOptions.target = Utils::fromUtf8(options.target);
   pipelineOptions.steps = options.steps;
@@ -192,26 +186,11 @@ void runCalibrate(const CalibrateOptions& options) {
     throw CommandError("unknown reference module '" + options.reference + "' in " + options.camera);
   }
 
-  // Runs writing the same camera file take turns, so one run's camera never
-  // ends beside another's report.
-  const Utils::FileLock outputLock(options.out);
-  if (!outputLock.held()) throw CommandError(outputLock.error());
+  return pipelineOptions;
+}
 
-  CalibrationPipeline::Images images;
-  for (const auto& module : camera.modules())
-    if (module->image()) images[module->name()] = module->image();
-  CalibrationPipeline pipeline(camera, images);
-  Progress progress("calibration");
-  pipeline.registerStatusCallback(progress.callback());
-  CameraDescription::Orbivane result;
-  bool interrupted = false;
-  {
-    const InterruptWatch watch([&pipeline] { pipeline.abort(); });
-    result = pipeline.run(pipelineOptions);
-    interrupted = watch.interrupted();
-  }
-  progress.finish(!interrupted);
-
+// Each step's time and worst seam, printed; the steps as JSON.
+nlohmann::json printSteps(const CalibrationPipeline& pipeline) {
   nlohmann::json steps = nlohmann::json::array();
   for (const auto& step : pipeline.steps()) {
     nlohmann::json modules = nlohmann::json::object(), pairs = nlohmann::json::array(),
@@ -236,8 +215,13 @@ void runCalibrate(const CalibrateOptions& options) {
     }
     steps.push_back(entry);
   }
+  return steps;
+}
+
+// Each module's verdict, printed (a module that did not come through also on
+// standard error, counted in `notAligned`); the verdicts as JSON.
+nlohmann::json printVerdicts(const CalibrationPipeline& pipeline, int& notAligned) {
   nlohmann::json verdicts = nlohmann::json::object();
-  int notAligned = 0;
   for (const auto& [name, v] : pipeline.verdicts()) {
     const std::string text = Utils::toUtf8(name);
     verdicts[text] = moduleReportJson(v);
@@ -251,12 +235,22 @@ void runCalibrate(const CalibrateOptions& options) {
                 << v.reason << "\n";
     }
   }
-  nlohmann::json before = nlohmann::json::array();
-  for (const auto& s : pipeline.seamsBefore()) before.push_back(seamJson(s));
-  // The seams as the calibrated camera draws them.
-  const std::vector<GeometryCalibration::SeamResidual>& finalSeams =
-      pipeline.steps().empty() ? pipeline.seamsBefore() : pipeline.steps().back().seams;
-  const GeometryCalibration::SeamSummary summary = GeometryCalibration::summariseSeams(finalSeams);
+  return verdicts;
+}
+
+// What the calibrated camera's seams say about the run.
+struct SeamVerdict {
+  GeometryCalibration::SeamSummary summary;
+  bool tooWide = false;     // the worst seam is visible
+  bool unmeasured = false;  // placed modules, but no seam could be measured
+};
+
+// The seams, printed, and their verdict (said on standard error when bad).
+SeamVerdict printSeams(const std::vector<GeometryCalibration::SeamResidual>& finalSeams,
+                       const CalibrationPipeline& pipeline, bool interrupted) {
+  SeamVerdict verdict;
+  verdict.summary = GeometryCalibration::summariseSeams(finalSeams);
+  const GeometryCalibration::SeamSummary& summary = verdict.summary;
   for (const auto& s : finalSeams) {
     std::cout << "seam " << Utils::toUtf8(s.first) << " / " << Utils::toUtf8(s.second) << ": ";
     if (s.measured) {
@@ -274,8 +268,8 @@ void runCalibrate(const CalibrateOptions& options) {
               << fixed(summary.worstPx, 2) << " px; exposure differs by at most "
               << fixed(summary.worstExposureEv, 3) << " EV\n";
   }
-  const bool seamsTooWide = summary.worstPx > kWidestAcceptedSeamPx;
-  if (seamsTooWide) {
+  verdict.tooWide = summary.worstPx > kWidestAcceptedSeamPx;
+  if (verdict.tooWide) {
     std::cerr << "orbivane-calibrate: the worst seam is " << fixed(summary.worstPx, 2) << " px, above "
               << fixed(kWidestAcceptedSeamPx, 1) << " px\n";
   }
@@ -283,11 +277,17 @@ void runCalibrate(const CalibrateOptions& options) {
   // shown to line up: the run says so rather than pass on no evidence.
   int placed = 0;
   for (const auto& [name, v] : pipeline.verdicts()) placed += v.status == ModuleStatus::aligned || v.status == ModuleStatus::kept;
-  const bool seamsUnmeasured = summary.measured == 0 && placed >= 2 && !interrupted;
-  if (seamsUnmeasured) {
+  verdict.unmeasured = summary.measured == 0 && placed >= 2 && !interrupted;
+  if (verdict.unmeasured) {
     std::cerr << "orbivane-calibrate: no seam between the modules could be measured (no overlap with detail enough to "
                  "match), so nothing shows that they line up\n";
   }
+  return verdict;
+}
+
+// The report folder and the camera file, put in place together.
+void writeOutputs(const CalibrateOptions& options, const CameraDescription::Orbivane& camera,
+                  const CameraDescription::Orbivane& result, const CalibrationPipeline& pipeline) {
   // The report is written whole beside its folder first; then the camera
   // file and the report are put in place one right after the other, so an
   // interrupted or failed run leaves the outputs of the earlier one.
@@ -303,6 +303,49 @@ void runCalibrate(const CalibrateOptions& options) {
     report->commit();
     std::cout << "report: " << (fs::path(options.report) / "report.html").string() << "\n";
   }
+}
+
+void runCalibrate(const CalibrateOptions& options) {
+  JsonOutput output(options.json);
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  const CameraDescription::Orbivane camera = loaded.value();
+  // Where the results go is checked before any work starts.
+  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
+  if (!options.report.empty()) checkReportFolder(options.report);
+  const GeometryCalibration::PipelineOptions pipelineOptions = pipelineOptionsFor(options, camera);
+
+  // Runs writing the same camera file take turns, so one run's camera never
+  // ends beside another's report.
+  const Utils::FileLock outputLock(options.out);
+  if (!outputLock.held()) throw CommandError(outputLock.error());
+
+  CalibrationPipeline::Images images;
+  for (const auto& module : camera.modules())
+    if (module->image()) images[module->name()] = module->image();
+  CalibrationPipeline pipeline(camera, images);
+  Progress progress("calibration");
+  pipeline.registerStatusCallback(progress.callback());
+  CameraDescription::Orbivane result;
+  bool interrupted = false;
+  {
+    const InterruptWatch watch([&pipeline] { pipeline.abort(); });
+    result = pipeline.run(pipelineOptions);
+    interrupted = watch.interrupted();
+  }
+  progress.finish(!interrupted);
+
+  const nlohmann::json steps = printSteps(pipeline);
+  int notAligned = 0;
+  const nlohmann::json verdicts = printVerdicts(pipeline, notAligned);
+  nlohmann::json before = nlohmann::json::array();
+  for (const auto& s : pipeline.seamsBefore()) before.push_back(seamJson(s));
+  // The seams as the calibrated camera draws them.
+  const std::vector<GeometryCalibration::SeamResidual>& finalSeams =
+      pipeline.steps().empty() ? pipeline.seamsBefore() : pipeline.steps().back().seams;
+  const SeamVerdict seamVerdict = printSeams(finalSeams, pipeline, interrupted);
+  const GeometryCalibration::SeamSummary& summary = seamVerdict.summary;
+  writeOutputs(options, camera, result, pipeline);
   if (interrupted) std::cout << "interrupted: wrote the steps done so far\n";
   std::cout << "wrote " << options.out << std::endl;
   nlohmann::json seams = nlohmann::json::array();
@@ -322,7 +365,7 @@ void runCalibrate(const CalibrateOptions& options) {
                   {"matches", summary.matches}}}});
   if (interrupted) {
     exitStatus() = kExitInterrupted;
-  } else if (notAligned > 0 || seamsTooWide || seamsUnmeasured) {
+  } else if (notAligned > 0 || seamVerdict.tooWide || seamVerdict.unmeasured) {
     exitStatus() = kExitFailedModules;
   }
 }
