@@ -4,6 +4,7 @@
 // released, so abort() works from another Python thread.
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -127,6 +128,14 @@ std::vector<CameraPtr> sharedCameras(std::list<Orbivane> cameras) {
   return out;
 }
 
+// Target matching's settings with one field changed, as MatchOptions judges
+// them: ValueError naming the range when out of it.
+void requireValidMatch(const std::function<void(GeometryCalibration::MatchOptions&)>& change) {
+  GeometryCalibration::MatchOptions settings;
+  change(settings);
+  if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+}
+
 void registerMatchToTarget(py::module_& m) {
   py::class_<PyMatchToTarget> cls(
       m, "MatchToTarget",
@@ -160,9 +169,7 @@ void registerMatchToTarget(py::module_& m) {
       .def(
           "set_calibration_mode",
           [](PyMatchToTarget& self, int mode) {
-            GeometryCalibration::MatchOptions settings;
-            settings.mode = mode;
-            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.mode = mode; });
             self.impl->setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(mode));
           },
           py::arg("mode"),
@@ -197,9 +204,7 @@ void registerMatchToTarget(py::module_& m) {
       .def(
           "set_m2n_max_iteration",
           [](PyMatchToTarget& self, std::uint64_t n) {
-            GeometryCalibration::MatchOptions settings;
-            settings.m2n = n;
-            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.m2n = n; });
             self.impl->setM2nMaxIteration(n);
           },
           py::arg("limit"), "Mode 3: runs in a row, 1..100 (default 1); ValueError outside.")
@@ -208,9 +213,7 @@ void registerMatchToTarget(py::module_& m) {
       .def(
           "set_m2b_max_iteration",
           [](PyMatchToTarget& self, std::uint64_t n) {
-            GeometryCalibration::MatchOptions settings;
-            settings.m2b = n;
-            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.m2b = n; });
             self.impl->setM2bMaxIteration(n);
           },
           py::arg("limit"), "Mode 3: matching rounds per module, 1..100 (default 5); ValueError outside.")
@@ -219,9 +222,7 @@ void registerMatchToTarget(py::module_& m) {
       .def(
           "allow_scale",
           [](PyMatchToTarget& self, float scale) {
-            GeometryCalibration::MatchOptions settings;
-            settings.allowScale = scale;
-            if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
+            requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.allowScale = scale; });
             self.impl->allowScale(scale);
           },
           py::arg("scale"),
