@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <sstream>
 
+#include <opencv2/core/hal/hal.hpp>
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -86,6 +88,75 @@ cv::Rect footprintBox(const CameraDescription::OrbivaneModule& module, cv::Size 
   return cv::Rect(int(left), int(top), int(right - left), int(bottom - top));
 }
 
+// Features of two drawings matched where a match can count: each feature of
+// the first against the second's features within kLargestSeamPx picture
+// pixels of it (`scale` gives panorama pixels per picture pixel at a first
+// feature). Features further apart are never counted, so they do not compete
+// either: a pair is a match when it passes Lowe's ratio test among those
+// nearby candidates and is the best of its partner's. The descriptors are
+// compared exhaustively (exact, SIMD), with the second drawing's features
+// kept in square cells so that each feature meets only its neighbourhood.
+// Returns the matched (first, second) feature indices.
+std::vector<std::pair<int, int>> matchNearby(const std::vector<cv::Point2f>& pa, const cv::Mat& da,
+                                             const std::vector<cv::Point2f>& pb, const cv::Mat& db,
+                                             const std::function<double(cv::Point2f)>& scale) {
+  struct Best {
+    float first = std::numeric_limits<float>::infinity(), second = std::numeric_limits<float>::infinity();
+    int index = -1;
+    void offer(float d, int k) {
+      if (d < first) {
+        second = first;
+        first = d;
+        index = k;
+      } else if (d < second) {
+        second = d;
+      }
+    }
+    // A best with a nearby competitor it clearly beats (squared distances).
+    bool clear() const { return index >= 0 && std::isfinite(second) && first < kRatio * kRatio * second; }
+  };
+  std::vector<float> radius(pa.size());
+  float widest = 1.0f;
+  for (std::size_t i = 0; i < pa.size(); ++i) {
+    radius[i] = float(kLargestSeamPx * scale(pa[i]));
+    if (std::isfinite(radius[i])) widest = std::max(widest, radius[i]);
+  }
+  cv::Rect2f span = cv::boundingRect(pb);
+  const float cell = std::max(8.0f, widest);
+  const int columns = std::max(1, int(span.width / cell) + 1), rows = std::max(1, int(span.height / cell) + 1);
+  std::vector<std::vector<int>> cells(std::size_t(columns) * std::size_t(rows));
+  const auto cellOf = [&](float v, float origin, int count) { return std::clamp(int((v - origin) / cell), 0, count - 1); };
+  for (std::size_t j = 0; j < pb.size(); ++j) {
+    cells[std::size_t(cellOf(pb[j].y, span.y, rows)) * std::size_t(columns) + std::size_t(cellOf(pb[j].x, span.x, columns))]
+        .push_back(int(j));
+  }
+  std::vector<Best> forward(pa.size()), backward(pb.size());
+  const int length = da.cols;
+  for (std::size_t i = 0; i < pa.size(); ++i) {
+    const float r = std::isfinite(radius[i]) ? radius[i] : widest;
+    const cv::Point2f p = pa[i];
+    const int x0 = cellOf(p.x - r, span.x, columns), x1 = cellOf(p.x + r, span.x, columns);
+    const int y0 = cellOf(p.y - r, span.y, rows), y1 = cellOf(p.y + r, span.y, rows);
+    const float* query = da.ptr<float>(int(i));
+    for (int y = y0; y <= y1; ++y)
+      for (int x = x0; x <= x1; ++x)
+        for (const int j : cells[std::size_t(y) * std::size_t(columns) + std::size_t(x)]) {
+          const cv::Point2f q = pb[std::size_t(j)];
+          if ((q.x - p.x) * (q.x - p.x) + (q.y - p.y) * (q.y - p.y) > r * r) continue;
+          const float d = cv::hal::normL2Sqr_(query, db.ptr<float>(j), length);
+          forward[i].offer(d, j);
+          backward[std::size_t(j)].offer(d, int(i));
+        }
+  }
+  std::vector<std::pair<int, int>> matches;
+  for (std::size_t i = 0; i < pa.size(); ++i) {
+    const Best& f = forward[i];
+    if (!f.clear() || !backward[std::size_t(f.index)].clear() || backward[std::size_t(f.index)].index != int(i)) continue;
+    matches.emplace_back(int(i), f.index);
+  }
+  return matches;
+}
+
 }  // namespace
 
 // One module drawn over a region. The drawing was made with the module
@@ -107,8 +178,17 @@ struct SeamMeter::Drawn {
 
   cv::Point whole() const { return cv::Point(int(std::lround(offset.x)), int(std::lround(offset.y))); }
   cv::Point2d fraction() const { return offset - cv::Point2d(whole()); }
-  // Whether `needed` (current panorama pixels) lies within what was drawn.
-  bool covers(const cv::Rect& needed) const { return ((needed - whole()) & region) == needed - whole(); }
+  // Whether `needed` (current panorama pixels) lies within what was drawn,
+  // but for kEdgeClearance pixels at its sides: a footprint that moved by a
+  // fraction of a pixel may round one pixel wider, and pixels that near a
+  // module's edge are never compared.
+  bool covers(const cv::Rect& needed) const {
+    cv::Rect inner(needed.x + kEdgeClearance, needed.y + kEdgeClearance, needed.width - 2 * kEdgeClearance,
+                   needed.height - 2 * kEdgeClearance);
+    if (inner.width <= 0 || inner.height <= 0) inner = needed;
+    inner -= whole();
+    return (inner & region) == inner;
+  }
   double scaleAt(cv::Point2d current) const {
     const cv::Point2d p = current - offset - cv::Point2d(region.tl());
     const int x = std::clamp(int(p.x / kScaleStride), 0, scale.cols - 1);
@@ -282,7 +362,9 @@ SeamMeasure SeamMeter::measure(const CameraDescription::OrbivaneModule& first,
   }
   char key[160];
   const cv::Point2d relative = b->offset - a->offset;
-  std::snprintf(key, sizeof key, "%p/%p/%.4f,%.4f", a->base, b->base, relative.x, relative.y);
+  // Shifts that differ by less than a hundredth of a pixel measure the same
+  // seam (a matrix moved there and back again comes back within 1e-3 px).
+  std::snprintf(key, sizeof key, "%p/%p/%.2f,%.2f", a->base, b->base, relative.x, relative.y);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto known = pairs_.find(key);
@@ -336,18 +418,9 @@ SeamMeasure SeamMeter::compare(const Drawn& a, const Drawn& b) const {
     s.reason = "no texture in the overlap";
     return s;
   }
-  // A k-d tree search (OpenCV's FLANN matcher), each way; a match counts when
-  // it passes the ratio test and the two features are each other's best.
-  cv::FlannBasedMatcher matcher(cv::makePtr<cv::flann::KDTreeIndexParams>(4), cv::makePtr<cv::flann::SearchParams>(64));
-  std::vector<std::vector<cv::DMatch>> forward, backward;
-  matcher.knnMatch(da, db, forward, 2);
-  matcher.knnMatch(db, da, backward, 2);
   std::vector<double> distances, shiftsX, shiftsY;
-  for (const auto& f : forward) {
-    if (f.size() < 2 || !(f[0].distance < kRatio * f[1].distance)) continue;
-    const auto& back = backward[std::size_t(f[0].trainIdx)];
-    if (back.empty() || back[0].trainIdx != f[0].queryIdx) continue;
-    const cv::Point2f from = pa[std::size_t(f[0].queryIdx)], to = pb[std::size_t(f[0].trainIdx)];
+  for (const auto& [i, j] : matchNearby(pa, da, pb, db, [&](cv::Point2f p) { return a.scaleAt(cv::Point2d(p)); })) {
+    const cv::Point2f from = pa[std::size_t(i)], to = pb[std::size_t(j)];
     const cv::Point2d inPicture = cv::Point2d(to - from) * (1.0 / a.scaleAt(cv::Point2d(from)));
     const double distance = std::hypot(inPicture.x, inPicture.y);
     if (!(distance <= kLargestSeamPx)) continue;

@@ -3,16 +3,18 @@
 // (matrix, UV grid, lens shader, gain: orbivane/rendering/module_drawing.h),
 // SIFT features found in each drawing, and for every pair of overlapping
 // modules the features matched between the two drawings inside their
-// overlap (ratio test, each other's best), with the distances between the
-// matched positions. A module that is placed right draws a scene point where
-// its neighbour draws it; the distances say by how much it does not (they
-// include the features' own sub-pixel scatter, as any feature measurement
-// does). They are converted from panorama pixels to pixels of the first
-// module's picture (its scale on the panorama there).
+// overlap, with the distances between the matched positions. A module that
+// is placed right draws a scene point where its neighbour draws it; the
+// distances say by how much it does not (they include the features' own
+// sub-pixel scatter, as any feature measurement does). They are converted
+// from panorama pixels to pixels of the first module's picture (its scale on
+// the panorama there).
 //
 // Matches further apart than kLargestSeamPx picture pixels are not counted
 // (a seam that far off shows in the panorama as a doubled scene, and its
-// features rarely match at all); a pair with fewer than kFewestSeamMatches
+// features rarely match at all), so a feature is compared with the other
+// drawing's features within that distance only: a match passes Lowe's ratio
+// test (0.7) among them and is its partner's best as well. A pair with fewer than kFewestSeamMatches
 // matches is not measured.
 //
 // A SeamMeter keeps each module's drawing while the module is drawn the same

@@ -1,0 +1,111 @@
+// The seam meter on a rig with known truth: modules at their true places
+// measure seams of a fraction of a pixel; a module moved by a known
+// translation on the panorama measures that move (in its neighbour's picture
+// pixels), without being drawn again; a move further than the meter counts
+// leaves the pair unmeasured rather than measured wrong.
+#include "geometry_calibration/seam_measurement.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "synthetic/rig.h"
+#include "orbivane/geometry/matrix_geometry.h"
+
+namespace {
+
+using GeometryCalibration::SeamMeasure;
+using GeometryCalibration::SeamMeter;
+
+struct TrueRig {
+  Synthetic::Rig scene;
+  CameraDescription::Orbivane camera;  // modules at their true places
+};
+
+const TrueRig& trueRig() {
+  static const TrueRig rig = [] {
+    Synthetic::RigOptions options;
+    options.modules = 3;
+    options.seed = 7;
+    TrueRig r{Synthetic::makeRig(std::string(ORBIVANE_SAMPLE_DATA_DIR), options), {}};
+    r.camera = Synthetic::withMatrices(r.scene.camera, r.scene.truth);
+    return r;
+  }();
+  return rig;
+}
+
+// The camera with module `name` moved by `px` panorama pixels.
+CameraDescription::Orbivane moved(const CameraDescription::Orbivane& camera, const std::wstring& name,
+                                  cv::Point2d px, cv::Size panorama) {
+  CameraDescription::Orbivane out = camera;
+  auto* geometry = out.findModule(name)->matrixGeometry();
+  geometry->setMatrix(Utils::Matrix4x4::translation(float(px.x / panorama.width), float(px.y / panorama.height)) *
+                      geometry->matrix());
+  return out;
+}
+
+TEST(SeamMeter, ModulesAtTheirTruePlacesMeasureSeamsOfAFractionOfAPixel) {
+  const TrueRig& rig = trueRig();
+  SeamMeter meter(GeometryCalibration::seamDrawingSize(rig.camera));
+  const auto& names = rig.scene.names;
+  for (std::size_t k = 0; k + 1 < names.size(); ++k) {
+    const SeamMeasure s = meter.measure(*rig.camera.findModule(names[k]), *rig.camera.findModule(names[k + 1]));
+    ASSERT_TRUE(s.measured) << s.reason;
+    EXPECT_GE(s.matches, 50);
+    EXPECT_LT(s.medianPx, 0.35);
+    EXPECT_LT(std::hypot(s.shift.x, s.shift.y), 0.15);
+    EXPECT_EQ(int(s.distances.size()), s.matches);
+  }
+  // The first and the last module do not overlap.
+  const SeamMeasure apart = meter.measure(*rig.camera.findModule(names.front()), *rig.camera.findModule(names.back()));
+  EXPECT_FALSE(apart.measured);
+  EXPECT_EQ(apart.reason, "no overlap");
+}
+
+TEST(SeamMeter, AMovedModuleMeasuresItsMoveUpToTheLargestSeamCounted) {
+  const TrueRig& rig = trueRig();
+  const cv::Size panorama = GeometryCalibration::seamDrawingSize(rig.camera);
+  SeamMeter meter(panorama);
+  const std::wstring& first = rig.scene.names[0];
+  const std::wstring& second = rig.scene.names[1];
+  const SeamMeter::Overlap overlap = meter.overlap(*rig.camera.findModule(first), *rig.camera.findModule(second));
+  ASSERT_TRUE(overlap.ok) << overlap.reason;
+  for (const cv::Point2d move : {cv::Point2d(3.25, -1.5), cv::Point2d(-17.0, 6.5), cv::Point2d(0.0, 38.0)}) {
+    const CameraDescription::Orbivane camera = moved(rig.camera, second, move, panorama);
+    const SeamMeasure s = meter.measure(*camera.findModule(first), *camera.findModule(second));
+    ASSERT_TRUE(s.measured) << s.reason;
+    // In the first module's picture pixels: the move over its scale there.
+    const cv::Point2d expected = move * (1.0 / overlap.pictureScale);
+    EXPECT_NEAR(s.shift.x, expected.x, 0.1 + 0.02 * std::fabs(expected.x)) << move;
+    EXPECT_NEAR(s.shift.y, expected.y, 0.1 + 0.02 * std::fabs(expected.y)) << move;
+    EXPECT_NEAR(s.medianPx, std::hypot(expected.x, expected.y), 0.3 + 0.03 * std::hypot(expected.x, expected.y))
+        << move;
+  }
+  // Moved further than a seam is counted: not measured, never a small seam.
+  const CameraDescription::Orbivane far = moved(rig.camera, second, cv::Point2d(120.0, 0.0), panorama);
+  const SeamMeasure s = meter.measure(*far.findModule(first), *far.findModule(second));
+  EXPECT_FALSE(s.measured && s.medianPx < 10.0) << s.medianPx;
+}
+
+TEST(SeamMeter, ExposureDifferenceFollowsTheGainOfAModule) {
+  // The rig's modules differ by under 0.3 EV as mounted; darkened by a half
+  // and by 0.6 (nothing saturates), the second module differs from the first
+  // by 1 EV and 0.737 EV more than that: the two differ by log2(0.6 / 0.5).
+  const TrueRig& rig = trueRig();
+  const std::wstring& first = rig.scene.names[1];
+  const std::wstring& second = rig.scene.names[2];
+  SeamMeter meter(GeometryCalibration::seamDrawingSize(rig.camera));
+  double ev[2] = {0, 0};
+  const double gains[2] = {0.5, 0.6};
+  for (int k = 0; k < 2; ++k) {
+    CameraDescription::Orbivane camera = rig.camera;
+    camera.findModule(second)->setExposureGain(camera.findModule(second)->exposureGain() * gains[k]);
+    const SeamMeasure s = meter.measure(*camera.findModule(first), *camera.findModule(second));
+    ASSERT_TRUE(s.overlapPixels > 0) << s.reason;
+    ev[k] = s.exposureEv;
+  }
+  EXPECT_GT(ev[1], 0.4);
+  EXPECT_NEAR(ev[0] - ev[1], std::log2(0.6 / 0.5), 0.02);
+}
+
+}  // namespace
