@@ -248,8 +248,11 @@ bool solve(std::vector<ModuleModel>& models, const std::vector<Match>& matches, 
   options.logging_type = ceres::SILENT;
   options.max_num_iterations = 200;
   options.num_threads = 2;
-  options.function_tolerance = 1e-12;
-  options.parameter_tolerance = 1e-12;
+  // Tight enough that the rig no longer moves at the precision it is
+  // written with (a tolerance of 1e-12 ran two to three times the
+  // iterations for the same result).
+  options.function_tolerance = 1e-9;
+  options.parameter_tolerance = 1e-10;
   ceres::Solver::Summary summary;
   ceres::Solve(options, &problem, &summary);
   if (!summary.IsSolutionUsable()) {
