@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "orbivane/utils/json_text.h"
 #include "digest.h"
 
 namespace Tool {
@@ -15,6 +16,9 @@ using GeometryCalibration::MatrixBased::ShaderBruteForcer;
 
 ShardFile parseShardFile(const std::string& text, const std::string& path, const ShaderBruteForcer::ParameterList& grid) {
   const std::uint64_t gridSize = ShaderBruteForcer::gridSize(grid);
+  if (auto checked = Utils::checkJsonText(text, "shard file '" + path + "'"); !checked) {
+    throw CommandError(checked.error());
+  }
   const nlohmann::json shard = nlohmann::json::parse(text, nullptr, false);
   if (shard.is_discarded()) throw CommandError("shard file '" + path + "': not valid JSON");
   auto field = [&path](const nlohmann::json& object, const char* key, const std::string& where) -> const nlohmann::json& {

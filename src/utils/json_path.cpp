@@ -1,6 +1,8 @@
 // Where a JSON parse stops; see json_path.h.
 #include "utils/json_path.h"
 
+#include "orbivane/utils/json_text.h"
+
 #include <set>
 #include <vector>
 
@@ -103,6 +105,12 @@ ReturnState<nlohmann::json, std::string> parseJsonText(const std::string& text, 
     return failure(what + ": at " + jsonPathWhereParsingStops(text) +
                    ": a number too large to be held (beyond about 1.8e308)");
   }
+}
+
+ReturnState<bool, std::string> checkJsonText(const std::string& text, const std::string& what) {
+  auto parsed = parseJsonText(text, what);
+  if (!parsed) return failure(parsed.error());
+  return true;
 }
 
 }  // namespace Utils

@@ -167,6 +167,9 @@ def make_fixtures(w):
     relabelled = json.load(open(os.path.join(w, "shards", "shard-2-of-3.json")))
     relabelled["shard"] = [1, 3]
     json.dump(relabelled, open(os.path.join(w, "shard-relabelled.json"), "w"))
+    # The same shard with its index given twice: the last one would win.
+    twice = open(os.path.join(w, "shards", "shard-2-of-3.json")).read().replace("{", '{"shard": [0, 3], ', 1)
+    open(os.path.join(w, "shard-twice.json"), "w").write(twice)
     open(os.path.join(w, "values.txt"), "w").write("1 2\n3 x\n")
     # A PNG whose header names 100000 x 100000 pixels.
     import struct
@@ -350,6 +353,9 @@ CASES = [
     ("shader-merge of a relabelled shard", ["shader-merge", "camsh.json", "shards/shard-0-of-3.json",
                                             "shard-relabelled.json", "shards/shard-2-of-3.json", "--out-dir", "sm"],
      1, "shard-relabelled.json' was changed after the search wrote it"),
+    ("shader-merge of a shard that gives a key twice", ["shader-merge", "camsh.json", "shards/shard-0-of-3.json",
+                                                        "shards/shard-1-of-3.json", "shard-twice.json", "--out-dir",
+                                                        "sm"], 1, "at /shard: the key is given twice"),
     ("shader-merge onto another camera", ["shader-merge", "camsh-moved.json", "shards/shard-0-of-3.json",
                                           "shards/shard-1-of-3.json", "shards/shard-2-of-3.json", "--out-dir", "sm"],
      1, "was searched on another camera file"),
