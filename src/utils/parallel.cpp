@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#ifndef ORBIVANE_TSAN
 #include <opencv2/core/utility.hpp>
+#ifndef ORBIVANE_TSAN
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
@@ -27,7 +27,8 @@ void onThreads(std::size_t count, std::size_t parts, const std::function<void(st
   for (auto& worker : workers) worker.join();
 }
 
-std::size_t machineThreads() { return std::max(2u, std::thread::hardware_concurrency()); }
+// As many threads as OpenCV's loops may use (cv::setNumThreads).
+std::size_t hostThreads() { return std::size_t(std::max(1, cv::getNumThreads())); }
 #endif
 
 }  // namespace
@@ -35,7 +36,7 @@ std::size_t machineThreads() { return std::max(2u, std::thread::hardware_concurr
 void parallelRows(int begin, int end, const std::function<void(int, int)>& body) {
   if (end <= begin) return;
 #ifdef ORBIVANE_TSAN
-  onThreads(std::size_t(end - begin), machineThreads(),
+  onThreads(std::size_t(end - begin), hostThreads(),
             [&](std::size_t from, std::size_t to) { body(begin + int(from), begin + int(to)); });
 #else
   cv::parallel_for_(cv::Range(begin, end), [&body](const cv::Range& range) { body(range.start, range.end); });
@@ -46,10 +47,10 @@ void parallelItems(std::size_t count, std::size_t grain, int threads,
                    const std::function<void(std::size_t, std::size_t)>& body) {
   if (count == 0) return;
 #ifdef ORBIVANE_TSAN
-  const std::size_t parts = threads > 0 ? std::size_t(threads) : machineThreads();
+  const std::size_t parts = threads > 0 ? std::size_t(threads) : hostThreads();
   onThreads(count, std::min(parts, (count + grain - 1) / std::max<std::size_t>(1, grain)), body);
 #else
-  tbb::task_arena arena(threads > 0 ? threads : tbb::task_arena::automatic);
+  tbb::task_arena arena(threads > 0 ? threads : std::max(1, cv::getNumThreads()));
   arena.execute([&] {
     tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, std::max<std::size_t>(1, grain)),
                       [&body](const tbb::blocked_range<std::size_t>& range) { body(range.begin(), range.end()); });

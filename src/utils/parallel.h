@@ -17,7 +17,8 @@ namespace Utils {
 void parallelRows(int begin, int end, const std::function<void(int, int)>& body);
 
 // Items 0 .. `count` in parts of at least `grain`, on at most `threads`
-// threads (0: as many as the machine has).
+// threads (0: as many as OpenCV's parallel loops may use, cv::setNumThreads,
+// so that a host that gives the library its share of the cores is obeyed).
 void parallelItems(std::size_t count, std::size_t grain, int threads,
                    const std::function<void(std::size_t, std::size_t)>& body);
 

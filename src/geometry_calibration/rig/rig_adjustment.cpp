@@ -9,6 +9,7 @@
 #include <ceres/ceres.h>
 #include <ceres/rotation.h>
 #include <opencv2/calib3d.hpp>
+#include <opencv2/core/utility.hpp>
 
 namespace GeometryCalibration {
 namespace Rig {
@@ -247,7 +248,7 @@ bool solve(std::vector<ModuleModel>& models, const std::vector<Match>& matches, 
   options.linear_solver_type = ceres::DENSE_QR;
   options.logging_type = ceres::SILENT;
   options.max_num_iterations = 200;
-  options.num_threads = 2;
+  options.num_threads = std::max(1, cv::getNumThreads());  // the share of the cores the host gives us
   // Tight enough that the rig no longer moves at the precision it is
   // written with (a tolerance of 1e-12 ran two to three times the
   // iterations for the same result).
