@@ -10,6 +10,7 @@
 //    "best": [{"error": e, "index": k, "parameters": {name: value, ...}}, ...]}
 // where k is the result's place in the whole grid's walk order, so merged
 // shards keep ties exactly as the whole search does.
+#include <cstdint>
 #include <cstdio>
 #include <cmath>
 #include <filesystem>
@@ -146,6 +147,39 @@ std::pair<int, int> parseShard(const std::string& text) {
   }
 }
 
+// Memory the system can give without swapping (MemAvailable), bytes; 0
+// when it cannot be read.
+std::uint64_t availableMemory() {
+  std::ifstream meminfo("/proc/meminfo");
+  std::string key;
+  std::uint64_t kilobytes = 0;
+  std::string unit;
+  while (meminfo >> key >> kilobytes >> unit) {
+    if (key == "MemAvailable:") return kilobytes * 1024;
+  }
+  return 0;
+}
+
+// Says what the search will take before it starts, and refuses one that
+// would not fit in memory.
+void announcePlan(const ShaderBruteForcer::Plan& plan, const std::string& reference) {
+  if (plan.bytes == 0) return;  // nothing to render: the search says why
+  const std::uint64_t megabytes = (plan.bytes >> 20) + 1;
+  char text[320];
+  std::snprintf(text, sizeof text,
+                "%llu renderings of %dx%d pixels (the module's %dx%d pixels of the reference '%s', at a quarter of "
+                "their size) on %d thread(s), about %llu MB",
+                static_cast<unsigned long long>(plan.renderings), plan.renderedWidth, plan.renderedHeight,
+                plan.rectangleWidth, plan.rectangleHeight, reference.c_str(), plan.threads,
+                static_cast<unsigned long long>(megabytes));
+  const std::uint64_t available = availableMemory();
+  if (available > 0 && plan.bytes > available) {
+    throw CommandError("shader search: " + std::string(text) + ", but only " + std::to_string(available >> 20) +
+                       " MB of memory are free: give a smaller reference picture or free memory first");
+  }
+  std::cerr << "shader search: " << text << "\n";
+}
+
 void runSearch(const SearchOptions& options) {
   JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
@@ -169,6 +203,7 @@ void runSearch(const SearchOptions& options) {
     std::tie(shardIndex, shardCount) = parseShard(options.shard);
     forcer.setShard(shardIndex, shardCount);
   }
+  announcePlan(forcer.plan(module, reference), options.reference);
   Progress progress("shader search");
   forcer.registerStatusCallback(progress.callback());
   try {

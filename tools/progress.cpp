@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 namespace Tool {
@@ -12,7 +13,23 @@ Progress::Progress(std::string title) : title_(std::move(title)), terminal_(::is
 
 Progress::~Progress() { finish(false); }
 
+// "about 40 s left", from the time the steps so far took; empty before
+// there is enough to go by (two seconds and one step) or at the end.
+std::string Progress::timeLeft(int step, int total) const {
+  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+  if (step <= 0 || total <= 0 || step >= total || elapsed < 2.0) return std::string();
+  const double left = elapsed * double(total - step) / double(step);
+  char text[48];
+  if (left < 120.0) {
+    std::snprintf(text, sizeof text, "about %.0f s left", std::max(1.0, left));
+  } else {
+    std::snprintf(text, sizeof text, "about %.0f min left", left / 60.0);
+  }
+  return text;
+}
+
 void Progress::update(int step, int total, const std::string& text) {
+  const std::string left = timeLeft(step, total);
   lastStep_ = step;
   lastTotal_ = total;
   if (terminal_) {
@@ -21,7 +38,8 @@ void Progress::update(int step, int total, const std::string& text) {
     const int filled = static_cast<int>(share * width + 0.5);
     std::string bar(static_cast<std::size_t>(filled), '#');
     bar.resize(width, '.');
-    std::fprintf(stderr, "\r%s [%s] %d/%d %-40.40s", title_.c_str(), bar.c_str(), step, total, text.c_str());
+    std::fprintf(stderr, "\r%s [%s] %d/%d %-40.40s %-18s", title_.c_str(), bar.c_str(), step, total, text.c_str(),
+                 left.c_str());
     std::fflush(stderr);
     open_ = true;
   } else {
@@ -29,7 +47,8 @@ void Progress::update(int step, int total, const std::string& text) {
     // (long searches report one text many times).
     const int tenth = total > 0 ? std::clamp(int(10.0 * step / total), 0, 10) : 0;
     if (text != lastText_ || tenth > lastTenth_) {
-      std::fprintf(stderr, "%s: %d/%d %s\n", title_.c_str(), step, total, text.c_str());
+      std::fprintf(stderr, "%s: %d/%d %s%s%s\n", title_.c_str(), step, total, text.c_str(), left.empty() ? "" : ", ",
+                   left.c_str());
       lastTenth_ = tenth;
     }
   }

@@ -1,8 +1,10 @@
 // Progress of a long command: a bar that redraws itself on a terminal, plain
 // lines when standard error is not a terminal (logs, CI): one whenever the
-// text changes and one for every tenth of the way.
+// text changes and one for every tenth of the way. Once a run has gone on
+// for two seconds, each says how long the rest will take at the pace so far.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "orbivane/geometry_calibration/status_callback.h"
@@ -28,7 +30,10 @@ class Progress {
   GeometryCalibration::StatusCallback callback();
 
  private:
+  std::string timeLeft(int step, int total) const;
+
   std::string title_;
+  std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   bool terminal_;
   bool open_ = false;
   bool finished_ = false;

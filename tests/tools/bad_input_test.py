@@ -11,6 +11,7 @@ Usage: bad_input_test.py ORBIVANE-CALIBRATE SAMPLE-DATA-FOLDER
 import hashlib
 import json
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -161,6 +162,8 @@ def make_fixtures(w):
         r = run(["shader-search", "camsh.json", "--module", "view1", "--reference", "target", "--shard", "%d/3" % i,
                  "--out-dir", "shards"], w)
         assert r.returncode == 0, r.stderr
+        # What the search takes is said before it starts.
+        assert re.search(r"shader search: \d+ renderings of \d+x\d+ pixels .* about \d+ MB", r.stderr), r.stderr
     r = run(["shader-search", "camsh.json", "--module", "view1", "--reference", "swhole.png", "--shard", "1/3",
              "--out-dir", "shards-other"], w)
     assert r.returncode == 0, r.stderr

@@ -37,6 +37,9 @@ std::list<CameraDescription::Orbivane> ShaderBruteForcer::searchForBestParameter
   return impl_->search(module, reference);
 }
 
+ShaderBruteForcer::Plan ShaderBruteForcer::plan(const std::wstring& module, const std::wstring& reference) const {
+  return impl_->plan(module, reference);
+}
 void ShaderBruteForcer::setShard(int index, int count) { impl_->setShard(index, count); }
 void ShaderBruteForcer::setThreadCount(int threads) { impl_->setThreadCount(threads); }
 void ShaderBruteForcer::registerStatusCallback(StatusCallback callback) { impl_->setStatusCallback(std::move(callback)); }

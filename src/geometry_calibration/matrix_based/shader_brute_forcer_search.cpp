@@ -13,6 +13,7 @@
 #include <tuple>
 
 
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "geometry_calibration/matrix_based/shader_brute_forcer_edges.h"
@@ -57,6 +58,43 @@ OrbivaneGeometry::Shader& searchedShader(std::list<OrbivaneGeometry::Shader>& ch
   }
   chain.push_back(fallback);
   return chain.back();
+}
+
+// The module's rectangle on a reference of `size` pixels: the bounding box
+// of where its matrix puts its unit square, in reference pixels (see
+// shader_brute_forcer.h); nothing when it has no pixels.
+Utils::Optional<cv::Rect> rectangleOnReference(const OrbivaneGeometry::MatrixRepresentableGeometry& geometry,
+                                               cv::Size size) {
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(geometry.matrix());
+  if (!quad) return std::nullopt;
+  float left = quad->corners[0].x, right = left, top = quad->corners[0].y, bottom = top;
+  for (const auto& corner : quad->corners) {
+    left = std::min(left, corner.x);
+    right = std::max(right, corner.x);
+    top = std::min(top, corner.y);
+    bottom = std::max(bottom, corner.y);
+  }
+  const double x = size.width * double(left), y = size.height * double(top);
+  const double w = size.width * double(right - left), h = size.height * double(bottom - top);
+  const double limit = 1e8;
+  if (!(std::fabs(x) < limit && std::fabs(y) < limit && w >= 1.0 && h >= 1.0 && w < limit && h < limit)) {
+    return std::nullopt;
+  }
+  return cv::Rect(static_cast<int>(x), static_cast<int>(y), static_cast<int>(w), static_cast<int>(h));
+}
+
+// Grid points of shard `index` of `count` (contiguous ranges of the
+// outermost values), and that range of the outermost values.
+std::uint64_t shardRenderings(const std::vector<std::vector<float>>& values, int index, int count,
+                              std::size_t& outerBegin, std::size_t& outerEnd) {
+  outerBegin = outerEnd = 0;
+  if (values.empty()) return 1;
+  const std::size_t n = values[0].size();
+  outerBegin = n * std::size_t(index) / std::size_t(count);
+  outerEnd = n * std::size_t(index + 1) / std::size_t(count);
+  std::uint64_t total = outerEnd - outerBegin;
+  for (std::size_t i = 1; i < values.size(); ++i) total *= values[i].size();
+  return total;
 }
 
 }  // namespace
@@ -129,6 +167,32 @@ ShaderSearch::ShaderSearch(const CameraDescription::Orbivane& camera, Images ima
       logger_(Utils::calibratorLogger("MatrixBasedShaderBruteForcer")) {}
 
 ShaderSearch::~ShaderSearch() = default;
+
+ShaderBruteForcer::Plan ShaderSearch::plan(const std::wstring& module, const std::wstring& reference) const {
+  ShaderBruteForcer::Plan plan;
+  const auto found = camera_.findModule(module);
+  if (!found) unknownKey();
+  const auto& moduleImage = lookup(images_, module);
+  const auto& referenceImage = lookup(images_, reference);
+  std::vector<std::vector<float>> values;
+  for (const auto& entry : parameters_) values.push_back(ShaderBruteForcer::parameterValues(entry.first, entry.second));
+  std::size_t outerBegin = 0, outerEnd = 0;
+  plan.renderings = shardRenderings(values, shardIndex_, shardCount_, outerBegin, outerEnd);
+  plan.threads = threads_ > 0 ? threads_ : std::max(1, cv::getNumThreads());
+  const auto* geometry = dynamic_cast<const OrbivaneGeometry::MatrixRepresentableGeometry*>(found->geometry());
+  if (geometry == nullptr || !moduleImage || moduleImage->empty() || !referenceImage || referenceImage->empty() ||
+      referenceImage->width() < 4 || referenceImage->height() < 4) {
+    return plan;
+  }
+  const auto rect = rectangleOnReference(*geometry, cv::Size(referenceImage->width(), referenceImage->height()));
+  if (!rect) return plan;
+  plan.rectangleWidth = rect->width;
+  plan.rectangleHeight = rect->height;
+  plan.renderedWidth = std::max(1, rect->width / 4);
+  plan.renderedHeight = std::max(1, rect->height / 4);
+  plan.bytes = ShaderBruteForcer::kSearchBytesPerPixel * std::uint64_t(rect->width) * std::uint64_t(rect->height);
+  return plan;
+}
 
 void ShaderSearch::setShard(int index, int count) {
   if (count < 1 || index < 0 || index >= count) {
@@ -422,27 +486,14 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   }
 
   // 3. The module's rectangle on the reference.
-  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(geometry->matrix());
-  if (!quad || rendered.empty()) {
-    logger_->warn("Module {}: its matrix does not place the picture on the surface; nothing to search", name);
-    return {};
-  }
-  float left = quad->corners[0].x, right = left, top = quad->corners[0].y, bottom = top;
-  for (const auto& corner : quad->corners) {
-    left = std::min(left, corner.x);
-    right = std::max(right, corner.x);
-    top = std::min(top, corner.y);
-    bottom = std::max(bottom, corner.y);
-  }
   const cv::Mat referenceMat = Image::toMat(referenceImage);
-  const double cols = referenceMat.cols, rows = referenceMat.rows;
-  const double x = cols * left, y = rows * top, w = cols * (right - left), h = rows * (bottom - top);
-  const double limit = 1e8;
-  if (!(std::fabs(x) < limit && std::fabs(y) < limit && w >= 1.0 && h >= 1.0 && w < limit && h < limit)) {
-    logger_->warn("Module {}: its rectangle on the reference has no pixels; nothing to search", name);
+  const auto placed = rendered.empty() ? Utils::Optional<cv::Rect>() : rectangleOnReference(*geometry, referenceMat.size());
+  if (!placed) {
+    logger_->warn("Module {}: its matrix does not place the picture on the surface, or its rectangle on the "
+                  "reference has no pixels; nothing to search", name);
     return {};
   }
-  const cv::Rect rect(static_cast<int>(x), static_cast<int>(y), static_cast<int>(w), static_cast<int>(h));
+  const cv::Rect rect = *placed;
   // 4. Its edge image; parts outside the reference are black.
   const cv::Rect inside = rect & cv::Rect(0, 0, referenceMat.cols, referenceMat.rows);
   cv::Mat cut;
@@ -469,15 +520,7 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   const auto& names = names_;
   const auto& values = values_;
   std::size_t outerBegin = 0, outerEnd = 0;
-  if (!values.empty()) {
-    const std::size_t n = values[0].size();
-    outerBegin = n * std::size_t(shardIndex_) / std::size_t(shardCount_);
-    outerEnd = n * std::size_t(shardIndex_ + 1) / std::size_t(shardCount_);
-    total_ = outerEnd - outerBegin;
-    for (std::size_t i = 1; i < values.size(); ++i) total_ *= values[i].size();
-  } else {
-    total_ = 1;
-  }
+  total_ = shardRenderings(values, shardIndex_, shardCount_, outerBegin, outerEnd);
 
   if (shaderKnown_) prepareDistortions();
   referenceRowSums_.assign(std::size_t(referenceEdges_.rows), 0);

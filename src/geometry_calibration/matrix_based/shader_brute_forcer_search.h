@@ -77,6 +77,7 @@ class ShaderSearch {
 
   std::list<CameraDescription::Orbivane> search(const std::wstring& module, const std::wstring& reference);
 
+  ShaderBruteForcer::Plan plan(const std::wstring& module, const std::wstring& reference) const;
   void setShard(int index, int count);
   void setThreadCount(int threads) { threads_ = threads < 0 ? 0 : threads; }
   void setStatusCallback(StatusCallback callback) { callback_ = std::move(callback); }

@@ -393,6 +393,17 @@ TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards)
   const auto truth = gridPoint(1, 2, 0, 2, 1);
   const Scene s = scene(truth);
   ShaderBruteForcer whole(s.camera, s.images, reducedGrid());
+  // Planned before it starts: every grid point, the whole 640x480 reference
+  // (the module's matrix is the identity) rendered at a quarter of its size.
+  const ShaderBruteForcer::Plan plan = whole.plan(L"M", L"reference");
+  EXPECT_EQ(plan.renderings, 243u);
+  EXPECT_EQ(plan.rectangleWidth, 640);
+  EXPECT_EQ(plan.rectangleHeight, 480);
+  EXPECT_EQ(plan.renderedWidth, 160);
+  EXPECT_EQ(plan.renderedHeight, 120);
+  EXPECT_EQ(plan.bytes, ShaderBruteForcer::kSearchBytesPerPixel * 640u * 480u);
+  EXPECT_THROW(whole.plan(L"ghost", L"reference"), std::out_of_range);
+  EXPECT_THROW(whole.plan(L"M", L"ghost"), std::out_of_range);
   std::list<CameraDescription::Orbivane> cameras;
   std::string printed;
   const auto results = quietSearch(whole, &cameras, &printed);
@@ -416,12 +427,15 @@ TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards)
 
   ShaderBruteForcer single(s.camera, s.images, reducedGrid());
   single.setThreadCount(1);
+  EXPECT_EQ(single.plan(L"M", L"reference").threads, 1);
   const auto alone = quietSearch(single);
   std::list<std::list<ShaderBruteForcer::Result>> shards;
   for (int i = 0; i < 3; ++i) {
     ShaderBruteForcer part(s.camera, s.images, reducedGrid());
     part.setShard(i, 3);
     part.setThreadCount(2);
+    EXPECT_EQ(part.plan(L"M", L"reference").renderings, 81u);
+    EXPECT_EQ(part.plan(L"M", L"reference").threads, 2);
     shards.push_back(quietSearch(part));
     EXPECT_EQ(part.evaluationCount(), 81u);
   }

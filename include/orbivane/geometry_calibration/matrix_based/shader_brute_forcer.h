@@ -103,6 +103,24 @@ class ORBIVANE_EXPORT ShaderBruteForcer {
   // rectangle without pixels give an empty list (logged).
   virtual std::list<CameraDescription::Orbivane> searchForBestParameters(std::wstring module, std::wstring reference);
 
+  // What a search of `module` against `reference` takes, worked out before
+  // it starts (names it does not know throw as the search does): the
+  // renderings of this search or shard, the module's rectangle on the
+  // reference and the rendering size (a quarter of it each way), the threads,
+  // and the memory the search adds to the pictures it was given: about
+  // kSearchBytesPerPixel per pixel of the rectangle (measured: a search
+  // against an 8000x6000 reference peaks at 700 MB, 144 MB of them the
+  // decoded reference). A search with nothing to do plans no pixels.
+  struct Plan {
+    std::uint64_t renderings = 0;
+    int rectangleWidth = 0, rectangleHeight = 0;  // reference pixels
+    int renderedWidth = 0, renderedHeight = 0;    // pixels of each rendering
+    int threads = 0;
+    std::uint64_t bytes = 0;
+  };
+  static constexpr std::uint64_t kSearchBytesPerPixel = 10;
+  Plan plan(const std::wstring& module, const std::wstring& reference) const;
+
   // Only the `index`-th (from 0) of `count` contiguous ranges of the
   // outermost values; (0, 1) is the whole grid. Throws std::invalid_argument
   // unless 0 <= index < count.
