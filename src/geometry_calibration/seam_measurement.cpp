@@ -93,9 +93,10 @@ cv::Rect footprintBox(const CameraDescription::OrbivaneModule& module, cv::Size 
 // pixels of it (`scale` gives panorama pixels per picture pixel at a first
 // feature). Features further apart are never counted, so they do not compete
 // either: a pair is a match when it passes Lowe's ratio test among those
-// nearby candidates and is the best of its partner's. The descriptors are
-// compared exhaustively (exact, SIMD), with the second drawing's features
-// kept in square cells so that each feature meets only its neighbourhood.
+// nearby candidates both ways and the two are each other's best. The
+// descriptors are compared exhaustively (exact, SIMD), with the second
+// drawing's features kept in square cells so that each feature meets only
+// its neighbourhood.
 // Returns the matched (first, second) feature indices.
 std::vector<std::pair<int, int>> matchNearby(const std::vector<cv::Point2f>& pa, const cv::Mat& da,
                                              const std::vector<cv::Point2f>& pb, const cv::Mat& db,

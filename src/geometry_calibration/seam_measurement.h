@@ -14,8 +14,8 @@
 // (a seam that far off shows in the panorama as a doubled scene, and its
 // features rarely match at all), so a feature is compared with the other
 // drawing's features within that distance only: a match passes Lowe's ratio
-// test (0.7) among them and is its partner's best as well. A pair with fewer than kFewestSeamMatches
-// matches is not measured.
+// test (0.7) among them both ways, and the two features are each other's
+// best. A pair with fewer than kFewestSeamMatches matches is not measured.
 //
 // A SeamMeter keeps each module's drawing while the module is drawn the same
 // way (same grid, shaders, gain and picture; a matrix moved by a translation
