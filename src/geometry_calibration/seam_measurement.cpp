@@ -123,7 +123,9 @@ std::vector<std::pair<int, int>> matchNearby(const std::vector<cv::Point2f>& pa,
     if (std::isfinite(radius[i])) widest = std::max(widest, radius[i]);
   }
   cv::Rect2f span = cv::boundingRect(pb);
-  const float cell = std::max(8.0f, widest);
+  // Cells as wide as the widest search, at most 256 of them each way (a
+  // search narrower than a cell looks at the cells it touches).
+  const float cell = std::max({8.0f, widest, span.width / 256.0f, span.height / 256.0f});
   const int columns = std::max(1, int(span.width / cell) + 1), rows = std::max(1, int(span.height / cell) + 1);
   std::vector<std::vector<int>> cells(std::size_t(columns) * std::size_t(rows));
   const auto cellOf = [&](float v, float origin, int count) { return std::clamp(int((v - origin) / cell), 0, count - 1); };
