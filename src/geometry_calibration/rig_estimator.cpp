@@ -99,11 +99,72 @@ double meanRoll(const std::vector<Rig::ModuleModel>& models) {
   return sum / double(models.size());
 }
 
-// Turns the world so that the horizon is level (cv::detail::waveCorrect,
-// horizontal). With few modules, or modules that all look one way, the
-// horizon is ill-defined there and can come out turned by a right angle;
-// then the modules' own mean "up" is taken as the world's.
+// Turns the world so that `down` and `forward` (unit, at right angles) are
+// its new down and forward axes.
+void turnWorld(std::vector<Rig::ModuleModel>& models, const cv::Vec3d& down, const cv::Vec3d& forward) {
+  const cv::Vec3d right = down.cross(forward);
+  const cv::Matx33d world(right[0], right[1], right[2], down[0], down[1], down[2], forward[0], forward[1], forward[2]);
+  for (auto& m : models) m.rotation = world * m.rotation;
+}
+
+// The modules' mean viewing direction and mean "down" (world coordinates).
+void meanAxes(const std::vector<Rig::ModuleModel>& models, cv::Vec3d& down, cv::Vec3d& forward) {
+  down = forward = cv::Vec3d(0, 0, 0);
+  for (const auto& m : models) {
+    down += cv::Vec3d(m.rotation(0, 1), m.rotation(1, 1), m.rotation(2, 1));
+    forward += cv::Vec3d(m.rotation(0, 2), m.rotation(1, 2), m.rotation(2, 2));
+  }
+  down = cv::normalize(down);
+}
+
+// A ring of modules: the axis (pointing down) their viewing directions turn
+// about, the normal of the plane through the tips of those directions. It
+// counts when at least kRingModules modules spread at least kRingSpread
+// degrees each way round it and their tips lie within kRingFlatness degrees
+// of one cone; anything else (a cluster, two rings, a pole) is no ring.
+constexpr int kRingModules = 4;
+constexpr double kRingSpread = 30.0;
+constexpr double kRingFlatness = 3.0;
+bool ringAxis(const std::vector<Rig::ModuleModel>& models, cv::Vec3d& axis) {
+  if (int(models.size()) < kRingModules) return false;
+  std::vector<cv::Vec3d> tips;
+  cv::Vec3d mean(0, 0, 0);
+  for (const auto& m : models) {
+    tips.emplace_back(m.rotation(0, 2), m.rotation(1, 2), m.rotation(2, 2));
+    mean += tips.back() / double(models.size());
+  }
+  cv::Matx33d spread = cv::Matx33d::zeros();
+  for (const auto& t : tips) spread += (t - mean) * (t - mean).t() * (1.0 / double(tips.size()));
+  cv::Mat values, vectors;
+  cv::eigen(cv::Mat(spread), values, vectors);  // descending
+  const double degree = kPi / 180.0;
+  // A ring of radius sin(c) over an arc of +-a has a spread of about
+  // (sin(c) sin(a))^2 / 2 across; its flatness is the root of the least one.
+  if (values.at<double>(1) < 0.5 * std::pow(std::sin(kRingSpread * degree) * std::sin(kRingSpread * degree), 2)) {
+    return false;
+  }
+  if (std::sqrt(std::max(0.0, values.at<double>(2))) > std::sin(kRingFlatness * degree)) return false;
+  axis = cv::Vec3d(vectors.at<double>(2, 0), vectors.at<double>(2, 1), vectors.at<double>(2, 2));
+  cv::Vec3d down, forward;
+  meanAxes(models, down, forward);
+  if (axis.dot(down) < 0) axis = -axis;
+  return axis.dot(down) > std::cos(kMostMeanRoll * degree);
+}
+
+// Turns the world so that the panorama is level. A ring's own axis is up
+// (the modules turn about it, so the ring lies straight along the
+// panorama however the rig or a hand-held camera leaned). Any other rig is
+// levelled by cv::detail::waveCorrect (horizontal). With few modules, or
+// modules that all look one way, that horizon is ill-defined and can come
+// out turned by a right angle; then the modules' own mean "up" is taken.
 void straightenHorizon(std::vector<Rig::ModuleModel>& models) {
+  cv::Vec3d down, forward;
+  meanAxes(models, down, forward);
+  cv::Vec3d axis;
+  if (ringAxis(models, axis)) {
+    turnWorld(models, axis, cv::normalize(forward - axis * forward.dot(axis)));
+    return;
+  }
   std::vector<cv::Mat> rotations;
   for (const auto& model : models) rotations.push_back(cv::Mat(cv::Matx33f(model.rotation)));
   cv::detail::waveCorrect(rotations, cv::detail::WAVE_CORRECT_HORIZ);
@@ -119,16 +180,7 @@ void straightenHorizon(std::vector<Rig::ModuleModel>& models) {
     return;
   }
   // World down = the modules' mean down; forward = their mean forward, levelled.
-  cv::Vec3d down(0, 0, 0), forward(0, 0, 0);
-  for (const auto& m : models) {
-    down += cv::Vec3d(m.rotation(0, 1), m.rotation(1, 1), m.rotation(2, 1));
-    forward += cv::Vec3d(m.rotation(0, 2), m.rotation(1, 2), m.rotation(2, 2));
-  }
-  down = cv::normalize(down);
-  forward = cv::normalize(forward - down * forward.dot(down));
-  const cv::Vec3d right = down.cross(forward);
-  const cv::Matx33d world(right[0], right[1], right[2], down[0], down[1], down[2], forward[0], forward[1], forward[2]);
-  for (auto& m : models) m.rotation = world * m.rotation;
+  turnWorld(models, down, cv::normalize(forward - down * forward.dot(down)));
 }
 
 }  // namespace

@@ -172,6 +172,24 @@ std::vector<double> cornerErrorsOnWorld(const SphereRig& rig, const CameraDescri
   return errors;
 }
 
+namespace {
+
+// Turns module `m` with its whole ring about the world's forward axis, so
+// that the axis the ring turns about leans `degrees` to the right.
+void leanBy(double degrees, SphereModule& m) {
+  const double a = radians(degrees);
+  const cv::Matx33d lean(std::cos(a), -std::sin(a), 0, std::sin(a), std::cos(a), 0, 0, 0, 1);
+  const cv::Matx33d r = lean * rotationOf(m);
+  m.yaw = std::atan2(r(0, 2), r(2, 2)) * 180.0 / kPi;
+  m.pitch = std::asin(std::clamp(-r(1, 2), -1.0, 1.0)) * 180.0 / kPi;
+  SphereModule level = m;
+  level.roll = 0.0;
+  const cv::Matx33d roll = rotationOf(level).t() * r;  // what is left is the roll about the view
+  m.roll = std::atan2(roll(1, 0), roll(0, 0)) * 180.0 / kPi;
+}
+
+}  // namespace
+
 SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& o) {
   SphereRig rig;
   rig.world = world;
@@ -179,9 +197,10 @@ SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& o) {
   for (int i = 0; i < o.modules; ++i) {
     SphereModule m;
     m.name = "S" + std::to_string(i);
-    m.yaw = (i - 0.5 * (o.modules - 1)) * o.step + rng.uniform(-2.0, 2.0);
-    m.pitch = o.pitch + rng.uniform(-2.0, 2.0);
-    m.roll = rng.uniform(-2.0, 2.0);
+    m.yaw = (i - 0.5 * (o.modules - 1)) * o.step + rng.uniform(-o.jitter, o.jitter);
+    m.pitch = o.pitch + rng.uniform(-o.jitter, o.jitter);
+    m.roll = rng.uniform(-o.rollJitter, o.rollJitter);
+    if (o.lean != 0.0) leanBy(o.lean, m);
     m.focal = o.focal * (1.0 + rng.uniform(-0.02, 0.02));
     m.k1 = o.k1 + rng.uniform(-0.01, 0.01);
     m.gain = rng.uniform(0.85, 1.15);

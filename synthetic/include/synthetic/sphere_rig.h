@@ -54,7 +54,12 @@ struct SphereRigOptions {
   double k1 = 0.03;           // each module within +-0.01 of it
   cv::Size picture{1280, 960};
   double noise = 1.5;         // grey levels
-  unsigned seed = 1;          // turns each module by up to 2 degrees, sets gains 0.85..1.15
+  unsigned seed = 1;          // draws the turns below, the gains 0.85..1.15, ...
+  double jitter = 2.0;        // degrees each module's yaw and pitch are off the ring's, at most
+  double rollJitter = 2.0;    // degrees each module is rolled, at most
+  // Degrees the axis the ring turns about leans to the right (a hand-held
+  // camera turned on the spot), 0: upright.
+  double lean = 0.0;
 };
 
 // Renders the rig's pictures from `world` (an equirectangular picture).

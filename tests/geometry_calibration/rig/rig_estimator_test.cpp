@@ -118,6 +118,30 @@ TEST(RigEstimator, TurnedWideAngleRingIsPlacedWhereTheTruthPutsIt) {
   EXPECT_LT(std::log2(*high / *low), 0.06) << "exposure left between modules, EV";
 }
 
+// A hand-held camera turns about an axis that leans, and rolls a little more
+// from picture to picture than it is turned up or down. The panorama's up is
+// the axis the ring turns about, so the ring lies straight along it: every
+// module at one pitch, where levelling by the modules' own rolls leaves a
+// wave of the lean's size.
+TEST(RigEstimator, RingTurnedAboutALeaningAxisLiesStraight) {
+  Synthetic::SphereRigOptions options = smallRing(-15.0, 6);
+  options.lean = 6.0;
+  options.jitter = 0.3;
+  options.rollJitter = 3.0;
+  const Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), options);
+  const Estimated result = estimate(cameraOf(rig));
+  ASSERT_EQ(result.report.modules.size(), 5u);
+  double low = 90.0, high = -90.0;
+  for (const auto& [name, module] : result.report.modules) {
+    ASSERT_TRUE(module.placed) << module.reason;
+    low = std::min(low, module.pitch);
+    high = std::max(high, module.pitch);
+  }
+  EXPECT_LT(high - low, 1.0) << "pitches " << low << " .. " << high << " degrees";
+  EXPECT_NEAR(0.5 * (low + high), -15.0, 1.0);  // turned down as much as about the true axis
+  EXPECT_LT(Synthetic::truthSeams(rig, result.camera).medianPx, 0.15);
+}
+
 TEST(RigEstimator, TwoRingsTurnedUpAndDownJoinAsAGrid) {
   const Synthetic::SphereRig rig = twoRings();
   const Estimated result = estimate(cameraOf(rig));
