@@ -131,8 +131,9 @@ std::vector<float> readTextValues(const std::string& path, unsigned cols, unsign
 
 double rounded(float value) { return std::round(double(value) * 1e6) / 1e6; }
 
-void run(const AutoclipOptions& o, const CLI::App& command) {
-  JsonOutput output(o.json);
+// Options of one mode refused in the other; the settings, checked by the
+// library's own rules.
+GeometryCalibration::ClippingOptions clippingSettings(const AutoclipOptions& o, const CLI::App& command) {
   const bool valueMode = !o.values.empty();
   if (valueMode) {
     for (const char* geometryOnly : {"--require-overlap", "--keep-aspect", "--threshold", "--no-holes"}) {
@@ -145,9 +146,7 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
       if (command.count(valuesOnly) > 0) throw CommandError(std::string(valuesOnly) + " needs --values FILE");
     }
   }
-
   if (o.apply != !o.out.empty()) throw CommandError("--apply and --out go together: --apply --out OUT.json");
-  // The settings, checked by the library's own rules.
   if (o.maxIterations < 1) throw CommandError("--max-iterations must be 1 or more, not " + std::to_string(o.maxIterations));
   GeometryCalibration::ClippingOptions settings;
   settings.valueMode = valueMode;
@@ -158,7 +157,49 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
   settings.weight = o.weight;
   settings.maxIterations = std::size_t(o.maxIterations);
   if (const auto valid = settings.validate(); !valid) throw CommandError("automatic clipping: " + valid.error());
+  return settings;
+}
 
+// Value mode: the map from a picture or a text file.
+void configureValues(GeometryCalibration::MatrixBased::AutoClipping& clipping, const AutoclipOptions& o,
+                     const CLI::App& command, std::size_t maxIterations) {
+  unsigned cols = o.cols;
+  unsigned rows = o.rows;
+  std::vector<float> values;
+  if (isPictureFile(o.values)) {
+    values = readPictureValues(o.values, cols, rows, command.count("--cols") > 0, command.count("--rows") > 0);
+  } else {
+    if (command.count("--cols") == 0 || command.count("--rows") == 0) {
+      throw CommandError("a values text file needs --cols and --rows");
+    }
+    values = readTextValues(o.values, cols, rows);
+  }
+  if (!clipping.config(std::move(values), cols, rows, o.weight, maxIterations)) throw CommandError(clipping.error());
+  std::cout << "value mode: " << cols << "x" << rows << " values, weight " << o.weight << ", at most "
+            << o.maxIterations << " iterations\n";
+}
+
+void printFound(const cv::Size& size, const cv::Rect& rect, const std::vector<float>& offset,
+                const std::vector<int>& gaps) {
+  std::cout << "coverage map " << size.width << "x" << size.height << "\n";
+  std::cout << "rectangle x " << rect.x << " y " << rect.y << " width " << rect.width << " height " << rect.height
+            << "\n";
+  std::cout << "offsets left " << offset[0] << " top " << offset[1] << " right " << offset[2] << " bottom "
+            << offset[3] << "\n";
+  if (gaps.empty()) {
+    std::cout << "gaps: none\n";
+    return;
+  }
+  std::cout << "gaps: " << gaps.size() / 5 << " hole(s) inside the rectangle\n";
+  for (std::size_t i = 0; i + 4 < gaps.size(); i += 5) {
+    std::cout << "  at x " << gaps[i] << " y " << gaps[i + 1] << ", " << gaps[i + 2] << "x" << gaps[i + 3] << ", "
+              << gaps[i + 4] << " elements\n";
+  }
+}
+
+void run(const AutoclipOptions& o, const CLI::App& command) {
+  JsonOutput output(o.json);
+  const GeometryCalibration::ClippingOptions settings = clippingSettings(o, command);
   auto loaded = CameraDescription::loadCameraFile(o.camera);
   if (!loaded) throw CommandError(loaded.error());
   std::vector<std::string> inputs = cameraInputs(loaded.value(), o.camera);
@@ -167,24 +208,8 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
   if (!o.picture.empty()) checkOutputFile(o.picture, inputs, "--picture");
   auto camera = std::make_shared<CameraDescription::Orbivane>(std::move(loaded.value()));
   GeometryCalibration::MatrixBased::AutoClipping clipping(camera);
-
-  if (valueMode) {
-    unsigned cols = o.cols;
-    unsigned rows = o.rows;
-    std::vector<float> values;
-    if (isPictureFile(o.values)) {
-      values = readPictureValues(o.values, cols, rows, command.count("--cols") > 0, command.count("--rows") > 0);
-    } else {
-      if (command.count("--cols") == 0 || command.count("--rows") == 0) {
-        throw CommandError("a values text file needs --cols and --rows");
-      }
-      values = readTextValues(o.values, cols, rows);
-    }
-    if (!clipping.config(std::move(values), cols, rows, o.weight, settings.maxIterations)) {
-      throw CommandError(clipping.error());
-    }
-    std::cout << "value mode: " << cols << "x" << rows << " values, weight " << o.weight << ", at most "
-              << o.maxIterations << " iterations\n";
+  if (settings.valueMode) {
+    configureValues(clipping, o, command, settings.maxIterations);
   } else {
     clipping.config(o.requireOverlap, o.keepAspect, o.threshold);
     clipping.setNoHoles(o.noHoles);
@@ -195,25 +220,11 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
   const bool found = clipping.process();
   for (const std::string& line : clipping.skippedModules()) std::cout << line << "\n";
   if (!found) throw CommandError("no clipping rectangle found: " + clipping.error());
-
   const cv::Rect rect = clipping.rectangle();
   const cv::Size size = clipping.coverageSize();
   const std::vector<float> offset = clipping.offset();
   const std::vector<int> gaps = clipping.checkGap();
-  std::cout << "coverage map " << size.width << "x" << size.height << "\n";
-  std::cout << "rectangle x " << rect.x << " y " << rect.y << " width " << rect.width << " height " << rect.height
-            << "\n";
-  std::cout << "offsets left " << offset[0] << " top " << offset[1] << " right " << offset[2] << " bottom "
-            << offset[3] << "\n";
-  if (gaps.empty()) {
-    std::cout << "gaps: none\n";
-  } else {
-    std::cout << "gaps: " << gaps.size() / 5 << " hole(s) inside the rectangle\n";
-    for (std::size_t i = 0; i + 4 < gaps.size(); i += 5) {
-      std::cout << "  at x " << gaps[i] << " y " << gaps[i + 1] << ", " << gaps[i + 2] << "x" << gaps[i + 3] << ", "
-                << gaps[i + 4] << " elements\n";
-    }
-  }
+  printFound(size, rect, offset, gaps);
   if (!o.picture.empty()) {
     const auto saved = Image::saveMat(clipping.inspectionPicture(), o.picture);
     if (!saved) throw CommandError(saved.error());
@@ -237,9 +248,7 @@ void run(const AutoclipOptions& o, const CLI::App& command) {
     for (float v : offset) out["offset"].push_back(rounded(v));
     out["gaps"] = gaps;
     out["size"] = {size.width, size.height};
-    if (o.apply) {
-      out["applied"] = {{"camera", o.out}, {"panoramaSize", {clippedSize.width, clippedSize.height}}};
-    }
+    if (o.apply) out["applied"] = {{"camera", o.out}, {"panoramaSize", {clippedSize.width, clippedSize.height}}};
     output.print(out);
   }
   std::cout << std::flush;

@@ -286,10 +286,8 @@ bool drawingsMeet(const CameraDescription::Orbivane& camera, const std::wstring&
          std::max(qa->top(), qb->top()) < std::min(qa->bottom(), qb->bottom());
 }
 
-// The rig estimated from the pictures (GeometryCalibration::RigEstimator);
-// modules it cannot place are put beside the panorama and named. Prints the
-// rig and fills `document`.
-CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in, json& document) {
+// The pictures (and the target) as modules at no place yet.
+CameraDescription::Orbivane unplacedCamera(const InitInputs& in) {
   CameraDescription::Orbivane camera;
   for (std::size_t i = 0; i < in.pictures.size(); ++i) {
     CameraDescription::OrbivaneModule module(Utils::fromUtf8(in.names[i]));
@@ -303,10 +301,16 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
     target.setImage(in.target);
     camera.addModule(target);
   }
-  GeometryCalibration::RigEstimator estimator(camera, {});
+  return camera;
+}
+
+// Runs the estimator with progress; Ctrl-C or a rig that cannot be
+// estimated ends the command.
+CameraDescription::Orbivane estimateRig(GeometryCalibration::RigEstimator& estimator, const InitOptions& o,
+                                        bool withTarget) {
   GeometryCalibration::RigOptions options;
   options.projection = o.projection;
-  if (in.target) options.target = L"target";
+  if (withTarget) options.target = L"target";
   if (const auto valid = estimator.setOptions(options); !valid) throw CommandError(valid.error());
   Progress progress("rig estimation");
   estimator.registerStatusCallback(progress.callback());
@@ -326,15 +330,28 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
     throw CommandError("the rig cannot be estimated from these pictures: " + estimated.error() +
                        " (place them yourself with --layout and --overlap)");
   }
-  camera = estimated.value();
-  const GeometryCalibration::RigReport& r = estimator.report();
-  std::cout << "rig: " << r.projection << " projection, " << fixedText(r.fieldOfViewX, 1) << " x "
-            << fixedText(r.fieldOfViewY, 1) << " degrees" << (r.fullRing ? " (a full ring)" : "") << ", panorama "
-            << r.panoramaWidth << "x" << r.panoramaHeight << ", matched features within " << fixedText(r.medianPx, 2)
-            << " px (median), " << fixedText(r.p90Px, 2) << " px (90 %), " << fixedText(r.seconds, 1) << " s\n";
-  json modules = json::array();
+  return estimated.value();
+}
+
+// Puts module `name` beside the panorama, the `unplaced`-th there, at the
+// rig's scale: drawn nowhere until placed.
+void putBesidePanorama(CameraDescription::Orbivane& camera, const std::wstring& name,
+                       const Image::UniversalImageInterface& picture, int unplaced) {
   const Utils::Size panorama = camera.panoramaSize();
-  int unplaced = 0;
+  const double w = double(picture.width()) / std::max(1, panorama.width);
+  const double h = double(picture.height()) / std::max(1, panorama.height);
+  Utils::Matrix4x4 matrix;
+  matrix.set(0, 0, float(w));
+  matrix.set(1, 1, float(h));
+  matrix.set(0, 3, float(1.0 + (unplaced - 1) * w * 1.05 + 0.05 * w));
+  camera.findModule(name)->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+}
+
+// Prints each module's place (or why it has none, putting it beside the
+// panorama) and returns their records; counts the unplaced.
+json reportModules(CameraDescription::Orbivane& camera, const GeometryCalibration::RigReport& r, const InitInputs& in,
+                   int& unplaced) {
+  json modules = json::array();
   for (std::size_t i = 0; i < in.names.size(); ++i) {
     const std::wstring name = Utils::fromUtf8(in.names[i]);
     const auto it = r.modules.find(name);
@@ -350,22 +367,18 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
                     {"k2", m.k2}, {"exposureGain", m.exposureGain}, {"grid", {m.gridColumns, m.gridRows}},
                     {"gridErrorPx", m.gridErrorPx}, {"residualPx", m.residualPx}});
     } else {
-      // Beside the panorama, at the rig's scale: drawn nowhere until placed.
-      ++unplaced;
-      const auto module = camera.findModule(name);
-      const double w = double(in.pictures[i]->width()) / std::max(1, panorama.width);
-      const double h = double(in.pictures[i]->height()) / std::max(1, panorama.height);
-      Utils::Matrix4x4 matrix;
-      matrix.set(0, 0, float(w));
-      matrix.set(1, 1, float(h));
-      matrix.set(0, 3, float(1.0 + (unplaced - 1) * w * 1.05 + 0.05 * w));
-      module->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
+      putBesidePanorama(camera, name, *in.pictures[i], ++unplaced);
       std::cerr << "orbivane-calibrate: module " << in.names[i] << " not placed: " << m.reason
                 << "; it is put beside the panorama\n";
       entry["reason"] = m.reason;
     }
     modules.push_back(entry);
   }
+  return modules;
+}
+
+// Prints each linked pair and returns their records.
+json reportPairs(const CameraDescription::Orbivane& camera, const GeometryCalibration::RigReport& r) {
   json pairs = json::array();
   for (const auto& p : r.pairs) {
     std::cout << "  " << Utils::toUtf8(p.first) << " - " << Utils::toUtf8(p.second) << ": " << p.matches
@@ -385,19 +398,38 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
     pair["acrossBorder"] = acrossBorder;
     pairs.push_back(pair);
   }
-  if (in.target) {
-    const auto& t = r.target;
-    if (t.registered) {
-      std::cout << "  target: " << (t.equirectangular ? "an equirectangular panorama, the panorama's own frame"
-                                                      : "placed on the panorama by a homography")
-                << ", " << t.matches << " features agree within " << fixedText(t.medianPx, 2) << " px (median)\n";
-    } else {
-      std::cerr << "orbivane-calibrate: the target could not be registered to the rig (" << t.reason
-                << "); it spans the panorama's width: calibrate --target target matches the modules to it\n";
-    }
-    document["target"] = {{"registered", t.registered}, {"equirectangular", t.equirectangular},
-                          {"matches", t.matches}, {"medianPx", t.medianPx}, {"reason", t.reason}};
+  return pairs;
+}
+
+// Prints how the target was registered and returns its record.
+json reportTarget(const GeometryCalibration::RigTargetReport& t) {
+  if (t.registered) {
+    std::cout << "  target: " << (t.equirectangular ? "an equirectangular panorama, the panorama's own frame"
+                                                    : "placed on the panorama by a homography")
+              << ", " << t.matches << " features agree within " << fixedText(t.medianPx, 2) << " px (median)\n";
+  } else {
+    std::cerr << "orbivane-calibrate: the target could not be registered to the rig (" << t.reason
+              << "); it spans the panorama's width: calibrate --target target matches the modules to it\n";
   }
+  return {{"registered", t.registered}, {"equirectangular", t.equirectangular},
+          {"matches", t.matches}, {"medianPx", t.medianPx}, {"reason", t.reason}};
+}
+
+// The rig estimated from the pictures (GeometryCalibration::RigEstimator);
+// modules it cannot place are put beside the panorama and named. Prints the
+// rig and fills `document`.
+CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in, json& document) {
+  GeometryCalibration::RigEstimator estimator(unplacedCamera(in), {});
+  CameraDescription::Orbivane camera = estimateRig(estimator, o, bool(in.target));
+  const GeometryCalibration::RigReport& r = estimator.report();
+  std::cout << "rig: " << r.projection << " projection, " << fixedText(r.fieldOfViewX, 1) << " x "
+            << fixedText(r.fieldOfViewY, 1) << " degrees" << (r.fullRing ? " (a full ring)" : "") << ", panorama "
+            << r.panoramaWidth << "x" << r.panoramaHeight << ", matched features within " << fixedText(r.medianPx, 2)
+            << " px (median), " << fixedText(r.p90Px, 2) << " px (90 %), " << fixedText(r.seconds, 1) << " s\n";
+  int unplaced = 0;
+  const json modules = reportModules(camera, r, in, unplaced);
+  const json pairs = reportPairs(camera, r);
+  if (in.target) document["target"] = reportTarget(r.target);
   document["rig"] = {{"projection", r.projection}, {"fieldOfView", {r.fieldOfViewX, r.fieldOfViewY}},
                      {"fullRing", r.fullRing}, {"medianPx", r.medianPx}, {"p90Px", r.p90Px},
                      {"seconds", r.seconds}, {"modules", modules}, {"pairs", pairs}};

@@ -111,66 +111,50 @@ void runCalibrator(Calibrator& calibrator, const std::list<std::wstring>& names,
   }
 }
 
-void runMatch(const MatchOptions& options) {
-  JsonOutput output(options.json);
-  auto loaded = CameraDescription::loadCameraFile(options.camera);
-  if (!loaded) throw CommandError(loaded.error());
-  CameraDescription::Orbivane& camera = loaded.value();
-  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
-  const bool fromRecordings = !options.recordings.empty();
+using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+
+// Connects the modules the recordings index lists to it; returns their names.
+std::set<std::string> connectRecordings(CameraDescription::Orbivane& camera, const std::string& recordings) {
+  auto index = Quarn::loadRecordingsIndex(recordings);
+  if (!index) throw CommandError(index.error());
+  const std::string indexPath = std::filesystem::absolute(recordings).lexically_normal().string();
   std::set<std::string> recorded;
-  if (fromRecordings) {
-    // Modules the index has recordings of reach them through it.
-    auto index = Quarn::loadRecordingsIndex(options.recordings);
-    if (!index) throw CommandError(index.error());
-    const std::string indexPath = std::filesystem::absolute(options.recordings).lexically_normal().string();
-    for (const auto& r : index.value().recordings) recorded.insert(r.module);
-    for (const auto& module : camera.modules()) {
-      const std::string name = Utils::toUtf8(module->name());
-      if (recorded.count(name) == 0) continue;
-      Quarn::QuarnConnection connection;
-      connection.backend = "recordings";
-      connection.address = indexPath;
-      connection.device = name;
-      module->setConnection(connection);
-    }
-  } else if (!options.from.empty() || !options.to.empty() || options.detector != "auto") {
-    throw CommandError("--from, --to and --detector need --recordings");
+  for (const auto& r : index.value().recordings) recorded.insert(r.module);
+  for (const auto& module : camera.modules()) {
+    const std::string name = Utils::toUtf8(module->name());
+    if (recorded.count(name) == 0) continue;
+    Quarn::QuarnConnection connection;
+    connection.backend = "recordings";
+    connection.address = indexPath;
+    connection.device = name;
+    module->setConnection(connection);
   }
+  return recorded;
+}
 
-  const std::wstring target = Utils::fromUtf8(options.target);
-  const auto targetModule = camera.findModule(target);
-  if (!targetModule) throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
-  const bool targetRecorded = recorded.count(options.target) != 0;
-  if (!targetModule->image() && !targetRecorded) {
-    throw CommandError("target module '" + options.target + "' has no picture" +
-                       (fromRecordings ? " and no recordings" : ""));
-  }
-
+// The modules to match: --modules in order (each once), else all but the target.
+std::list<std::wstring> modulesToMatch(const CameraDescription::Orbivane& camera, const MatchOptions& options,
+                                       const std::wstring& target) {
   std::list<std::wstring> names;
-  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
-  // From recordings, a target with recordings uses its own picked frame.
-  if (!targetRecorded) images[target] = targetModule->image();
   if (options.modules.empty()) {
     for (const auto& module : camera.modules())
       if (module->name() != target) names.push_back(module->name());
-  } else {
-    for (const auto& name : options.modules) {
-      const std::wstring wide = Utils::fromUtf8(name);
-      if (!camera.findModule(wide)) throw CommandError("unknown module '" + name + "' in " + options.camera);
-      if (std::find(names.begin(), names.end(), wide) != names.end()) {
-        std::cerr << "orbivane-calibrate: module " << name << " is listed more than once; calibrated once\n";
-        continue;
-      }
-      names.push_back(wide);
+    return names;
+  }
+  for (const auto& name : options.modules) {
+    const std::wstring wide = Utils::fromUtf8(name);
+    if (!camera.findModule(wide)) throw CommandError("unknown module '" + name + "' in " + options.camera);
+    if (std::find(names.begin(), names.end(), wide) != names.end()) {
+      std::cerr << "orbivane-calibrate: module " << name << " is listed more than once; calibrated once\n";
+      continue;
     }
+    names.push_back(wide);
   }
-  for (const auto& name : names) {
-    const auto module = camera.findModule(name);
-    if (module && module->image()) images[name] = module->image();
-  }
+  return names;
+}
 
-  // The settings, checked by the library's own rules.
+// The settings, checked by the library's own rules.
+GeometryCalibration::MatchOptions matchSettings(const MatchOptions& options) {
   GeometryCalibration::MatchOptions settings;
   settings.mode = options.mode;
   settings.m2b = options.m2b;
@@ -181,48 +165,87 @@ void runMatch(const MatchOptions& options) {
     if (!parsed) throw CommandError("--grid: " + parsed.error());
   }
   if (const auto valid = settings.validate(); !valid) throw CommandError("target matching: " + valid.error());
-  const int columns = settings.gridColumns, rows = settings.gridRows;
+  return settings;
+}
 
-  if (fromRecordings) {
-    OrbivaneCalibration::SmartFinderOptions finderOptions;
-    if (!options.from.empty()) finderOptions.fromMs = parseTimeOption(options.from, "--from");
-    if (!options.to.empty()) finderOptions.toMs = parseTimeOption(options.to, "--to");
-    auto kind = OrbivaneCalibration::parsePersonDetectorKind(options.detector);
-    if (!kind) throw CommandError("--detector: " + kind.error());
-    finderOptions.detector.kind = kind.value();
-    const auto valid = finderOptions.validate();
-    if (!valid) throw CommandError(valid.error());
-    OrbivaneCalibration::SmartFinderMatchToTarget smart(camera, std::move(images));
-    smart.setFinderOptions(finderOptions);
-    smart.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
-    smart.setM2bMaxIteration(options.m2b);
-    smart.setM2nMaxIteration(options.m2n);
-    smart.allowScale(options.allowScale);
-    if (columns > 0) {
-      smart.setGridEnabled(true);
-      for (const auto& name : names) smart.initGrid(columns, rows, name);
-    }
-    runCalibrator(smart, names, target, options, [&smart] {
-      for (const auto& [name, moments] : smart.frames()) {
-        if (moments.empty()) continue;
-        std::cout << Utils::toUtf8(name) << ": picture of " << Quarn::formatTimestamp(moments.front().timeMs)
-                  << (moments.front().builtBackground ? " (built background)" : "") << "\n";
-      }
-      for (const auto& [name, why] : smart.finderErrors()) {
-        std::cout << Utils::toUtf8(name) << ": no picture from the recordings: " << why << "\n";
-      }
-    });
-    return;
-  }
-  MatchToTarget calibrator(camera, std::move(images));
+// Either calibrator takes the same settings.
+template <typename Calibrator>
+void configure(Calibrator& calibrator, const MatchOptions& options, const GeometryCalibration::MatchOptions& settings,
+               const std::list<std::wstring>& names) {
   calibrator.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
   calibrator.setM2bMaxIteration(options.m2b);
   calibrator.setM2nMaxIteration(options.m2n);
   calibrator.allowScale(options.allowScale);
-  if (columns > 0) {
+  if (settings.gridColumns > 0) {
     calibrator.setGridEnabled(true);
-    for (const auto& name : names) calibrator.initGrid(columns, rows, name);
+    for (const auto& name : names) calibrator.initGrid(settings.gridColumns, settings.gridRows, name);
   }
+}
+
+// Target matching on pictures picked from the recordings.
+void matchFromRecordings(CameraDescription::Orbivane& camera, Images images, const MatchOptions& options,
+                         const GeometryCalibration::MatchOptions& settings, const std::list<std::wstring>& names,
+                         const std::wstring& target) {
+  OrbivaneCalibration::SmartFinderOptions finderOptions;
+  if (!options.from.empty()) finderOptions.fromMs = parseTimeOption(options.from, "--from");
+  if (!options.to.empty()) finderOptions.toMs = parseTimeOption(options.to, "--to");
+  auto kind = OrbivaneCalibration::parsePersonDetectorKind(options.detector);
+  if (!kind) throw CommandError("--detector: " + kind.error());
+  finderOptions.detector.kind = kind.value();
+  const auto valid = finderOptions.validate();
+  if (!valid) throw CommandError(valid.error());
+  OrbivaneCalibration::SmartFinderMatchToTarget smart(camera, std::move(images));
+  smart.setFinderOptions(finderOptions);
+  configure(smart, options, settings, names);
+  runCalibrator(smart, names, target, options, [&smart] {
+    for (const auto& [name, moments] : smart.frames()) {
+      if (moments.empty()) continue;
+      std::cout << Utils::toUtf8(name) << ": picture of " << Quarn::formatTimestamp(moments.front().timeMs)
+                << (moments.front().builtBackground ? " (built background)" : "") << "\n";
+    }
+    for (const auto& [name, why] : smart.finderErrors()) {
+      std::cout << Utils::toUtf8(name) << ": no picture from the recordings: " << why << "\n";
+    }
+  });
+}
+
+void runMatch(const MatchOptions& options) {
+  JsonOutput output(options.json);
+  auto loaded = CameraDescription::loadCameraFile(options.camera);
+  if (!loaded) throw CommandError(loaded.error());
+  CameraDescription::Orbivane& camera = loaded.value();
+  checkOutputFile(options.out, cameraInputs(camera, options.camera), "--out");
+  const bool fromRecordings = !options.recordings.empty();
+  if (!fromRecordings && (!options.from.empty() || !options.to.empty() || options.detector != "auto")) {
+    throw CommandError("--from, --to and --detector need --recordings");
+  }
+  // Modules the index has recordings of reach them through it.
+  const std::set<std::string> recorded = fromRecordings ? connectRecordings(camera, options.recordings) : std::set<std::string>();
+
+  const std::wstring target = Utils::fromUtf8(options.target);
+  const auto targetModule = camera.findModule(target);
+  if (!targetModule) throw CommandError("unknown target module '" + options.target + "' in " + options.camera);
+  const bool targetRecorded = recorded.count(options.target) != 0;
+  if (!targetModule->image() && !targetRecorded) {
+    throw CommandError("target module '" + options.target + "' has no picture" +
+                       (fromRecordings ? " and no recordings" : ""));
+  }
+  const std::list<std::wstring> names = modulesToMatch(camera, options, target);
+  Images images;
+  // From recordings, a target with recordings uses its own picked frame.
+  if (!targetRecorded) images[target] = targetModule->image();
+  for (const auto& name : names) {
+    const auto module = camera.findModule(name);
+    if (module && module->image()) images[name] = module->image();
+  }
+  const GeometryCalibration::MatchOptions settings = matchSettings(options);
+
+  if (fromRecordings) {
+    matchFromRecordings(camera, std::move(images), options, settings, names, target);
+    return;
+  }
+  MatchToTarget calibrator(camera, std::move(images));
+  configure(calibrator, options, settings, names);
   runCalibrator(calibrator, names, target, options, [] {});
 }
 

@@ -98,13 +98,7 @@ nlohmann::json sampleJson(const OrbivaneCalibration::SmartFinderFrame& f) {
           {"exposure", f.exposure}, {"foreground", foregroundJson(f)}, {"free", f.isFree}};
 }
 
-void runFind(const FindOptions& options) {
-  JsonOutput output(options.json);
-  auto index = Quarn::loadRecordingsIndex(options.recordings);
-  if (!index) throw CommandError(index.error());
-  if (index.value().recordings.empty()) throw CommandError(options.recordings + ": lists no recordings");
-  const std::string indexPath = fs::absolute(options.recordings).lexically_normal().string();
-
+OrbivaneCalibration::SmartFinderOptions finderOptionsOf(const FindOptions& options) {
   OrbivaneCalibration::SmartFinderOptions finderOptions;
   if (!options.from.empty()) finderOptions.fromMs = parseTimeOption(options.from, "--from");
   if (!options.to.empty()) finderOptions.toMs = parseTimeOption(options.to, "--to");
@@ -122,12 +116,16 @@ void runFind(const FindOptions& options) {
   finderOptions.detector.minPersonHeight = options.minPersonHeight;
   const auto valid = finderOptions.validate();
   if (!valid) throw CommandError(valid.error());
+  return finderOptions;
+}
 
-  // The camera: the index's modules in order of appearance, each connected
-  // to the index.
+// The camera of a recordings index: its modules in order of appearance,
+// each connected to the index.
+CameraDescription::Orbivane cameraOfIndex(const Quarn::RecordingsIndex& index, const std::string& recordings) {
+  const std::string indexPath = fs::absolute(recordings).lexically_normal().string();
   CameraDescription::Orbivane camera;
-  camera.setName(Utils::fromUtf8(fs::path(options.recordings).stem().string()));
-  for (const auto& r : index.value().recordings) {
+  camera.setName(Utils::fromUtf8(fs::path(recordings).stem().string()));
+  for (const auto& r : index.recordings) {
     const std::wstring name = Utils::fromUtf8(r.module);
     if (camera.findModule(name)) continue;
     CameraDescription::OrbivaneModule module(name);
@@ -138,6 +136,91 @@ void runFind(const FindOptions& options) {
     module.setConnection(connection);
     camera.addModule(module);
   }
+  return camera;
+}
+
+// One line of what was found for a module.
+void printFrame(const std::string& module, const OrbivaneCalibration::SmartFinderFrame& best, long freeFrames,
+                std::size_t sampled) {
+  std::cout << module << ": " << Quarn::formatTimestamp(best.timeMs) << " persons " << best.persons << " blur "
+            << best.blur << " exposure " << best.exposure << " motion " << best.motion;
+  if (best.foregroundMeasured) {
+    std::cout << " foreground " << best.foreground << " largest blob " << best.foregroundBlob << " px";
+  }
+  std::cout << " (" << freeFrames << " of " << sampled << " sampled frames free)";
+  if (best.builtBackground) std::cout << " no free frame: built background from " << best.framesUsed << " frames";
+  std::cout << "\n";
+}
+
+// The --json record of a module's frames.
+nlohmann::json framesJson(const std::vector<OrbivaneCalibration::SmartFinderFrame>& moments,
+                          const std::vector<OrbivaneCalibration::SmartFinderFrame>& samples, long freeFrames,
+                          const std::string& picturePath) {
+  const auto& best = moments.front();
+  nlohmann::json sampleList = nlohmann::json::array();
+  for (const auto& f : samples) sampleList.push_back(sampleJson(f));
+  nlohmann::json more = nlohmann::json::array();
+  for (std::size_t i = 1; i < moments.size(); ++i) {
+    more.push_back({{"time", moments[i].timeMs},
+                    {"persons", moments[i].persons},
+                    {"blur", moments[i].blur},
+                    {"foreground", foregroundJson(moments[i])}});
+  }
+  return {{"time", best.timeMs},
+          {"timeText", Quarn::formatTimestamp(best.timeMs)},
+          {"persons", best.persons},
+          {"blur", best.blur},
+          {"exposure", best.exposure},
+          {"motion", best.motion},
+          {"foreground", foregroundJson(best)},
+          {"freeFrames", freeFrames},
+          {"brightness", best.brightness},
+          {"background", best.builtBackground},
+          {"framesUsed", best.framesUsed},
+          {"track", best.track},
+          {"frame", best.frame},
+          {"picture", picturePath},
+          {"more", more},
+          {"samples", sampleList}};
+}
+
+// A module without a picture (a missing or unreadable video, say) fails the
+// run: nothing is put in place, an earlier run's output stays whole.
+void refuseMissingPictures(const std::map<std::wstring, std::string>& errors) {
+  if (errors.empty()) return;
+  const auto& first = *errors.begin();
+  throw CommandError("no picture for module '" + Utils::toUtf8(first.first) + "': " + first.second +
+                     (errors.size() > 1 ? " (and " + std::to_string(errors.size() - 1) + " more)" : "") +
+                     "; nothing written");
+}
+
+// Interrupted: the modules done so far stay, the others are left out (their
+// names returned), so the camera written has a picture for every module.
+std::vector<std::string> keepModulesDone(CameraDescription::Orbivane& camera) {
+  std::vector<std::string> notDone;
+  auto& modules = camera.modules();
+  for (auto it = modules.begin(); it != modules.end();) {
+    if ((*it)->image()) {
+      ++it;
+      continue;
+    }
+    notDone.push_back(Utils::toUtf8((*it)->name()));
+    it = modules.erase(it);
+  }
+  if (modules.empty()) {
+    exitStatus() = kExitInterrupted;
+    throw CommandError("interrupted before any module had a picture; nothing written");
+  }
+  return notDone;
+}
+
+void runFind(const FindOptions& options) {
+  JsonOutput output(options.json);
+  auto index = Quarn::loadRecordingsIndex(options.recordings);
+  if (!index) throw CommandError(index.error());
+  if (index.value().recordings.empty()) throw CommandError(options.recordings + ": lists no recordings");
+  const OrbivaneCalibration::SmartFinderOptions finderOptions = finderOptionsOf(options);
+  const CameraDescription::Orbivane camera = cameraOfIndex(index.value(), options.recordings);
 
   // The pictures and camera.json are written beside the folder and put in
   // place together at the end: a run that fails leaves what was there.
@@ -158,6 +241,7 @@ void runFind(const FindOptions& options) {
   progress.finish(!interrupted);
   if (!found) throw CommandError(found.error());
 
+  // Each module's best frame: its picture, a line and its record.
   nlohmann::json frames = nlohmann::json::object();
   auto sampled = finder.samples();
   CameraDescription::Orbivane result = camera;
@@ -167,78 +251,20 @@ void runFind(const FindOptions& options) {
     const std::string utf8 = Utils::toUtf8(name);
     const auto& best = moments.front();
     const std::string fileName = uniqueFileName(fileNameFor(utf8), ".png", usedFiles);
-    const std::string picturePath = (fs::path(options.out) / fileName).string();
     const auto saved = Image::saveImage(*best.picture, staged.file(fileName));
     if (!saved) throw CommandError(saved.error());
     const auto module = result.findModule(name);
     module->setImage(best.picture);
     module->setImagePath(staged.file(fileName));
-    const std::vector<OrbivaneCalibration::SmartFinderFrame>& samples = sampled[name];
-    const auto freeFrames = std::count_if(samples.begin(), samples.end(), [](const auto& f) { return f.isFree; });
-    std::cout << utf8 << ": " << Quarn::formatTimestamp(best.timeMs) << " persons " << best.persons << " blur "
-              << best.blur << " exposure " << best.exposure << " motion " << best.motion;
-    if (best.foregroundMeasured) {
-      std::cout << " foreground " << best.foreground << " largest blob " << best.foregroundBlob << " px";
-    }
-    std::cout << " (" << freeFrames << " of " << samples.size() << " sampled frames free)";
-    if (best.builtBackground) {
-      std::cout << " no free frame: built background from " << best.framesUsed << " frames";
-    }
-    std::cout << "\n";
-    nlohmann::json sampleList = nlohmann::json::array();
-    for (const auto& f : samples) sampleList.push_back(sampleJson(f));
-    nlohmann::json more = nlohmann::json::array();
-    for (std::size_t i = 1; i < moments.size(); ++i) {
-      more.push_back({{"time", moments[i].timeMs},
-                      {"persons", moments[i].persons},
-                      {"blur", moments[i].blur},
-                      {"foreground", foregroundJson(moments[i])}});
-    }
-    frames[utf8] = {{"time", best.timeMs},
-                    {"timeText", Quarn::formatTimestamp(best.timeMs)},
-                    {"persons", best.persons},
-                    {"blur", best.blur},
-                    {"exposure", best.exposure},
-                    {"motion", best.motion},
-                    {"foreground", foregroundJson(best)},
-                    {"freeFrames", freeFrames},
-                    {"brightness", best.brightness},
-                    {"background", best.builtBackground},
-                    {"framesUsed", best.framesUsed},
-                    {"track", best.track},
-                    {"frame", best.frame},
-                    {"picture", picturePath},
-                    {"more", more},
-                    {"samples", sampleList}};
+    const auto& samples = sampled[name];
+    const auto freeFrames = long(std::count_if(samples.begin(), samples.end(), [](const auto& f) { return f.isFree; }));
+    printFrame(utf8, best, freeFrames, samples.size());
+    frames[utf8] = framesJson(moments, samples, freeFrames, (fs::path(options.out) / fileName).string());
   }
-  // A module without a picture (a missing or unreadable video, say) fails
-  // the run: nothing is put in place, an earlier run's output stays whole.
   // Ctrl-C keeps what was found.
-  const auto errors = finder.errors();
-  if (!errors.empty() && !interrupted) {
-    const auto& first = *errors.begin();
-    throw CommandError("no picture for module '" + Utils::toUtf8(first.first) + "': " + first.second +
-                       (errors.size() > 1 ? " (and " + std::to_string(errors.size() - 1) + " more)" : "") +
-                       "; nothing written");
-  }
-  // Interrupted: the modules done so far are written, the others left out
-  // (named), so the camera written has a picture for every module.
-  std::vector<std::string> notDone;
-  if (interrupted) {
-    auto& modules = result.modules();
-    for (auto it = modules.begin(); it != modules.end();) {
-      if ((*it)->image()) {
-        ++it;
-        continue;
-      }
-      notDone.push_back(Utils::toUtf8((*it)->name()));
-      it = modules.erase(it);
-    }
-    if (modules.empty()) {
-      exitStatus() = kExitInterrupted;
-      throw CommandError("interrupted before any module had a picture; nothing written");
-    }
-  }
+  if (!interrupted) refuseMissingPictures(finder.errors());
+  const std::vector<std::string> notDone = interrupted ? keepModulesDone(result) : std::vector<std::string>();
+
   const std::string cameraPath = (fs::path(options.out) / "camera.json").string();
   const auto savedCamera = CameraDescription::saveCameraFile(result, staged.file("camera.json"));
   if (!savedCamera) throw CommandError(savedCamera.error());

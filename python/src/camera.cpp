@@ -280,9 +280,8 @@ py::array shadePicture(const py::object& picture, const std::vector<OrbivaneGeom
   return arrayFromMat(Image::toMat(shaded));
 }
 
-}  // namespace
-
-void registerCamera(py::module_& m) {
+// Shaders: the Shader record and picture shading.
+void registerShaders(py::module_& m) {
   m.attr("CLIP_MATRIX_SHADER_UID") = OrbivaneGeometry::kClipMatrixShaderUid;
   m.attr("LENS_DISTORTION_SHADER_UID") = ImageSource::kLensDistortionShaderUid;
   py::class_<OrbivaneGeometry::Shader>(m, "Shader",
@@ -317,6 +316,10 @@ void registerCamera(py::module_& m) {
         "Renders a picture through a shader chain (clip matrix, lens distortion) and optional UV grid, as the "
         "viewer draws a module; returns a BGR array of `size` (width, height), else the picture's size.");
 
+}
+
+// Modules: their place, picture, shaders and grid.
+void registerModule(py::module_& m) {
   py::class_<OrbivaneModule, ModulePtr>(
       m, "Module",
       "One sensor module of a camera: name, mounting rotation, geometry (a 4 x 4 matrix and an optional UV grid), "
@@ -433,6 +436,10 @@ void registerCamera(py::module_& m) {
         return text + ">";
       });
 
+}
+
+// The camera: its modules, panorama and files.
+void registerCameraClass(py::module_& m) {
   py::class_<Orbivane, CameraPtr>(
       m, "Camera",
       "A multi-sensor panoramic camera description: its modules in order. Copies (copy.copy, copy.deepcopy, "
@@ -540,7 +547,14 @@ void registerCamera(py::module_& m) {
         for (const auto& mod : c.modules()) names += (names.empty() ? "" : ", ") + narrow(mod->name());
         return "<orbivane.Camera '" + narrow(c.name()) + "' modules=[" + names + "]>";
       });
+}
 
+}  // namespace
+
+void registerCamera(py::module_& m) {
+  registerShaders(m);
+  registerModule(m);
+  registerCameraClass(m);
   m.def("render_panorama", &renderPanorama, py::arg("camera"), py::arg("size") = py::none(),
         py::arg("feather") = 0.1, py::arg("overlay") = false, py::arg("full") = false,
         "Draws the stitched panorama as the viewer draws it (final matrices, UV grids, lens shaders, feathered "

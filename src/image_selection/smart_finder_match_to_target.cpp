@@ -38,6 +38,20 @@ struct SmartFinderMatchToTarget::Impl {
   std::unique_ptr<MatchToTarget> lastMatcher;
   std::map<std::wstring, std::vector<SmartFinderFrame>> frames;
   std::map<std::wstring, std::string> finderErrors;
+
+  // The modules whose pictures come from their recordings: the target
+  // unless its own picture is given, and each module that has a connection.
+  std::list<std::wstring> modulesToFind(const std::list<std::wstring>& modules, const std::wstring& target,
+                                        bool targetGiven) const;
+  // The modules' picked frames (errors logged and kept); `finderSteps` is
+  // how many progress steps the search took.
+  std::map<std::wstring, std::vector<SmartFinderFrame>> findFrames(const std::list<std::wstring>& wanted,
+                                                                   int& finderSteps);
+  // Target matching from `start` on `pictures`; its progress follows the search's.
+  CameraDescription::Orbivane match(const CameraDescription::Orbivane& start,
+                                    const std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>& pictures,
+                                    const std::list<std::wstring>& modules, const std::wstring& target,
+                                    int finderSteps);
 };
 
 SmartFinderMatchToTarget::SmartFinderMatchToTarget(
@@ -47,15 +61,19 @@ SmartFinderMatchToTarget::SmartFinderMatchToTarget(
 
 SmartFinderMatchToTarget::~SmartFinderMatchToTarget() = default;
 
-CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::wstring> modules, std::wstring target) {
-  SmartFinderMatchToTarget::Impl& s = *impl_;
-  if (s.abortFlag) return s.camera;
+namespace {
 
-  // 1. Pictures: the target's own (given) picture, else its picked frame;
-  //    the modules' picked frames.
+using Pictures = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>>;
+using Frames = std::map<std::wstring, std::vector<SmartFinderFrame>>;
+
+}  // namespace
+
+std::list<std::wstring> SmartFinderMatchToTarget::Impl::modulesToFind(const std::list<std::wstring>& modules,
+                                                                      const std::wstring& target,
+                                                                      bool targetGiven) const {
+  const Impl& s = *this;
   std::list<std::wstring> wanted;
   std::set<std::wstring> seen;
-  const bool targetGiven = s.images.count(target) != 0 && s.images.at(target) != nullptr;
   if (!targetGiven) {
     wanted.push_back(target);
     seen.insert(target);
@@ -73,54 +91,14 @@ CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::w
     s.logger->error("Target module {} has neither a picture nor recordings", Utils::toUtf8(target));
     wanted.remove(target);
   }
+  return wanted;
+}
 
-  std::map<std::wstring, std::vector<SmartFinderFrame>> found;
-  std::map<std::wstring, std::string> finderErrors;
-  int finderSteps = 0;
-  if (!wanted.empty()) {
-    SmartFinderImage finder(s.camera);
-    finder.setOptions(s.finderOptions);
-    finder.registerStatusCallback([&s, &finderSteps](int step, int total, std::string text,
-                                                     GeometryCalibration::AdvStepInfo info) {
-      finderSteps = total;
-      if (s.callback) s.callback(step, total, std::move(text), std::move(info));
-    });
-    {
-      std::lock_guard<std::mutex> lock(s.mutex);
-      s.runningFinder = &finder;
-      if (s.abortFlag) finder.abort();
-    }
-    auto result = finder.find(wanted);
-    {
-      std::lock_guard<std::mutex> lock(s.mutex);
-      s.runningFinder = nullptr;
-    }
-    if (!result) {
-      s.logger->error("Finding pictures in the recordings failed: {}", result.error());
-      for (const auto& name : wanted) finderErrors[name] = result.error();
-    } else {
-      found = result.value();
-      finderErrors = finder.errors();
-    }
-  }
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.frames = found;
-    s.finderErrors = finderErrors;
-  }
-  for (const auto& [name, why] : finderErrors) {
-    s.logger->error("Module {} has no picture from its recordings: {}", Utils::toUtf8(name), why);
-  }
+namespace {
 
-  std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> pictures;
-  if (targetGiven) pictures[target] = s.images.at(target);
-  for (const auto& [name, moments] : found) {
-    if (moments.empty() || !moments.front().picture) continue;
-    if (name == target && targetGiven) continue;
-    pictures[name] = moments.front().picture;
-  }
-  // The camera the matcher starts from carries the pictures it works on.
-  CameraDescription::Orbivane start = s.camera;
+// The camera the matcher starts from: it carries the pictures it works on.
+CameraDescription::Orbivane cameraWithFrames(const CameraDescription::Orbivane& camera, const Frames& found) {
+  CameraDescription::Orbivane start = camera;
   for (const auto& [name, moments] : found) {
     const auto module = start.findModule(name);
     if (module && !moments.empty() && moments.front().picture) {
@@ -128,36 +106,105 @@ CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::w
       module->setImagePath(std::string());
     }
   }
+  return start;
+}
+
+}  // namespace
+
+Frames SmartFinderMatchToTarget::Impl::findFrames(const std::list<std::wstring>& wanted, int& finderSteps) {
+  Frames found;
+  std::map<std::wstring, std::string> errors;
+  if (!wanted.empty()) {
+    SmartFinderImage finder(camera);
+    finder.setOptions(finderOptions);
+    finder.registerStatusCallback([this, &finderSteps](int step, int total, std::string text,
+                                                       GeometryCalibration::AdvStepInfo info) {
+      finderSteps = total;
+      if (callback) callback(step, total, std::move(text), std::move(info));
+    });
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      runningFinder = &finder;
+      if (abortFlag) finder.abort();
+    }
+    auto result = finder.find(wanted);
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      runningFinder = nullptr;
+    }
+    if (!result) {
+      logger->error("Finding pictures in the recordings failed: {}", result.error());
+      for (const auto& name : wanted) errors[name] = result.error();
+    } else {
+      found = result.value();
+      errors = finder.errors();
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    frames = found;
+    finderErrors = errors;
+  }
+  for (const auto& [name, why] : errors) {
+    logger->error("Module {} has no picture from its recordings: {}", Utils::toUtf8(name), why);
+  }
+  return found;
+}
+
+CameraDescription::Orbivane SmartFinderMatchToTarget::Impl::match(const CameraDescription::Orbivane& start,
+                                                                  const Pictures& pictures,
+                                                                  const std::list<std::wstring>& modules,
+                                                                  const std::wstring& target, int finderSteps) {
+  auto matcher = std::make_unique<MatchToTarget>(start, pictures);
+  matcher->setCalibrationMode(mode);
+  matcher->setM2bMaxIteration(m2b);
+  matcher->setM2nMaxIteration(m2n);
+  matcher->allowScale(scale);
+  matcher->setGridEnabled(gridEnabled);
+  for (const auto& [name, size] : gridSizes) matcher->initGrid(size.first, size.second, name);
+  matcher->registerStatusCallback([this, finderSteps](int step, int total, std::string text,
+                                                      GeometryCalibration::AdvStepInfo info) {
+    if (callback) callback(finderSteps + step, finderSteps + total, std::move(text), std::move(info));
+  });
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    runningMatcher = matcher.get();
+    if (abortFlag) matcher->abort();
+  }
+  CameraDescription::Orbivane result = matcher->calibrate(modules, target);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    runningMatcher = nullptr;
+    lastMatcher = std::move(matcher);
+  }
+  return result;
+}
+
+CameraDescription::Orbivane SmartFinderMatchToTarget::calibrate(std::list<std::wstring> modules, std::wstring target) {
+  SmartFinderMatchToTarget::Impl& s = *impl_;
+  if (s.abortFlag) return s.camera;
+
+  // 1. Pictures: the target's own (given) picture, else its picked frame;
+  //    the modules' picked frames.
+  const bool targetGiven = s.images.count(target) != 0 && s.images.at(target) != nullptr;
+  int finderSteps = 0;
+  const Frames found = s.findFrames(s.modulesToFind(modules, target, targetGiven), finderSteps);
+  Pictures pictures;
+  if (targetGiven) pictures[target] = s.images.at(target);
+  for (const auto& [name, moments] : found) {
+    if (moments.empty() || !moments.front().picture) continue;
+    if (name == target && targetGiven) continue;
+    pictures[name] = moments.front().picture;
+  }
+  const CameraDescription::Orbivane start = cameraWithFrames(s.camera, found);
   if (s.abortFlag) {
     s.camera = start;
     return start;
   }
 
   // 2. Target matching on those pictures.
-  auto matcher = std::make_unique<MatchToTarget>(start, pictures);
-  matcher->setCalibrationMode(s.mode);
-  matcher->setM2bMaxIteration(s.m2b);
-  matcher->setM2nMaxIteration(s.m2n);
-  matcher->allowScale(s.scale);
-  matcher->setGridEnabled(s.gridEnabled);
-  for (const auto& [name, size] : s.gridSizes) matcher->initGrid(size.first, size.second, name);
-  matcher->registerStatusCallback([&s, &finderSteps](int step, int total, std::string text,
-                                                     GeometryCalibration::AdvStepInfo info) {
-    if (s.callback) s.callback(finderSteps + step, finderSteps + total, std::move(text), std::move(info));
-  });
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.runningMatcher = matcher.get();
-    if (s.abortFlag) matcher->abort();
-  }
-  CameraDescription::Orbivane result = matcher->calibrate(modules, target);
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.runningMatcher = nullptr;
-    s.lastMatcher = std::move(matcher);
-  }
-  s.camera = result;
-  return result;
+  s.camera = s.match(start, pictures, modules, target, finderSteps);
+  return s.camera;
 }
 
 void SmartFinderMatchToTarget::setFinderOptions(const SmartFinderOptions& options) { impl_->finderOptions = options; }

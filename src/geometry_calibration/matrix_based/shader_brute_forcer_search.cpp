@@ -431,7 +431,7 @@ void ShaderSearch::flush(std::vector<std::uint64_t>& pending) {
   pending.clear();
 }
 
-std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& module, const std::wstring& reference) {
+void ShaderSearch::reset() {
   results_.clear();
   best_ = BestList();
   rejectAbove_ = std::numeric_limits<float>::infinity();
@@ -439,21 +439,23 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   counter_ = 0;
   done_ = total_ = 0;
   states_.clear();
+}
 
-  // 1. The module, its picture and the reference.
+const OrbivaneGeometry::MatrixRepresentableGeometry* ShaderSearch::takeModule(const std::wstring& module,
+                                                                              const std::wstring& reference) {
   const auto found = camera_.findModule(module);
   if (!found) unknownKey();
   moduleImage_ = lookup(images_, module);
-  const auto referenceImage = lookup(images_, reference);
+  referenceImage_ = lookup(images_, reference);
   const std::string name = Utils::toUtf8(module);
   const auto* geometry = dynamic_cast<const OrbivaneGeometry::MatrixRepresentableGeometry*>(found->geometry());
   if (geometry == nullptr) {
     logger_->warn("Module {} has no Matrix Geometry.. Skipping pmodule", name);
-    return {};
+    return nullptr;
   }
-  if (!moduleImage_ || moduleImage_->empty() || !referenceImage || referenceImage->empty()) {
+  if (!moduleImage_ || moduleImage_->empty() || !referenceImage_ || referenceImage_->empty()) {
     logger_->warn("Module {}: empty picture or reference; nothing to search", name);
-    return {};
+    return nullptr;
   }
   shaderUid_ = geometry->shaderId();
   const auto known = OrbivaneGeometry::knownShaders();
@@ -465,36 +467,38 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   if (const auto* matrixGeometry = found->matrixGeometry()) {
     if (matrixGeometry->uvGrid() && !matrixGeometry->uvGrid()->empty()) grid_ = *matrixGeometry->uvGrid();
   }
+  return geometry;
+}
 
-  // 2. The surface, a quarter of the reference, and the rendered size.
-  const Utils::Size surfaceSize{referenceImage->width() >> 2, referenceImage->height() >> 2};
+Utils::Optional<cv::Size> ShaderSearch::prepareRenderer(const std::string& name) {
+  // The surface is a quarter of the reference each way.
+  const Utils::Size surfaceSize{referenceImage_->width() >> 2, referenceImage_->height() >> 2};
   if (surfaceSize.empty()) {
     logger_->warn("Module {}: reference of {}x{} pixels is below 4x4; nothing to search", name,
-                  referenceImage->width(), referenceImage->height());
-    return {};
+                  referenceImage_->width(), referenceImage_->height());
+    return std::nullopt;
   }
   surface_ = std::make_shared<Image::RGBImage>(surfaceSize.width, surfaceSize.height, Image::kMappingBGR);
-  cv::Size rendered;
-  {
-    // Kept: every thread's shading object takes over its working picture and coordinates.
-    prototype_ = std::make_unique<ImageSource::ImageShading>();
-    prototype_->SetShader(chain_);
-    prototype_->SetSurface(surface_);
-    if (grid_) prototype_->SetUVGrid(*grid_);
-    const auto picture = prototype_->Apply(moduleImage_, surfaceSize);
-    rendered = cv::Size(picture->width(), picture->height());
-  }
+  // Kept: every thread's shading object takes over its working picture and coordinates.
+  prototype_ = std::make_unique<ImageSource::ImageShading>();
+  prototype_->SetShader(chain_);
+  prototype_->SetSurface(surface_);
+  if (grid_) prototype_->SetUVGrid(*grid_);
+  const auto picture = prototype_->Apply(moduleImage_, surfaceSize);
+  return cv::Size(picture->width(), picture->height());
+}
 
-  // 3. The module's rectangle on the reference.
-  const cv::Mat referenceMat = Image::toMat(referenceImage);
-  const auto placed = rendered.empty() ? Utils::Optional<cv::Rect>() : rectangleOnReference(*geometry, referenceMat.size());
+bool ShaderSearch::prepareReference(const OrbivaneGeometry::MatrixRepresentableGeometry& geometry,
+                                    cv::Size rendered, const std::string& name) {
+  const cv::Mat referenceMat = Image::toMat(referenceImage_);
+  const auto placed = rendered.empty() ? Utils::Optional<cv::Rect>() : rectangleOnReference(geometry, referenceMat.size());
   if (!placed) {
     logger_->warn("Module {}: its matrix does not place the picture on the surface, or its rectangle on the "
                   "reference has no pixels; nothing to search", name);
-    return {};
+    return false;
   }
   const cv::Rect rect = *placed;
-  // 4. Its edge image; parts outside the reference are black.
+  // Parts of the rectangle outside the reference are black.
   const cv::Rect inside = rect & cv::Rect(0, 0, referenceMat.cols, referenceMat.rows);
   cv::Mat cut;
   if (inside == rect && referenceMat.type() == CV_8UC3) {
@@ -504,10 +508,19 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
     if (!inside.empty()) referenceMat(inside).copyTo(cut(inside - rect.tl()));
   }
   referenceEdges_ = edgeImageOfColour(cut, rendered);
+  referenceRowSums_.assign(std::size_t(referenceEdges_.rows), 0);
+  for (int r = 0; r < referenceEdges_.rows; ++r) {
+    const std::uint8_t* row = referenceEdges_.ptr<std::uint8_t>(r);
+    std::uint32_t sum = 0;
+    for (int c = 0; c < referenceEdges_.cols; ++c) sum += row[c];
+    referenceRowSums_[std::size_t(r)] = sum;
+  }
   logger_->info("Module {}: rectangle {}x{} at ({}, {}) on the reference, rendering {}x{}", name, rect.width,
                 rect.height, rect.x, rect.y, rendered.width, rendered.height);
+  return true;
+}
 
-  // The walk.
+void ShaderSearch::prepareWalk(std::size_t& outerBegin, std::size_t& outerEnd) {
   names_.clear();
   values_.clear();
   texts_.clear();
@@ -517,49 +530,50 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
     texts_.emplace_back();
     for (const float value : values_.back()) texts_.back().push_back(formatted(value));
   }
-  const auto& names = names_;
-  const auto& values = values_;
-  std::size_t outerBegin = 0, outerEnd = 0;
-  total_ = shardRenderings(values, shardIndex_, shardCount_, outerBegin, outerEnd);
-
+  total_ = shardRenderings(values_, shardIndex_, shardCount_, outerBegin, outerEnd);
   if (shaderKnown_) prepareDistortions();
-  referenceRowSums_.assign(std::size_t(referenceEdges_.rows), 0);
-  for (int r = 0; r < referenceEdges_.rows; ++r) {
-    const std::uint8_t* row = referenceEdges_.ptr<std::uint8_t>(r);
-    std::uint32_t sum = 0;
-    for (int c = 0; c < referenceEdges_.cols; ++c) sum += row[c];
-    referenceRowSums_[std::size_t(r)] = sum;
-  }
+}
 
+void ShaderSearch::walk(std::size_t outerBegin, std::size_t outerEnd) {
   // The points of one outermost value are evaluated together (by families).
   std::vector<std::uint64_t> pending;
-  std::function<void(std::size_t, std::map<std::string, float>, std::uint64_t)> walk =
-      [&](std::size_t position, std::map<std::string, float> set, std::uint64_t index) {
-        if (position == names.size()) {
-          pending.push_back(index);
-          return;
-        }
-        const auto& range = values[position];
-        const std::size_t begin = position == 0 ? outerBegin : 0;
-        const std::size_t end = position == 0 ? outerEnd : range.size();
-        for (std::size_t j = begin; j < end; ++j) {
-          set[names[position]] = range[j];
-          if (position == 0) {
-            flush(pending);
-            std::cout << range[j] << std::endl;
-          }
-          walk(position + 1, set, index * range.size() + j);
-        }
-      };
-  walk(0, {}, 0);
+  std::function<void(std::size_t, std::uint64_t)> visit = [&](std::size_t position, std::uint64_t index) {
+    if (position == names_.size()) {
+      pending.push_back(index);
+      return;
+    }
+    const auto& range = values_[position];
+    const std::size_t begin = position == 0 ? outerBegin : 0;
+    const std::size_t end = position == 0 ? outerEnd : range.size();
+    for (std::size_t j = begin; j < end; ++j) {
+      if (position == 0) {
+        flush(pending);
+        std::cout << range[j] << std::endl;
+      }
+      visit(position + 1, index * range.size() + j);
+    }
+  };
+  visit(0, 0);
   flush(pending);
   states_.clear();
   prototype_.reset();
+}
 
-  // The result.
+std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& module, const std::wstring& reference) {
+  reset();
+  const std::string name = Utils::toUtf8(module);
+  const auto* geometry = takeModule(module, reference);
+  if (geometry == nullptr) return {};
+  const auto rendered = prepareRenderer(name);
+  if (!rendered || !prepareReference(*geometry, *rendered, name)) return {};
+  std::size_t outerBegin = 0, outerEnd = 0;
+  prepareWalk(outerBegin, outerEnd);
+  walk(outerBegin, outerEnd);
+
   results_ = best_.ordered();
   std::list<CameraDescription::Orbivane> cameras;
   int place = 0;
+  const auto known = OrbivaneGeometry::knownShaders();
   for (const auto& result : results_) {
     std::cout << "Best " << place++ << " Error: " << result.error << std::endl;
     cameras.push_back(cameraWithParameters(camera_, module, result.parameters, known));

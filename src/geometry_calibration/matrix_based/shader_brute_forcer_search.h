@@ -111,6 +111,20 @@ class ShaderSearch {
   void evaluateFamily(const Family& family);
   ThreadState& threadState();
   void flush(std::vector<std::uint64_t>& pending);
+  // The steps of a search: forget the last one; take the module, its
+  // picture, shader chain and grid (nullptr, with a warning: nothing to
+  // search); make the renderer and give the rendering's size (nothing: the
+  // reference is too small); the reference's edge image over the module's
+  // rectangle (false: nothing to search); the walk's values and this shard's
+  // part of the outermost list; the walk itself.
+  void reset();
+  const OrbivaneGeometry::MatrixRepresentableGeometry* takeModule(const std::wstring& module,
+                                                                  const std::wstring& reference);
+  Utils::Optional<cv::Size> prepareRenderer(const std::string& name);
+  bool prepareReference(const OrbivaneGeometry::MatrixRepresentableGeometry& geometry, cv::Size rendered,
+                        const std::string& name);
+  void prepareWalk(std::size_t& outerBegin, std::size_t& outerEnd);
+  void walk(std::size_t outerBegin, std::size_t outerEnd);
 
   CameraDescription::Orbivane camera_;
   Images images_;
@@ -127,6 +141,7 @@ class ShaderSearch {
   bool shaderKnown_ = false;
   Utils::Optional<Utils::UVGrid> grid_;
   std::shared_ptr<Image::UniversalImageInterface> moduleImage_;
+  std::shared_ptr<Image::UniversalImageInterface> referenceImage_;
   std::shared_ptr<Image::UniversalImageInterface> surface_;
   cv::Mat referenceEdges_;
   // The renderer that prepared the search: its working picture and
