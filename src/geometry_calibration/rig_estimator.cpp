@@ -201,6 +201,10 @@ Utils::ReturnState<bool, std::string> RigOptions::validate() const {
   return true;
 }
 
+namespace {
+struct RigRun;
+}  // namespace
+
 struct RigEstimator::Impl {
   CameraDescription::Orbivane camera;
   Images images;
@@ -210,6 +214,15 @@ struct RigEstimator::Impl {
   RigReport report;
   int progress = 0, total = 0;
   std::shared_ptr<spdlog::logger> logger = Utils::calibratorLogger("RigEstimation");
+
+  // The steps of an estimate (see estimate()); each fails with its reason.
+  Utils::ReturnState<bool, std::string> matchPictures(RigRun& run);
+  Utils::ReturnState<bool, std::string> adjustRig(RigRun& run);
+  Utils::ReturnState<Rig::TargetFit, std::string> framePanorama(RigRun& run, const cv::Mat& target);
+  Utils::ReturnState<bool, std::string> writeModules(const RigRun& run, CameraDescription::Orbivane& result,
+                                                     std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>>& placed);
+  void evenExposure(const CameraDescription::Orbivane& result,
+                    const std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>>& placed, cv::Size panorama);
 
   void step(const std::string& text) {
     progress = std::min(progress + 1, total);
@@ -672,6 +685,126 @@ Utils::ReturnState<bool, std::string> writeModule(CameraDescription::OrbivaneMod
 
 }  // namespace
 
+Utils::ReturnState<bool, std::string> RigEstimator::Impl::matchPictures(RigRun& run) {
+  const int n = int(run.names.size());
+  run.features = Rig::findFeatures(run.pictures, options.featureMegapixels, abort);
+  for (int i = 0; i < n; ++i) step("Finding Features of Module " + narrow(run.names[std::size_t(i)]));
+  if (abort.load()) return Utils::failure("aborted");
+  run.pairs = Rig::matchPairs(run.features, &run.focalGuess);
+  run.admitPairs();
+  run.rescueApartPictures(abort);
+  step("Matching Pictures");
+  if (abort.load()) return Utils::failure("aborted");
+  return true;
+}
+
+Utils::ReturnState<bool, std::string> RigEstimator::Impl::adjustRig(RigRun& run) {
+  std::set<std::pair<int, int>> guidedTried;
+  for (int round = 0;; ++round) {
+    if (!run.firstGuess()) {
+      return Utils::failure("no two pictures overlap enough to be linked (too few matching features in every pair)");
+    }
+    const Rig::AdjustmentSummary adjusted = run.adjust();
+    if (!adjusted.converged) logger->warn("The rig's adjustment did not converge: {}", adjusted.message);
+    if (abort.load()) return Utils::failure("aborted");
+    if (round < kLinkRounds && run.unlinkWorstPair()) continue;
+    if (round < 2 * kLinkRounds && run.linkPredictedOverlaps(guidedTried)) continue;
+    break;
+  }
+  step("Adjusting Rig");
+  const std::set<int> linkedSet(run.linked.begin(), run.linked.end());
+  for (int i = 0; i < int(run.names.size()); ++i) {
+    if (linkedSet.count(i) == 0) {
+      report.modules[run.names[std::size_t(i)]].reason =
+          "its picture shares too few matching features with the others to be placed";
+    }
+  }
+  return true;
+}
+
+Utils::ReturnState<Rig::TargetFit, std::string> RigEstimator::Impl::framePanorama(RigRun& run, const cv::Mat& target) {
+  if (options.straightenHorizon) straightenHorizon(run.models);
+  Rig::TargetFit fit;
+  if (!target.empty() && Rig::isEquirectangular(target.size())) {
+    fit = Rig::registerToTarget(run.models, run.linkedFeatures(), target, nullptr);
+    if (fit.ok) {
+      for (auto& model : run.models) model.rotation = fit.rotation * model.rotation;
+      run.surface = Rig::Surface::equirectangular(run.models, run.typicalFocal(), target.size());
+    }
+  }
+  if (!fit.ok || !fit.equirectangular) {
+    try {
+      run.surface = Rig::Surface::frame(run.models, options.projection);
+    } catch (const std::exception& e) {
+      return Utils::failure(std::string(e.what()));
+    }
+    if (!target.empty() && !Rig::isEquirectangular(target.size())) {
+      fit = Rig::registerToTarget(run.models, run.linkedFeatures(), target, &run.surface);
+    }
+  }
+  if (!target.empty()) {
+    report.target.registered = fit.ok;
+    report.target.reason = fit.reason;
+    report.target.equirectangular = fit.equirectangular;
+    report.target.matches = fit.matches;
+    report.target.medianPx = fit.medianPx;
+  }
+  step("Framing Panorama");
+  report.projection = Rig::projectionName(run.surface.projection());
+  report.fieldOfViewX = run.surface.fieldOfViewX();
+  report.fieldOfViewY = run.surface.fieldOfViewY();
+  report.fullRing = run.surface.fullRing();
+  report.panoramaWidth = run.surface.pixels().width;
+  report.panoramaHeight = run.surface.pixels().height;
+  return fit;
+}
+
+Utils::ReturnState<bool, std::string> RigEstimator::Impl::writeModules(
+    const RigRun& run, CameraDescription::Orbivane& result,
+    std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>>& placed) {
+  for (std::size_t k = 0; k < run.linked.size(); ++k) {
+    if (abort.load()) return Utils::failure("aborted");
+    const std::wstring& name = run.nameOf(int(k));
+    const Rig::ModuleModel& model = run.models[k];
+    const Rig::ModulePlacement placement =
+        Rig::placeModule(model, run.surface, run.displacements[k], options.gridTolerancePx);
+    auto module = result.findModule(name);
+    if (auto written = writeModule(*module, placement); !written) return Utils::failure(written.error());
+    if (images.count(name)) module->setImage(images.at(name));
+    placed.push_back(module);
+
+    RigModuleReport& r = report.modules[name];
+    r.placed = true;
+    r.reason.clear();
+    anglesOf(model.rotation, r.yaw, r.pitch, r.roll);
+    r.focalPx = model.focal;
+    r.k1 = model.k1;
+    r.k2 = model.k2;
+    r.gridColumns = placement.grid.columns();
+    r.gridRows = placement.grid.rows();
+    r.gridErrorPx = placement.gridErrorPx;
+    r.largestDisplacementPx = run.displacements[k].largest();
+    step("Placing Module " + narrow(name));
+  }
+  return true;
+}
+
+void RigEstimator::Impl::evenExposure(const CameraDescription::Orbivane& result,
+                                      const std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>>& placed,
+                                      cv::Size panorama) {
+  if (options.exposureGains) {
+    const std::vector<double> gains = Rig::exposureGains(placed, panorama);
+    for (std::size_t k = 0; k < placed.size(); ++k) {
+      placed[k]->setExposureGain(gains[k]);
+      report.modules[placed[k]->name()].exposureGain = gains[k];
+    }
+  }
+  for (auto& pr : report.pairs) {
+    pr.exposureEv = Rig::exposureDifferenceEv(*result.findModule(pr.first), *result.findModule(pr.second), panorama);
+  }
+  step("Evening Out Exposure");
+}
+
 Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estimate(
     const std::list<std::wstring>& modules) {
   Impl& s = *impl_;
@@ -684,124 +817,30 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
   s.progress = 0;
 
   // 1. Features and the pairs of pictures that overlap.
-  run.features = Rig::findFeatures(run.pictures, s.options.featureMegapixels, s.abort);
-  for (int i = 0; i < n; ++i) s.step("Finding Features of Module " + narrow(run.names[std::size_t(i)]));
-  if (s.abort.load()) return Utils::failure("aborted");
-  run.pairs = Rig::matchPairs(run.features, &run.focalGuess);
-  run.admitPairs();
-  run.rescueApartPictures(s.abort);
-  s.step("Matching Pictures");
-  if (s.abort.load()) return Utils::failure("aborted");
-
+  if (auto matched = s.matchPictures(run); !matched) return Utils::failure(matched.error());
   // 2. The rig: a first guess, adjusted; pairs the rig does not bear out are
-  //    unlinked and the rig adjusted again without them.
-  //    Then pairs the rig says overlap but nothing links are matched
-  //    where the rig puts them, and the rig adjusted again with them.
-  std::set<std::pair<int, int>> guidedTried;
-  for (int round = 0;; ++round) {
-    if (!run.firstGuess()) {
-      return Utils::failure("no two pictures overlap enough to be linked (too few matching features in every pair)");
-    }
-    const Rig::AdjustmentSummary adjusted = run.adjust();
-    if (!adjusted.converged) s.logger->warn("The rig's adjustment did not converge: {}", adjusted.message);
-    if (s.abort.load()) return Utils::failure("aborted");
-    if (round < kLinkRounds && run.unlinkWorstPair()) continue;
-    if (round < 2 * kLinkRounds && run.linkPredictedOverlaps(guidedTried)) continue;
-    break;
-  }
-  s.step("Adjusting Rig");
-  const std::set<int> linkedSet(run.linked.begin(), run.linked.end());
-  for (int i = 0; i < n; ++i) {
-    if (linkedSet.count(i) == 0) {
-      s.report.modules[run.names[std::size_t(i)]].reason =
-          "its picture shares too few matching features with the others to be placed";
-    }
-  }
-
+  //    unlinked and the rig adjusted again without them. Then pairs the rig
+  //    says overlap but nothing links are matched where the rig puts them,
+  //    and the rig adjusted again with them.
+  if (auto adjusted = s.adjustRig(run); !adjusted) return Utils::failure(adjusted.error());
   // 3. The horizon, the panorama (the target's own, or framed round the
   //    rig) and the seams.
-  if (s.options.straightenHorizon) straightenHorizon(run.models);
   const cv::Mat target = s.targetPicture();
-  Rig::TargetFit fit;
-  if (!target.empty() && Rig::isEquirectangular(target.size())) {
-    fit = Rig::registerToTarget(run.models, run.linkedFeatures(), target, nullptr);
-    if (fit.ok) {
-      for (auto& model : run.models) model.rotation = fit.rotation * model.rotation;
-      run.surface = Rig::Surface::equirectangular(run.models, run.typicalFocal(), target.size());
-    }
-  }
-  if (!fit.ok || !fit.equirectangular) {
-    try {
-      run.surface = Rig::Surface::frame(run.models, s.options.projection);
-    } catch (const std::exception& e) {
-      return Utils::failure(e.what());
-    }
-    if (!target.empty() && !Rig::isEquirectangular(target.size())) {
-      fit = Rig::registerToTarget(run.models, run.linkedFeatures(), target, &run.surface);
-    }
-  }
-  if (!target.empty()) {
-    s.report.target.registered = fit.ok;
-    s.report.target.reason = fit.reason;
-    s.report.target.equirectangular = fit.equirectangular;
-    s.report.target.matches = fit.matches;
-    s.report.target.medianPx = fit.medianPx;
-  }
-  s.step("Framing Panorama");
-  s.report.projection = Rig::projectionName(run.surface.projection());
-  s.report.fieldOfViewX = run.surface.fieldOfViewX();
-  s.report.fieldOfViewY = run.surface.fieldOfViewY();
-  s.report.fullRing = run.surface.fullRing();
+  const auto fit = s.framePanorama(run, target);
+  if (!fit) return Utils::failure(fit.error());
   const cv::Size panorama = run.surface.pixels();
-  s.report.panoramaWidth = panorama.width;
-  s.report.panoramaHeight = panorama.height;
   run.holdSeams();
   s.step("Holding Seams");
   run.reportResiduals();
-
-  // 4. Each module written as the viewer draws it.
+  // 4. Each module written as the viewer draws it, and the target placed.
   CameraDescription::Orbivane result = s.camera;
   result.setPanoramaSize({panorama.width, panorama.height});
   std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>> placed;
-  for (std::size_t k = 0; k < run.linked.size(); ++k) {
-    if (s.abort.load()) return Utils::failure("aborted");
-    const std::wstring& name = run.nameOf(int(k));
-    const Rig::ModuleModel& model = run.models[k];
-    const Rig::ModulePlacement placement =
-        Rig::placeModule(model, run.surface, run.displacements[k], s.options.gridTolerancePx);
-    auto module = result.findModule(name);
-    if (auto written = writeModule(*module, placement); !written) return Utils::failure(written.error());
-    if (s.images.count(name)) module->setImage(s.images.at(name));
-    placed.push_back(module);
-
-    RigModuleReport& r = s.report.modules[name];
-    r.placed = true;
-    r.reason.clear();
-    anglesOf(model.rotation, r.yaw, r.pitch, r.roll);
-    r.focalPx = model.focal;
-    r.k1 = model.k1;
-    r.k2 = model.k2;
-    r.gridColumns = placement.grid.columns();
-    r.gridRows = placement.grid.rows();
-    r.gridErrorPx = placement.gridErrorPx;
-    r.largestDisplacementPx = run.displacements[k].largest();
-    s.step("Placing Module " + narrow(name));
-  }
-
-  if (!target.empty()) placeTarget(result.findModule(s.options.target), fit, panorama);
-
+  if (auto written = s.writeModules(run, result, placed); !written) return Utils::failure(written.error());
+  if (!target.empty()) placeTarget(result.findModule(s.options.target), fit.value(), panorama);
   // 5. Exposure.
-  if (s.options.exposureGains) {
-    const std::vector<double> gains = Rig::exposureGains(placed, panorama);
-    for (std::size_t k = 0; k < placed.size(); ++k) {
-      placed[k]->setExposureGain(gains[k]);
-      s.report.modules[placed[k]->name()].exposureGain = gains[k];
-    }
-  }
-  for (auto& pr : s.report.pairs) {
-    pr.exposureEv = Rig::exposureDifferenceEv(*result.findModule(pr.first), *result.findModule(pr.second), panorama);
-  }
-  s.step("Evening Out Exposure");
+  s.evenExposure(result, placed, panorama);
+
   s.report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   s.logger->info("Rig estimated: {} of {} modules placed, {} projection, {}x{} panorama, residual median {:.2f} px",
                  run.linked.size(), n, s.report.projection, panorama.width, panorama.height, s.report.medianPx);
