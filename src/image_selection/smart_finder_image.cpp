@@ -36,6 +36,8 @@ struct ModulePlan {
   std::vector<std::int64_t> modelTimes;  // further frames read for the background model only
 };
 
+class ModuleSearch;
+
 }  // namespace
 
 Utils::ReturnState<bool, std::string> SmartFinderOptions::validate() const {
@@ -87,6 +89,20 @@ struct SmartFinderImage::Impl {
   std::map<std::wstring, std::vector<SmartFinderFrame>> samples;
   std::map<std::wstring, std::string> errors;
   std::string detectorDescription;
+
+  // Logs a module's failure and keeps it.
+  void fail(const std::wstring& name, const std::string& why);
+  // The steps of a search (see find()): each module's recordings in the
+  // window and its sample times (modules that cannot be searched fail; a
+  // window that cannot be sampled fails the search); a module's samples
+  // read, measured and its frames chosen (or its background built).
+  Utils::ReturnState<bool, std::string> planModules(const std::list<std::wstring>& modules,
+                                                    const SmartFinderOptions& settings, std::vector<ModulePlan>& plans);
+  void searchModule(ModulePlan& plan, const SmartFinderOptions& settings, PersonDetector& detector, int& step,
+                    int total);
+  std::vector<SmartFinderFrame> chosenFrames(ModulePlan& plan, ModuleSearch& search,
+                                             std::vector<SmartFinderFrame>& taken, const SmartFinderOptions& settings,
+                                             int step, int total);
 };
 
 SmartFinderImage::SmartFinderImage(const CameraDescription::Orbivane& camera)
@@ -445,6 +461,134 @@ class ModuleSearch {
 
 }  // namespace
 
+void SmartFinderImage::Impl::fail(const std::wstring& name, const std::string& why) {
+  logger->error("Module {}: {}", Utils::toUtf8(name), why);
+  std::lock_guard<std::mutex> lock(mutex);
+  errors[name] = why;
+}
+
+Utils::ReturnState<bool, std::string> SmartFinderImage::Impl::planModules(const std::list<std::wstring>& modules,
+                                                                          const SmartFinderOptions& settings,
+                                                                          std::vector<ModulePlan>& plans) {
+  std::set<std::wstring> seen;
+  for (const auto& name : modules) {
+    if (!seen.insert(name).second) continue;
+    ModulePlan plan;
+    plan.name = name;
+    plan.module = camera.findModule(name);
+    if (!plan.module->connection()) {
+      fail(name, "has no connection to a recording system");
+      continue;
+    }
+    plan.source = std::make_unique<ImageSource::RecordingImageSource>();
+    plan.source->setIgnoreGeometryGrid(true);
+    auto ready = plan.source->init({*plan.module});
+    if (!ready) {
+      fail(name, ready.error());
+      continue;
+    }
+    const std::int64_t from = settings.fromMs ? *settings.fromMs : 0;
+    const std::int64_t to = settings.toMs ? *settings.toMs : std::numeric_limits<std::int64_t>::max();
+    auto recordings = plan.source->recordings(name, from, to);
+    if (!recordings) {
+      fail(name, recordings.error());
+      continue;
+    }
+    if (recordings.value().empty()) {
+      fail(name, "has no recording in the time window");
+      continue;
+    }
+    std::int64_t first = std::numeric_limits<std::int64_t>::max(), last = std::numeric_limits<std::int64_t>::min();
+    for (const auto& r : recordings.value()) {
+      first = std::min(first, r.startMs);
+      last = std::max(last, r.endMs);
+    }
+    const std::int64_t windowFrom = settings.fromMs ? *settings.fromMs : first;
+    const std::int64_t windowTo = settings.toMs ? *settings.toMs : last;
+    std::string error;
+    plan.times = sampleTimes(settings, windowFrom, windowTo, recordings.value(), error);
+    if (!error.empty()) return Utils::failure(error);
+    if (plan.times.empty()) {
+      fail(name, "no sample time of the window falls on one of its recordings");
+      continue;
+    }
+    plan.modelTimes = modelTimes(settings, windowFrom, windowTo, recordings.value(), plan.times);
+    plans.push_back(std::move(plan));
+  }
+  return true;
+}
+
+std::vector<SmartFinderFrame> SmartFinderImage::Impl::chosenFrames(ModulePlan& plan, ModuleSearch& search,
+                                                                   std::vector<SmartFinderFrame>& taken,
+                                                                   const SmartFinderOptions& settings, int step,
+                                                                   int total) {
+  const std::string name = Utils::toUtf8(plan.name);
+  std::vector<SmartFinderFrame> chosen;
+  const auto picked = pickMoments(taken, settings);
+  for (std::size_t index : picked) {
+    SmartFinderFrame moment = taken[index];
+    auto frame = readFrame(*plan.source, plan.name, moment.timeMs);
+    if (!frame) {
+      logger->error("Module {}: cannot read the chosen frame again: {}", name, frame.error());
+      continue;
+    }
+    moment.picture = frame.value().picture;
+    chosen.push_back(std::move(moment));
+  }
+  if (picked.empty() && abortFlag) {
+    fail(plan.name, "the search was stopped before a frame without persons was found");
+  } else if (picked.empty()) {
+    // No free frame: build the background behind the people.
+    auto background = search.buildBackground(taken);
+    if (background) {
+      const std::string line = "Module " + name + " has no frame without persons; built a background from " +
+                               std::to_string(background.value().framesUsed) + " frames";
+      logger->warn("{}", line);
+      if (callback) callback(step, total, line, GeometryCalibration::AdvStepInfo());
+      chosen.push_back(std::move(background).value());
+    } else {
+      fail(plan.name, background.error());
+    }
+  }
+  return chosen;
+}
+
+void SmartFinderImage::Impl::searchModule(ModulePlan& plan, const SmartFinderOptions& settings,
+                                          PersonDetector& detector, int& step, int total) {
+  const std::string name = Utils::toUtf8(plan.name);
+  ModuleSearch search(plan, settings, detector, *logger);
+  // Samples and model frames in time order, so that the recording is read forwards.
+  std::vector<std::pair<std::int64_t, bool>> schedule;  // time, is a sample
+  for (const std::int64_t t : plan.times) schedule.emplace_back(t, true);
+  for (const std::int64_t t : plan.modelTimes) schedule.emplace_back(t, false);
+  std::stable_sort(schedule.begin(), schedule.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::string moduleError;
+  for (const auto& [t, isSample] : schedule) {
+    if (abortFlag) break;
+    if (isSample) {
+      ++step;
+      if (callback) {
+        callback(step, total, "Sampling Module " + name + " at " + Quarn::formatTimestamp(t),
+                 GeometryCalibration::AdvStepInfo());
+      }
+    }
+    moduleError = isSample ? search.sample(t) : search.readForModel(t);
+    if (!moduleError.empty()) break;
+  }
+  search.measureForeground();
+  std::vector<SmartFinderFrame> taken = search.takeSamples();
+  if (!moduleError.empty() && taken.empty()) {
+    fail(plan.name, moduleError);
+    return;
+  }
+  if (!moduleError.empty()) logger->warn("Module {}: {}; picking among the frames read so far", name, moduleError);
+  std::vector<SmartFinderFrame> chosen = chosenFrames(plan, search, taken, settings, step, total);
+  for (auto& sample : taken) sample.picture.reset();
+  std::lock_guard<std::mutex> lock(mutex);
+  samples[plan.name] = std::move(taken);
+  if (!chosen.empty()) results[plan.name] = std::move(chosen);
+}
+
 Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::string> SmartFinderImage::find(
     std::list<std::wstring> modules) {
   SmartFinderImage::Impl& s = *impl_;
@@ -472,126 +616,16 @@ Utils::ReturnState<std::map<std::wstring, std::vector<SmartFinderFrame>>, std::s
   s.detectorDescription = detector->description();
   s.logger->info("Person detector: {}", s.detectorDescription);
 
-  const auto fail = [&s](const std::wstring& name, const std::string& why) {
-    s.logger->error("Module {}: {}", Utils::toUtf8(name), why);
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.errors[name] = why;
-  };
-
   // Plan: each module's recordings in the window and its sample times.
   std::vector<ModulePlan> plans;
-  std::set<std::wstring> seen;
-  for (const auto& name : modules) {
-    if (!seen.insert(name).second) continue;
-    ModulePlan plan;
-    plan.name = name;
-    plan.module = s.camera.findModule(name);
-    if (!plan.module->connection()) {
-      fail(name, "has no connection to a recording system");
-      continue;
-    }
-    plan.source = std::make_unique<ImageSource::RecordingImageSource>();
-    plan.source->setIgnoreGeometryGrid(true);
-    auto ready = plan.source->init({*plan.module});
-    if (!ready) {
-      fail(name, ready.error());
-      continue;
-    }
-    const std::int64_t from = options.fromMs ? *options.fromMs : 0;
-    const std::int64_t to = options.toMs ? *options.toMs : std::numeric_limits<std::int64_t>::max();
-    auto recordings = plan.source->recordings(name, from, to);
-    if (!recordings) {
-      fail(name, recordings.error());
-      continue;
-    }
-    if (recordings.value().empty()) {
-      fail(name, "has no recording in the time window");
-      continue;
-    }
-    std::int64_t first = std::numeric_limits<std::int64_t>::max(), last = std::numeric_limits<std::int64_t>::min();
-    for (const auto& r : recordings.value()) {
-      first = std::min(first, r.startMs);
-      last = std::max(last, r.endMs);
-    }
-    std::string error;
-    plan.times = sampleTimes(options, options.fromMs ? *options.fromMs : first, options.toMs ? *options.toMs : last,
-                             recordings.value(), error);
-    if (!error.empty()) return Utils::failure(error);
-    if (plan.times.empty()) {
-      fail(name, "no sample time of the window falls on one of its recordings");
-      continue;
-    }
-    plan.modelTimes = modelTimes(options, options.fromMs ? *options.fromMs : first, options.toMs ? *options.toMs : last,
-                                 recordings.value(), plan.times);
-    plans.push_back(std::move(plan));
-  }
-
+  if (auto planned = s.planModules(modules, options, plans); !planned) return Utils::failure(planned.error());
   int total = 0;
   for (const auto& plan : plans) total += static_cast<int>(plan.times.size());
+  // Search: sample each module's recordings, then choose its frames.
   int step = 0;
-
   for (auto& plan : plans) {
     if (s.abortFlag) break;
-    const std::string name = Utils::toUtf8(plan.name);
-    ModuleSearch search(plan, options, *detector, *s.logger);
-    // Samples and model frames in time order, so that the recording is read forwards.
-    std::vector<std::pair<std::int64_t, bool>> schedule;  // time, is a sample
-    for (const std::int64_t t : plan.times) schedule.emplace_back(t, true);
-    for (const std::int64_t t : plan.modelTimes) schedule.emplace_back(t, false);
-    std::stable_sort(schedule.begin(), schedule.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::string moduleError;
-    for (const auto& [t, isSample] : schedule) {
-      if (s.abortFlag) break;
-      if (isSample) {
-        ++step;
-        if (s.callback) {
-          s.callback(step, total, "Sampling Module " + name + " at " + Quarn::formatTimestamp(t),
-                     GeometryCalibration::AdvStepInfo());
-        }
-      }
-      moduleError = isSample ? search.sample(t) : search.readForModel(t);
-      if (!moduleError.empty()) break;
-    }
-    search.measureForeground();
-    std::vector<SmartFinderFrame> samples = search.takeSamples();
-    if (!moduleError.empty() && samples.empty()) {
-      fail(plan.name, moduleError);
-      continue;
-    }
-    if (!moduleError.empty()) s.logger->warn("Module {}: {}; picking among the frames read so far", name, moduleError);
-
-    std::vector<SmartFinderFrame> chosen;
-    const auto picked = pickMoments(samples, options);
-    for (std::size_t index : picked) {
-      SmartFinderFrame moment = samples[index];
-      auto frame = readFrame(*plan.source, plan.name, moment.timeMs);
-      if (!frame) {
-        s.logger->error("Module {}: cannot read the chosen frame again: {}", name, frame.error());
-        continue;
-      }
-      moment.picture = frame.value().picture;
-      chosen.push_back(std::move(moment));
-    }
-    if (picked.empty() && s.abortFlag) {
-      fail(plan.name, "the search was stopped before a frame without persons was found");
-    } else if (picked.empty()) {
-      // No free frame: build the background behind the people.
-      auto background = search.buildBackground(samples);
-      if (background) {
-        const std::string line = "Module " + name + " has no frame without persons; built a background from " +
-                                 std::to_string(background.value().framesUsed) + " frames";
-        s.logger->warn("{}", line);
-        if (s.callback) s.callback(step, total, line, GeometryCalibration::AdvStepInfo());
-        chosen.push_back(std::move(background).value());
-      } else {
-        fail(plan.name, background.error());
-      }
-    }
-    for (auto& sample : samples) sample.picture.reset();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.samples[plan.name] = std::move(samples);
-    if (!chosen.empty()) s.results[plan.name] = std::move(chosen);
+    s.searchModule(plan, options, *detector, step, total);
   }
   if (s.abortFlag) s.logger->info("Search aborted; returning the moments found so far");
   std::lock_guard<std::mutex> lock(s.mutex);
