@@ -83,7 +83,9 @@ int main(int argc, char** argv) {
     return app.exit(e) == 0 ? 0 : Tool::kExitUsage;
   } catch (const Tool::CommandError& e) {
     std::cerr << "orbivane-calibrate: " << e.what() << std::endl;
-    return 1;
+    // A command stopped by Ctrl-C before it had anything to write still
+    // says it was interrupted.
+    return Tool::exitStatus() == Tool::kExitInterrupted ? Tool::kExitInterrupted : 1;
   } catch (const std::exception& e) {
     std::cerr << "orbivane-calibrate: " << e.what() << std::endl;
     return 1;
