@@ -114,7 +114,25 @@ int run(const std::string& command) { return std::system((command + " > /dev/nul
 
 }  // namespace
 
+namespace {
+PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs);
+}  // namespace
+
+// OpenCV's blocks assert on some inputs (a bundle adjustment of too few
+// matches); that is the peer failing, not the benchmark.
 PeerResult openCvDetailStitch(const std::vector<cv::Mat>& photographs) {
+  try {
+    return openCvDetailStitchOrThrow(photographs);
+  } catch (const cv::Exception& e) {
+    PeerResult failed;
+    failed.error = std::string("OpenCV stopped: ") + e.err;
+    return failed;
+  }
+}
+
+namespace {
+
+PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs) {
   using namespace cv::detail;
   PeerResult result;
   const auto started = std::chrono::steady_clock::now();
@@ -246,6 +264,8 @@ PeerResult openCvDetailStitch(const std::vector<cv::Mat>& photographs) {
   result.ok = true;
   return result;
 }
+
+}  // namespace
 
 bool huginAvailable() { return run("command -v pto_gen && command -v cpfind && command -v nona") == 0; }
 
