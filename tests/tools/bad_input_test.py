@@ -474,61 +474,72 @@ def interrupt_at(args, w, sig, seconds):
 
 
 def check_interrupted_writers(w):
-    """Ctrl-C and a kill in the middle of calibrate --out --report and of
-    find-frames: the earlier outputs stay whole after a kill; after Ctrl-C
-    what is there is one run's, whole (the camera beside its own report, the
-    camera's pictures beside it)."""
+    """Ctrl-C and a kill at several moments of calibrate --out --report and of
+    find-frames: a killed run leaves the earlier outputs whole; after Ctrl-C,
+    or a run that ended before the signal, what is there is one run's, whole
+    (the camera beside its own report, the camera's pictures beside it)."""
     for name in ("A", "B"):
         camera = json.load(open(os.path.join(w, "cam.json")))
         camera["name"] = name
         json.dump(camera, open(os.path.join(w, "int-%s.json" % name), "w"))
     out, report = os.path.join(w, "int-out.json"), os.path.join(w, "int-report")
+    started = time.time()
     r = run(["calibrate", "int-A.json", "--out", "int-out.json", "--report", "int-report"], w, timeout=600)
     assert r.returncode in (0, 3), r.stderr[-500:]
-    earlier = (open(out, "rb").read(), digest(report))
-    # Killed early, in the middle and late (while writing, on a quick machine).
-    for seconds in (1.0, 2.0, 3.0):
-        code = interrupt_at(["calibrate", "int-B.json", "--out", "int-out.json", "--report", "int-report"], w,
-                            signal.SIGKILL, seconds)
-        if (open(out, "rb").read(), digest(report)) != earlier:
-            failures.append("calibrate killed after %.0f s (exit %d): the earlier camera or report changed"
-                            % (seconds, code))
-    codes = []
-    for seconds in (1.0, 2.0):
-        codes.append(interrupt_at(["calibrate", "int-B.json", "--out", "int-out.json", "--report", "int-report"], w,
-                                  signal.SIGINT, seconds))
+    took = time.time() - started
+
+    def one_run():
+        """The camera's run name, or a failure when the report is another run's or misses pictures."""
         name = json.load(open(out)).get("name")
         html = open(os.path.join(report, "report.html")).read()
         pictures = re.findall(r'src="([^"]+)"', html)
-        if codes[-1] not in (0, 3, 130):
-            failures.append("calibrate after Ctrl-C at %.0f s: exit %d" % (seconds, codes[-1]))
         if "int-%s.json" % name not in html or any(not os.path.exists(os.path.join(report, p)) for p in pictures):
-            failures.append("calibrate after Ctrl-C at %.0f s (exit %d): camera %s beside a report of another run "
-                            "or without its pictures" % (seconds, codes[-1], name))
-    staging = [f for f in os.listdir(w) if "staging" in f and f.startswith(".int-report")]
-    r = run(["calibrate", "int-A.json", "--out", "int-out.json", "--report", "int-report"], w, timeout=600)
+            return None
+        return name
+
+    # Early, in the middle and late in the run (while it writes, often).
+    codes = []
+    for share in (0.3, 0.6, 0.9):
+        earlier = (open(out, "rb").read(), digest(report))
+        code = interrupt_at(["calibrate", "int-B.json", "--out", "int-out.json", "--report", "int-report"], w,
+                            signal.SIGKILL, share * took)
+        codes.append(code)
+        if code == -signal.SIGKILL and (open(out, "rb").read(), digest(report)) != earlier:
+            failures.append("calibrate killed at %.0f %% of its run: the earlier camera or report changed"
+                            % (100 * share))
+        if code != -signal.SIGKILL and one_run() is None:
+            failures.append("calibrate ended (exit %d) before the kill: its camera and report are not one run's"
+                            % code)
+    for share in (0.3, 0.7):
+        codes.append(interrupt_at(["calibrate", "int-B.json", "--out", "int-out.json", "--report", "int-report"], w,
+                                  signal.SIGINT, share * took))
+        if codes[-1] not in (0, 3, 130) or one_run() is None:
+            failures.append("calibrate after Ctrl-C at %.0f %% of its run (exit %d): the camera beside a report of "
+                            "another run or without its pictures" % (100 * share, codes[-1]))
+    # The runs after the kills took away the staging folders the kills left.
     left = [f for f in os.listdir(w) if "staging" in f and f.startswith(".int-report")]
-    if r.returncode not in (0, 3) or left:
-        failures.append("calibrate after interruptions: exit %d, staging left: %s" % (r.returncode, left))
+    if left:
+        failures.append("calibrate after interruptions: staging left: %s" % left)
 
     folder = os.path.join(w, "frames")
+    started = time.time()
     r = run(["find-frames", "rec.json", "--out", "frames"], w, timeout=600)
     assert r.returncode == 0, r.stderr[-500:]
+    frames_took = time.time() - started
     earlier = digest(folder)
-    code = interrupt_at(["find-frames", "rec.json", "--out", "frames"], w, signal.SIGKILL, 1.0)
-    if digest(folder) != earlier:
-        failures.append("find-frames killed (exit %d): the earlier folder changed" % code)
-    code = interrupt_at(["find-frames", "rec.json", "--out", "frames"], w, signal.SIGINT, 1.0)
-    if code != 130:
+    code = interrupt_at(["find-frames", "rec.json", "--out", "frames"], w, signal.SIGKILL, 0.5 * frames_took)
+    if code == -signal.SIGKILL and digest(folder) != earlier:
+        failures.append("find-frames killed: the earlier folder changed")
+    code = interrupt_at(["find-frames", "rec.json", "--out", "frames"], w, signal.SIGINT, 0.3 * frames_took)
+    if code not in (0, 130):
         failures.append("find-frames after Ctrl-C: exit %d, not 130 (interrupted)" % code)
     camera = json.load(open(os.path.join(folder, "camera.json")))
     missing = [m["image"] for m in camera["modules"] if not os.path.exists(os.path.join(folder, m.get("image", "")))]
     if missing:
         failures.append("find-frames after Ctrl-C (exit %d): camera.json names pictures that are not there: %s"
                         % (code, missing))
-    print("interrupted writers: calibrate (Ctrl-C exits %s; %d staging folder(s) after the kills) and find-frames "
-          "(Ctrl-C exit %d), by a kill and by Ctrl-C" % (codes, len(staging), code))
-
+    print("interrupted writers: calibrate (a run of %.1f s; exits %s) and find-frames (a run of %.1f s; Ctrl-C "
+          "exit %d)" % (took, codes, frames_took, code))
 
 def check_concurrency(w):
     """Writers of one state file take turns: every module's window is where
