@@ -306,6 +306,9 @@ void writeOutputs(const CalibrateOptions& options, const CameraDescription::Orbi
 }
 
 void runCalibrate(const CalibrateOptions& options) {
+  // Ctrl-C stops the steps; the camera file and the report are still put in
+  // place together (one right after the other).
+  const InterruptWatch finishing([] {});
   JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
@@ -363,7 +366,7 @@ void runCalibrate(const CalibrateOptions& options) {
                   {"measured", summary.measured},
                   {"notMeasured", summary.notMeasured},
                   {"matches", summary.matches}}}});
-  if (interrupted) {
+  if (interrupted || finishing.interrupted()) {
     exitStatus() = kExitInterrupted;
   } else if (notAligned > 0 || seamVerdict.tooWide || seamVerdict.unmeasured) {
     exitStatus() = kExitFailedModules;

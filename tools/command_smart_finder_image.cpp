@@ -215,6 +215,8 @@ std::vector<std::string> keepModulesDone(CameraDescription::Orbivane& camera) {
 }
 
 void runFind(const FindOptions& options) {
+  // Ctrl-C stops the search; the pictures and camera.json are still put in place.
+  const InterruptWatch finishing([] {});
   JsonOutput output(options.json);
   auto index = Quarn::loadRecordingsIndex(options.recordings);
   if (!index) throw CommandError(index.error());
@@ -277,7 +279,7 @@ void runFind(const FindOptions& options) {
   }
   std::cout << "wrote " << cameraPath << std::endl;
   output.print({{"frames", frames}});
-  if (interrupted) exitStatus() = kExitInterrupted;
+  if (interrupted || finishing.interrupted()) exitStatus() = kExitInterrupted;
 }
 
 }  // namespace

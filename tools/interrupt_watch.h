@@ -2,6 +2,9 @@
 // only sets a flag, and a watcher thread turns it into the calibrator's
 // abort() (the signal handler itself must not call into the library). The
 // calibration then returns what it has done, which the command still writes.
+// A watch that lives across a whole command (with an abort that does
+// nothing) keeps Ctrl-C from killing it while it puts its outputs in place;
+// a watch inside it sees a Ctrl-C pressed before it was made.
 #pragma once
 
 #include <atomic>
