@@ -18,7 +18,7 @@ export TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp halt_on_error=1 second_de
 export OPENCV_FOR_THREADS_NUM=1
 filter='ShaderBruteForcerSearch.*:*Abort*:*abort*:*Thread*:*Parallel*:MatchToTargetEndToEnd.*:DirectAlignmentSteps.*'
 filter+=':QuarnSession*:SimulatedCamera*:Recording*:SmartFinder*:ImageShading*'
-filter+=':AdvStepInfo.*:SensorShifter*:FisheyeCalibration*:NeighbourNeighbour.*:EstimateBlur.*:CalibrationPipeline.*'
+filter+=':AdvStepInfo.*:SensorShifter*:FisheyeCalibration*:NeighbourNeighbour.*:EstimateBlur.*:CalibrationPipeline.*:AutoClippingSearch.TheIntegral*'
 mkdir -p build-tsan/work
 (cd build-tsan/work && ORBIVANE_SHADER_SOURCE_DIR="$PWD/../../shaders" ../tests/orbivane_tests --gtest_filter="$filter" \
    --gtest_brief=1)

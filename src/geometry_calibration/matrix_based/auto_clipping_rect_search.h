@@ -45,8 +45,10 @@ Utils::Optional<cv::Rect> findMaxValueRect(const cv::Mat& mat, int minStep, int 
 // cv::integral(map, integral, CV_64F), value for value: each row's running
 // sum is added in the same order, so every element is the same double. A
 // 32-bit float map (what clipping searches) is summed four rows at a time,
-// whose running sums are independent (twice as fast); any other depth goes
-// to cv::integral.
+// whose running sums are independent (twice as fast), and from a million
+// elements on in column strips on the host's threads (cv::getNumThreads, at
+// most 4), each strip a few rows behind its left neighbour and continuing
+// its running sums; any other depth goes to cv::integral.
 void integralOf(const cv::Mat& map, cv::Mat& integral);
 
 // The sum of the elements of `rect` from an integral image (CV_64F,

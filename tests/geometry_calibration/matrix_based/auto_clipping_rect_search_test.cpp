@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "geometry_calibration/matrix_based/auto_clipping_rect_search.h"
@@ -199,6 +200,19 @@ TEST(AutoClippingSearch, TheIntegralIsOpenCvsBitForBit) {
     ASSERT_EQ(ours.type(), theirs.type());
     EXPECT_EQ(std::memcmp(ours.data, theirs.data, theirs.total() * theirs.elemSize()), 0) << size;
   }
+  // Large maps are summed in column strips on several threads, each strip's
+  // running sums continuing its left neighbour's: still the same doubles.
+  const int hostThreads = cv::getNumThreads();
+  for (const int threads : {2, 3, 4}) {
+    cv::setNumThreads(threads);
+    cv::Mat map(cv::Size(1537, 703), CV_32F), ours, theirs;
+    for (int y = 0; y < map.rows; ++y)
+      for (int x = 0; x < map.cols; ++x) map.at<float>(y, x) = std::ldexp(value(rng), scale(rng));
+    GeometryCalibration::MatrixBased::AutoClippingSearch::integralOf(map, ours);
+    cv::integral(map, theirs, CV_64F);
+    EXPECT_EQ(std::memcmp(ours.data, theirs.data, theirs.total() * theirs.elemSize()), 0) << threads << " threads";
+  }
+  cv::setNumThreads(hostThreads);
   cv::Mat bytes(9, 11, CV_8U), ours, theirs;
   cv::randu(bytes, 0, 256);
   GeometryCalibration::MatrixBased::AutoClippingSearch::integralOf(bytes, ours);
