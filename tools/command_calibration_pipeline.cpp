@@ -4,8 +4,11 @@
 // previous step's result (GeometryCalibration::CalibrationPipeline), with a
 // verdict per module, the seams measured after every step and, with
 // --report, an HTML page with the panorama before and after each step.
+#include <cerrno>
 #include <cfloat>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iomanip>
 #include <list>
@@ -288,17 +291,31 @@ SeamVerdict printSeams(const std::vector<GeometryCalibration::SeamResidual>& fin
 // The report folder and the camera file, put in place together.
 void writeOutputs(const CalibrateOptions& options, const CameraDescription::Orbivane& camera,
                   const CameraDescription::Orbivane& result, const CalibrationPipeline& pipeline) {
-  // The report is written whole beside its folder first; then the camera
-  // file and the report are put in place one right after the other, so an
-  // interrupted or failed run leaves the outputs of the earlier one.
+  // The report and the camera file are written whole beside their places
+  // first; then both are put in place by two renames one right after the
+  // other, so an interrupted, failed or killed run leaves the outputs of the
+  // earlier one (only a kill between the two renames could part them).
   std::unique_ptr<StagedFolder> report;
   if (!options.report.empty()) {
     checkReportFolder(options.report);
     report = std::make_unique<StagedFolder>(options.report, false);
     writeReport(report->path(), options, camera, pipeline);
+    report->prepare();
   }
-  const auto saved = CameraDescription::saveCameraFile(result, options.out);
-  if (!saved) throw CommandError(saved.error());
+  StagedFolder::removeStale(options.out);
+  const std::string staged = StagedFolder::stagedFile(options.out);
+  const auto saved = CameraDescription::saveCameraFile(result, staged);
+  if (!saved) {
+    std::error_code ec;
+    fs::remove(staged, ec);
+    throw CommandError(saved.error());
+  }
+  if (std::rename(staged.c_str(), options.out.c_str()) != 0) {
+    const std::string why = std::strerror(errno);
+    std::error_code ec;
+    fs::remove(staged, ec);
+    throw CommandError("cannot put '" + options.out + "' in place: " + why);
+  }
   if (report) {
     report->commit();
     std::cout << "report: " << (fs::path(options.report) / "report.html").string() << "\n";

@@ -133,9 +133,27 @@ StagedFolder::~StagedFolder() {
   fs::remove_all(staging_, ec);
 }
 
+void StagedFolder::removeStale(const std::string& target) {
+  fs::path absolute = fs::absolute(target).lexically_normal();
+  if (absolute.filename().empty()) absolute = absolute.parent_path();
+  removeStaleStaging(absolute);
+}
+
+std::string StagedFolder::stagedFile(const std::string& target) {
+  const fs::path absolute = fs::absolute(target).lexically_normal();
+  return (absolute.parent_path() / ("." + absolute.filename().string() + ".staging-" + std::to_string(::getpid())))
+      .string();
+}
+
+void StagedFolder::prepare() {
+  if (prepared_) return;
+  if (!keepExisting_) writeWrittenList(staging_);
+  prepared_ = true;
+}
+
 void StagedFolder::commit() {
   std::error_code ec;
-  if (!keepExisting_) writeWrittenList(staging_);
+  prepare();
   if (!fs::exists(target_, ec)) {
     if (std::rename(staging_.c_str(), target_.c_str()) != 0) {
       throw CommandError("cannot put '" + target_ + "' in place: " + std::strerror(errno));

@@ -32,9 +32,18 @@ class StagedFolder {
   // Where the run writes (the staging folder).
   const std::string& path() const { return staging_; }
   std::string file(const std::string& name) const { return staging_ + "/" + name; }
-  // Puts the new content in place; throws CommandError when it cannot. A
-  // folder that replaces the target's content whole lists what it wrote.
+  // Finishes the new content (a folder that replaces the target's content
+  // whole lists what it wrote), so that commit() is one rename.
+  void prepare();
+  // Puts the new content in place (prepared first if it was not); throws
+  // CommandError when it cannot.
   void commit();
+
+  // Removes ".NAME.staging-PID" folders and files beside `target` whose
+  // process is gone (the leftovers of killed runs).
+  static void removeStale(const std::string& target);
+  // Where a file that is to replace `target` is written first, beside it.
+  static std::string stagedFile(const std::string& target);
 
   // Throws CommandError unless `folder` is missing, empty, or holds only
   // the files an earlier run listed, unchanged. `what` names that run in
@@ -45,6 +54,7 @@ class StagedFolder {
   std::string target_;
   std::string staging_;
   bool keepExisting_ = false;
+  bool prepared_ = false;
   bool committed_ = false;
 };
 
