@@ -168,20 +168,6 @@ GeometryCalibration::MatchOptions matchSettings(const MatchOptions& options) {
   return settings;
 }
 
-// Either calibrator takes the same settings.
-template <typename Calibrator>
-void configure(Calibrator& calibrator, const MatchOptions& options, const GeometryCalibration::MatchOptions& settings,
-               const std::list<std::wstring>& names) {
-  calibrator.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(options.mode));
-  calibrator.setM2bMaxIteration(options.m2b);
-  calibrator.setM2nMaxIteration(options.m2n);
-  calibrator.allowScale(options.allowScale);
-  if (settings.gridColumns > 0) {
-    calibrator.setGridEnabled(true);
-    for (const auto& name : names) calibrator.initGrid(settings.gridColumns, settings.gridRows, name);
-  }
-}
-
 // Target matching on pictures picked from the recordings.
 void matchFromRecordings(CameraDescription::Orbivane& camera, Images images, const MatchOptions& options,
                          const GeometryCalibration::MatchOptions& settings, const std::list<std::wstring>& names,
@@ -196,7 +182,7 @@ void matchFromRecordings(CameraDescription::Orbivane& camera, Images images, con
   if (!valid) throw CommandError(valid.error());
   OrbivaneCalibration::SmartFinderMatchToTarget smart(camera, std::move(images));
   smart.setFinderOptions(finderOptions);
-  configure(smart, options, settings, names);
+  GeometryCalibration::applyMatchOptions(smart, settings, names);
   runCalibrator(smart, names, target, options, [&smart] {
     for (const auto& [name, moments] : smart.frames()) {
       if (moments.empty()) continue;
@@ -245,7 +231,7 @@ void runMatch(const MatchOptions& options) {
     return;
   }
   MatchToTarget calibrator(camera, std::move(images));
-  configure(calibrator, options, settings, names);
+  GeometryCalibration::applyMatchOptions(calibrator, settings, names);
   runCalibrator(calibrator, names, target, options, [] {});
 }
 

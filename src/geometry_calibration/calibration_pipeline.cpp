@@ -263,14 +263,7 @@ struct StepContext {
 void matchStep(StepContext& c, std::atomic<MatchToTarget*>& running, StepReport& step) {
   MatchToTarget matcher(c.camera, c.images);
   const MatchOptions& settings = c.options.match;
-  matcher.setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(settings.mode));
-  matcher.setM2bMaxIteration(settings.m2b);
-  matcher.setM2nMaxIteration(settings.m2n);
-  matcher.allowScale(settings.allowScale);
-  if (settings.gridColumns > 0) {
-    matcher.setGridEnabled(true);
-    for (const auto& name : c.active) matcher.initGrid(settings.gridColumns, settings.gridRows, name);
-  }
+  applyMatchOptions(matcher, settings, c.active);
   matcher.registerStatusCallback(c.forward("target matching"));
   running.store(&matcher);
   if (c.abort.load()) matcher.abort();

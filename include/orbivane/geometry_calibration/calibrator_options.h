@@ -43,6 +43,21 @@ struct ORBIVANE_EXPORT MatchOptions {
   Utils::ReturnState<bool, std::string> parseGrid(const std::string& text);
 };
 
+// Hands `options` (validated) to a target-matching calibrator
+// (MatrixBased::MatchToTarget or OrbivaneCalibration::SmartFinderMatchToTarget)
+// through its setters, with a grid for each of `modules` when they ask for one.
+template <typename Calibrator, typename Modules>
+void applyMatchOptions(Calibrator& calibrator, const MatchOptions& options, const Modules& modules) {
+  calibrator.setCalibrationMode(static_cast<typename Calibrator::CalibrateMode>(options.mode));
+  calibrator.setM2bMaxIteration(options.m2b);
+  calibrator.setM2nMaxIteration(options.m2n);
+  calibrator.allowScale(options.allowScale);
+  if (options.gridColumns > 0) {
+    calibrator.setGridEnabled(true);
+    for (const auto& name : modules) calibrator.initGrid(options.gridColumns, options.gridRows, name);
+  }
+}
+
 // Automatic clipping: geometry mode (config(requireOverlap, keepAspect,
 // threshold) and setNoHoles) or value mode (config(values, ...)).
 struct ORBIVANE_EXPORT ClippingOptions {
