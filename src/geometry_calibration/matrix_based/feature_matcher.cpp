@@ -10,6 +10,8 @@
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "geometry_calibration/matrix_based/hamming_matcher.h"
+
 namespace GeometryCalibration {
 namespace MatrixBased {
 namespace {
@@ -172,7 +174,7 @@ bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targ
                             target.padded.size(), matches))
       return false;
   } else {
-    cv::BFMatcher(cv::NORM_HAMMING, true).match(moduleFeatures.descriptors, targetFeatures.descriptors, matches);
+    crossCheckedHamming(moduleFeatures.descriptors, targetFeatures.descriptors, matches);
   }
   if (context_.aborted()) return false;
 
@@ -245,7 +247,6 @@ bool FeatureMatcher::matchNearPlacement(const Features& module, const Features& 
     return bins;
   };
   const auto moduleBins = binsOf(module.keys, placed), targetBins = binsOf(target.keys, cv::Matx33d::eye());
-  cv::BFMatcher matcher(cv::NORM_HAMMING, true);
   cv::Mat query, train;
   std::vector<int> trainIndex;
   std::vector<cv::DMatch> local;
@@ -265,7 +266,7 @@ bool FeatureMatcher::matchNearPlacement(const Features& module, const Features& 
       for (std::size_t k = 0; k < trainIndex.size(); ++k)
         target.descriptors.row(trainIndex[k]).copyTo(train.row(int(k)));
       local.clear();
-      matcher.match(query, train, local);
+      crossCheckedHamming(query, train, local);
       for (const auto& m : local)
         matches.emplace_back(queries[static_cast<std::size_t>(m.queryIdx)],
                              trainIndex[static_cast<std::size_t>(m.trainIdx)], m.distance);

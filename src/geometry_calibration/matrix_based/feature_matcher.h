@@ -19,7 +19,7 @@
 // homography, and the correlation over the overlap after it is at least
 // kLeastCorrelation):
 //  1. near the current placement: the strongest 2000 ORB features of each
-//     picture, matched (cross-checked Hamming) only with partners within
+//     picture, matched (cross-checked Hamming, hamming_matcher.h) only with partners within
 //     about a sixth of the picture of where the start homography puts them;
 //     homography by RHO at 3 pixels;
 //  2. anywhere: all ORB features (the detector with its fixed settings,
