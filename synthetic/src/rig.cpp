@@ -123,13 +123,15 @@ Rig makeRig(const std::string& dataDirectory, const RigOptions& options) {
 
   Rig s;
   const bool quick = options.quick;
-  const int height = quick ? 300 : 600;
+  const int height = options.sceneHeight > 0 ? options.sceneHeight : quick ? 300 : 600;
   s.photographs = options.photographs;
   std::vector<cv::Mat> parts;
   for (const auto& name : s.photographs) parts.push_back(loadPhotograph(dataDirectory + "/" + name, height));
   cv::hconcat(parts, s.picture);
   s.panorama = s.picture.size();
-  s.modulePicture = quick ? cv::Size(360, 270) : cv::Size(720, 540);
+  s.modulePicture = !options.modulePicture.empty() ? options.modulePicture
+                    : quick                          ? cv::Size(360, 270)
+                                                     : cv::Size(720, 540);
 
   for (int i = 0; i < count; ++i) {
     const std::wstring name = L"M" + std::to_wstring(i + 1);

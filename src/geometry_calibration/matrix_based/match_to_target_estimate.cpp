@@ -1,10 +1,9 @@
 // Scoring and refinement shared by the target-matching estimators.
 #include "geometry_calibration/matrix_based/match_to_target_estimate.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
-
-#include <cmath>
 
 #include <opencv2/imgproc.hpp>
 
@@ -12,6 +11,25 @@
 
 namespace GeometryCalibration {
 namespace MatrixBased {
+
+namespace {
+
+// Pixels around the module's content the refinement keeps.
+constexpr int kRefineMargin = 32;
+
+cv::Matx33d translation(double x, double y) { return cv::Matx33d(1, 0, x, 0, 1, y, 0, 0, 1); }
+
+cv::Rect widened(const cv::Rect& r, int margin) {
+  return cv::Rect(r.x - margin, r.y - margin, r.width + 2 * margin, r.height + 2 * margin);
+}
+
+// The box of the module picture's content (work pixels).
+cv::Rect contentBox(const WorkPictures& pictures) {
+  const cv::Size size = pictures.moduleGrey.empty() ? pictures.module.size() : pictures.moduleGrey.size();
+  return pictures.moduleMask.empty() ? cv::Rect(cv::Point(), size) : cv::boundingRect(pictures.moduleMask);
+}
+
+}  // namespace
 
 void WorkPictures::prepareGrey() {
   if (!module.empty()) cv::cvtColor(module, moduleGrey, cv::COLOR_BGR2GRAY);
@@ -139,6 +157,28 @@ float overlapDifference(const WorkPictures& pictures, const cv::Matx33d& h) {
   return std::isfinite(error) ? static_cast<float>(error) : kFailedError;
 }
 
+cv::Rect footprintOnTarget(const WorkPictures& pictures, const cv::Matx33d& h, int margin) {
+  const cv::Size target = pictures.targetGrey.empty() ? pictures.target.size() : pictures.targetGrey.size();
+  const cv::Rect whole(0, 0, target.width, target.height);
+  const cv::Rect content = contentBox(pictures);
+  if (content.empty() || !isUsableHomography(h)) return cv::Rect();
+  // The content box's outer edges (pixel centres on integers).
+  const double x0 = content.x - 0.5, y0 = content.y - 0.5;
+  const double x1 = content.x + content.width - 0.5, y1 = content.y + content.height - 0.5;
+  double left = std::numeric_limits<double>::max(), top = left, right = -left, bottom = -left;
+  for (const cv::Point2d& corner : {cv::Point2d(x0, y0), cv::Point2d(x1, y0), cv::Point2d(x1, y1), cv::Point2d(x0, y1)}) {
+    const cv::Vec3d q = h * cv::Vec3d(corner.x, corner.y, 1.0);
+    if (!(q[2] > 1e-9)) return whole;  // part of the outline goes to infinity
+    left = std::min(left, q[0] / q[2]), right = std::max(right, q[0] / q[2]);
+    top = std::min(top, q[1] / q[2]), bottom = std::max(bottom, q[1] / q[2]);
+  }
+  constexpr double kFar = 1e7;  // pixels; beyond any picture
+  if (!(right > -kFar && left < kFar && bottom > -kFar && top < kFar)) return cv::Rect();
+  const int x = int(std::floor(std::max(left, -kFar))) - margin, y = int(std::floor(std::max(top, -kFar))) - margin;
+  const int r = int(std::ceil(std::min(right, kFar))) + margin + 1, b = int(std::ceil(std::min(bottom, kFar))) + margin + 1;
+  return cv::Rect(x, y, r - x, b - y) & whole;
+}
+
 cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& estimate, bool* improved, int levels) {
   if (improved) *improved = false;
   if (!isUsableHomography(estimate) || pictures.targetGrey.empty() || pictures.moduleGrey.empty()) return estimate;
@@ -148,13 +188,23 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
   // towards the brighter middle.
   options.spatialGain = true;
   DirectAlignment alignment(options);
-  alignment.setFixedMask(pictures.targetMask);
+  // Only the module's content and the part of the target it is drawn on
+  // (with a margin wider than the smoothing of the coarsest level and the
+  // moves of a refinement) take part: on a wide target that is a fraction
+  // of its pixels. Both pictures are cut to those parts, the homography
+  // moved with them.
+  const cv::Rect moving = widened(contentBox(pictures), kRefineMargin) & cv::Rect(cv::Point(), pictures.moduleGrey.size());
+  const cv::Rect fixed = footprintOnTarget(pictures, estimate, kRefineMargin);
+  if (moving.empty() || fixed.empty()) return estimate;
+  auto cut = [](const cv::Mat& picture, const cv::Rect& box) { return picture.empty() ? picture : picture(box); };
+  alignment.setFixedMask(cut(pictures.targetMask, fixed));
   // The alignment maps target pixels to module pixels: the inverse.
-  const cv::Matx33d start = estimate.inv();
+  const cv::Matx33d start = translation(-moving.x, -moving.y) * estimate.inv() * translation(fixed.x, fixed.y);
   AlignmentResult before;
-  const AlignmentResult after =
-      alignment.align(pictures.targetGrey, pictures.moduleGrey, pictures.moduleMask, start, cv::Rect(), &before);
+  AlignmentResult after = alignment.align(cut(pictures.targetGrey, fixed), cut(pictures.moduleGrey, moving),
+                                          cut(pictures.moduleMask, moving), start, cv::Rect(), &before);
   if (!after.ok) return estimate;
+  after.warp = translation(moving.x, moving.y) * after.warp * translation(-fixed.x, -fixed.y);
   // A result that covers much less of the target than the start did is not
   // trusted even when its residual is lower.
   const bool covers = !before.ok || after.validPixels >= 0.7 * before.validPixels;

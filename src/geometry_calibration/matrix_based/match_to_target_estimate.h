@@ -93,6 +93,13 @@ cv::Matx33d refineHomography(const WorkPictures& pictures, const cv::Matx33d& es
 
 bool isUsableHomography(const cv::Matx33d& h);
 
+// The part of the target (work pixels) on which `h` draws the module
+// picture's content (the box of moduleMask, or the whole picture), widened
+// by `margin` pixels and cut to the target; the whole target when part of
+// the content's box is sent to infinity; empty when it is drawn off the
+// target or the module shows nothing.
+cv::Rect footprintOnTarget(const WorkPictures& pictures, const cv::Matx33d& h, int margin);
+
 // 255 where a BGR picture shows something (not black in every channel), a
 // pixel in from what it does not; empty when it shows something everywhere.
 cv::Mat contentMask(const cv::Mat& picture);

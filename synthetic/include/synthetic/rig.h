@@ -46,6 +46,10 @@ struct RigOptions {
   // up to 3.5 % of a picture, turns up to 1.5 deg and scale 0.98..1.02 as
   // assembled.
   unsigned seed = 0;
+  // The scene's height (0: 600 rows, 300 when quick) and the module
+  // pictures' size (empty: 720x540, 360x270 when quick), pixels.
+  int sceneHeight = 0;
+  cv::Size modulePicture;
 };
 
 // `dataDirectory`: the opencv-doc sample folder; `quick` builds a smaller
