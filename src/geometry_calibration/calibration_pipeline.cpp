@@ -476,6 +476,11 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     // alike, so their seams stay as they were).
     step.seams = seams;
     if (stepName != "clip") {
+      // Seams are drawn at the size the camera now asks for (target
+      // matching rescales modules, and then redraws them all anyway), so
+      // that neighbour stitching, which draws at that size, finds them drawn.
+      const cv::Size size = drawingSize(withPictures(camera_, images_));
+      if (size != meter->panorama()) meter = std::make_shared<SeamMeter>(size);
       step.seams = measureWith(*meter, withPictures(camera_, images_), listed_);
       undoIfWorse(context, before, seams, step);
       seams = step.seams;

@@ -28,6 +28,7 @@ constexpr float kRatio = 0.7f;             // Lowe's ratio test
 constexpr int kMostFeatures = 8000;        // per drawing, the strongest
 constexpr int kScaleStride = 16;           // panorama pixels between samples of a drawing's scale
 constexpr int kRegionMargin = 24;          // panorama pixels drawn beyond what is needed
+constexpr int kFeatureMargin = 16;         // drawing pixels around a part its features are found with
 constexpr int kLargestDrawingSide = 65536;  // panorama pixels (only overlaps are drawn)
 constexpr int kDefaultDrawingWidth = 1920;  // for a camera without pictures
 
@@ -160,6 +161,40 @@ std::vector<std::pair<int, int>> matchNearby(const std::vector<cv::Point2f>& pa,
   return matches;
 }
 
+// `boxes` with every two that meet replaced by the box around both, until
+// none meet.
+std::vector<cv::Rect> merged(std::vector<cv::Rect> boxes) {
+  for (bool again = true; again;) {
+    again = false;
+    for (std::size_t i = 0; i < boxes.size() && !again; ++i)
+      for (std::size_t j = i + 1; j < boxes.size() && !again; ++j)
+        if (!(boxes[i] & boxes[j]).empty()) {
+          boxes[i] |= boxes[j];
+          boxes.erase(boxes.begin() + std::ptrdiff_t(j));
+          again = true;
+        }
+  }
+  return boxes;
+}
+
+// The picture's scale over a drawing: how far the picture point moves per
+// panorama pixel, every kScaleStride pixels.
+cv::Mat pictureScale(const OrbivaneRendering::ModuleDrawing& m) {
+  cv::Mat scale((m.box.height + kScaleStride - 1) / kScaleStride, (m.box.width + kScaleStride - 1) / kScaleStride,
+                CV_32F);
+  for (int j = 0; j < scale.rows; ++j)
+    for (int i = 0; i < scale.cols; ++i) {
+      const int x = std::min(i * kScaleStride, m.box.width - 2), y = std::min(j * kScaleStride, m.box.height - 2);
+      const double across = std::hypot(m.mapX.at<float>(y, x + 1) - m.mapX.at<float>(y, x),
+                                       m.mapY.at<float>(y, x + 1) - m.mapY.at<float>(y, x));
+      const double down = std::hypot(m.mapX.at<float>(y + 1, x) - m.mapX.at<float>(y, x),
+                                     m.mapY.at<float>(y + 1, x) - m.mapY.at<float>(y, x));
+      const double perPanorama = 0.5 * (across + down);
+      scale.at<float>(j, i) = perPanorama > 1e-9 && perPanorama < 1e3 ? float(1.0 / perPanorama) : 1.0f;
+    }
+  return scale;
+}
+
 }  // namespace
 
 // One module drawn over a region. The drawing was made with the module
@@ -174,7 +209,11 @@ struct SeamMeter::Drawn {
   cv::Rect region;          // panorama pixels drawn, where it was drawn
   cv::Mat grey, inside;     // over `region`; `inside` a few pixels in from the module's edge
   cv::Mat scale;            // CV_32F every kScaleStride pixels: panorama pixels per picture pixel
-  std::vector<cv::KeyPoint> keypoints;  // SIFT features of the drawing, pixels of `region` where it was drawn
+  // The parts of `region` (panorama pixels, where it was drawn) whose
+  // features were found: the seams' boxes widened by kRegionMargin, merged
+  // where they meet, so that no feature is found twice.
+  std::vector<cv::Rect> parts;
+  std::vector<cv::KeyPoint> keypoints;  // SIFT features of the parts, pixels of `region` where it was drawn
   cv::Mat descriptors;
   cv::Point2d offset;       // from where it was drawn to where it is now
   const void* base = nullptr;  // identifies the drawing this one is a moved copy of
@@ -190,7 +229,18 @@ struct SeamMeter::Drawn {
                    needed.height - 2 * kEdgeClearance);
     if (inner.width <= 0 || inner.height <= 0) inner = needed;
     inner -= whole();
-    return (inner & region) == inner;
+    if ((inner & region) != inner) return false;
+    // Every pixel of it where features were found (a part reaching past the
+    // drawing found them as far as the module is drawn).
+    const cv::Rect drawnPart = inner & region;
+    return std::any_of(parts.begin(), parts.end(),
+                       [&](const cv::Rect& part) { return ((part & region) & drawnPart) == drawnPart; });
+  }
+  // Its parts where it is now, in current panorama pixels.
+  std::vector<cv::Rect> partsNow() const {
+    std::vector<cv::Rect> now;
+    for (const cv::Rect& part : parts) now.push_back(part + whole());
+    return now;
   }
   double scaleAt(cv::Point2d current) const {
     const cv::Point2d p = current - offset - cv::Point2d(region.tl());
@@ -199,6 +249,37 @@ struct SeamMeter::Drawn {
     return scale.at<float>(y, x);
   }
 };
+
+namespace {
+
+// The SIFT features of a drawing's parts (see Drawn::parts): each part is
+// searched on its own, with kFeatureMargin pixels of the drawing around it
+// so that features near its edge see their whole neighbourhood; a feature
+// is kept inside its part only. Searching the parts, not the whole drawing,
+// leaves out the middle of a module, which no other module draws over.
+void findFeatures(SeamMeter::Drawn& d) {
+  d.keypoints.clear();
+  d.descriptors.release();
+  const cv::Ptr<cv::SIFT> sift = cv::SIFT::create(kMostFeatures);
+  for (const cv::Rect& part : d.parts) {
+    const cv::Rect inside = (part & d.region) - d.region.tl();
+    if (inside.empty()) continue;
+    const cv::Rect around =
+        cv::Rect(inside.x - kFeatureMargin, inside.y - kFeatureMargin, inside.width + 2 * kFeatureMargin,
+                 inside.height + 2 * kFeatureMargin) &
+        cv::Rect(cv::Point(), d.grey.size());
+    cv::Mat mask = cv::Mat::zeros(around.size(), CV_8U);
+    d.inside(inside).copyTo(mask(inside - around.tl()));
+    std::vector<cv::KeyPoint> keys;
+    cv::Mat descriptors;
+    sift->detectAndCompute(d.grey(around), mask, keys, descriptors);
+    for (auto& k : keys) k.pt += cv::Point2f(float(around.x), float(around.y));
+    d.keypoints.insert(d.keypoints.end(), keys.begin(), keys.end());
+    d.descriptors.push_back(descriptors);
+  }
+}
+
+}  // namespace
 
 cv::Size seamDrawingSize(const CameraDescription::Orbivane& camera) {
   double across = 0.0, down = 0.0;
@@ -228,7 +309,7 @@ SeamMeter::SeamMeter(cv::Size panorama) : panorama_(panorama) {}
 SeamMeter::~SeamMeter() = default;
 
 std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription::OrbivaneModule& module,
-                                                         const cv::Rect& needed) {
+                                                         const std::vector<cv::Rect>& needed) {
   const std::string signature = signatureOf(module);
   const auto final = CameraDescription::finalMatrix(module);
   const auto it = cache_.find(module.name());
@@ -239,7 +320,7 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
       auto moved = std::make_shared<Drawn>(*it->second);
       moved->matrix = *final;
       moved->offset += *shift;
-      if (moved->covers(needed)) {
+      if (std::all_of(needed.begin(), needed.end(), [&](const cv::Rect& box) { return moved->covers(box); })) {
         cache_[module.name()] = moved;
         return moved;
       }
@@ -251,9 +332,17 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
   d->base = d.get();
   // What was drawn before and is still needed is drawn again with the rest,
   // with a margin for the small moves a calibration step makes.
-  cv::Rect region(needed.x - kRegionMargin, needed.y - kRegionMargin, needed.width + 2 * kRegionMargin,
-                  needed.height + 2 * kRegionMargin);
-  if (it != cache_.end() && it->second->ok) region |= (it->second->region + it->second->whole());
+  std::vector<cv::Rect> parts;
+  for (const cv::Rect& box : needed)
+    parts.emplace_back(box.x - kRegionMargin, box.y - kRegionMargin, box.width + 2 * kRegionMargin,
+                       box.height + 2 * kRegionMargin);
+  if (it != cache_.end() && it->second->ok) {
+    const std::vector<cv::Rect> before = it->second->partsNow();
+    parts.insert(parts.end(), before.begin(), before.end());
+  }
+  d->parts = merged(parts);
+  cv::Rect region;
+  for (const cv::Rect& part : d->parts) region = region.empty() ? part : (region | part);
   auto drawing = OrbivaneRendering::drawModule(module, panorama_, region);
   if (!drawing) {
     d->reason = "module " + drawing.error();
@@ -265,20 +354,8 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
     cv::cvtColor(bytes, d->grey, cv::COLOR_BGR2GRAY);
     cv::erode(m.inside, d->inside,
               cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * kEdgeClearance + 1, 2 * kEdgeClearance + 1)));
-    // The picture's scale: how far the picture point moves per panorama pixel.
-    d->scale.create((m.box.height + kScaleStride - 1) / kScaleStride, (m.box.width + kScaleStride - 1) / kScaleStride,
-                    CV_32F);
-    for (int j = 0; j < d->scale.rows; ++j)
-      for (int i = 0; i < d->scale.cols; ++i) {
-        const int x = std::min(i * kScaleStride, m.box.width - 2), y = std::min(j * kScaleStride, m.box.height - 2);
-        const double across = std::hypot(m.mapX.at<float>(y, x + 1) - m.mapX.at<float>(y, x),
-                                         m.mapY.at<float>(y, x + 1) - m.mapY.at<float>(y, x));
-        const double down = std::hypot(m.mapX.at<float>(y + 1, x) - m.mapX.at<float>(y, x),
-                                       m.mapY.at<float>(y + 1, x) - m.mapY.at<float>(y, x));
-        const double perPanorama = 0.5 * (across + down);
-        d->scale.at<float>(j, i) = perPanorama > 1e-9 && perPanorama < 1e3 ? float(1.0 / perPanorama) : 1.0f;
-      }
-    cv::SIFT::create(kMostFeatures)->detectAndCompute(d->grey, d->inside, d->keypoints, d->descriptors);
+    d->scale = pictureScale(m);
+    findFeatures(*d);
     d->ok = true;
   }
   cache_[module.name()] = d;
@@ -287,12 +364,13 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
 
 void SeamMeter::prepare(const std::vector<const CameraDescription::OrbivaneModule*>& modules) {
   // Each module is needed where it overlaps another.
-  std::vector<cv::Rect> boxes, needed(modules.size());
+  std::vector<cv::Rect> boxes;
+  std::vector<std::vector<cv::Rect>> needed(modules.size());
   for (const auto* m : modules) boxes.push_back(footprintBox(*m, panorama_));
   for (std::size_t i = 0; i < modules.size(); ++i)
     for (std::size_t j = 0; j < modules.size(); ++j) {
       const cv::Rect shared = boxes[i] & boxes[j];
-      if (i != j && !shared.empty()) needed[i] = needed[i].empty() ? shared : (needed[i] | shared);
+      if (i != j && !shared.empty()) needed[i].push_back(shared);
     }
   // Drawn apart, two at a time (drawing is mostly single-threaded).
   std::vector<std::unique_ptr<SeamMeter>> scratch(modules.size());
@@ -318,7 +396,7 @@ std::pair<std::shared_ptr<const SeamMeter::Drawn>, std::shared_ptr<const SeamMet
   const cv::Rect shared = footprintBox(first, panorama_) & footprintBox(second, panorama_);
   std::lock_guard<std::mutex> lock(mutex_);
   if (shared.empty()) return {nullptr, nullptr};
-  return {drawn(first, shared), drawn(second, shared)};
+  return {drawn(first, {shared}), drawn(second, {shared})};
 }
 
 SeamMeter::Overlap SeamMeter::overlap(const CameraDescription::OrbivaneModule& first,

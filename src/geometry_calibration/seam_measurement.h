@@ -89,11 +89,15 @@ class SeamMeter {
   };
   Overlap overlap(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
 
+ public:
+  struct Drawn;  // a module's drawing, with its features (seam_measurement.cpp)
+
  private:
-  struct Drawn;
-  // The module drawn over at least `needed` (panorama pixels, within its
-  // footprint). The caller holds mutex_.
-  std::shared_ptr<const Drawn> drawn(const CameraDescription::OrbivaneModule& module, const cv::Rect& needed);
+  // The module drawn over at least the boxes `needed` (panorama pixels,
+  // within its footprint: where its seams are measured), with the features
+  // of each. The caller holds mutex_.
+  std::shared_ptr<const Drawn> drawn(const CameraDescription::OrbivaneModule& module,
+                                     const std::vector<cv::Rect>& needed);
   std::pair<std::shared_ptr<const Drawn>, std::shared_ptr<const Drawn>> drawnPair(
       const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
   SeamMeasure compare(const Drawn& a, const Drawn& b) const;

@@ -338,7 +338,7 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
   if (pictures.moduleGrey.empty() || pictures.targetGrey.empty()) pictures.prepareGrey();
 
   // 3. The starting error.
-  const float startError = differenceError(pictures.module, pictures.target, cv::Matx33d(start));
+  const float startError = differenceError(pictures, cv::Matx33d(start));
 
   // 4. Contrast.
   cv::Ptr<cv::CLAHE> clahe = cv::createCLAHE(4.0, cv::Size(8, 8));
@@ -385,7 +385,7 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
   if (context_.aborted()) return failed(start);
   context_.logger->info("Refine the Results ...");
   const cv::Matx33d refined = refineHomography(pictures, found, &refined_);
-  const float error = differenceError(pictures.module, pictures.target, refined);
+  const float error = differenceError(pictures, refined);
   context_.logger->debug("start error {}, feature pairs {} (search {}), refined {}, error {}", startError,
                          pairs_.size(), searchName(best.search), refined_, error);
 

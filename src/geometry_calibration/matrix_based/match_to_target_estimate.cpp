@@ -16,6 +16,10 @@ namespace {
 
 // Pixels around the module's content the refinement keeps.
 constexpr int kRefineMargin = 32;
+// Pixels around where the module is drawn that the overlap and the
+// difference error look at: the warp's interpolation reaches a pixel past
+// the content's box, whose mask is a pixel in from the content.
+constexpr int kOutlineMargin = 8;
 
 cv::Matx33d translation(double x, double y) { return cv::Matx33d(1, 0, x, 0, 1, y, 0, 0, 1); }
 
@@ -34,6 +38,7 @@ cv::Rect contentBox(const WorkPictures& pictures) {
 void WorkPictures::prepareGrey() {
   if (!module.empty()) cv::cvtColor(module, moduleGrey, cv::COLOR_BGR2GRAY);
   if (!target.empty()) cv::cvtColor(target, targetGrey, cv::COLOR_BGR2GRAY);
+  targetBrighter = targetGrey.empty() ? cv::Mat() : cv::Mat(targetGrey > 1);
 }
 
 void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pairs, EstimateResult& result) {
@@ -52,15 +57,19 @@ void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pair
   }
 }
 
-cv::Mat sharedPixels(const WorkPictures& pictures, const cv::Matx33d& h) {
+cv::Mat sharedPixels(const WorkPictures& pictures, const cv::Matx33d& h, cv::Rect& box) {
+  box = cv::Rect();
   if (pictures.moduleGrey.empty() || pictures.targetGrey.empty() || !isUsableHomography(h)) return cv::Mat();
+  // Only where the module is drawn: every other pixel is outside its outline.
+  box = footprintOnTarget(pictures, h, kOutlineMargin);
+  if (box.empty()) return cv::Mat(0, 0, CV_8U);
   const cv::Mat validity = pictures.moduleMask.empty()
                                ? cv::Mat(pictures.moduleGrey.size(), CV_8U, cv::Scalar(255))
                                : pictures.moduleMask;
   cv::Mat covered;
-  cv::warpPerspective(validity, covered, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_NEAREST,
+  cv::warpPerspective(validity, covered, cv::Mat(translation(-box.x, -box.y) * h), box.size(), cv::INTER_NEAREST,
                       cv::BORDER_CONSTANT);
-  if (!pictures.targetMask.empty()) covered &= pictures.targetMask;
+  if (!pictures.targetMask.empty()) covered &= pictures.targetMask(box);
   // Away from the outline, where smoothing would mix in the black border.
   cv::erode(covered, covered, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(7, 7)));
   return covered;
@@ -71,16 +80,17 @@ double overlapCorrelation(const WorkPictures& pictures, const cv::Matx33d& h, in
   constexpr double kSmoothing = 1.0;  // pixels, Gaussian sigma
   if (overlap != nullptr) *overlap = 0;
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  const cv::Mat covered = sharedPixels(pictures, h);
+  cv::Rect box;
+  const cv::Mat covered = sharedPixels(pictures, h, box);
   if (covered.empty()) return nan;
   const int shared = cv::countNonZero(covered);
   if (overlap != nullptr) *overlap = shared;
   if (shared < kFewestShared) return nan;
   cv::Mat warped;
-  cv::warpPerspective(pictures.moduleGrey, warped, cv::Mat(h), pictures.targetGrey.size(), cv::INTER_LINEAR,
-                      cv::BORDER_CONSTANT);
+  cv::warpPerspective(pictures.moduleGrey, warped, cv::Mat(translation(-box.x, -box.y) * h), box.size(),
+                      cv::INTER_LINEAR, cv::BORDER_CONSTANT);
   cv::Mat a, b;
-  cv::GaussianBlur(pictures.targetGrey, a, cv::Size(), kSmoothing);
+  cv::GaussianBlur(pictures.targetGrey(box), a, cv::Size(), kSmoothing);
   cv::GaussianBlur(warped, b, cv::Size(), kSmoothing);
   cv::Scalar meanA, deviationA, meanB, deviationB;
   cv::meanStdDev(a, meanA, deviationA, covered);
@@ -132,6 +142,31 @@ float differenceError(const cv::Mat& module, const cv::Mat& target, const cv::Ma
   cv::Scalar mean, deviation;
   cv::meanStdDev(binary, mean, deviation);
   const double error = mean[0] / 255.0 * 100.0;
+  return std::isfinite(error) ? static_cast<float>(error) : kFailedError;
+}
+
+float differenceError(const WorkPictures& pictures, const cv::Matx33d& h) {
+  const cv::Mat& module = pictures.module;
+  const cv::Mat& target = pictures.target;
+  if (module.empty() || target.empty() || !isUsableHomography(h)) return kFailedError;
+  const cv::Mat& brighter = pictures.targetBrighter;
+  if (target.channels() != 3 || module.size() != target.size() || brighter.size() != target.size())
+    return differenceError(module, target, h);
+  // Where the module is not drawn the warped picture is black, and the
+  // difference is the target itself: those target pixels differ where
+  // their grey exceeds 1, which is counted once per target. Only the part
+  // the module is drawn on is warped and compared.
+  const cv::Rect box = footprintOnTarget(pictures, h, kOutlineMargin);
+  int differing = cv::countNonZero(brighter) - (box.empty() ? 0 : cv::countNonZero(brighter(box)));
+  if (!box.empty()) {
+    cv::Mat warped, difference, grey;
+    cv::warpPerspective(module, warped, cv::Mat(translation(-box.x, -box.y) * h), box.size(), cv::INTER_LINEAR,
+                        cv::BORDER_CONSTANT);
+    cv::subtract(target(box), warped, difference);
+    cv::cvtColor(difference, grey, cv::COLOR_BGR2GRAY);
+    differing += cv::countNonZero(grey > 1);
+  }
+  const double error = double(differing) * 255.0 * (1.0 / double(target.total())) / 255.0 * 100.0;
   return std::isfinite(error) ? static_cast<float>(error) : kFailedError;
 }
 

@@ -55,6 +55,7 @@ constexpr double kLeastCorrelation = 0.5;
 struct WorkPictures {
   cv::Mat module, target, moduleMask, targetMask;
   cv::Mat moduleGrey, targetGrey;  // filled by prepareGrey()
+  cv::Mat targetBrighter;          // targetGrey > 1, filled by prepareGrey() (see differenceError)
   void prepareGrey();
 };
 
@@ -73,6 +74,10 @@ struct EstimatorContext {
 // the warped module by more than one level; 100: everywhere). kFailedError
 // for empty pictures or a non-finite homography.
 float differenceError(const cv::Mat& module, const cv::Mat& target, const cv::Matx33d& h);
+// The same number for the pictures of a module (module, target and
+// targetGrey at one size), warping only the part of the target the module
+// is drawn on.
+float differenceError(const WorkPictures& pictures, const cv::Matx33d& h);
 
 // The error of the iterative mode: the mean absolute grey difference (grey
 // levels, 0..255) between the target and the module placed by `h`, over the
@@ -110,8 +115,10 @@ void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pair
 
 // The target work pixels that both pictures show once the module's is
 // warped by `h` (module work -> target work pixels), a few pixels in from
-// every outline (255; empty for an unusable homography).
-cv::Mat sharedPixels(const WorkPictures& pictures, const cv::Matx33d& h);
+// every outline (255; empty for an unusable homography or a module drawn
+// off the target), over `box`: the part of the target the module is drawn
+// on (no pixel outside it is shown by both).
+cv::Mat sharedPixels(const WorkPictures& pictures, const cv::Matx33d& h, cv::Rect& box);
 
 // Normalised cross-correlation of the target's grey picture and the module's
 // grey picture warped by `h` (module work -> target work pixels), over the

@@ -93,12 +93,13 @@ struct Agreement {
 Agreement agreementAfter(const WorkPictures& pictures, const cv::Matx33d& h) {
   Agreement agreement;
   agreement.correlation = overlapCorrelation(pictures, h);
-  const cv::Mat shared = sharedPixels(pictures, h);
+  cv::Rect box;
+  const cv::Mat shared = sharedPixels(pictures, h, box);
   if (shared.empty()) return agreement;
   const int content = pictures.moduleMask.empty() ? pictures.moduleGrey.rows * pictures.moduleGrey.cols
                                                   : cv::countNonZero(pictures.moduleMask);
   agreement.sharedShare = content > 0 ? double(cv::countNonZero(shared)) / content : 0.0;
-  agreement.overlap = cv::boundingRect(shared);
+  agreement.overlap = cv::boundingRect(shared) + box.tl();
   return agreement;
 }
 

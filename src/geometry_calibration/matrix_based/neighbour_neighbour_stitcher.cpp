@@ -556,7 +556,7 @@ CameraDescription::Orbivane NeighbourStitcher::calibrate(const std::list<std::ws
     std::vector<const CameraDescription::OrbivaneModule*> listed;
     for (const auto& name : names) {
       const auto module = drawn.findModule(name);
-      if (module && module->image() && (OrbivaneRendering::drawnBeyondMatrix(*module))) listed.push_back(module.get());
+      if (module && module->image()) listed.push_back(module.get());
     }
     if (!listed.empty()) meter().prepare(listed);
   }

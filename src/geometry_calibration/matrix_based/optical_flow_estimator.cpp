@@ -105,7 +105,7 @@ EstimateResult OpticalFlowEstimator::estimate(const WorkPictures& pictures, cons
   EstimateResult result;
   result.homography = cv::Matx33f(refined);
   result.value = static_cast<std::int32_t>(kept.size());
-  result.error = differenceError(pictures.module, pictures.target, refined);
+  result.error = differenceError(pictures, refined);
   return result;
 }
 

@@ -3,6 +3,8 @@
 #include "geometry_calibration/matrix_based/feature_matcher.h"
 
 #include <cfloat>
+#include <cmath>
+#include <limits>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
@@ -104,6 +106,76 @@ TEST(DirectAlignmentSteps, SubPixelHomographyWithGainAndOffset) {
   // A flat picture has nothing to align on.
   const cv::Mat flat(240, 320, CV_8U, cv::Scalar(100));
   EXPECT_FALSE(alignment.align(flat, flat, cv::Mat(), cv::Matx33d::eye()).ok);
+}
+
+// A module's work pictures on a wide target: a 4:1 strip of real
+// photographs, and a 640x480 perspective view of part of it, black where it
+// shows nothing, drawn by its placement into the target's frame.
+WorkPictures wideWorkPictures() {
+  cv::Mat strip, view;
+  cv::hconcat(std::vector<cv::Mat>{Synthetic::loadRealPhoto("P1060378.jpg"), Synthetic::loadRealPhoto("P1060379.jpg"),
+                                   Synthetic::loadRealPhoto("P1060380.jpg")},
+              strip);
+  cv::resize(strip, strip, cv::Size(1920, 480), 0, 0, cv::INTER_AREA);
+  const cv::Matx33d view2target(0.95, 0.06, 700.0, -0.04, 1.02, -20.0, 2e-5, -1e-5, 1.0);
+  cv::warpPerspective(strip, view, cv::Mat(view2target), cv::Size(640, 480), cv::WARP_INVERSE_MAP);
+  WorkPictures p;
+  p.target = strip;
+  cv::warpPerspective(view, p.module, cv::Mat(view2target), strip.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+  p.moduleMask = contentMask(p.module);
+  p.prepareGrey();
+  return p;
+}
+
+// The difference error and the correlation over the overlap, computed on
+// the whole pictures as the matcher's rules define them.
+double wholeCorrelation(const WorkPictures& p, const cv::Matx33d& h) {
+  cv::Mat covered, warped, a, b;
+  cv::warpPerspective(p.moduleMask, covered, cv::Mat(h), p.targetGrey.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT);
+  cv::erode(covered, covered, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(7, 7)));
+  if (cv::countNonZero(covered) < 400) return std::numeric_limits<double>::quiet_NaN();
+  cv::warpPerspective(p.moduleGrey, warped, cv::Mat(h), p.targetGrey.size(), cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+  cv::GaussianBlur(p.targetGrey, a, cv::Size(), 1.0);
+  cv::GaussianBlur(warped, b, cv::Size(), 1.0);
+  cv::Scalar ma, da, mb, db;
+  cv::meanStdDev(a, ma, da, covered);
+  cv::meanStdDev(b, mb, db, covered);
+  cv::Mat af, bf, product;
+  a.convertTo(af, CV_32F, 1.0, -ma[0]);
+  b.convertTo(bf, CV_32F, 1.0, -mb[0]);
+  cv::multiply(af, bf, product);
+  return cv::mean(product, covered)[0] / (da[0] * db[0]);
+}
+
+TEST(WorkPictureMeasures, LookingOnlyWhereTheModuleIsDrawnChangesNoNumber) {
+  const WorkPictures p = wideWorkPictures();
+  const struct {
+    const char* what;
+    cv::Matx33d h;
+  } placements[] = {
+      {"in place", cv::Matx33d::eye()},
+      {"a third of a pixel off", cv::Matx33d(1, 0, 0.33, 0, 1, -0.21, 0, 0, 1)},
+      {"turned 2 degrees and scaled", cv::Matx33d(0.98, -0.035, 20.0, 0.035, 0.98, -9.0, 0, 0, 1)},
+      {"keystoned", cv::Matx33d(1, 0.01, 0, 0, 1, 0, 1e-4, 2e-5, 1)},
+      {"half off the target's left edge", cv::Matx33d(1, 0, -1000.0, 0, 1, 0, 0, 0, 1)},
+      {"off the target", cv::Matx33d(1, 0, 5000.0, 0, 1, 0, 0, 0, 1)},
+  };
+  for (const auto& placement : placements) {
+    EXPECT_FLOAT_EQ(differenceError(p, placement.h), differenceError(p.module, p.target, placement.h))
+        << placement.what;
+    const double whole = wholeCorrelation(p, placement.h), drawn = overlapCorrelation(p, placement.h);
+    if (std::isnan(whole)) {
+      EXPECT_TRUE(std::isnan(drawn)) << placement.what;
+    } else {
+      // OpenCV's warp rounds positions to 1/32 pixel from the corner of
+      // what it draws, so a part drawn alone interpolates a few values a
+      // grey level apart.
+      EXPECT_NEAR(drawn, whole, 1e-4) << placement.what;
+    }
+  }
+  // In place the views agree closely; off the target nothing is shared.
+  EXPECT_GT(overlapCorrelation(p, cv::Matx33d::eye()), 0.95);
+  EXPECT_TRUE(std::isnan(overlapCorrelation(p, placements[5].h)));
 }
 
 TEST(OpticalFlowSteps, OutliersAreDropped) {
