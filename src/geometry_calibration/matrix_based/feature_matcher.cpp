@@ -87,6 +87,25 @@ const char* searchName(FeatureMatcher::Search search) {
   return "";
 }
 
+// The part of the work pictures searched near the placement `start`: the
+// module's content and where `start` draws it on the target, widened by
+// the search radius (kSearchRadius of the drawn part's larger side); the
+// whole pictures when the module is drawn off the target.
+cv::Rect nearPlacement(const cv::Mat& moduleGrey, const cv::Mat& targetGrey, const cv::Mat& moduleMask,
+                       const cv::Matx33d& start) {
+  const cv::Rect whole(cv::Point(), targetGrey.size());
+  WorkPictures outline;
+  outline.moduleGrey = moduleGrey;
+  outline.targetGrey = targetGrey;
+  outline.moduleMask = moduleMask;
+  const cv::Rect drawn = footprintOnTarget(outline, start, 0);
+  if (drawn.empty() || moduleGrey.size() != targetGrey.size()) return whole;
+  const cv::Rect content = moduleMask.empty() ? whole : cv::boundingRect(moduleMask);
+  const int radius = int(std::ceil(kSearchRadius * std::max(drawn.width, drawn.height)));
+  const cv::Rect both = drawn | content;
+  return cv::Rect(both.x - radius, both.y - radius, both.width + 2 * radius, both.height + 2 * radius) & whole;
+}
+
 EstimateResult failed(const cv::Matx33f& h) {
   EstimateResult r;
   r.homography = h;
@@ -156,11 +175,19 @@ bool FeatureMatcher::homographyOfPairs(const std::vector<MatchPair>& pairs, cv::
 bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targetGrey, const cv::Mat& moduleMask,
                                   const cv::Mat& targetMask, int maxFeatures, Search search, const cv::Matx33d& start) {
   pairs_.clear();
-  const cv::Size size = targetGrey.size();
-  const double factor = matchingFactor(size);
+  // Near the placement only the part of both pictures around where the
+  // module is drawn is searched (on a wide target most of it is elsewhere);
+  // anywhere, the whole pictures.
+  const double factor = matchingFactor(targetGrey.size());
+  const cv::Rect box = search == Search::kNearPlacement ? nearPlacement(moduleGrey, targetGrey, moduleMask, start)
+                                                        : cv::Rect(cv::Point(), targetGrey.size());
+  const cv::Size size = box.size();
+  auto cut = [&box](const cv::Mat& picture) { return picture.empty() ? picture : picture(box); };
   const cv::Size reduced(std::max(1, cvRound(size.width / factor)), std::max(1, cvRound(size.height / factor)));
-  const Prepared module = prepare(moduleGrey, moduleMask, reduced), target = prepare(targetGrey, targetMask, reduced);
-  const cv::Matx33d toWork = paddedToWork(size, reduced);
+  const Prepared module = prepare(cut(moduleGrey), cut(moduleMask), reduced),
+                 target = prepare(cut(targetGrey), cut(targetMask), reduced);
+  const cv::Matx33d toWork =
+      cv::Matx33d(1, 0, box.x, 0, 1, box.y, 0, 0, 1) * paddedToWork(size, reduced);
 
   Features moduleFeatures, targetFeatures;
   if (!detectFeatures(module, target, maxFeatures, search, moduleFeatures, targetFeatures)) return false;

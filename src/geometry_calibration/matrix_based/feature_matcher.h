@@ -18,10 +18,12 @@
 // result the pictures support (at least kLeastSupport pairs agree with its
 // homography, and the correlation over the overlap after it is at least
 // kLeastCorrelation):
-//  1. near the current placement: the strongest 2000 ORB features of each
-//     picture, matched (cross-checked Hamming, hamming_matcher.h) only with partners within
-//     about a sixth of the picture of where the start homography puts them;
-//     homography by RHO at 3 pixels;
+//  1. near the current placement: both pictures cut to where the start
+//     homography draws the module, widened by the search radius (0.15 of
+//     the drawn part's larger side); the strongest 2000 ORB features of
+//     each cut, matched (cross-checked Hamming, hamming_matcher.h) only with
+//     partners within about a sixth of the cut of where the start
+//     homography puts them; homography by RHO at 3 pixels;
 //  2. anywhere: all ORB features (the detector with its fixed settings,
 //     10000 from the driver) of both whole pictures, cross-checked Hamming,
 //     homography by RANSAC at 3 pixels; this finds a module placed half a
