@@ -235,6 +235,146 @@ bool exactAt(const std::map<std::string, float>& point, float& ours, float& open
   return ours == opencv;
 }
 
+// Exactness on a sample of grid points: random ones and the grid's corners
+// (the strongest and weakest distortions, shifted to every side, which
+// bring every edge of the picture into the rendering).
+void checkExactness(Bench::Goals& goals) {
+  std::vector<std::map<std::string, float>> points;
+  std::vector<std::vector<float>> values;
+  std::vector<std::string> names;
+  for (const auto& entry : ShaderBruteForcer::defaultParameterList()) {
+    names.push_back(entry.first);
+    values.push_back(ShaderBruteForcer::parameterValues(entry.first, entry.second));
+  }
+  std::mt19937 random(18);
+  for (int n = 0; n < 24; ++n) {
+    std::map<std::string, float> p;
+    for (std::size_t i = 0; i < names.size(); ++i) p[names[i]] = values[i][random() % values[i].size()];
+    points.push_back(p);
+  }
+  for (int corner = 0; corner < 32; corner += 3) {
+    std::map<std::string, float> p;
+    for (std::size_t i = 0; i < names.size(); ++i) p[names[i]] = (corner >> i) & 1 ? values[i].back() : values[i].front();
+    points.push_back(p);
+  }
+  int exact = 0;
+  for (const auto& p : points) {
+    float ours = 0, opencv = 0;
+    if (exactAt(p, ours, opencv)) {
+      ++exact;
+    } else {
+      std::printf("  NOT EXACT: ours %.9g, Apply + OpenCV %.9g\n", double(ours), double(opencv));
+    }
+  }
+  goals.correctness(exact == int(points.size()),
+                    "exactness: %d of %zu grid points score bit for bit as Apply + OpenCV's sequence", exact,
+                    points.size());
+}
+
+// The plain pipeline's time per evaluation (seconds), measured beside ours
+// on a slice of the grid; prints the slice's ratios.
+double plainSecondsPerEvaluation(const Bench::Options& options) {
+  const auto ratios = Bench::runAndCompare(
+      options,
+      {{"slice: plain 169 evaluations vs ours 1690 on all cores", "PlainEvaluations", "OursAllCores"},
+       {"slice: plain 169 evaluations vs ours 1690 on one thread", "PlainEvaluations", "OursOneThread"}});
+  for (const auto& ratio : ratios) {
+    std::printf("slice, per evaluation (%s): plain / ours = %.1fx\n", ratio.first.c_str(),
+                ratio.second * kSliceEvaluations / kPlainEvaluations);
+  }
+  // Median of five single-threaded runs of the plain pipeline, for the full grid's ratio.
+  std::vector<double> times;
+  for (int run = 0; run < 5; ++run) {
+    const auto t0 = std::chrono::steady_clock::now();
+    ImageSource::LensDistortion lens;
+    for (int i = 0; i < 20; ++i) {
+      lens.strength = 0.05f * float(i % 15);
+      lens.vertical = 0.05f + 0.05f * float(i % 10);
+      benchmark::DoNotOptimize(plainEvaluation(lens));
+    }
+    times.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() / 20.0);
+  }
+  std::sort(times.begin(), times.end());
+  std::printf("plain pipeline: %.3f ms per evaluation (median of 5 runs of 20)\n", times[2] * 1e3);
+  return times[2];
+}
+
+// Where the processor time goes, on one outermost value of the grid
+// (F = 0.35: 20,280 points) on one thread; the same on every core gives
+// the same results.
+void profileOneValue(Bench::Goals& goals) {
+  const Scene& s = scene();
+  auto outer = ShaderBruteForcer::defaultParameterList();
+  outer.front().second.min += 6.0f * outer.front().second.step;
+  outer.front().second.max = outer.front().second.min + 0.5f * outer.front().second.step;
+  std::streambuf* console = std::cout.rdbuf();
+  std::ostringstream walkOutput;
+  std::cout.rdbuf(walkOutput.rdbuf());
+  ShaderSearch single(s.camera, s.images, outer);
+  single.setThreadCount(1);
+  single.setProfiling(true);
+  single.search(L"M", L"reference");
+  ShaderSearch every(s.camera, s.images, outer);
+  every.search(L"M", L"reference");
+  std::cout.rdbuf(console);
+  bool same = single.results().size() == every.results().size();
+  for (auto a = single.results().begin(), b = every.results().begin(); same && a != single.results().end(); ++a, ++b)
+    same = a->error == b->error && a->gridIndex == b->gridIndex;
+  const ShaderSearch::Profile p = single.profile();
+  const double n = double(std::max<std::uint64_t>(1, p.evaluations));
+  const double total = double(p.preparation + p.sampling + p.histogram + p.edges);
+  std::printf("one outermost value (%llu points), one thread, processor time per evaluation: %.1f us\n",
+              static_cast<unsigned long long>(p.evaluations), total / 1e3 / n);
+  auto line = [&](const char* what, std::uint64_t ns) {
+    std::printf("  %-44s %6.1f us (%4.1f %%)\n", what, double(ns) / 1e3 / n, total > 0 ? 100.0 * double(ns) / total : 0.0);
+  };
+  line("sampling (grey rendering)", p.sampling);
+  line("histogram", p.histogram);
+  line("equalisation, Laplacian and difference", p.edges);
+  line("families' radial terms and per-axis parts", p.preparation);
+  std::printf("  scores stopped early: %.1f %%, after %.0f %% of the rows on average; results on one thread and "
+              "on every core %s\n",
+              100.0 * double(p.stopped) / n, 100.0 * double(p.rowsSummed) / n / double(kRendered.height),
+              same ? "identical" : "DIFFER");
+  goals.correctness(same, "results on one thread and on every core identical: %s", same ? "yes" : "no");
+}
+
+// The whole grid through the public interface, judged against the plain
+// pipeline's time per evaluation.
+void runFullGrid(Bench::Goals& goals, double plainPerEvaluation) {
+  const Scene& s = scene();
+  // The library prints its walk on standard output; keep it out of the report.
+  std::streambuf* console = std::cout.rdbuf();
+  std::ostringstream walkOutput;
+  std::cout.rdbuf(walkOutput.rdbuf());
+  const double loadBefore = loadAverage();
+  const auto t0 = std::chrono::steady_clock::now();
+  const std::clock_t c0 = std::clock();
+  ShaderBruteForcer forcer(s.camera, s.images);
+  const auto cameras = forcer.searchForBestParameters(L"M", L"reference");
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  const double processor = double(std::clock() - c0) / CLOCKS_PER_SEC;
+  std::cout.rdbuf(console);
+  const std::uint64_t points = ShaderBruteForcer::gridSize(ShaderBruteForcer::defaultParameterList());
+  const bool found = !forcer.results().empty() && forcer.results().front().parameters == truth();
+  const double ratio = plainPerEvaluation / (seconds / double(points));
+  std::printf("full grid: %llu points, %llu scored, %zu cameras, %.2f s wall\n",
+              static_cast<unsigned long long>(points), static_cast<unsigned long long>(forcer.evaluationCount()),
+              cameras.size(), seconds);
+  std::printf("full grid: %.2f s of processor time on all threads (%.1f us per evaluation, %.2f s per core of "
+              "2); load average %.1f before, %.1f after\n",
+              processor, processor * 1e6 / double(points), processor / 2.0, loadBefore, loadAverage());
+  goals.speed(ratio >= kRatioGoal, "full grid vs plain: %.3f ms / %.1f us per evaluation = %.1fx, at least %.0fx",
+              plainPerEvaluation * 1e3, seconds * 1e6 / double(points), ratio, kRatioGoal);
+  goals.correctness(found, "best: error %.4f, the reference's grid point found first: %s",
+                    forcer.results().empty() ? -1.0 : double(forcer.results().front().error), found ? "yes" : "no");
+  int place = 0;
+  for (const auto& result : forcer.results()) {
+    std::printf("  %d: error %.6f at grid point %llu\n", place++, double(result.error),
+                static_cast<unsigned long long>(result.gridIndex));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -243,142 +383,9 @@ int main(int argc, char** argv) {
   Bench::Goals goals(options);
   Synthetic::TemporaryDirectory shaders;
   installShaders(shaders);
-  const Scene& s = scene();
-
-  // Exactness on a sample of grid points: random ones and the grid's corners
-  // (the strongest and weakest distortions, shifted to every side, which
-  // bring every edge of the picture into the rendering).
-  {
-    std::vector<std::map<std::string, float>> points;
-    std::vector<std::vector<float>> values;
-    std::vector<std::string> names;
-    for (const auto& entry : ShaderBruteForcer::defaultParameterList()) {
-      names.push_back(entry.first);
-      values.push_back(ShaderBruteForcer::parameterValues(entry.first, entry.second));
-    }
-    std::mt19937 random(18);
-    for (int n = 0; n < 24; ++n) {
-      std::map<std::string, float> p;
-      for (std::size_t i = 0; i < names.size(); ++i) p[names[i]] = values[i][random() % values[i].size()];
-      points.push_back(p);
-    }
-    for (int corner = 0; corner < 32; corner += 3) {
-      std::map<std::string, float> p;
-      for (std::size_t i = 0; i < names.size(); ++i) p[names[i]] = (corner >> i) & 1 ? values[i].back() : values[i].front();
-      points.push_back(p);
-    }
-    int exact = 0;
-    for (const auto& p : points) {
-      float ours = 0, opencv = 0;
-      if (exactAt(p, ours, opencv)) {
-        ++exact;
-      } else {
-        std::printf("  NOT EXACT: ours %.9g, Apply + OpenCV %.9g\n", double(ours), double(opencv));
-      }
-    }
-    goals.correctness(exact == int(points.size()),
-                      "exactness: %d of %zu grid points score bit for bit as Apply + OpenCV's sequence", exact,
-                      points.size());
-  }
-
-  // The plain pipeline's time per evaluation, measured beside ours.
-  const auto ratios = Bench::runAndCompare(
-      options,
-      {{"slice: plain 169 evaluations vs ours 1690 on all cores", "PlainEvaluations", "OursAllCores"},
-       {"slice: plain 169 evaluations vs ours 1690 on one thread", "PlainEvaluations", "OursOneThread"}});
-  double plainPerEvaluation = 0.0;  // seconds
-  for (const auto& ratio : ratios) {
-    std::printf("slice, per evaluation (%s): plain / ours = %.1fx\n", ratio.first.c_str(),
-                ratio.second * kSliceEvaluations / kPlainEvaluations);
-  }
-  {
-    // Median of five single-threaded runs of the plain pipeline, for the full grid's ratio.
-    std::vector<double> times;
-    for (int run = 0; run < 5; ++run) {
-      const auto t0 = std::chrono::steady_clock::now();
-      ImageSource::LensDistortion lens;
-      for (int i = 0; i < 20; ++i) {
-        lens.strength = 0.05f * float(i % 15);
-        lens.vertical = 0.05f + 0.05f * float(i % 10);
-        benchmark::DoNotOptimize(plainEvaluation(lens));
-      }
-      times.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() / 20.0);
-    }
-    std::sort(times.begin(), times.end());
-    plainPerEvaluation = times[2];
-    std::printf("plain pipeline: %.3f ms per evaluation (median of 5 runs of 20)\n", plainPerEvaluation * 1e3);
-  }
-
-  {
-    // Where the processor time goes, on one outermost value of the grid
-    // (F = 0.35: 20,280 points) on one thread; the same on every core gives
-    // the same results.
-    auto outer = ShaderBruteForcer::defaultParameterList();
-    outer.front().second.min += 6.0f * outer.front().second.step;
-    outer.front().second.max = outer.front().second.min + 0.5f * outer.front().second.step;
-    std::streambuf* console = std::cout.rdbuf();
-    std::ostringstream walkOutput;
-    std::cout.rdbuf(walkOutput.rdbuf());
-    ShaderSearch single(s.camera, s.images, outer);
-    single.setThreadCount(1);
-    single.setProfiling(true);
-    single.search(L"M", L"reference");
-    ShaderSearch every(s.camera, s.images, outer);
-    every.search(L"M", L"reference");
-    std::cout.rdbuf(console);
-    bool same = single.results().size() == every.results().size();
-    for (auto a = single.results().begin(), b = every.results().begin(); same && a != single.results().end(); ++a, ++b)
-      same = a->error == b->error && a->gridIndex == b->gridIndex;
-    const ShaderSearch::Profile p = single.profile();
-    const double n = double(std::max<std::uint64_t>(1, p.evaluations));
-    const double total = double(p.preparation + p.sampling + p.histogram + p.edges);
-    std::printf("one outermost value (%llu points), one thread, processor time per evaluation: %.1f us\n",
-                static_cast<unsigned long long>(p.evaluations), total / 1e3 / n);
-    auto line = [&](const char* what, std::uint64_t ns) {
-      std::printf("  %-44s %6.1f us (%4.1f %%)\n", what, double(ns) / 1e3 / n, total > 0 ? 100.0 * double(ns) / total : 0.0);
-    };
-    line("sampling (grey rendering)", p.sampling);
-    line("histogram", p.histogram);
-    line("equalisation, Laplacian and difference", p.edges);
-    line("families' radial terms and per-axis parts", p.preparation);
-    std::printf("  scores stopped early: %.1f %%, after %.0f %% of the rows on average; results on one thread and "
-                "on every core %s\n",
-                100.0 * double(p.stopped) / n, 100.0 * double(p.rowsSummed) / n / double(kRendered.height),
-                same ? "identical" : "DIFFER");
-    goals.correctness(same, "results on one thread and on every core identical: %s", same ? "yes" : "no");
-  }
-
-  if (fullGrid) {
-    // The library prints its walk on standard output; keep it out of the report.
-    std::streambuf* console = std::cout.rdbuf();
-    std::ostringstream walkOutput;
-    std::cout.rdbuf(walkOutput.rdbuf());
-    const double loadBefore = loadAverage();
-    const auto t0 = std::chrono::steady_clock::now();
-    const std::clock_t c0 = std::clock();
-    ShaderBruteForcer forcer(s.camera, s.images);
-    const auto cameras = forcer.searchForBestParameters(L"M", L"reference");
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    const double processor = double(std::clock() - c0) / CLOCKS_PER_SEC;
-    std::cout.rdbuf(console);
-    const std::uint64_t points = ShaderBruteForcer::gridSize(ShaderBruteForcer::defaultParameterList());
-    const bool found = !forcer.results().empty() && forcer.results().front().parameters == truth();
-    const double ratio = plainPerEvaluation / (seconds / double(points));
-    std::printf("full grid: %llu points, %llu scored, %zu cameras, %.2f s wall\n",
-                static_cast<unsigned long long>(points), static_cast<unsigned long long>(forcer.evaluationCount()),
-                cameras.size(), seconds);
-    std::printf("full grid: %.2f s of processor time on all threads (%.1f us per evaluation, %.2f s per core of "
-                "2); load average %.1f before, %.1f after\n",
-                processor, processor * 1e6 / double(points), processor / 2.0, loadBefore, loadAverage());
-    goals.speed(ratio >= kRatioGoal, "full grid vs plain: %.3f ms / %.1f us per evaluation = %.1fx, at least %.0fx",
-                plainPerEvaluation * 1e3, seconds * 1e6 / double(points), ratio, kRatioGoal);
-    goals.correctness(found, "best: error %.4f, the reference's grid point found first: %s",
-                      forcer.results().empty() ? -1.0 : double(forcer.results().front().error), found ? "yes" : "no");
-    int place = 0;
-    for (const auto& result : forcer.results()) {
-      std::printf("  %d: error %.6f at grid point %llu\n", place++, double(result.error),
-                  static_cast<unsigned long long>(result.gridIndex));
-    }
-  }
+  checkExactness(goals);
+  const double plainPerEvaluation = plainSecondsPerEvaluation(options);
+  profileOneValue(goals);
+  if (fullGrid) runFullGrid(goals, plainPerEvaluation);
   return goals.finish();
 }

@@ -132,107 +132,318 @@ AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& 
                               : measureSingle(level, warp, hessian, gradient, buildHessian);
 }
 
+namespace {
+
+// Where a fixed pixel lands on the moving picture, and the moving picture's
+// bilinear value there; false when it lands outside or off the mask.
+struct Sampler {
+  const cv::Matx33d& w;  // fixed -> moving pixels of the level
+  const cv::Mat& moving;
+  const cv::Mat& mask;
+  const cv::Mat& fixedMask;  // empty: every fixed pixel counts
+  bool operator()(int x, int y, double& px, double& py, float& value) const {
+    if (!fixedMask.empty() && fixedMask.at<uchar>(y, x) == 0) return false;
+    const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
+    const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
+    const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
+    if (!(Z > 1e-9)) return false;
+    px = X / Z;
+    py = Y / Z;
+    if (!(px >= 0.0) || !(py >= 0.0) || px >= moving.cols - 1 || py >= moving.rows - 1) return false;
+    const int ix = static_cast<int>(px), iy = static_cast<int>(py);
+    const uchar* m0 = mask.ptr<uchar>(iy) + ix;
+    const uchar* m1 = mask.ptr<uchar>(iy + 1) + ix;
+    if (!(m0[0] && m0[1] && m1[0] && m1[1])) return false;
+    const float fx = static_cast<float>(px - ix), fy = static_cast<float>(py - iy);
+    const float* r0 = moving.ptr<float>(iy) + ix;
+    const float* r1 = moving.ptr<float>(iy + 1) + ix;
+    const float top = r0[0] + fx * (r0[1] - r0[0]);
+    const float bottom = r1[0] + fx * (r1[1] - r1[0]);
+    value = top + fy * (bottom - top);
+    return true;
+  }
+};
+
+// The fixed picture of a level as a measurement reads it: its values and
+// gradients over `region`, the sampler of the moving picture, and the
+// normalised coordinates xn = (x - cx) / sc, yn = (y - cy) / sc.
+struct LevelPixels {
+  const cv::Mat& fixed;
+  const cv::Mat& gradX;
+  const cv::Mat& gradY;
+  cv::Rect region;
+  Sampler sample;
+  double cx, cy, sc;
+};
+
+LevelPixels levelPixels(const cv::Mat& fixed, const cv::Mat& gradX, const cv::Mat& gradY, const cv::Rect& region,
+                        const Sampler& sample) {
+  return LevelPixels{fixed,
+                     gradX,
+                     gradY,
+                     region,
+                     sample,
+                     region.x + 0.5 * (region.width - 1),
+                     region.y + 0.5 * (region.height - 1),
+                     0.5 * std::max(region.width, region.height)};
+}
+
+// The Jacobian of a fixed pixel for `count` parameters (2: translation, 6:
+// affine, 8: homography) from its gradient (gx, gy, scaled by sc) at (xn, yn).
+inline void jacobianAt(float gx, float gy, float xn, float yn, int count, std::array<float, 8>& j) {
+  if (count == 2) {
+    j[0] = gx;
+    j[1] = gy;
+    return;
+  }
+  j[0] = gx * xn;
+  j[1] = gx * yn;
+  j[2] = gx;
+  j[3] = gy * xn;
+  j[4] = gy * yn;
+  j[5] = gy;
+  if (count == 8) {
+    const float s = -(gx * xn + gy * yn);
+    j[6] = s * xn;
+    j[7] = s * yn;
+  }
+}
+
+// One row's sums of the one-gain measurement, added to `sums`.
+void addSingleRow(const LevelPixels& l, int y, int count, bool wantJacobian, bool buildHessian, Sums& sums) {
+  const float* T = l.fixed.ptr<float>(y);
+  const float* GX = wantJacobian ? l.gradX.ptr<float>(y) : nullptr;
+  const float* GY = wantJacobian ? l.gradY.ptr<float>(y) : nullptr;
+  const float yn = static_cast<float>((y - l.cy) / l.sc);
+  double rowN = 0, rowI = 0, rowT = 0, rowII = 0, rowTT = 0, rowIT = 0;
+  std::array<double, 8> rowJI{}, rowJ1{}, rowJT{};
+  std::array<float, 8> j{};
+  for (int x = l.region.x; x < l.region.x + l.region.width; ++x) {
+    double px = 0, py = 0;
+    float I = 0;
+    if (!l.sample(x, y, px, py, I)) continue;
+    const float t = T[x];
+    rowN += 1.0;
+    rowI += I;
+    rowT += t;
+    rowII += double(I) * I;
+    rowTT += double(t) * t;
+    rowIT += double(I) * t;
+    if (!wantJacobian) continue;
+    const float xn = static_cast<float>((x - l.cx) / l.sc);
+    jacobianAt(GX[x] * static_cast<float>(l.sc), GY[x] * static_cast<float>(l.sc), xn, yn, count, j);
+    for (int k = 0; k < count; ++k) {
+      rowJI[k] += j[k] * I;
+      rowJ1[k] += j[k];
+      rowJT[k] += j[k] * t;
+    }
+    if (buildHessian) {
+      int idx = 0;
+      for (int a = 0; a < count; ++a)
+        for (int b = a; b < count; ++b) sums.h[idx++] += double(j[a]) * j[b];
+    }
+  }
+  sums.n += rowN;
+  sums.sI += rowI;
+  sums.sT += rowT;
+  sums.sII += rowII;
+  sums.sTT += rowTT;
+  sums.sIT += rowIT;
+  for (int k = 0; k < count; ++k) {
+    sums.jI[k] += rowJI[k];
+    sums.j1[k] += rowJ1[k];
+    sums.jT[k] += rowJT[k];
+  }
+}
+
+// The spatial photometric model at a warp, fitted on every `stride`-th
+// pixel of every `stride`-th row (its seven terms need far fewer pixels than
+// the geometry): fixed ~ g(u, v) moving + b, g quadratic in the moving
+// picture's coordinates u, v (-1..1); one gain and offset when too little
+// of the moving picture is seen for seven terms. Returns the gain terms
+// followed by the offset.
+cv::Vec<double, kPhotometric> fitSpatialGain(const LevelPixels& l, double uScale, double vScale, int stride) {
+  std::array<double, kPhotometric * (kPhotometric + 1) / 2> normalSums{};
+  std::array<double, kPhotometric> at{};
+  double fitN = 0, fitI = 0, fitT = 0, fitII = 0, fitIT = 0;
+  for (int y = l.region.y; y < l.region.y + l.region.height; y += stride) {
+    const float* T = l.fixed.ptr<float>(y);
+    for (int x = l.region.x; x < l.region.x + l.region.width; x += stride) {
+      double px = 0, py = 0;
+      float value = 0;
+      if (!l.sample(x, y, px, py, value)) continue;
+      const double I = value, t = T[x];
+      const double u = px * uScale - 1.0, v = py * vScale - 1.0;
+      const std::array<double, kPhotometric> r = {I, u * I, v * I, u * u * I, v * v * I, u * v * I, 1.0};
+      int idx = 0;
+      for (int i = 0; i < kPhotometric; ++i) {
+        at[std::size_t(i)] += r[std::size_t(i)] * t;
+        for (int k = i; k < kPhotometric; ++k) normalSums[std::size_t(idx++)] += r[std::size_t(i)] * r[std::size_t(k)];
+      }
+      fitN += 1.0;
+      fitI += I;
+      fitT += t;
+      fitII += I * I;
+      fitIT += I * t;
+    }
+  }
+  cv::Vec<double, kPhotometric> c = cv::Vec<double, kPhotometric>::all(0.0);
+  bool spatial = false;
+  if (fitN >= kPhotometric * 4) {
+    cv::Matx<double, kPhotometric, kPhotometric> normal;
+    int idx = 0;
+    for (int i = 0; i < kPhotometric; ++i)
+      for (int k = i; k < kPhotometric; ++k) {
+        normal(i, k) = normalSums[std::size_t(idx)];
+        normal(k, i) = normalSums[std::size_t(idx)];
+        ++idx;
+      }
+    spatial = cv::solve(normal, cv::Vec<double, kPhotometric>(at.data()), c, cv::DECOMP_CHOLESKY);
+    for (int i = 0; i < kPhotometric && spatial; ++i) spatial = std::isfinite(c[i]);
+  }
+  if (!spatial && fitN > 1.0) {
+    const double mI = fitI / fitN, mT = fitT / fitN, vI = fitII / fitN - mI * mI;
+    c = cv::Vec<double, kPhotometric>::all(0.0);
+    c[0] = vI > 1e-9 ? (fitIT / fitN - mI * mT) / vI : 1.0;
+    c[kGainTerms] = mT - c[0] * mI;
+  }
+  return c;
+}
+
+// Sums of the spatial-gain measurement. The Jacobian of a pixel is
+// (P xn, P yn, P, Q xn, Q yn, Q, S xn, S yn) with P, Q the fixed picture's
+// gradient and S = -(P xn + Q yn), so per row it needs only sums over
+// products of P, Q, S, the residual and powers of xn (yn is the row's).
+struct SpatialSums {
+  double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0, sEE = 0;
+  double g[6] = {0};       // P xn e, P e, Q xn e, Q e, S xn e, S e (times yn^k summed as needed)
+  double gy[3] = {0};      // yn P e, yn Q e, yn S e
+  double h[6][3][3] = {};  // [PP, PQ, PS, QQ, QS, SS][xn power][yn power]
+  void add(const SpatialSums& o) {
+    n += o.n, sI += o.sI, sT += o.sT, sII += o.sII, sTT += o.sTT, sIT += o.sIT, sEE += o.sEE;
+    for (int k = 0; k < 6; ++k) g[k] += o.g[k];
+    for (int k = 0; k < 3; ++k) gy[k] += o.gy[k];
+    for (int f = 0; f < 6; ++f)
+      for (int k = 0; k < 3; ++k)
+        for (int m = 0; m < 3; ++m) h[f][k][m] += o.h[f][k][m];
+  }
+};
+
+// One row's sums of the spatial-gain measurement with the photometric
+// model `c`, added to `part`.
+void addSpatialRow(const LevelPixels& l, int y, const cv::Vec<double, kPhotometric>& c, double uScale, double vScale,
+                   bool wantJacobian, bool buildHessian, SpatialSums& part) {
+  const float* T = l.fixed.ptr<float>(y);
+  const float* GX = wantJacobian ? l.gradX.ptr<float>(y) : nullptr;
+  const float* GY = wantJacobian ? l.gradY.ptr<float>(y) : nullptr;
+  const double yn = (y - l.cy) / l.sc;
+  double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0, sEE = 0;
+  double pxe = 0, pe = 0, qxe = 0, qe = 0, sxe = 0, se = 0;
+  double pp0 = 0, pp1 = 0, pp2 = 0, pq0 = 0, pq1 = 0, pq2 = 0, ps0 = 0, ps1 = 0, ps2 = 0;
+  double qq0 = 0, qq1 = 0, qq2 = 0, qs0 = 0, qs1 = 0, qs2 = 0, ss0 = 0, ss1 = 0, ss2 = 0;
+  for (int x = l.region.x; x < l.region.x + l.region.width; ++x) {
+    double px = 0, py = 0;
+    float value = 0;
+    if (!l.sample(x, y, px, py, value)) continue;
+    const double I = value, t = T[x];
+    const double u = px * uScale - 1.0, v = py * vScale - 1.0;
+    const double gain = c[0] + u * (c[1] + u * c[3] + v * c[5]) + v * (c[2] + v * c[4]);
+    const double e = gain * I + c[kGainTerms] - t;
+    n += 1.0;
+    sI += I;
+    sT += t;
+    sII += I * I;
+    sTT += t * t;
+    sIT += I * t;
+    sEE += e * e;
+    if (!wantJacobian) continue;
+    const double xn = (x - l.cx) / l.sc;
+    const double P = double(GX[x]) * l.sc, Q = double(GY[x]) * l.sc;
+    const double S = -(P * xn + Q * yn);
+    pxe += P * xn * e;
+    pe += P * e;
+    qxe += Q * xn * e;
+    qe += Q * e;
+    sxe += S * xn * e;
+    se += S * e;
+    if (!buildHessian) continue;
+    const double x2 = xn * xn;
+    const double PP = P * P, PQ = P * Q, PS = P * S, QQ = Q * Q, QS = Q * S, SS = S * S;
+    pp0 += PP, pp1 += PP * xn, pp2 += PP * x2;
+    pq0 += PQ, pq1 += PQ * xn, pq2 += PQ * x2;
+    ps0 += PS, ps1 += PS * xn, ps2 += PS * x2;
+    qq0 += QQ, qq1 += QQ * xn, qq2 += QQ * x2;
+    qs0 += QS, qs1 += QS * xn, qs2 += QS * x2;
+    ss0 += SS, ss1 += SS * xn, ss2 += SS * x2;
+  }
+  part.n += n, part.sI += sI, part.sT += sT, part.sII += sII, part.sTT += sTT, part.sIT += sIT, part.sEE += sEE;
+  part.g[0] += pxe, part.g[1] += pe, part.g[2] += qxe, part.g[3] += qe, part.g[4] += sxe, part.g[5] += se;
+  part.gy[0] += yn * pe, part.gy[1] += yn * qe, part.gy[2] += yn * se;
+  const double rows3[6][3] = {{pp0, pp1, pp2}, {pq0, pq1, pq2}, {ps0, ps1, ps2},
+                              {qq0, qq1, qq2}, {qs0, qs1, qs2}, {ss0, ss1, ss2}};
+  const double ynPower[3] = {1.0, yn, yn * yn};
+  for (int f = 0; f < 6; ++f)
+    for (int k = 0; k < 3; ++k)
+      for (int m = 0; m < 3; ++m) part.h[f][k][m] += rows3[f][k] * ynPower[m];
+}
+
+// The normal equations of the geometric update from the spatial sums, for
+// `count` parameters (2: translation, 8: homography; the affine motion's
+// six are the homography's first six).
+void spatialNormalEquations(const SpatialSums& total, int count, cv::Matx<double, 8, 8>* hessian,
+                            cv::Vec<double, 8>* gradient, bool buildHessian) {
+  // The Jacobian's entries as (function of P/Q/S, power of xn, power of yn).
+  static const int kFunction[8] = {0, 0, 0, 1, 1, 1, 2, 2};
+  static const int kXPower[8] = {1, 0, 0, 1, 0, 0, 1, 0};
+  static const int kYPower[8] = {0, 1, 0, 0, 1, 0, 0, 1};
+  // The motion's parameters among those eight.
+  static const int kTranslation[2] = {2, 5};
+  static const int kAll[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  const int* used = count == 2 ? kTranslation : kAll;
+  if (gradient) {
+    // Sums by (function, power of xn, power of yn): g holds (P xn, P, Q xn, Q, S xn, S), gy the yn ones.
+    *gradient = cv::Vec<double, 8>::all(0.0);
+    for (int k = 0; k < count; ++k) {
+      const int j = used[k], f = kFunction[j];
+      (*gradient)[k] = kYPower[j] ? total.gy[f] : total.g[2 * f + (kXPower[j] ? 0 : 1)];
+    }
+  }
+  if (hessian && buildHessian) {
+    static const int kPairIndex[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
+    *hessian = cv::Matx<double, 8, 8>::zeros();
+    for (int a = 0; a < count; ++a)
+      for (int b = 0; b < count; ++b) {
+        const int ja = used[a], jb = used[b];
+        (*hessian)(a, b) = total.h[kPairIndex[kFunction[ja]][kFunction[jb]]][kXPower[ja] + kXPower[jb]]
+                                  [kYPower[ja] + kYPower[jb]];
+      }
+  }
+}
+
+}  // namespace
+
 AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Matx33d& warp,
                                              cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
                                              bool buildHessian) {
   AlignmentResult result;
   result.warp = warp;
-  const cv::Rect region = level.region;
-  if (region.empty()) return result;
-  // Warp in this level's pixels.
-  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);
-  const double cx = region.x + 0.5 * (region.width - 1), cy = region.y + 0.5 * (region.height - 1);
-  const double sc = 0.5 * std::max(region.width, region.height);
+  if (level.region.empty()) return result;
+  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);  // in this level's pixels
+  const LevelPixels pixels = levelPixels(level.fixed, level.gradX, level.gradY, level.region,
+                                         Sampler{w, level.moving, level.mask, level.fixedMask});
   const int count = parameterCount(options_.motion);
-  const bool wantJacobian = gradient != nullptr;
-  const int cols = level.moving.cols, rows = level.moving.rows;
 
+  // 1. The sums over every pixel, stripe by stripe.
   Sums total;
   std::mutex lock;
-  Utils::parallelRows(region.y, region.y + region.height, [&](int rowBegin, int rowEnd) {
-    const cv::Range range(rowBegin, rowEnd);
+  Utils::parallelRows(level.region.y, level.region.y + level.region.height, [&](int rowBegin, int rowEnd) {
     Sums sums;
-    std::array<float, 8> j{};
-    for (int y = range.start; y < range.end; ++y) {
-      const float* T = level.fixed.ptr<float>(y);
-      const uchar* F = level.fixedMask.empty() ? nullptr : level.fixedMask.ptr<uchar>(y);
-      const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
-      const float* GY = wantJacobian ? level.gradY.ptr<float>(y) : nullptr;
-      const double yn = (y - cy) / sc;
-      double rowN = 0, rowI = 0, rowT = 0, rowII = 0, rowTT = 0, rowIT = 0;
-      std::array<double, 8> rowJI{}, rowJ1{}, rowJT{};
-      for (int x = region.x; x < region.x + region.width; ++x) {
-        if (F != nullptr && F[x] == 0) continue;
-        const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
-        const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
-        const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
-        if (!(Z > 1e-9)) continue;
-        const double px = X / Z, py = Y / Z;
-        if (!(px >= 0.0) || !(py >= 0.0) || px >= cols - 1 || py >= rows - 1) continue;
-        const int ix = static_cast<int>(px), iy = static_cast<int>(py);
-        const uchar* m0 = level.mask.ptr<uchar>(iy) + ix;
-        const uchar* m1 = level.mask.ptr<uchar>(iy + 1) + ix;
-        if (!(m0[0] && m0[1] && m1[0] && m1[1])) continue;
-        const float fx = static_cast<float>(px - ix), fy = static_cast<float>(py - iy);
-        const float* r0 = level.moving.ptr<float>(iy) + ix;
-        const float* r1 = level.moving.ptr<float>(iy + 1) + ix;
-        const float top = r0[0] + fx * (r0[1] - r0[0]);
-        const float bottom = r1[0] + fx * (r1[1] - r1[0]);
-        const float I = top + fy * (bottom - top);
-        const float t = T[x];
-        rowN += 1.0;
-        rowI += I;
-        rowT += t;
-        rowII += double(I) * I;
-        rowTT += double(t) * t;
-        rowIT += double(I) * t;
-        if (!wantJacobian) continue;
-        const float xn = static_cast<float>((x - cx) / sc);
-        const float ynf = static_cast<float>(yn);
-        const float gx = GX[x] * static_cast<float>(sc), gy = GY[x] * static_cast<float>(sc);
-        if (count == 2) {
-          j[0] = gx;
-          j[1] = gy;
-        } else {
-          j[0] = gx * xn;
-          j[1] = gx * ynf;
-          j[2] = gx;
-          j[3] = gy * xn;
-          j[4] = gy * ynf;
-          j[5] = gy;
-          if (count == 8) {
-            const float s = -(gx * xn + gy * ynf);
-            j[6] = s * xn;
-            j[7] = s * ynf;
-          }
-        }
-        for (int k = 0; k < count; ++k) {
-          rowJI[k] += j[k] * I;
-          rowJ1[k] += j[k];
-          rowJT[k] += j[k] * t;
-        }
-        if (buildHessian) {
-          int idx = 0;
-          for (int a = 0; a < count; ++a)
-            for (int b = a; b < count; ++b) sums.h[idx++] += double(j[a]) * j[b];
-        }
-      }
-      sums.n += rowN;
-      sums.sI += rowI;
-      sums.sT += rowT;
-      sums.sII += rowII;
-      sums.sTT += rowTT;
-      sums.sIT += rowIT;
-      for (int k = 0; k < count; ++k) {
-        sums.jI[k] += rowJI[k];
-        sums.j1[k] += rowJ1[k];
-        sums.jT[k] += rowJT[k];
-      }
-    }
+    for (int y = rowBegin; y < rowEnd; ++y) addSingleRow(pixels, y, count, gradient != nullptr, buildHessian, sums);
     std::lock_guard<std::mutex> guard(lock);
     total.add(sums);
   });
 
+  // 2. Gain, offset and their residual, then the normal equations.
   result.validPixels = static_cast<int>(total.n);
   if (total.n < options_.minimumPixels) return result;
   const double n = total.n;
@@ -264,185 +475,35 @@ AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Mat
   return result;
 }
 
-namespace {
-
-// Where a fixed pixel lands on the moving picture, and the moving picture's
-// bilinear value there; false when it lands outside or off the mask.
-struct Sampler {
-  const cv::Matx33d& w;
-  const cv::Mat& moving;
-  const cv::Mat& mask;
-  const cv::Mat& fixedMask;  // empty: every fixed pixel counts
-  bool operator()(int x, int y, double& px, double& py, float& value) const {
-    if (!fixedMask.empty() && fixedMask.at<uchar>(y, x) == 0) return false;
-    const double X = w(0, 0) * x + w(0, 1) * y + w(0, 2);
-    const double Y = w(1, 0) * x + w(1, 1) * y + w(1, 2);
-    const double Z = w(2, 0) * x + w(2, 1) * y + w(2, 2);
-    if (!(Z > 1e-9)) return false;
-    px = X / Z;
-    py = Y / Z;
-    if (!(px >= 0.0) || !(py >= 0.0) || px >= moving.cols - 1 || py >= moving.rows - 1) return false;
-    const int ix = static_cast<int>(px), iy = static_cast<int>(py);
-    const uchar* m0 = mask.ptr<uchar>(iy) + ix;
-    const uchar* m1 = mask.ptr<uchar>(iy + 1) + ix;
-    if (!(m0[0] && m0[1] && m1[0] && m1[1])) return false;
-    const float fx = static_cast<float>(px - ix), fy = static_cast<float>(py - iy);
-    const float* r0 = moving.ptr<float>(iy) + ix;
-    const float* r1 = moving.ptr<float>(iy + 1) + ix;
-    const float top = r0[0] + fx * (r0[1] - r0[0]);
-    const float bottom = r1[0] + fx * (r1[1] - r1[0]);
-    value = top + fy * (bottom - top);
-    return true;
-  }
-};
-
-}  // namespace
-
 AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Matx33d& warp,
                                                 cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
                                                 bool buildHessian) {
   AlignmentResult result;
   result.warp = warp;
-  const cv::Rect region = level.region;
-  if (region.empty()) return result;
-  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);
-  const Sampler sample{w, level.moving, level.mask, level.fixedMask};
+  if (level.region.empty()) return result;
+  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);  // in this level's pixels
+  const LevelPixels pixels = levelPixels(level.fixed, level.gradX, level.gradY, level.region,
+                                         Sampler{w, level.moving, level.mask, level.fixedMask});
   const int cols = level.moving.cols, rows = level.moving.rows;
   const double uScale = 2.0 / std::max(1, cols - 1), vScale = 2.0 / std::max(1, rows - 1);
 
-  // 1. The photometric model at this warp, fitted on every `stride`-th pixel
-  // of every `stride`-th row (its seven terms need far fewer pixels than the
-  // geometry): fixed ~ g(u, v) moving + b, g quadratic in the moving
-  // picture's coordinates u, v (-1..1).
+  // 1. The photometric model at this warp.
   const int stride = level.scale >= 1.0 ? 4 : level.scale >= 0.5 ? 2 : 1;
-  std::array<double, kPhotometric * (kPhotometric + 1) / 2> normalSums{};
-  std::array<double, kPhotometric> at{};
-  double fitN = 0, fitI = 0, fitT = 0, fitII = 0, fitIT = 0;
-  for (int y = region.y; y < region.y + region.height; y += stride) {
-    const float* T = level.fixed.ptr<float>(y);
-    for (int x = region.x; x < region.x + region.width; x += stride) {
-      double px = 0, py = 0;
-      float value = 0;
-      if (!sample(x, y, px, py, value)) continue;
-      const double I = value, t = T[x];
-      const double u = px * uScale - 1.0, v = py * vScale - 1.0;
-      const std::array<double, kPhotometric> r = {I, u * I, v * I, u * u * I, v * v * I, u * v * I, 1.0};
-      int idx = 0;
-      for (int i = 0; i < kPhotometric; ++i) {
-        at[std::size_t(i)] += r[std::size_t(i)] * t;
-        for (int k = i; k < kPhotometric; ++k) normalSums[std::size_t(idx++)] += r[std::size_t(i)] * r[std::size_t(k)];
-      }
-      fitN += 1.0;
-      fitI += I;
-      fitT += t;
-      fitII += I * I;
-      fitIT += I * t;
-    }
-  }
-  cv::Vec<double, kPhotometric> c = cv::Vec<double, kPhotometric>::all(0.0);
-  bool spatial = false;
-  if (fitN >= kPhotometric * 4) {
-    cv::Matx<double, kPhotometric, kPhotometric> normal;
-    int idx = 0;
-    for (int i = 0; i < kPhotometric; ++i)
-      for (int k = i; k < kPhotometric; ++k) {
-        normal(i, k) = normalSums[std::size_t(idx)];
-        normal(k, i) = normalSums[std::size_t(idx)];
-        ++idx;
-      }
-    spatial = cv::solve(normal, cv::Vec<double, kPhotometric>(at.data()), c, cv::DECOMP_CHOLESKY);
-    for (int i = 0; i < kPhotometric && spatial; ++i) spatial = std::isfinite(c[i]);
-  }
-  if (!spatial && fitN > 1.0) {
-    // Too little of the moving picture for seven terms: one gain and offset.
-    const double mI = fitI / fitN, mT = fitT / fitN, vI = fitII / fitN - mI * mI;
-    c = cv::Vec<double, kPhotometric>::all(0.0);
-    c[0] = vI > 1e-9 ? (fitIT / fitN - mI * mT) / vI : 1.0;
-    c[kGainTerms] = mT - c[0] * mI;
-  }
+  const cv::Vec<double, kPhotometric> c = fitSpatialGain(pixels, uScale, vScale, stride);
 
   // 2. Every pixel: the residual of that model, its statistics, and the
-  // normal equations of the geometric update. The Jacobian of a pixel is
-  // (P xn, P yn, P, Q xn, Q yn, Q, S xn, S yn) with P, Q the fixed picture's
-  // gradient and S = -(P xn + Q yn), so per row it needs only sums over
-  // products of P, Q, S, the residual and powers of xn (yn is the row's).
-  const double cx = region.x + 0.5 * (region.width - 1), cy = region.y + 0.5 * (region.height - 1);
-  const double sc = 0.5 * std::max(region.width, region.height);
-  const int count = parameterCount(options_.motion);
-  const bool wantJacobian = gradient != nullptr;
-  struct Totals {
-    double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0, sEE = 0;
-    double g[6] = {0};        // P xn e, P e, Q xn e, Q e, S xn e, S e (times yn^k summed as needed)
-    double gy[3] = {0};       // yn P e, yn Q e, yn S e
-    double h[6][3][3] = {};   // [PP, PQ, PS, QQ, QS, SS][xn power][yn power]
-  } total;
+  // sums of the normal equations, stripe by stripe.
+  SpatialSums total;
   std::mutex lock;
-  Utils::parallelRows(region.y, region.y + region.height, [&](int rowBegin, int rowEnd) {
-    Totals part;
-    for (int y = rowBegin; y < rowEnd; ++y) {
-      const float* T = level.fixed.ptr<float>(y);
-      const float* GX = wantJacobian ? level.gradX.ptr<float>(y) : nullptr;
-      const float* GY = wantJacobian ? level.gradY.ptr<float>(y) : nullptr;
-      const double yn = (y - cy) / sc;
-      double n = 0, sI = 0, sT = 0, sII = 0, sTT = 0, sIT = 0, sEE = 0;
-      double pxe = 0, pe = 0, qxe = 0, qe = 0, sxe = 0, se = 0;
-      double pp0 = 0, pp1 = 0, pp2 = 0, pq0 = 0, pq1 = 0, pq2 = 0, ps0 = 0, ps1 = 0, ps2 = 0;
-      double qq0 = 0, qq1 = 0, qq2 = 0, qs0 = 0, qs1 = 0, qs2 = 0, ss0 = 0, ss1 = 0, ss2 = 0;
-      for (int x = region.x; x < region.x + region.width; ++x) {
-        double px = 0, py = 0;
-        float value = 0;
-        if (!sample(x, y, px, py, value)) continue;
-        const double I = value, t = T[x];
-        const double u = px * uScale - 1.0, v = py * vScale - 1.0;
-        const double gain = c[0] + u * (c[1] + u * c[3] + v * c[5]) + v * (c[2] + v * c[4]);
-        const double e = gain * I + c[kGainTerms] - t;
-        n += 1.0;
-        sI += I;
-        sT += t;
-        sII += I * I;
-        sTT += t * t;
-        sIT += I * t;
-        sEE += e * e;
-        if (!wantJacobian) continue;
-        const double xn = (x - cx) / sc;
-        const double P = double(GX[x]) * sc, Q = double(GY[x]) * sc;
-        const double S = -(P * xn + Q * yn);
-        pxe += P * xn * e;
-        pe += P * e;
-        qxe += Q * xn * e;
-        qe += Q * e;
-        sxe += S * xn * e;
-        se += S * e;
-        if (!buildHessian) continue;
-        const double x2 = xn * xn;
-        const double PP = P * P, PQ = P * Q, PS = P * S, QQ = Q * Q, QS = Q * S, SS = S * S;
-        pp0 += PP, pp1 += PP * xn, pp2 += PP * x2;
-        pq0 += PQ, pq1 += PQ * xn, pq2 += PQ * x2;
-        ps0 += PS, ps1 += PS * xn, ps2 += PS * x2;
-        qq0 += QQ, qq1 += QQ * xn, qq2 += QQ * x2;
-        qs0 += QS, qs1 += QS * xn, qs2 += QS * x2;
-        ss0 += SS, ss1 += SS * xn, ss2 += SS * x2;
-      }
-      part.n += n, part.sI += sI, part.sT += sT, part.sII += sII, part.sTT += sTT, part.sIT += sIT, part.sEE += sEE;
-      part.g[0] += pxe, part.g[1] += pe, part.g[2] += qxe, part.g[3] += qe, part.g[4] += sxe, part.g[5] += se;
-      part.gy[0] += yn * pe, part.gy[1] += yn * qe, part.gy[2] += yn * se;
-      const double rows3[6][3] = {{pp0, pp1, pp2}, {pq0, pq1, pq2}, {ps0, ps1, ps2},
-                                  {qq0, qq1, qq2}, {qs0, qs1, qs2}, {ss0, ss1, ss2}};
-      const double ynPower[3] = {1.0, yn, yn * yn};
-      for (int f = 0; f < 6; ++f)
-        for (int k = 0; k < 3; ++k)
-          for (int l = 0; l < 3; ++l) part.h[f][k][l] += rows3[f][k] * ynPower[l];
-    }
+  Utils::parallelRows(level.region.y, level.region.y + level.region.height, [&](int rowBegin, int rowEnd) {
+    SpatialSums part;
+    for (int y = rowBegin; y < rowEnd; ++y)
+      addSpatialRow(pixels, y, c, uScale, vScale, gradient != nullptr, buildHessian, part);
     std::lock_guard<std::mutex> guard(lock);
-    total.n += part.n, total.sI += part.sI, total.sT += part.sT, total.sII += part.sII, total.sTT += part.sTT;
-    total.sIT += part.sIT, total.sEE += part.sEE;
-    for (int k = 0; k < 6; ++k) total.g[k] += part.g[k];
-    for (int k = 0; k < 3; ++k) total.gy[k] += part.gy[k];
-    for (int f = 0; f < 6; ++f)
-      for (int k = 0; k < 3; ++k)
-        for (int l = 0; l < 3; ++l) total.h[f][k][l] += part.h[f][k][l];
+    total.add(part);
   });
 
+  // 3. The statistics, then the normal equations of the geometric update.
   result.validPixels = static_cast<int>(total.n);
   if (total.n < options_.minimumPixels) return result;
   const double n = total.n;
@@ -453,33 +514,7 @@ AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Ma
   result.meanSquaredResidual = std::max(0.0, total.sEE / n);
   result.gain = c[0];
   result.offset = c[kGainTerms];
-  // The Jacobian's entries as (function of P/Q/S, power of xn, power of yn).
-  static const int kFunction[8] = {0, 0, 0, 1, 1, 1, 2, 2};
-  static const int kXPower[8] = {1, 0, 0, 1, 0, 0, 1, 0};
-  static const int kYPower[8] = {0, 1, 0, 0, 1, 0, 0, 1};
-  // The motion's parameters among those eight.
-  static const int kTranslation[2] = {2, 5};
-  const int* used = nullptr;
-  static const int kAll[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-  used = count == 2 ? kTranslation : kAll;
-  if (gradient) {
-    // Sums by (function, power of xn, power of yn): g holds (P xn, P, Q xn, Q, S xn, S), gy the yn ones.
-    *gradient = cv::Vec<double, 8>::all(0.0);
-    for (int k = 0; k < count; ++k) {
-      const int j = used[k], f = kFunction[j];
-      (*gradient)[k] = kYPower[j] ? total.gy[f] : total.g[2 * f + (kXPower[j] ? 0 : 1)];
-    }
-  }
-  if (hessian && buildHessian) {
-    static const int kPairIndex[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
-    *hessian = cv::Matx<double, 8, 8>::zeros();
-    for (int a = 0; a < count; ++a)
-      for (int b = 0; b < count; ++b) {
-        const int ja = used[a], jb = used[b];
-        (*hessian)(a, b) = total.h[kPairIndex[kFunction[ja]][kFunction[jb]]][kXPower[ja] + kXPower[jb]]
-                                  [kYPower[ja] + kYPower[jb]];
-      }
-  }
+  spatialNormalEquations(total, parameterCount(options_.motion), hessian, gradient, buildHessian);
   result.ok = true;
   return result;
 }

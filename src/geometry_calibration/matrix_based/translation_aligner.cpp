@@ -300,8 +300,8 @@ bool TranslationAligner::prepareLevel(const cv::Mat& first, const cv::Rect& rect
   return sumW_ > 0 && (hxx_ + hyy_) > kMinimumGradientEnergy * sumW_;
 }
 
-bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double sx, double sy,
-                                   double* correlation) {
+TranslationAligner::RowSpan TranslationAligner::resampleRows(const cv::Rect& rect, const cv::Point2d& t, double sx,
+                                                             double sy) {
   const cv::Mat& second = current_->coefficients;  // spline coefficients of the sampled part, from origin_
   const int w = rect.width;
   const int h = rect.height;
@@ -320,16 +320,16 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
   }
   const double vFirst = (rect.y - t.y) / sy - origin_.y;
   const double vLast = (rect.y + h - 1 - t.y) / sy - origin_.y;
-  const int rowFirst = std::clamp(static_cast<int>(std::floor(vFirst)) - 1, 0, maxRow);
-  const int rowLast = std::clamp(static_cast<int>(std::floor(vLast)) + 2, 0, maxRow);
-  const int rowCount = rowLast - rowFirst + 1;
+  RowSpan span;
+  span.first = std::clamp(static_cast<int>(std::floor(vFirst)) - 1, 0, maxRow);
+  span.last = std::clamp(static_cast<int>(std::floor(vLast)) + 2, 0, maxRow);
+  const int rowCount = span.last - span.first + 1;
 
-  // Horizontal pass over the rows the rectangle needs. Without a scale
-  // ratio every column has the same weights and consecutive taps.
+  // Without a scale ratio every column has the same weights and consecutive taps.
   rowBuffer_.resize(static_cast<std::size_t>(rowCount) * static_cast<std::size_t>(w));
   const bool uniform = sx == 1.0 && columnIndex_.front() + w - 1 == columnIndex_.back();
   for (int r = 0; r < rowCount; ++r) {
-    const float* src = second.ptr<float>(rowFirst + r);
+    const float* src = second.ptr<float>(span.first + r);
     float* dst = &rowBuffer_[static_cast<std::size_t>(r) * static_cast<std::size_t>(w)];
     if (uniform) {
       const float* s = src + columnIndex_.front();
@@ -343,15 +343,19 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
       }
     }
   }
+  return span;
+}
 
-  // Vertical pass, fused with the sums of the step. Each row is summed in
-  // independent float lanes (so the loop vectorises), rows in double. The
-  // column position xn (-1..1 over the rectangle) enters the sums of the
-  // gain's slope; the row position yn multiplies whole row sums.
+TranslationAligner::StepSums TranslationAligner::sumStep(const cv::Rect& rect, const cv::Point2d& t, double sy,
+                                                         const RowSpan& span) {
+  // Each row is summed in independent float lanes (so the loop
+  // vectorises), rows in double. The column position xn (-1..1 over the
+  // rectangle) enters the sums of the gain's slope; the row position yn
+  // multiplies whole row sums.
   constexpr int kLanes = 8;
-  constexpr int kRowSums = 11;  // b, bb, ab, gx b, gy b, and with xn: b, bb, xn bb, ab, gx b, gy b
-  double sum[kRowSums] = {};
-  double ySum[7] = {};          // yn b, yn bb, yn xn bb, yn^2 bb, yn ab, yn gx b, yn gy b
+  const int w = rect.width;
+  const int h = rect.height;
+  StepSums sums;
   columnPosition_.resize(static_cast<std::size_t>(w));
   const double halfWidth = std::max(1.0, 0.5 * (w - 1)), halfHeight = std::max(1.0, 0.5 * (h - 1));
   for (int i = 0; i < w; ++i) columnPosition_[static_cast<std::size_t>(i)] = float((i - 0.5 * (w - 1)) / halfWidth);
@@ -364,7 +368,7 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
     cubicWeights(static_cast<float>(v - fl), rw);
     const float* rowsOf[4];
     for (int k = 0; k < 4; ++k) {
-      const int row = std::clamp(static_cast<int>(fl) - 1 + k, rowFirst, rowLast) - rowFirst;
+      const int row = std::clamp(static_cast<int>(fl) - 1 + k, span.first, span.last) - span.first;
       rowsOf[k] = &rowBuffer_[static_cast<std::size_t>(row) * static_cast<std::size_t>(w)];
     }
     const float* r0 = rowsOf[0];
@@ -375,7 +379,7 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
     const float* gx = current_->gradX.ptr<float>(y);
     const float* gy = current_->gradY.ptr<float>(y);
     const float* wt = current_->weight.ptr<float>(y);
-    float lane[kRowSums][kLanes] = {};
+    float lane[StepSums::kRowSums][kLanes] = {};
     auto add = [&](int k, int j) {
       const float b = rw[0] * r0[k] + rw[1] * r1[k] + rw[2] * r2[k] + rw[3] * r3[k];
       const float wb = wt[k] * b;
@@ -398,70 +402,55 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
       for (int j = 0; j < kLanes; ++j) add(x + j, j);
     }
     for (; x < w; ++x) add(x, 0);
-    double row[kRowSums] = {};
-    for (int k = 0; k < kRowSums; ++k) {
+    double row[StepSums::kRowSums] = {};
+    for (int k = 0; k < StepSums::kRowSums; ++k) {
       for (int j = 0; j < kLanes; ++j) row[k] += lane[k][j];
-      sum[k] += row[k];
+      sums.sum[k] += row[k];
     }
     const double yn = (y - 0.5 * (h - 1)) / halfHeight;
-    ySum[0] += yn * row[0];
-    ySum[1] += yn * row[1];
-    ySum[2] += yn * row[6];
-    ySum[3] += yn * yn * row[1];
-    ySum[4] += yn * row[2];
-    ySum[5] += yn * row[3];
-    ySum[6] += yn * row[4];
+    sums.ySum[0] += yn * row[0];
+    sums.ySum[1] += yn * row[1];
+    sums.ySum[2] += yn * row[6];
+    sums.ySum[3] += yn * yn * row[1];
+    sums.ySum[4] += yn * row[2];
+    sums.ySum[5] += yn * row[3];
+    sums.ySum[6] += yn * row[4];
   }
-  const double sumB = sum[0], sumBB = sum[1], sumAB = sum[2], sumGxB = sum[3], sumGyB = sum[4];
+  return sums;
+}
 
-  // Gain and offset that carry the second picture's brightness onto the first's.
-  const double meanA = sumA_ / sumW_;
-  const double meanB = sumB / sumW_;
-  const double varA = sumAA_ / sumW_ - meanA * meanA;
-  const double varB = sumBB / sumW_ - meanB * meanB;
-  if (!(varA > 1e-9) || !(varB > 1e-9)) return false;
-  const double cov = sumAB / sumW_ - meanA * meanB;
-  *correlation = std::clamp(cov / std::sqrt(varA * varB), -1.0, 1.0);
-  const double gain = std::sqrt(varA / varB);
-
+void TranslationAligner::gainSlopes(const StepSums& s, double& hx, double& hy) const {
   // Neighbouring modules darken towards their edges in opposite directions
   // across the overlap (vignetting), so the gain that carries one onto the
   // other changes over it. It is taken as gain * (1 + hx xn + hy yn): the
   // slopes hx, hy from the least-squares fit of first ~ (g0 + g1 xn + g2 yn)
   // second + c (hx = g1 / g0, hy = g2 / g0), the overall gain as matched
-  // above. Without a usable fit the gain stays flat.
-  double hx = 0.0, hy = 0.0;
-  {
-    const cv::Matx44d normal(sumBB, sum[6], ySum[1], sumB,       //
-                             sum[6], sum[7], ySum[2], sum[5],    //
-                             ySum[1], ySum[2], ySum[3], ySum[0], //
-                             sumB, sum[5], ySum[0], sumW_);
-    const cv::Vec4d right(sumAB, sum[8], ySum[4], sumA_);
-    cv::Vec4d fit;
-    if (cv::solve(normal, right, fit, cv::DECOMP_CHOLESKY) && std::isfinite(fit[0]) && std::fabs(fit[0]) > 1e-9) {
-      hx = fit[1] / fit[0];
-      hy = fit[2] / fit[0];
-      if (!std::isfinite(hx) || !std::isfinite(hy) || std::fabs(hx) > kMaximumGainSlope ||
-          std::fabs(hy) > kMaximumGainSlope) {
-        hx = hy = 0.0;
-      }
+  // by the caller. Without a usable fit the gain stays flat.
+  hx = hy = 0.0;
+  const cv::Matx44d normal(s.sum[1], s.sum[6], s.ySum[1], s.sum[0],    //
+                           s.sum[6], s.sum[7], s.ySum[2], s.sum[5],    //
+                           s.ySum[1], s.ySum[2], s.ySum[3], s.ySum[0], //
+                           s.sum[0], s.sum[5], s.ySum[0], sumW_);
+  const cv::Vec4d right(s.sum[2], s.sum[8], s.ySum[4], sumA_);
+  cv::Vec4d fit;
+  if (cv::solve(normal, right, fit, cv::DECOMP_CHOLESKY) && std::isfinite(fit[0]) && std::fabs(fit[0]) > 1e-9) {
+    hx = fit[1] / fit[0];
+    hy = fit[2] / fit[0];
+    if (!std::isfinite(hx) || !std::isfinite(hy) || std::fabs(hx) > kMaximumGainSlope ||
+        std::fabs(hy) > kMaximumGainSlope) {
+      hx = hy = 0.0;
     }
   }
-  // Offset: the mean of first - gain(x) * second.
-  const double offset = meanA - gain * (sumB + hx * sum[5] + hy * ySum[0]) / sumW_;
+}
 
-  // Right-hand side: sum of w * grad(first) * (first - gain(x) * second - offset).
-  const double ex = sumGxA_ - gain * (sumGxB + hx * sum[9] + hy * ySum[5]) - offset * sumGx_;
-  const double ey = sumGyA_ - gain * (sumGyB + hx * sum[10] + hy * ySum[6]) - offset * sumGy_;
-
-  // Solve the 2x2 system through its eigen decomposition, dropping a
-  // direction that carries no information.
+bool TranslationAligner::solveStep(double ex, double ey, cv::Point2d& delta) const {
+  // Through the 2x2 system's eigen decomposition, dropping a direction that
+  // carries no information.
   const double half = 0.5 * (hxx_ + hyy_);
   const double root = std::sqrt(0.25 * (hxx_ - hyy_) * (hxx_ - hyy_) + hxy_ * hxy_);
   const double large = half + root;
   const double small = half - root;
   if (!(large > kMinimumGradientEnergy * sumW_)) return false;
-  cv::Point2d delta;
   if (small > kConditionLimit * large) {
     const double det = hxx_ * hyy_ - hxy_ * hxy_;
     delta.x = -(hyy_ * ex - hxy_ * ey) / det;
@@ -473,6 +462,35 @@ bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double 
     axis *= 1.0 / std::hypot(axis.x, axis.y);
     delta = -(axis.x * ex + axis.y * ey) / large * axis;
   }
+  return true;
+}
+
+bool TranslationAligner::stepLevel(const cv::Rect& rect, cv::Point2d& t, double sx, double sy,
+                                   double* correlation) {
+  // 1. The second picture resampled where the rectangle sees it, and the sums of the step.
+  const RowSpan span = resampleRows(rect, t, sx, sy);
+  const StepSums s = sumStep(rect, t, sy, span);
+  const double sumB = s.sum[0], sumBB = s.sum[1], sumAB = s.sum[2], sumGxB = s.sum[3], sumGyB = s.sum[4];
+
+  // 2. Gain and offset that carry the second picture's brightness onto the first's.
+  const double meanA = sumA_ / sumW_;
+  const double meanB = sumB / sumW_;
+  const double varA = sumAA_ / sumW_ - meanA * meanA;
+  const double varB = sumBB / sumW_ - meanB * meanB;
+  if (!(varA > 1e-9) || !(varB > 1e-9)) return false;
+  const double cov = sumAB / sumW_ - meanA * meanB;
+  *correlation = std::clamp(cov / std::sqrt(varA * varB), -1.0, 1.0);
+  const double gain = std::sqrt(varA / varB);
+  double hx = 0.0, hy = 0.0;
+  gainSlopes(s, hx, hy);
+  // Offset: the mean of first - gain(x) * second.
+  const double offset = meanA - gain * (sumB + hx * s.sum[5] + hy * s.ySum[0]) / sumW_;
+
+  // 3. Right-hand side: sum of w * grad(first) * (first - gain(x) * second - offset); the step.
+  const double ex = sumGxA_ - gain * (sumGxB + hx * s.sum[9] + hy * s.ySum[5]) - offset * sumGx_;
+  const double ey = sumGyA_ - gain * (sumGyB + hx * s.sum[10] + hy * s.ySum[6]) - offset * sumGy_;
+  cv::Point2d delta;
+  if (!solveStep(ex, ey, delta)) return false;
   delta *= static_cast<double>(step_);
   const double length = std::hypot(delta.x, delta.y);
   if (!std::isfinite(length)) return false;

@@ -80,6 +80,28 @@ class TranslationAligner {
   // One Gauss-Newton step on the current level; updates `t`. Returns false
   // when the system is singular (no update made).
   bool stepLevel(const cv::Rect& rect, cv::Point2d& t, double sx, double sy, double* correlation);
+  // The step's parts. Rows of the spline coefficients resampleRows put
+  // into rowBuffer_ (the second picture resampled horizontally where the
+  // rectangle sees it at `t`).
+  struct RowSpan {
+    int first = 0, last = 0;
+  };
+  RowSpan resampleRows(const cv::Rect& rect, const cv::Point2d& t, double sx, double sy);
+  // The weighted sums of a step over the rectangle: per row b, bb, ab, gx b,
+  // gy b, then with the column position xn: b, bb, xn bb, ab, gx b, gy b
+  // (b the resampled second picture, a the first); and over rows with the
+  // row position yn: yn b, yn bb, yn xn bb, yn^2 bb, yn ab, yn gx b, yn gy b.
+  struct StepSums {
+    static constexpr int kRowSums = 11;
+    double sum[kRowSums] = {};
+    double ySum[7] = {};
+  };
+  StepSums sumStep(const cv::Rect& rect, const cv::Point2d& t, double sy, const RowSpan& span);
+  // The gain's slopes across the overlap (0 when they cannot be fitted).
+  void gainSlopes(const StepSums& sums, double& hx, double& hy) const;
+  // The update for the right-hand side (ex, ey); false when the level has
+  // too little gradient energy.
+  bool solveStep(double ex, double ey, cv::Point2d& delta) const;
 
   int levels_;
   int iterations_;

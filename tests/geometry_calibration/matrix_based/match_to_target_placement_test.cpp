@@ -95,8 +95,14 @@ TEST(MatchToTargetPlacement, ViewsWithBlackWedgesReachATenthOfAPixel) {
 
 TEST(MatchToTargetPlacement, AClearAgreementIsAcceptedWhereverItsFeaturesLie) {
   // A module that sees grey sky above a band of roofs: its features all lie
-  // in the band, yet the pictures agree closely once it is placed.
-  const Synthetic::Scene scene = realView("P1060382.jpg");
+  // in the band, yet the pictures agree closely once it is placed. The sky
+  // is made plain (each row its mean colour) down to the roofs, below the
+  // module's middle third.
+  Synthetic::Scene scene = realView("P1060382.jpg");
+  for (int y = 0; y < 540; ++y) {
+    cv::Mat row = scene.target.row(y);
+    row.setTo(cv::mean(row));
+  }
   const cv::Size module(640, 480);
   Synthetic::ModuleTruth truth;
   truth.homography = turnedPart({400, 200}, 1.0, 1.0);
@@ -111,7 +117,9 @@ TEST(MatchToTargetPlacement, AClearAgreementIsAcceptedWhereverItsFeaturesLie) {
   const auto& report = state.reports[L"m"];
   EXPECT_EQ(report.status, ModuleStatus::aligned) << report.reason;
   EXPECT_GE(report.correlation, 0.9);
-  EXPECT_THAT(placementOf(result, kView, module), Testing::HomographyNear(truth.homography, 0.1, module));
+  // Only the lowest 140 of its 480 rows hold texture: the far corners rest
+  // on the homography's perspective terms, which those rows pin loosely.
+  EXPECT_THAT(placementOf(result, kView, module), Testing::HomographyNear(truth.homography, 0.3, module));
   // The agreeing pairs (target pixels) cover fewer than 4 of the 3 x 3 cells
   // of the module's outline on the target.
   std::vector<cv::Point2f> outline;
