@@ -166,56 +166,13 @@ TranslationResult TranslationAligner::align(const cv::Mat& first, const cv::Mat&
     if (buffers_.size() <= index) buffers_.resize(index + 1);
     current_ = &buffers_[index];
 
-    // The rule's rectangle, inside the first picture and where the second
-    // picture (placed at t) can be sampled with the full kernel.
-    cv::Rect rect = comparisonRectangle(mode_, cvRound(t.x), cvRound(t.y), firstFloat.size()) &
-                    cv::Rect(0, 0, firstFloat.cols, firstFloat.rows);
-    const int x0 = static_cast<int>(std::ceil(t.x + sx * kSampleMargin));
-    const int x1 = static_cast<int>(std::floor(t.x + sx * (secondFloat.cols - 2 - kSampleMargin)));
-    const int y0 = static_cast<int>(std::ceil(t.y + sy * kSampleMargin));
-    const int y1 = static_cast<int>(std::floor(t.y + sy * (secondFloat.rows - 2 - kSampleMargin)));
-    if (x1 > x0 && y1 > y0) {
-      rect &= cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1);
-    } else {
-      rect = cv::Rect();
-    }
-
-    // The mask at this level: only elements whose whole footprint is usable.
-    cv::Mat levelMask;
-    if (!firstMask_.empty() && firstMask_.size() == first.size()) {
-      if (level == 0) {
-        levelMask = firstMask_;
-      } else {
-        cv::resize(firstMask_, levelMask, firstFloat.size(), 0, 0, cv::INTER_AREA);
-        cv::compare(levelMask, 254, levelMask, cv::CMP_GE);
-      }
-    }
+    const cv::Rect rect = levelRectangle(t, sx, sy, firstFloat.size(), secondFloat.size());
+    const cv::Mat levelMask = maskAtLevel(first.size(), level, firstFloat.size());
     if (rect.width >= kMinimumRectangle && rect.height >= kMinimumRectangle &&
-        prepareLevel(firstFloat, rect, levelMask)) {
-      // The part of the second picture this level samples, with room for the
-      // translation to move and for the recursive filter to settle.
-      const int slack = kSplineSettle + kSampleSlack;
-      const int u0 = static_cast<int>(std::floor((rect.x - t.x) / sx)) - slack;
-      const int u1 = static_cast<int>(std::ceil((rect.x + rect.width - 1 - t.x) / sx)) + slack;
-      const int v0 = static_cast<int>(std::floor((rect.y - t.y) / sy)) - slack;
-      const int v1 = static_cast<int>(std::ceil((rect.y + rect.height - 1 - t.y) / sy)) + slack;
-      const cv::Rect sampled =
-          cv::Rect(u0, v0, u1 - u0 + 1, v1 - v0 + 1) & cv::Rect(0, 0, secondFloat.cols, secondFloat.rows);
-      if (sampled.width >= 4 && sampled.height >= 4) {
-        secondFloat(sampled).copyTo(current_->coefficients);
-        splinePrefilter(current_->coefficients);
-        origin_ = sampled.tl();
-        bool stepped = false;
-        for (int i = 0; i < iterations_; ++i) {
-          if (!stepLevel(rect, t, sx, sy, &result.correlation)) break;
-          stepped = true;
-        }
-        if (stepped) {
-          ++result.levelsAligned;
-          result.comparedPixels = levelMask.empty() ? rect.area() : cv::countNonZero(levelMask(rect));
-          if (level > 0) result.comparedPixels <<= (2 * level);
-        }
-      }
+        prepareLevel(firstFloat, rect, levelMask) && alignLevel(rect, secondFloat, t, sx, sy, result)) {
+      ++result.levelsAligned;
+      result.comparedPixels = levelMask.empty() ? rect.area() : cv::countNonZero(levelMask(rect));
+      if (level > 0) result.comparedPixels <<= (2 * level);
     }
     if (level > 0) t *= 2.0;
   }
@@ -230,6 +187,53 @@ TranslationResult TranslationAligner::align(const cv::Mat& first, const cv::Mat&
   }
   result.translation = start + moved;
   return result;
+}
+
+cv::Rect TranslationAligner::levelRectangle(const cv::Point2d& t, double sx, double sy, cv::Size first,
+                                            cv::Size second) const {
+  // The rule's rectangle, inside the first picture and where the second
+  // picture (placed at t) can be sampled with the full kernel.
+  cv::Rect rect =
+      comparisonRectangle(mode_, cvRound(t.x), cvRound(t.y), first) & cv::Rect(0, 0, first.width, first.height);
+  const int x0 = static_cast<int>(std::ceil(t.x + sx * kSampleMargin));
+  const int x1 = static_cast<int>(std::floor(t.x + sx * (second.width - 2 - kSampleMargin)));
+  const int y0 = static_cast<int>(std::ceil(t.y + sy * kSampleMargin));
+  const int y1 = static_cast<int>(std::floor(t.y + sy * (second.height - 2 - kSampleMargin)));
+  if (!(x1 > x0 && y1 > y0)) return cv::Rect();
+  return rect & cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1);
+}
+
+cv::Mat TranslationAligner::maskAtLevel(cv::Size full, int level, cv::Size size) const {
+  // Only elements whose whole footprint is usable.
+  cv::Mat levelMask;
+  if (firstMask_.empty() || firstMask_.size() != full) return levelMask;
+  if (level == 0) return firstMask_;
+  cv::resize(firstMask_, levelMask, size, 0, 0, cv::INTER_AREA);
+  cv::compare(levelMask, 254, levelMask, cv::CMP_GE);
+  return levelMask;
+}
+
+bool TranslationAligner::alignLevel(const cv::Rect& rect, const cv::Mat& secondFloat, cv::Point2d& t, double sx,
+                                    double sy, TranslationResult& result) {
+  // The part of the second picture this level samples, with room for the
+  // translation to move and for the recursive filter to settle.
+  const int slack = kSplineSettle + kSampleSlack;
+  const int u0 = static_cast<int>(std::floor((rect.x - t.x) / sx)) - slack;
+  const int u1 = static_cast<int>(std::ceil((rect.x + rect.width - 1 - t.x) / sx)) + slack;
+  const int v0 = static_cast<int>(std::floor((rect.y - t.y) / sy)) - slack;
+  const int v1 = static_cast<int>(std::ceil((rect.y + rect.height - 1 - t.y) / sy)) + slack;
+  const cv::Rect sampled =
+      cv::Rect(u0, v0, u1 - u0 + 1, v1 - v0 + 1) & cv::Rect(0, 0, secondFloat.cols, secondFloat.rows);
+  if (sampled.width < 4 || sampled.height < 4) return false;
+  secondFloat(sampled).copyTo(current_->coefficients);
+  splinePrefilter(current_->coefficients);
+  origin_ = sampled.tl();
+  bool stepped = false;
+  for (int i = 0; i < iterations_; ++i) {
+    if (!stepLevel(rect, t, sx, sy, &result.correlation)) break;
+    stepped = true;
+  }
+  return stepped;
 }
 
 bool TranslationAligner::prepareLevel(const cv::Mat& first, const cv::Rect& rect, const cv::Mat& mask) {

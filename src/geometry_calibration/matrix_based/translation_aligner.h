@@ -77,6 +77,17 @@ class TranslationAligner {
   // Prepares the per-level data of the first picture over `rect`; false when
   // the rectangle carries no structure to align on.
   bool prepareLevel(const cv::Mat& first, const cv::Rect& rect, const cv::Mat& mask);
+  // The comparison rectangle of a level with the second picture placed at
+  // `t` (empty when it cannot be sampled there); first and second: the
+  // level's picture sizes.
+  cv::Rect levelRectangle(const cv::Point2d& t, double sx, double sy, cv::Size first, cv::Size second) const;
+  // The first picture's mask at a level of `size` (empty: none was set);
+  // `full` is the first picture's size.
+  cv::Mat maskAtLevel(cv::Size full, int level, cv::Size size) const;
+  // The level's Gauss-Newton steps from `t` on the prepared level; true
+  // when at least one step was made.
+  bool alignLevel(const cv::Rect& rect, const cv::Mat& secondFloat, cv::Point2d& t, double sx, double sy,
+                  TranslationResult& result);
   // One Gauss-Newton step on the current level; updates `t`. Returns false
   // when the system is singular (no update made).
   bool stepLevel(const cv::Rect& rect, cv::Point2d& t, double sx, double sy, double* correlation);
