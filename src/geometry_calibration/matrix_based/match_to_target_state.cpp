@@ -223,7 +223,7 @@ bool MatchToTargetState::acceptable(const EstimateResult& result, float best) {
   return result.error < best && result.error < FLT_MAX - 1.0f && finite(h) && cv::determinant(h) > 0.0;
 }
 
-void MatchToTargetState::normaliseErrors() {
+void MatchToTargetState::normaliseErrors(std::map<std::wstring, float>& errors, Mode mode) {
   if (errors.empty()) return;
   std::vector<float> sorted;
   for (const auto& entry : errors) sorted.push_back(entry.second);
@@ -713,7 +713,7 @@ CameraDescription::Orbivane MatchToTargetState::calibrate(MatchToTarget& self, c
                AdvStepInfo(std::make_shared<const CameraDescription::Orbivane>(camera)));
     }
   }
-  normaliseErrors();
+  normaliseErrors(errors, mode);
   for (auto& [name, verdict] : reports) {
     const auto it = errors.find(name);
     verdict.error = it == errors.end() ? FLT_MAX : it->second;

@@ -65,8 +65,8 @@ class MatchToTargetState {
   // `s` held so that the target's work picture is at most 8192 and at least
   // 2 pixels a side; NaN when no scale gives both.
   static double heldWorkScale(double s, cv::Size target);
-  // Normalises the errors map in place as the mode asks.
-  void normaliseErrors();
+  // Normalises `errors` in place as `mode` asks.
+  static void normaliseErrors(std::map<std::wstring, float>& errors, Mode mode);
   // The accept-or-reject rule for a result against the best error so far.
   static bool acceptable(const EstimateResult& result, float best);
 

@@ -3,6 +3,8 @@
 // mode-3 recursion with its countdown, and the work-system transforms.
 #include <cfloat>
 #include <cmath>
+#include <functional>
+#include <list>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
@@ -31,44 +33,69 @@ CameraDescription::Orbivane camera(const std::vector<std::wstring>& names) {
   return cam;
 }
 
+// The total a run reports to the status callback.
+int progressTotal(MatchToTarget& calibrator, const std::list<std::wstring>& names) {
+  int total = -1;
+  calibrator.registerStatusCallback([&total](int, int all, std::string, AdvStepInfo) {
+    if (total < 0) total = all;
+  });
+  calibrator.calibrate(names, L"T");
+  return total;
+}
+
 TEST(MatchToTargetRules, ProgressTotalsFollowTheMode) {
-  MatchToTargetState state(camera({L"a", L"b"}), {});
+  // Modules without pictures: each reports its start and is skipped.
+  const auto cam = camera({L"a", L"b", L"c", L"T"});
   const std::list<std::wstring> names = {L"a", L"b", L"c"};
-  state.setUpProgress(names);
-  EXPECT_EQ(state.progressTotal, 6);  // mode 0: 2 x n
-  EXPECT_EQ(state.progressCurrent, 0);
-  state.gridEnabled = true;
-  state.grids[L"a"] = Utils::UVGrid(4, 3);
-  state.grids[L"z"] = Utils::UVGrid(2, 2);  // not listed: does not count
-  state.setUpProgress(names);
-  EXPECT_EQ(state.progressTotal, 48);
-  state.mode = MatchToTarget::kOpticalFlow;
-  state.m2nLimit = 4;
-  state.setUpProgress(names);
-  EXPECT_EQ(state.progressTotal, 12);
-  state.mode = MatchToTarget::kIterative;
-  state.m2nCountdown = 2;
-  state.setUpProgress(names);
-  EXPECT_EQ(state.progressTotal, 12);
-  EXPECT_EQ(state.progressCurrent, 6);  // (4 - 2) x 3: continues the bar
+  MatchToTarget features(cam, {});
+  EXPECT_EQ(progressTotal(features, names), 6);  // mode 0: 2 x n
+  MatchToTarget grids(cam, {});
+  grids.setGridEnabled(true);
+  grids.initGrid(4, 3, L"a");
+  grids.initGrid(2, 2, L"T");  // not listed: does not count
+  EXPECT_EQ(progressTotal(grids, names), 48);  // columns x rows x 4 per listed module's grid
+  MatchToTarget flow(cam, {});
+  flow.setCalibrationMode(MatchToTarget::kOpticalFlow);
+  flow.setM2nMaxIteration(4);
+  EXPECT_EQ(progressTotal(flow, names), 12);  // m2n x n
+}
+
+// The size of the target's working copy after a run on a module drawn at
+// half the target's scale (the target and the module 200x100 pixels).
+cv::Size workSize(const std::function<void(MatchToTarget&)>& configure) {
+  cv::Mat picture;
+  cv::resize(Synthetic::loadSample("fruits.jpg"), picture, cv::Size(200, 100), 0, 0, cv::INTER_AREA);
+  auto cam = camera({L"a", L"T"});
+  Utils::Matrix4x4 half = Utils::Matrix4x4::identity();
+  half.set(0, 0, 0.5f);
+  half.set(1, 1, 0.5f);
+  cam.findModule(L"a")->matrixGeometry()->setMatrix(half);
+  MatchToTarget calibrator(cam, {{L"T", Image::fromMat(picture)}, {L"a", Image::fromMat(picture)}});
+  configure(calibrator);
+  calibrator.calibrate({L"a"}, L"T");
+  const auto copies = calibrator.imgsWorkingCopy(L"a");
+  return copies.size() == 2 ? cv::Size(copies[1]->width(), copies[1]->height()) : cv::Size();
 }
 
 TEST(MatchToTargetRules, WorkScale) {
-  MatchToTargetState state(camera({}), {});
-  EXPECT_FLOAT_EQ(state.workScale(0.5, 0, 0, 0.5), 2.0f);
-  EXPECT_FLOAT_EQ(state.workScale(1, 0, 0, 1), 1.0f);
-  state.allowedScale = -1.0f;
-  EXPECT_FLOAT_EQ(state.workScale(0.5, 0, 0, 0.5), 1.0f);
-  state.allowedScale = 0.7f;
-  EXPECT_FLOAT_EQ(state.workScale(0.5, 0, 0, 0.5), 0.7f);
-  state.allowedScale = -1.0f;
-  state.mode = MatchToTarget::kOpticalFlow;  // overwritten: the caller's value does not count
-  EXPECT_FLOAT_EQ(state.workScale(0.5, 0, 0, 0.5), 1.2f);
-  EXPECT_FLOAT_EQ(state.allowedScale, 1.2f);
-  state.mode = MatchToTarget::kFeatureMatching;
-  state.allowedScale = -1.0f;
-  state.gridEnabled = true;
-  EXPECT_FLOAT_EQ(state.workScale(1, 0, 0, 1), 1.2f);
+  // A module drawn at half scale is worked on at twice the target's size ...
+  EXPECT_EQ(workSize([](MatchToTarget&) {}), cv::Size(400, 200));
+  // ... unless the caller fixes the scale (a negative one means 1) ...
+  EXPECT_EQ(workSize([](MatchToTarget& m) { m.allowScale(-1.0f); }), cv::Size(200, 100));
+  EXPECT_EQ(workSize([](MatchToTarget& m) { m.allowScale(0.7f); }), cv::Size(140, 70));
+  // ... but optical flow, and feature matching with a grid, work at 1.2
+  // whatever the caller gave.
+  EXPECT_EQ(workSize([](MatchToTarget& m) {
+              m.allowScale(-1.0f);
+              m.setCalibrationMode(MatchToTarget::kOpticalFlow);
+            }),
+            cv::Size(240, 120));
+  EXPECT_EQ(workSize([](MatchToTarget& m) {
+              m.allowScale(-1.0f);
+              m.setGridEnabled(true);
+              m.initGrid(2, 2, L"a");
+            }),
+            cv::Size(240, 120));
 }
 
 TEST(MatchToTargetRules, TheWorkPictureIsHeldToWhatCanBeAllocated) {
@@ -98,27 +125,25 @@ TEST(MatchToTargetRules, AcceptOnlyBetterFiniteUnmirroredResults) {
 }
 
 TEST(MatchToTargetRules, ErrorNormalisation) {
-  MatchToTargetState state(camera({}), {});
-  state.errors = {{L"a", 25.0f}, {L"b", 40.0f}, {L"c", 120.0f}};
-  state.normaliseErrors();
-  EXPECT_FLOAT_EQ(state.errors[L"a"], 0.0f);
-  EXPECT_NEAR(state.errors[L"b"], 1.0f / 15.0f, 1e-6);
-  EXPECT_FLOAT_EQ(state.errors[L"c"], 10.0f);
+  using Errors = std::map<std::wstring, float>;
+  Errors errors = {{L"a", 25.0f}, {L"b", 40.0f}, {L"c", 120.0f}};
+  MatchToTargetState::normaliseErrors(errors, MatchToTarget::kFeatureMatching);
+  EXPECT_FLOAT_EQ(errors[L"a"], 0.0f);
+  EXPECT_NEAR(errors[L"b"], 1.0f / 15.0f, 1e-6);
+  EXPECT_FLOAT_EQ(errors[L"c"], 10.0f);
   // Base is the smallest error when above 30.
-  state.errors = {{L"a", 50.0f}, {L"b", 80.0f}};
-  state.normaliseErrors();
-  EXPECT_FLOAT_EQ(state.errors[L"a"], 0.0f);
-  EXPECT_NEAR(state.errors[L"b"], (80.0f - 65.0f) / 25.0f, 1e-6);
-  state.mode = MatchToTarget::kIterative;
-  state.errors = {{L"a", 10.0f}, {L"b", 30.0f}, {L"c", 60.0f}};
-  state.normaliseErrors();
-  EXPECT_FLOAT_EQ(state.errors[L"a"], 0.0f);
-  EXPECT_NEAR(state.errors[L"b"], (30.0f - 24.0f) / 4.0f, 1e-6);
-  EXPECT_FLOAT_EQ(state.errors[L"c"], 10.0f);
-  state.mode = MatchToTarget::kOpticalFlow;  // left as the estimator gave them
-  state.errors = {{L"a", 77.0f}};
-  state.normaliseErrors();
-  EXPECT_FLOAT_EQ(state.errors[L"a"], 77.0f);
+  errors = {{L"a", 50.0f}, {L"b", 80.0f}};
+  MatchToTargetState::normaliseErrors(errors, MatchToTarget::kFeatureMatching);
+  EXPECT_FLOAT_EQ(errors[L"a"], 0.0f);
+  EXPECT_NEAR(errors[L"b"], (80.0f - 65.0f) / 25.0f, 1e-6);
+  errors = {{L"a", 10.0f}, {L"b", 30.0f}, {L"c", 60.0f}};
+  MatchToTargetState::normaliseErrors(errors, MatchToTarget::kIterative);
+  EXPECT_FLOAT_EQ(errors[L"a"], 0.0f);
+  EXPECT_NEAR(errors[L"b"], (30.0f - 24.0f) / 4.0f, 1e-6);
+  EXPECT_FLOAT_EQ(errors[L"c"], 10.0f);
+  errors = {{L"a", 77.0f}};
+  MatchToTargetState::normaliseErrors(errors, MatchToTarget::kOpticalFlow);  // left as the estimator gave them
+  EXPECT_FLOAT_EQ(errors[L"a"], 77.0f);
 }
 
 TEST(MatchToTargetRules, ModeThreeRecursesWithACountdownAndOneProgressBar) {
@@ -150,7 +175,7 @@ TEST(MatchToTargetRules, ModeThreeRecursesWithACountdownAndOneProgressBar) {
   EXPECT_EQ(steps.size(), 8u);
 }
 
-TEST(MatchToTargetRules, ModeZeroReportsEachModuleTwiceWithinTheTotal) {
+TEST(MatchToTargetRules, KeepModeReportsEachModuleBeforeAndAfterWithinTheTotal) {
   cv::Mat picture = Synthetic::loadSample("fruits.jpg");
   cv::resize(picture, picture, cv::Size(320, 240), 0, 0, cv::INTER_AREA);
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images = {
