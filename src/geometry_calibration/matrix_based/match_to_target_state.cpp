@@ -285,9 +285,39 @@ void MatchToTargetState::calibrateModule(const std::wstring& name, const cv::Mat
 
 bool MatchToTargetState::placeOnTarget(const std::wstring& name, const cv::Mat& targetPicture,
                                        const cv::Matx33d& targetPlanar, Placement& placed, ModuleReport& verdict) {
+  if (!usableModule(name, targetPicture, placed, verdict)) return false;
+  // The module's homography into the target's pixels, and the work scale.
+  const cv::Mat& modulePicture = placed.modulePicture;
+  const cv::Matx33d pixelsT = OrbivaneGeometry::textureToPixels(targetPicture.cols, targetPicture.rows);
+  const cv::Matx33d textureT = OrbivaneGeometry::pixelsToTexture(targetPicture.cols, targetPicture.rows);
+  const cv::Matx33d textureM = OrbivaneGeometry::pixelsToTexture(modulePicture.cols, modulePicture.rows);
+  const cv::Matx33d h0 = normalised(pixelsT * targetPlanar.inv() * placed.modulePlanar * textureM);
+  if (!invertible(h0)) {
+    logger->error("Module {} has a singular or non-finite Matrix; the module failed", narrow(name));
+    verdict.reason = "no usable placement on the target (singular, or far outside it)";
+    return false;
+  }
+  if (!chooseWorkSize(name, h0, targetPicture.size(), placed, verdict)) return false;
+  // Target pixels -> work pixels, as resize maps pixel centres.
+  const double sx = placed.sx, sy = double(placed.workSize.height) / targetPicture.rows;
+  const cv::Matx33d scale(sx, 0, 0.5 * (sx - 1.0), 0, sy, 0.5 * (sy - 1.0), 0, 0, 1);
+  if (!choosePrewarp(name, scale * h0, placed, verdict)) return false;
+
+  WorkSystem& system = placed.system;
+  system.backwardLeft = targetPlanar * textureT * scale.inv();
+  system.backwardRight = placed.prewarp * textureM.inv();
+  system.forwardLeft = system.backwardLeft.inv();
+  system.forwardRight = system.backwardRight.inv();
+  workSystems[name] = system;
+  return true;
+}
+
+bool MatchToTargetState::usableModule(const std::wstring& name, const cv::Mat& targetPicture, Placement& placed,
+                                      ModuleReport& verdict) {
   const auto module = camera.findModule(name);
   placed.previous = module->matrixGeometry()->matrix();
   placed.modulePicture = pictureOf(images.find(name)->second);
+  placed.drawn = OrbivaneRendering::drawnBeyondMatrix(*module);
   const cv::Mat& modulePicture = placed.modulePicture;
   if (modulePicture.empty() || modulePicture.cols < 2 || modulePicture.rows < 2) {
     logger->error("Module {} has no usable Image; the module failed", narrow(name));
@@ -311,17 +341,11 @@ bool MatchToTargetState::placeOnTarget(const std::wstring& name, const cv::Mat& 
     verdict.reason = "mirrored matrix";
     return false;
   }
+  return true;
+}
 
-  // The module's homography into the target's pixels, and the work scale.
-  const cv::Matx33d pixelsT = OrbivaneGeometry::textureToPixels(targetPicture.cols, targetPicture.rows);
-  const cv::Matx33d textureT = OrbivaneGeometry::pixelsToTexture(targetPicture.cols, targetPicture.rows);
-  const cv::Matx33d textureM = OrbivaneGeometry::pixelsToTexture(modulePicture.cols, modulePicture.rows);
-  const cv::Matx33d h0 = normalised(pixelsT * targetPlanar.inv() * placed.modulePlanar * textureM);
-  if (!invertible(h0)) {
-    logger->error("Module {} has a singular or non-finite Matrix; the module failed", narrow(name));
-    verdict.reason = "no usable placement on the target (singular, or far outside it)";
-    return false;
-  }
+bool MatchToTargetState::chooseWorkSize(const std::wstring& name, const cv::Matx33d& h0, cv::Size targetSize,
+                                        Placement& placed, ModuleReport& verdict) {
   double s = workScale(h0(0, 0), h0(0, 1), h0(1, 0), h0(1, 1));
   if (!std::isfinite(s) || !(s > 0.0)) {
     logger->error("Module {}: no usable work scale ({}); the module failed", narrow(name), s);
@@ -330,35 +354,34 @@ bool MatchToTargetState::placeOnTarget(const std::wstring& name, const cv::Mat& 
   }
   // The work picture is held to what can be allocated (kLargestWorkSide a
   // side) and to at least 2 pixels a side; the run says once when it holds it.
-  const double held = heldWorkScale(s, targetPicture.size());
+  const double held = heldWorkScale(s, targetSize);
   if (!std::isfinite(held)) {
     logger->error("Module {}: the target's {}x{} picture has no usable work size; the module failed", narrow(name),
-                  targetPicture.cols, targetPicture.rows);
+                  targetSize.width, targetSize.height);
     verdict.reason = "the target's picture has no usable work size";
     return false;
   }
   if (held != s) {
     if (!workScaleHeldLogged) {
-      logger->warn("Work scale {} gives a {:.0f}x{:.0f} work picture; working at {} instead", s,
-                   targetPicture.cols * s, targetPicture.rows * s, held);
+      logger->warn("Work scale {} gives a {:.0f}x{:.0f} work picture; working at {} instead", s, targetSize.width * s,
+                   targetSize.height * s, held);
       workScaleHeldLogged = true;
     }
     s = held;
   }
   placed.scale = s;
-  placed.workSize = cv::Size(std::max(1, cvRound(targetPicture.cols * s)), std::max(1, cvRound(targetPicture.rows * s)));
-  const double sx = double(placed.workSize.width) / targetPicture.cols;
-  const double sy = double(placed.workSize.height) / targetPicture.rows;
-  placed.sx = sx;
-  // Target pixels -> work pixels, as resize maps pixel centres.
-  const cv::Matx33d scale(sx, 0, 0.5 * (sx - 1.0), 0, sy, 0.5 * (sy - 1.0), 0, 0, 1);
+  placed.workSize = cv::Size(std::max(1, cvRound(targetSize.width * s)), std::max(1, cvRound(targetSize.height * s)));
+  placed.sx = double(placed.workSize.width) / targetSize.width;
+  return true;
+}
 
+bool MatchToTargetState::choosePrewarp(const std::wstring& name, const cv::Matx33d& placement, Placement& placed,
+                                       ModuleReport& verdict) {
   // The pre-warp G: module pixels -> work pixels, from the picture's outline.
   // A module the viewer draws through a UV grid or a lens shader is drawn so
   // onto the target's work frame instead: its working copy is what the
   // viewer shows, and the estimate is a correction on top of all of it.
-  placed.drawn = OrbivaneRendering::drawnBeyondMatrix(*module);
-  const cv::Matx33d placement = scale * h0;
+  const cv::Mat& modulePicture = placed.modulePicture;
   std::vector<cv::Point2f> outline = {{0.f, 0.f},
                                       {float(modulePicture.cols), 0.f},
                                       {float(modulePicture.cols), float(modulePicture.rows)},
@@ -377,13 +400,6 @@ bool MatchToTargetState::placeOnTarget(const std::wstring& name, const cv::Mat& 
     verdict.reason = "singular or mirrored placement on the target";
     return false;
   }
-
-  WorkSystem& system = placed.system;
-  system.backwardLeft = targetPlanar * textureT * scale.inv();
-  system.backwardRight = placed.prewarp * textureM.inv();
-  system.forwardLeft = system.backwardLeft.inv();
-  system.forwardRight = system.backwardRight.inv();
-  workSystems[name] = system;
   return true;
 }
 

@@ -133,6 +133,14 @@ class MatchToTargetState {
   // Each returns false (the report saying why) when the module fails there.
   bool placeOnTarget(const std::wstring& name, const cv::Mat& targetPicture, const cv::Matx33d& targetPlanar,
                      Placement& placed, ModuleReport& verdict);
+  // placeOnTarget's parts: the module's picture and matrix are usable; the
+  // work scale and size for its homography `h0` onto the target's pixels;
+  // the pre-warp of `placement` (module -> work pixels).
+  bool usableModule(const std::wstring& name, const cv::Mat& targetPicture, Placement& placed, ModuleReport& verdict);
+  bool chooseWorkSize(const std::wstring& name, const cv::Matx33d& h0, cv::Size targetSize, Placement& placed,
+                      ModuleReport& verdict);
+  bool choosePrewarp(const std::wstring& name, const cv::Matx33d& placement, Placement& placed,
+                     ModuleReport& verdict);
   bool prepareWorkPictures(const std::wstring& name, const cv::Mat& targetPicture, const Placement& placed,
                            WorkPictures& pictures, ModuleReport& verdict);
   EstimateResult runEstimator(const std::wstring& name, const WorkPictures& pictures, const Placement& placed);
