@@ -28,6 +28,7 @@
 #include "command_line.h"
 #include "json_output.h"
 #include "digest.h"
+#include "interrupt_watch.h"
 #include "shard_file.h"
 #include "staged_folder.h"
 #include "orbivane/camera/camera_file.h"
@@ -180,7 +181,9 @@ void announcePlan(const ShaderBruteForcer::Plan& plan, const std::string& refere
   std::cerr << "shader search: " << text << "\n";
 }
 
-void runSearch(const SearchOptions& options) {
+// Searches and writes the best cameras or the shard; an interrupted search
+// writes nothing.
+void searchAndWrite(const SearchOptions& options) {
   JsonOutput output(options.json);
   auto loaded = CameraDescription::loadCameraFile(options.camera);
   if (!loaded) throw CommandError(loaded.error());
@@ -207,6 +210,7 @@ void runSearch(const SearchOptions& options) {
   Progress progress("shader search");
   forcer.registerStatusCallback(progress.callback());
   try {
+    const InterruptWatch watch([&forcer] { forcer.abort(); });
     forcer.searchForBestParameters(module, reference);
   } catch (const std::out_of_range& e) {
     throw CommandError(std::string("shader search: ") + e.what());
@@ -214,6 +218,14 @@ void runSearch(const SearchOptions& options) {
     throw CommandError(std::string("shader search: ") + e.what() + " (module '" + options.module +
                        "' names shader '" +
                        (found->geometry() ? found->geometry()->shaderId() : std::string()) + "')");
+  }
+  if (forcer.aborted()) {
+    // Part of the grid says nothing of the rest: nothing is written.
+    progress.finish(false);
+    exitStatus() = kExitInterrupted;
+    std::cerr << "orbivane-calibrate: shader search interrupted after " << forcer.evaluationCount()
+              << " renderings: nothing written\n";
+    return;
   }
   progress.finish();
   std::cout << "\n" << forcer.evaluationCount() << " renderings scored\n";
@@ -255,6 +267,13 @@ void runSearch(const SearchOptions& options) {
     for (const auto& entry : best) plain.push_back({{"error", entry["error"]}, {"parameters", entry["parameters"]}});
     JsonOutput::printActive({{"best", plain}});
   }
+}
+
+void runSearch(const SearchOptions& options) {
+  // Ctrl-C while the results are put in place waits for them.
+  const InterruptWatch finishing([] {});
+  searchAndWrite(options);
+  if (finishing.interrupted()) exitStatus() = kExitInterrupted;
 }
 
 // A shard is merged only into the search it is a part of: the same camera

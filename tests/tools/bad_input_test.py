@@ -541,6 +541,43 @@ def check_interrupted_writers(w):
     print("interrupted writers: calibrate (a run of %.1f s; exits %s) and find-frames (a run of %.1f s; Ctrl-C "
           "exit %d)" % (took, codes, frames_took, code))
 
+def check_interrupted_search(w):
+    """A shader search killed or interrupted at several moments, late ones
+    while it writes its best cameras: the folder holds the earlier run's
+    files or the new run's, whole, and the next run leaves no staging."""
+    best, saved = os.path.join(w, "best"), os.path.join(w, "best-earlier")
+    search = ["shader-search", "camsh.json", "--module", "view1", "--out-dir"]
+    blurred = cv2.GaussianBlur(cv2.imread(os.path.join(w, "swhole.png")), (0, 0), 3)
+    cv2.imwrite(os.path.join(w, "swhole-blurred.png"), blurred)
+    r = run(search + ["best-earlier", "--reference", "swhole-blurred.png"], w, timeout=600)
+    assert r.returncode == 0, r.stderr[-500:]
+    earlier = digest(saved)
+    started = time.time()
+    r = run(search + ["best-new", "--reference", "target"], w, timeout=600)
+    assert r.returncode == 0, r.stderr[-500:]
+    took = time.time() - started
+    new = digest(os.path.join(w, "best-new"))
+    assert new != earlier
+    codes = []
+    for sig, share in ((signal.SIGKILL, 0.5), (signal.SIGKILL, 0.9), (signal.SIGKILL, 0.97), (signal.SIGINT, 0.6),
+                       (signal.SIGINT, 0.95)):
+        shutil.rmtree(best, ignore_errors=True)
+        shutil.copytree(saved, best)
+        codes.append(interrupt_at(search + ["best", "--reference", "target"], w, sig, share * took))
+        now = digest(best)
+        if now not in (earlier, new):
+            failures.append("shader-search %s at %.0f %% of its run (exit %d): the best cameras are neither the "
+                            "earlier run's nor the new run's (%d files)" % (sig.name, 100 * share, codes[-1], len(now)))
+        if sig == signal.SIGINT and codes[-1] not in (0, 130):
+            failures.append("shader-search after Ctrl-C: exit %d, not 130 (interrupted)" % codes[-1])
+    r = run(search + ["best", "--reference", "target"], w, timeout=600)
+    left = [f for f in os.listdir(w) if f.startswith(".best") and "staging" in f]
+    if r.returncode != 0 or digest(best) != new or left:
+        failures.append("shader-search after interruptions: exit %d, the new cameras %s, staging left %s"
+                        % (r.returncode, "whole" if digest(best) == new else "NOT whole", left))
+    print("interrupted search: a run of %.1f s; exits %s" % (took, codes))
+
+
 def check_concurrency(w):
     """Writers of one state file take turns: every module's window is where
     its own writer put it."""
@@ -574,6 +611,7 @@ def main():
         check_parallel_calibrations(w)
         check_interruption(w)
         check_interrupted_writers(w)
+        check_interrupted_search(w)
     finally:
         shutil.rmtree(w, ignore_errors=True)
     for f in failures:

@@ -37,6 +37,10 @@ std::list<CameraDescription::Orbivane> ShaderBruteForcer::searchForBestParameter
   return impl_->search(module, reference);
 }
 
+void ShaderBruteForcer::abort() { impl_->abort(); }
+
+bool ShaderBruteForcer::aborted() const { return impl_->aborted(); }
+
 ShaderBruteForcer::Plan ShaderBruteForcer::plan(const std::wstring& module, const std::wstring& reference) const {
   return impl_->plan(module, reference);
 }

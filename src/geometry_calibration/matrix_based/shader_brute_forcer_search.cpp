@@ -415,7 +415,7 @@ void ShaderSearch::flush(std::vector<std::uint64_t>& pending) {
   // In a few batches of families, each reported when done.
   const std::size_t batch = std::max<std::size_t>(kBatch, pending.size() / 4);
   std::size_t first = 0;
-  while (first < families.size()) {
+  while (first < families.size() && !abort_.load()) {
     std::size_t last = first, points = 0;
     while (last < families.size() && points < batch) points += families[last++].points.size();
     Utils::parallelItems(last - first, 1, threads_, [&](std::size_t begin, std::size_t end) {
@@ -545,7 +545,7 @@ void ShaderSearch::walk(std::size_t outerBegin, std::size_t outerEnd) {
     const auto& range = values_[position];
     const std::size_t begin = position == 0 ? outerBegin : 0;
     const std::size_t end = position == 0 ? outerEnd : range.size();
-    for (std::size_t j = begin; j < end; ++j) {
+    for (std::size_t j = begin; j < end && !abort_.load(); ++j) {
       if (position == 0) {
         flush(pending);
         std::cout << range[j] << std::endl;
@@ -561,6 +561,7 @@ void ShaderSearch::walk(std::size_t outerBegin, std::size_t outerEnd) {
 
 std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& module, const std::wstring& reference) {
   reset();
+  if (abort_.load()) return {};
   const std::string name = Utils::toUtf8(module);
   const auto* geometry = takeModule(module, reference);
   if (geometry == nullptr) return {};
@@ -569,6 +570,8 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   std::size_t outerBegin = 0, outerEnd = 0;
   prepareWalk(outerBegin, outerEnd);
   walk(outerBegin, outerEnd);
+  // An aborted search saw part of the grid: its best are not the grid's.
+  if (abort_.load()) return {};
 
   results_ = best_.ordered();
   std::list<CameraDescription::Orbivane> cameras;

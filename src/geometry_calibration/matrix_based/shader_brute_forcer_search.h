@@ -81,6 +81,10 @@ class ShaderSearch {
   void setShard(int index, int count);
   void setThreadCount(int threads) { threads_ = threads < 0 ? 0 : threads; }
   void setStatusCallback(StatusCallback callback) { callback_ = std::move(callback); }
+  // Stops a search at its next batch of evaluations (from any thread); the
+  // search then returns nothing, and every later one returns at once.
+  void abort() { abort_ = true; }
+  bool aborted() const { return abort_.load(); }
   const std::list<ShaderBruteForcer::Result>& results() const { return results_; }
   std::uint64_t evaluationCount() const { return counter_.load(); }
 
@@ -172,6 +176,7 @@ class ShaderSearch {
   // evaluation above it is not kept, so it need not take the lock.
   std::atomic<float> rejectAbove_{std::numeric_limits<float>::infinity()};
   std::atomic<std::uint64_t> counter_{0};
+  std::atomic<bool> abort_{false};
   std::list<ShaderBruteForcer::Result> results_;
 };
 

@@ -451,6 +451,27 @@ TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards)
   }
 }
 
+TEST(ShaderBruteForcerSearch, AnAbortedSearchStopsAtItsNextBatchAndReturnsNothing) {
+  // Ctrl-C in the command line aborts from another thread; here the first
+  // progress report (after the first outermost value's 81 points) does.
+  ShaderFolder shaders;
+  const Scene s = scene(gridPoint(1, 2, 0, 2, 1));
+  ShaderBruteForcer forcer(s.camera, s.images, reducedGrid());
+  int reports = 0;
+  forcer.registerStatusCallback([&](int, int, std::string, GeometryCalibration::AdvStepInfo) {
+    if (++reports == 1) forcer.abort();
+  });
+  std::list<CameraDescription::Orbivane> cameras;
+  EXPECT_TRUE(quietSearch(forcer, &cameras).empty());  // a part of the grid says nothing of the rest
+  EXPECT_TRUE(cameras.empty());
+  EXPECT_TRUE(forcer.aborted());
+  EXPECT_EQ(reports, 1);
+  EXPECT_EQ(forcer.evaluationCount(), 81u);
+  // The flag stays: a later search of the object returns at once.
+  EXPECT_TRUE(quietSearch(forcer).empty());
+  EXPECT_EQ(reports, 1);
+}
+
 TEST(ShaderBruteForcerSearch, OffGridTruthGivesTheNearestPointOrANeighbour) {
   ShaderFolder shaders;
   std::map<std::string, float> truth{{"f_TCorrection_F", 0.31f},

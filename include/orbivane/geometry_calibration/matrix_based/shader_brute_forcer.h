@@ -127,6 +127,13 @@ class ORBIVANE_EXPORT ShaderBruteForcer {
   void setShard(int index, int count);
   // Threads for the evaluations; 0 (the default) uses every core.
   void setThreadCount(int threads);
+  // Stops a running search soon (from any thread, e.g. on Ctrl-C): it stops
+  // at its next batch of a few thousand evaluations and returns an empty
+  // list with empty results, since the part of the grid it saw says nothing
+  // of the rest. The flag is never cleared: every later search of this
+  // object returns at once.
+  void abort();
+  bool aborted() const;
   // Progress: (evaluations done, evaluations of this search or shard,
   // "Searching Shader Parameters", {}), on the calling thread.
   void registerStatusCallback(StatusCallback callback);
