@@ -162,10 +162,8 @@ void printRow(const char* tool, const Synthetic::LayerSeams& s, double kept, dou
               kept > 0 ? (std::to_string(int(std::lround(100 * kept))) + " %").c_str() : "  -  ", seconds);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "[--no-hugin] [SET...]", 16, {"--no-hugin"});
+// The sets named on the command line, or the default ones (only the first in a smoke run).
+std::vector<PhotoSet> chosenSets(const Bench::Options& options) {
   std::vector<PhotoSet> sets;
   for (const auto& p : options.positional) sets.push_back(parseSet(p));
   if (sets.empty()) {
@@ -173,95 +171,144 @@ int main(int argc, char** argv) {
             parseSet("sphere:0:1"), parseSet("sphere:30:2")};
     if (options.smoke) sets.resize(1);
   }
+  return sets;
+}
+
+// A set's label and photographs, with their files (real sets) or the rig that made them (synthetic sets).
+struct LoadedSet {
+  std::string label;
+  std::vector<cv::Mat> photos;
+  std::vector<std::string> files;
+  Synthetic::SphereRig rig;
+};
+
+// Makes a synthetic set's rig (naming its modules in `set`) or loads a real set's photographs; prints the set's line.
+LoadedSet loadSet(PhotoSet& set, const cv::Mat& world) {
+  LoadedSet loaded;
+  if (set.synthetic) {
+    loaded.rig = Synthetic::makeSphereRig(world, sphereOptions(set));
+    loaded.photos = loaded.rig.pictures;
+    for (const auto& m : loaded.rig.modules) set.names.push_back(m.name);
+    char text[64];
+    std::snprintf(text, sizeof text, "sphere rig, pitch %.0f deg, seed %u", set.pitch, set.seed);
+    loaded.label = text;
+    std::printf("%s (five modules 40 degrees apart, 1280x960, focal 900 px +-2 %%, k1 0.03 +-0.01)\n", text);
+  } else {
+    std::string& label = loaded.label;
+    for (const auto& n : set.names) label += (label.empty() ? "" : ",") + n.substr(6);
+    std::printf("photographs %s%s\n", label.c_str(),
+                set.groundFacing ? " (ground-facing: the lowest third of each overlap is left out)" : "");
+    for (const auto& n : set.names) {
+      loaded.photos.push_back(Synthetic::loadRealPhoto(n + ".jpg"));
+      loaded.files.push_back(Synthetic::realPhotoPath(n + ".jpg"));
+    }
+  }
+  return loaded;
+}
+
+// The peers' stitching of a set and their seams: OpenCV's detail pipeline, and Hugin's chain when it runs.
+struct Peers {
+  Synthetic::PeerResult opencv;
+  Synthetic::LayerSeams opencvSeams;
+  bool huginRun = false;
+  Synthetic::PeerResult hugin;
+  Synthetic::LayerSeams huginSeams;
+  double huginKept = 0.0;
+};
+
+// Stitches the set with OpenCV and, when `hugin` and the set is real, with Hugin; measures their seams.
+Peers runPeers(const PhotoSet& set, const LoadedSet& loaded, bool hugin) {
+  Peers peers;
+  peers.opencv = Synthetic::openCvDetailStitch(loaded.photos);
+  if (peers.opencv.ok) {
+    std::vector<Synthetic::PeerLayer> layers = peers.opencv.layers;
+    if (set.groundFacing) leaveOutLowestThird(layers);
+    peers.opencvSeams = Synthetic::measureLayerSeams(layers, loaded.photos, set.names);
+  }
+  peers.huginRun = hugin && !set.synthetic;
+  if (peers.huginRun) {
+    Synthetic::TemporaryDirectory folder;
+    peers.hugin = Synthetic::huginStitch(loaded.files, folder.path());
+    if (peers.hugin.ok) {
+      peers.huginKept = Synthetic::keptShare(peers.hugin.layers, peers.hugin.panorama, peers.hugin.crop);
+      if (set.groundFacing) leaveOutLowestThird(peers.hugin.layers);
+      peers.huginSeams = Synthetic::measureLayerSeams(peers.hugin.layers, loaded.photos, set.names);
+    }
+  }
+  return peers;
+}
+
+// The table of the set: a row per tool (or why it failed), then ours pair by pair.
+void printTable(const Ours& ours, const Synthetic::LayerSeams& oursSeams, double oursKept, const Peers& peers) {
+  printRow("ours", oursSeams, oursKept, ours.seconds);
+  if (peers.opencv.ok) {
+    printRow("opencv", peers.opencvSeams, 0.0, peers.opencv.seconds);
+  } else {
+    std::printf("  opencv   failed: %s\n", peers.opencv.error.c_str());
+  }
+  if (peers.huginRun) {
+    if (peers.hugin.ok) {
+      printRow("hugin", peers.huginSeams, peers.huginKept, peers.hugin.seconds);
+    } else {
+      std::printf("  hugin    failed: %s\n", peers.hugin.error.c_str());
+    }
+  }
+  for (const auto& line : oursSeams.lines) std::printf("    ours %s\n", line.c_str());
+}
+
+// Ours against the synthetic rig's truth: printed and judged.
+void judgeTruth(const LoadedSet& loaded, const Ours& ours, Bench::Goals& goals) {
+  const Synthetic::TruthSeams truth = Synthetic::truthSeams(loaded.rig, ours.camera);
+  std::printf("  ours against the truth: seams median %.3f px, 90 %% %.3f px, worst %.3f px over %d pairs\n",
+              truth.medianPx, truth.p90Px, truth.worstPx, truth.pairs);
+  goals.correctness(truth.p90Px <= 0.5, "%s: seams against the truth, 90 %% %.3f px <= 0.5 px", loaded.label.c_str(),
+                    truth.p90Px);
+}
+
+// Ours judged by the goals: no failed module, the seams, the exposure, the clip and the time against OpenCV's.
+void judgeOurs(const std::string& label, const Ours& ours, const Synthetic::LayerSeams& oursSeams, double oursKept,
+               const Synthetic::PeerResult& opencv, Bench::Goals& goals) {
+  goals.correctness(ours.failed == 0, "%s: no module failed (%d failed)", label.c_str(), ours.failed);
+  goals.correctness(oursSeams.medianPx <= 1.0, "%s: seam median %.2f px <= 1.0 px", label.c_str(), oursSeams.medianPx);
+  goals.correctness(oursSeams.p90Px <= 3.0, "%s: seam 90th percentile %.2f px <= 3.0 px", label.c_str(),
+                    oursSeams.p90Px);
+  goals.correctness(oursSeams.worstExposureEv <= 0.06, "%s: exposure difference %.3f EV <= 0.06 EV", label.c_str(),
+                    oursSeams.worstExposureEv);
+  goals.correctness(oursKept >= 0.85, "%s: the clip keeps %.0f %% >= 85 %% of the pictures", label.c_str(),
+                    100 * oursKept);
+  if (opencv.ok) {
+    goals.speed(ours.seconds <= opencv.seconds,
+                "%s: init and calibrate %.2f s <= OpenCV's detail pipeline %.2f s (ratio %.2f)", label.c_str(),
+                ours.seconds, opencv.seconds, opencv.seconds / std::max(1e-9, ours.seconds));
+  }
+}
+
+// One set: ours and the peers calibrate it, the table is printed and ours is judged.
+void benchSet(PhotoSet& set, const cv::Mat& world, bool hugin, Bench::Goals& goals) {
+  const LoadedSet loaded = loadSet(set, world);
+  Ours ours = runOurs(set, loaded.photos);
+  if (!ours.ok) {
+    goals.correctness(false, "ours calibrates %s (%s)", loaded.label.c_str(), ours.error.c_str());
+    return;
+  }
+  const double oursKept = Synthetic::keptShare(ours.layers, ours.panorama, ours.crop);
+  if (set.groundFacing) leaveOutLowestThird(ours.layers);
+  const Synthetic::LayerSeams oursSeams = Synthetic::measureLayerSeams(ours.layers, loaded.photos, set.names);
+  const Peers peers = runPeers(set, loaded, hugin);
+
+  printTable(ours, oursSeams, oursKept, peers);
+  if (set.synthetic) judgeTruth(loaded, ours, goals);
+  judgeOurs(loaded.label, ours, oursSeams, oursKept, peers.opencv, goals);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Bench::Options options = Bench::parsePlainOptions(argc, argv, "[--no-hugin] [SET...]", 16, {"--no-hugin"});
+  std::vector<PhotoSet> sets = chosenSets(options);
   const bool hugin = !options.smoke && !options.has("--no-hugin") && Synthetic::huginAvailable();
   Bench::Goals goals(options);
   const cv::Mat world = Synthetic::loadRealPhoto("hugin-equirectangular.jpg");
-  for (auto& set : sets) {
-    std::string label;
-    std::vector<cv::Mat> photos;
-    std::vector<std::string> files;
-    Synthetic::SphereRig rig;
-    if (set.synthetic) {
-      rig = Synthetic::makeSphereRig(world, sphereOptions(set));
-      photos = rig.pictures;
-      for (const auto& m : rig.modules) set.names.push_back(m.name);
-      char text[64];
-      std::snprintf(text, sizeof text, "sphere rig, pitch %.0f deg, seed %u", set.pitch, set.seed);
-      label = text;
-      std::printf("%s (five modules 40 degrees apart, 1280x960, focal 900 px +-2 %%, k1 0.03 +-0.01)\n", text);
-    } else {
-      for (const auto& n : set.names) label += (label.empty() ? "" : ",") + n.substr(6);
-      std::printf("photographs %s%s\n", label.c_str(),
-                  set.groundFacing ? " (ground-facing: the lowest third of each overlap is left out)" : "");
-      for (const auto& n : set.names) {
-        photos.push_back(Synthetic::loadRealPhoto(n + ".jpg"));
-        files.push_back(Synthetic::realPhotoPath(n + ".jpg"));
-      }
-    }
-
-    Ours ours = runOurs(set, photos);
-    if (!ours.ok) {
-      goals.correctness(false, "ours calibrates %s (%s)", label.c_str(), ours.error.c_str());
-      continue;
-    }
-    const double oursKept = Synthetic::keptShare(ours.layers, ours.panorama, ours.crop);
-    if (set.groundFacing) leaveOutLowestThird(ours.layers);
-    const Synthetic::LayerSeams oursSeams = Synthetic::measureLayerSeams(ours.layers, photos, set.names);
-
-    const Synthetic::PeerResult opencv = Synthetic::openCvDetailStitch(photos);
-    Synthetic::LayerSeams opencvSeams;
-    if (opencv.ok) {
-      std::vector<Synthetic::PeerLayer> layers = opencv.layers;
-      if (set.groundFacing) leaveOutLowestThird(layers);
-      opencvSeams = Synthetic::measureLayerSeams(layers, photos, set.names);
-    }
-    Synthetic::PeerResult hu;
-    Synthetic::LayerSeams huginSeams;
-    double huginKept = 0.0;
-    if (hugin && !set.synthetic) {
-      Synthetic::TemporaryDirectory folder;
-      hu = Synthetic::huginStitch(files, folder.path());
-      if (hu.ok) {
-        huginKept = Synthetic::keptShare(hu.layers, hu.panorama, hu.crop);
-        if (set.groundFacing) leaveOutLowestThird(hu.layers);
-        huginSeams = Synthetic::measureLayerSeams(hu.layers, photos, set.names);
-      }
-    }
-
-    printRow("ours", oursSeams, oursKept, ours.seconds);
-    if (opencv.ok) {
-      printRow("opencv", opencvSeams, 0.0, opencv.seconds);
-    } else {
-      std::printf("  opencv   failed: %s\n", opencv.error.c_str());
-    }
-    if (hugin && !set.synthetic) {
-      if (hu.ok) {
-        printRow("hugin", huginSeams, huginKept, hu.seconds);
-      } else {
-        std::printf("  hugin    failed: %s\n", hu.error.c_str());
-      }
-    }
-    for (const auto& line : oursSeams.lines) std::printf("    ours %s\n", line.c_str());
-    if (set.synthetic) {
-      const Synthetic::TruthSeams truth = Synthetic::truthSeams(rig, ours.camera);
-      std::printf("  ours against the truth: seams median %.3f px, 90 %% %.3f px, worst %.3f px over %d pairs\n",
-                  truth.medianPx, truth.p90Px, truth.worstPx, truth.pairs);
-      goals.correctness(truth.p90Px <= 0.5, "%s: seams against the truth, 90 %% %.3f px <= 0.5 px", label.c_str(),
-                        truth.p90Px);
-    }
-
-    goals.correctness(ours.failed == 0, "%s: no module failed (%d failed)", label.c_str(), ours.failed);
-    goals.correctness(oursSeams.medianPx <= 1.0, "%s: seam median %.2f px <= 1.0 px", label.c_str(), oursSeams.medianPx);
-    goals.correctness(oursSeams.p90Px <= 3.0, "%s: seam 90th percentile %.2f px <= 3.0 px", label.c_str(),
-                      oursSeams.p90Px);
-    goals.correctness(oursSeams.worstExposureEv <= 0.06, "%s: exposure difference %.3f EV <= 0.06 EV", label.c_str(),
-                      oursSeams.worstExposureEv);
-    goals.correctness(oursKept >= 0.85, "%s: the clip keeps %.0f %% >= 85 %% of the pictures", label.c_str(),
-                      100 * oursKept);
-    if (opencv.ok) {
-      goals.speed(ours.seconds <= opencv.seconds, "%s: init and calibrate %.2f s <= OpenCV's detail pipeline %.2f s (ratio %.2f)",
-                  label.c_str(), ours.seconds, opencv.seconds, opencv.seconds / std::max(1e-9, ours.seconds));
-    }
-  }
+  for (auto& set : sets) benchSet(set, world, hugin, goals);
   return goals.finish();
 }

@@ -318,23 +318,20 @@ void registerShaders(py::module_& m) {
 
 }
 
-// Modules: their place, picture, shaders and grid.
-void registerModule(py::module_& m) {
-  py::class_<OrbivaneModule, ModulePtr>(
-      m, "Module",
-      "One sensor module of a camera: name, mounting rotation, geometry (a 4 x 4 matrix and an optional UV grid), "
-      "shader chain, picture and connection. A Module taken from a Camera is that camera's module: changing it "
-      "changes the camera.")
-      .def(py::init([](const std::string& name, const py::object& matrix, const py::object& picture) {
-             auto module = std::make_shared<OrbivaneModule>(wide(name));
-             if (!matrix.is_none()) {
-               module->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrixFromObject(matrix)));
-             }
-             if (!picture.is_none()) module->setImage(pictureFromArray(picture, "picture of module '" + name + "'"));
-             return module;
-           }),
-           py::arg("name"), py::arg("matrix") = py::none(), py::arg("picture") = py::none(),
-           "A module with a matrix geometry when `matrix` (4 x 4) is given, and a picture when `picture` is.")
+using ModuleClass = py::class_<OrbivaneModule, ModulePtr>;
+
+// Making, copying and pickling a module; its name, mounting and lens.
+void registerModuleBasics(ModuleClass& cls) {
+  cls.def(py::init([](const std::string& name, const py::object& matrix, const py::object& picture) {
+            auto module = std::make_shared<OrbivaneModule>(wide(name));
+            if (!matrix.is_none()) {
+              module->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrixFromObject(matrix)));
+            }
+            if (!picture.is_none()) module->setImage(pictureFromArray(picture, "picture of module '" + name + "'"));
+            return module;
+          }),
+          py::arg("name"), py::arg("matrix") = py::none(), py::arg("picture") = py::none(),
+          "A module with a matrix geometry when `matrix` (4 x 4) is given, and a picture when `picture` is.")
       .def("__copy__", [](const OrbivaneModule& module) { return standaloneCopy(module); },
            "A copy that belongs to no camera (it names no neighbour); the picture is shared, as a camera copy "
            "shares it.")
@@ -344,13 +341,13 @@ void registerModule(py::module_& m) {
       .def_property(
           "name", [](const OrbivaneModule& mod) { return narrow(mod.name()); },
           [](OrbivaneModule& mod, const std::string& name) { mod.setName(wide(name)); },
-           "The module's name, unique in its camera.")
+          "The module's name, unique in its camera.")
       .def_property("rotation", &OrbivaneModule::rotation, &OrbivaneModule::setRotation,
                     "Mounting rotation in degrees, clockwise.")
       .def_property("channel", &OrbivaneModule::channel, &OrbivaneModule::setChannel,
-           "The module's video channel on its device.")
+                    "The module's video channel on its device.")
       .def_property("fisheye", &OrbivaneModule::fisheye, &OrbivaneModule::setFisheye,
-           "Whether the module has a fisheye lens (its picture a bright lens circle).")
+                    "Whether the module has a fisheye lens (its picture a bright lens circle).")
       .def_property(
           "fisheye_threshold",
           [](const OrbivaneModule& mod) -> py::object {
@@ -361,15 +358,18 @@ void registerModule(py::module_& m) {
             mod.setFisheyeThreshold(value.is_none() ? Utils::Optional<std::int16_t>()
                                                     : Utils::Optional<std::int16_t>(value.cast<std::int16_t>()));
           },
-          "The module's own grey threshold for its lens circle, or None.")
-      .def_property_readonly(
-          "geometry_kind",
-          [](const OrbivaneModule& mod) -> py::object {
-            return mod.geometry() ? py::object(py::str(mod.geometry()->kind())) : py::none();
-          },
-          "'matrix', 'region', ... or None without geometry.")
+          "The module's own grey threshold for its lens circle, or None.");
+}
+
+// The module's geometry: its kind, matrix, shader and UV grid, and the shader chain.
+void registerModuleGeometry(ModuleClass& cls) {
+  cls.def_property_readonly("geometry_kind",
+                            [](const OrbivaneModule& mod) -> py::object {
+                              return mod.geometry() ? py::object(py::str(mod.geometry()->kind())) : py::none();
+                            },
+                            "'matrix', 'region', ... or None without geometry.")
       .def_property_readonly("has_matrix", [](const OrbivaneModule& mod) { return mod.matrixGeometry() != nullptr; },
-           "Whether the module has a matrix geometry.")
+                             "Whether the module has a matrix geometry.")
       .def_property(
           "matrix",
           [](const OrbivaneModule& mod) -> py::object {
@@ -396,16 +396,21 @@ void registerModule(py::module_& m) {
           [](OrbivaneModule& mod, const std::vector<OrbivaneGeometry::Shader>& shaders) {
             mod.setShaders(std::list<OrbivaneGeometry::Shader>(shaders.begin(), shaders.end()));
           },
-          "The shader chain (copies); assign a list to change it.")
-      .def_property(
-          "picture", [](const OrbivaneModule& mod) { return arrayFromPicture(mod.image()); },
-          [](OrbivaneModule& mod, const py::object& value) {
-            mod.setImage(value.is_none() ? nullptr
-                                         : pictureFromArray(value, "picture of module '" + narrow(mod.name()) + "'"));
-            mod.setImagePath(std::string());
-          },
-          "The module's picture as an H x W x 3 uint8 BGR array, or None. Setting an array uses it in place "
-          "where its layout allows (a writable BGR or BGRA array with packed pixels); other arrays are copied.")
+          "The shader chain (copies); assign a list to change it.");
+}
+
+// Sets the module's picture from an array (None removes it); it no longer comes from a file.
+void setPicture(OrbivaneModule& mod, const py::object& value) {
+  mod.setImage(value.is_none() ? nullptr : pictureFromArray(value, "picture of module '" + narrow(mod.name()) + "'"));
+  mod.setImagePath(std::string());
+}
+
+// The module's picture, its place in the stitching chain and its connection.
+void registerModuleSurroundings(ModuleClass& cls) {
+  cls.def_property("picture", [](const OrbivaneModule& mod) { return arrayFromPicture(mod.image()); }, &setPicture,
+                   "The module's picture as an H x W x 3 uint8 BGR array, or None. Setting an array uses it in place "
+                   "where its layout allows (a writable BGR or BGRA array with packed pixels); other arrays are "
+                   "copied.")
       .def_property(
           "picture_path", [](const OrbivaneModule& mod) { return mod.imagePath(); },
           [](OrbivaneModule& mod, const std::string& path) { mod.setImagePath(path); },
@@ -435,21 +440,30 @@ void registerModule(py::module_& m) {
         if (mod.image()) text += " " + std::to_string(mod.image()->width()) + "x" + std::to_string(mod.image()->height());
         return text + ">";
       });
-
 }
 
-// The camera: its modules, panorama and files.
-void registerCameraClass(py::module_& m) {
-  py::class_<Orbivane, CameraPtr>(
-      m, "Camera",
-      "A multi-sensor panoramic camera description: its modules in order. Copies (copy.copy, copy.deepcopy, "
-      ".copy()) are deep; pictures are shared. Pickles through its file form with the pictures as arrays.")
-      .def(py::init([](const std::string& name) {
-             auto camera = std::make_shared<Orbivane>();
-             camera->setName(wide(name));
-             return camera;
-           }),
-           py::arg("name") = "")
+// Modules: their place, picture, shaders and grid.
+void registerModule(py::module_& m) {
+  ModuleClass cls(
+      m, "Module",
+      "One sensor module of a camera: name, mounting rotation, geometry (a 4 x 4 matrix and an optional UV grid), "
+      "shader chain, picture and connection. A Module taken from a Camera is that camera's module: changing it "
+      "changes the camera.");
+  registerModuleBasics(cls);
+  registerModuleGeometry(cls);
+  registerModuleSurroundings(cls);
+}
+
+using CameraClass = py::class_<Orbivane, CameraPtr>;
+
+// Making a camera, and reading and writing camera files.
+void registerCameraFiles(CameraClass& cls) {
+  cls.def(py::init([](const std::string& name) {
+            auto camera = std::make_shared<Orbivane>();
+            camera->setName(wide(name));
+            return camera;
+          }),
+          py::arg("name") = "")
       .def_static(
           "load",
           [](const std::string& path, bool loadPictures) {
@@ -478,11 +492,13 @@ void registerCameraClass(py::module_& m) {
            "The camera file's JSON text; picture paths relative to base_directory.")
       .def("save", &saveCamera, py::arg("path"),
            "Writes the camera file atomically. Pictures that exist only in memory are written first into "
-           "'<stem>.pictures/<module>.png' beside it; the camera itself is not changed.")
-      .def_property(
-          "name", [](const Orbivane& c) { return narrow(c.name()); },
-          [](Orbivane& c, const std::string& name) { c.setName(wide(name)); },
-           "The camera's name.")
+           "'<stem>.pictures/<module>.png' beside it; the camera itself is not changed.");
+}
+
+// The camera's name, panorama size and modules as properties.
+void registerCameraProperties(CameraClass& cls) {
+  cls.def_property("name", [](const Orbivane& c) { return narrow(c.name()); },
+                   [](Orbivane& c, const std::string& name) { c.setName(wide(name)); }, "The camera's name.")
       .def_property(
           "panorama_size",
           [](const Orbivane& c) -> py::object {
@@ -500,14 +516,19 @@ void registerCameraClass(py::module_& m) {
           "(width, height) of the stitched panorama in pixels, or None.")
       .def_property_readonly(
           "modules", [](const Orbivane& c) { return c.modules(); }, "The modules in camera order (the camera's own).")
-      .def_property_readonly("module_names",
-                             [](const Orbivane& c) {
-                               std::vector<std::string> names;
-                               for (const auto& mod : c.modules()) names.push_back(narrow(mod->name()));
-                               return names;
-                             },
-           "The modules' names in camera order.")
-      .def("module", &moduleOf, py::arg("name"), "The module of that name; KeyError when there is none.")
+      .def_property_readonly(
+          "module_names",
+          [](const Orbivane& c) {
+            std::vector<std::string> names;
+            for (const auto& mod : c.modules()) names.push_back(narrow(mod->name()));
+            return names;
+          },
+          "The modules' names in camera order.");
+}
+
+// Finding, adding and removing modules, chaining them, and their pictures.
+void registerCameraModules(CameraClass& cls) {
+  cls.def("module", &moduleOf, py::arg("name"), "The module of that name; KeyError when there is none.")
       .def("add_module", [](Orbivane& c, const OrbivaneModule& mod) { return c.addModule(mod); }, py::arg("module"),
            "Appends a copy of the module and returns the camera's copy.")
       .def(
@@ -518,7 +539,7 @@ void registerCameraClass(py::module_& m) {
             modules.erase(std::find(modules.begin(), modules.end(), found));
           },
           py::arg("name"),
-           "Removes the module of that name (KeyError when there is none); neighbours that named it name none.")
+          "Removes the module of that name (KeyError when there is none); neighbours that named it name none.")
       .def(
           "set_neighbour",
           [](Orbivane& c, const std::string& name, const py::object& neighbour) {
@@ -533,9 +554,13 @@ void registerCameraClass(py::module_& m) {
               if (mod->image()) out[py::str(narrow(mod->name()))] = arrayFromPicture(mod->image());
             return out;
           },
-          "The modules' pictures {name: array}, as the calibrators take them.")
-      .def("copy", [](const Orbivane& c) { return std::make_shared<Orbivane>(c); },
-           "A deep copy: its modules are its own (pictures are shared, not copied).")
+          "The modules' pictures {name: array}, as the calibrators take them.");
+}
+
+// Copying, pickling, length, membership and the printed form.
+void registerCameraProtocols(CameraClass& cls) {
+  cls.def("copy", [](const Orbivane& c) { return std::make_shared<Orbivane>(c); },
+          "A deep copy: its modules are its own (pictures are shared, not copied).")
       .def("__copy__", [](const Orbivane& c) { return std::make_shared<Orbivane>(c); })
       .def("__deepcopy__", [](const Orbivane& c, const py::dict&) { return std::make_shared<Orbivane>(c); })
       .def("__len__", [](const Orbivane& c) { return c.modules().size(); })
@@ -547,6 +572,18 @@ void registerCameraClass(py::module_& m) {
         for (const auto& mod : c.modules()) names += (names.empty() ? "" : ", ") + narrow(mod->name());
         return "<orbivane.Camera '" + narrow(c.name()) + "' modules=[" + names + "]>";
       });
+}
+
+// The camera: its modules, panorama and files.
+void registerCameraClass(py::module_& m) {
+  CameraClass cls(
+      m, "Camera",
+      "A multi-sensor panoramic camera description: its modules in order. Copies (copy.copy, copy.deepcopy, "
+      ".copy()) are deep; pictures are shared. Pickles through its file form with the pictures as arrays.");
+  registerCameraFiles(cls);
+  registerCameraProperties(cls);
+  registerCameraModules(cls);
+  registerCameraProtocols(cls);
 }
 
 }  // namespace

@@ -136,12 +136,10 @@ void requireValidMatch(const std::function<void(GeometryCalibration::MatchOption
   if (const auto valid = settings.validate(); !valid) throw py::value_error(valid.error());
 }
 
-void registerMatchToTarget(py::module_& m) {
-  py::class_<PyMatchToTarget> cls(
-      m, "MatchToTarget",
-      "Target matching: aligns the listed modules' pictures to a target module's picture and returns a corrected "
-      "copy of the camera. Modes: 0 feature matching (default), 1 keep matrices (check only), 2 dense optical flow, "
-      "3 iterative matching.");
+using MatchToTargetClass = py::class_<PyMatchToTarget>;
+
+// Construction, the run itself and stopping it.
+void registerMatchToTargetRun(MatchToTargetClass& cls) {
   cls.def(py::init<const Orbivane&, const py::dict&>(), py::arg("camera"), py::arg("pictures"),
           "Copies the camera; pictures maps module names to arrays (H x W x 3 uint8 BGR, or grey), used in place "
           "where their layout allows.")
@@ -165,15 +163,17 @@ void registerMatchToTarget(py::module_& m) {
           },
           "Stops a running calibrate() at the next module (that module and the rest are 'aborted'); safe from any "
           "thread. Later calibrate() calls return at once.")
-      .def("aborted", [](const PyMatchToTarget& self) { return self.aborted.load(); }, "Whether abort() was called.")
-      .def(
-          "set_calibration_mode",
+      .def("aborted", [](const PyMatchToTarget& self) { return self.aborted.load(); }, "Whether abort() was called.");
+}
+
+// The calibration mode and the UV grids mode 0 refines.
+void registerMatchToTargetModeAndGrid(MatchToTargetClass& cls) {
+  cls.def("set_calibration_mode",
           [](PyMatchToTarget& self, int mode) {
             requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.mode = mode; });
             self.impl->setCalibrationMode(static_cast<MatchToTarget::CalibrateMode>(mode));
           },
-          py::arg("mode"),
-           "Sets the mode (0..3; ValueError otherwise) for the next calibrate().")
+          py::arg("mode"), "Sets the mode (0..3; ValueError otherwise) for the next calibrate().")
       .def("calibration_mode", [](const PyMatchToTarget& self) { return int(self.impl->calibrationMode()); },
            "The mode calibrate() uses: 0 feature matching, 1 keep matrices, 2 optical flow, 3 iterative.")
       .def("set_grid_enabled", [](PyMatchToTarget& self, bool enabled) { self.impl->setGridEnabled(enabled); },
@@ -185,7 +185,7 @@ void registerMatchToTarget(py::module_& m) {
             self.impl->initGrid(columns, rows, wide(module));
           },
           py::arg("columns"), py::arg("rows"), py::arg("module"),
-           "Mode 0 with the grid enabled: gives `module` a UV grid of columns x rows cells to refine.")
+          "Mode 0 with the grid enabled: gives `module` a UV grid of columns x rows cells to refine.")
       .def(
           "get_grid",
           [](const PyMatchToTarget& self, const std::string& module) -> py::object {
@@ -200,9 +200,12 @@ void registerMatchToTarget(py::module_& m) {
               }
             return std::move(out);
           },
-          py::arg("module"), "The module's grid as a (rows + 1) x (columns + 1) x 2 array, or None.")
-      .def(
-          "set_m2n_max_iteration",
+          py::arg("module"), "The module's grid as a (rows + 1) x (columns + 1) x 2 array, or None.");
+}
+
+// Mode 3's iteration limits, the work scale and the status callback.
+void registerMatchToTargetLimits(MatchToTargetClass& cls) {
+  cls.def("set_m2n_max_iteration",
           [](PyMatchToTarget& self, std::uint64_t n) {
             requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.m2n = n; });
             self.impl->setM2nMaxIteration(n);
@@ -230,9 +233,12 @@ void registerMatchToTarget(py::module_& m) {
           "placement; ValueError for a scale above 8 or not finite.")
       .def("register_status_callback",
            [](PyMatchToTarget& self, py::object fn) { self.relay.setFunction(std::move(fn)); }, py::arg("fn"),
-           kCallbackDoc)
-      .def(
-          "error",
+           kCallbackDoc);
+}
+
+// What the last run left: errors, reports, working pictures and the work system's matrices.
+void registerMatchToTargetResults(MatchToTargetClass& cls) {
+  cls.def("error",
           [](const PyMatchToTarget& self) {
             py::dict out;
             for (const auto& [name, e] : self.impl->error()) {
@@ -261,20 +267,33 @@ void registerMatchToTarget(py::module_& m) {
             return matrixArray(self.impl->transformToWorkSystem(wide(module), matrixFromObject(matrix)));
           },
           py::arg("module"), py::arg("matrix"),
-           "A module matrix in the target's work system, where the estimators compare pictures.")
+          "A module matrix in the target's work system, where the estimators compare pictures.")
       .def(
           "transform_to_resulte",
           [](const PyMatchToTarget& self, const std::string& module, const py::object& matrix) {
             return matrixArray(self.impl->transformToResulte(wide(module), matrixFromObject(matrix)));
           },
           py::arg("module"), py::arg("matrix"),
-           "The work-system matrix of a result turned back into a module matrix (the inverse of transform_to_work_system).")
+          "The work-system matrix of a result turned back into a module matrix (the inverse of "
+          "transform_to_work_system).")
       .def_static(
           "calculate_fin_matrix",
           [](const Orbivane& camera, const std::string& module) {
             return matrixArray(MatchToTarget::calculateFinMatrix(camera, wide(module)));
           },
           py::arg("camera"), py::arg("module"), "The module matrix composed with its clip-matrix shader.");
+}
+
+void registerMatchToTarget(py::module_& m) {
+  MatchToTargetClass cls(
+      m, "MatchToTarget",
+      "Target matching: aligns the listed modules' pictures to a target module's picture and returns a corrected "
+      "copy of the camera. Modes: 0 feature matching (default), 1 keep matrices (check only), 2 dense optical flow, "
+      "3 iterative matching.");
+  registerMatchToTargetRun(cls);
+  registerMatchToTargetModeAndGrid(cls);
+  registerMatchToTargetLimits(cls);
+  registerMatchToTargetResults(cls);
 }
 
 void registerNeighbourNeighbour(py::module_& m) {
@@ -423,11 +442,11 @@ struct PyAutoClipping {
   CallbackRelay relay;  // no callback; guards against two runs at once
 };
 
-void registerAutoClipping(py::module_& m) {
-  py::class_<PyAutoClipping>(
-      m, "AutoClipping",
-      "Automatic clipping: the largest axis-aligned rectangle of the panorama that the modules cover well.")
-      .def(py::init<const Orbivane&>(), py::arg("camera"), "Works on a copy of the camera as it is now.")
+using AutoClippingClass = py::class_<PyAutoClipping>;
+
+// Construction, the two modes' settings and the run.
+void registerAutoClippingRun(AutoClippingClass& cls) {
+  cls.def(py::init<const Orbivane&>(), py::arg("camera"), "Works on a copy of the camera as it is now.")
       .def(
           "config_geometry",
           [](PyAutoClipping& self, bool requireOverlap, bool keepAspect, float threshold) {
@@ -462,9 +481,13 @@ void registerAutoClipping(py::module_& m) {
           },
           "Runs the configured mode; False when no rectangle was found (error() says why).")
       .def("is_processed", [](const PyAutoClipping& self) { return self.impl->isProcessed(); },
-           "Whether a process() has succeeded since the last config().")
-      .def("offset", [](PyAutoClipping& self) { return self.impl->offset(); },
-           "[left, top, right, bottom] distances from the panorama's edges, surface units.")
+           "Whether a process() has succeeded since the last config().");
+}
+
+// The rectangle found, its holes, the coverage behind it and why a run failed.
+void registerAutoClippingResults(AutoClippingClass& cls) {
+  cls.def("offset", [](PyAutoClipping& self) { return self.impl->offset(); },
+          "[left, top, right, bottom] distances from the panorama's edges, surface units.")
       .def(
           "check_gap",
           [](PyAutoClipping& self) {
@@ -496,10 +519,13 @@ void registerAutoClipping(py::module_& m) {
       .def("error", [](const PyAutoClipping& self) { return self.impl->error(); },
            "Why the last config() or process() failed; empty after a success.")
       .def("skipped_modules", [](const PyAutoClipping& self) { return self.impl->skippedModules(); },
-           "The modules the last process() left out, one line each with the reason.")
-      .def("set_no_holes", [](PyAutoClipping& self, bool noHoles) { self.impl->setNoHoles(noHoles); },
-           py::arg("no_holes"),
-           "Geometry mode: the largest rectangle without any badly covered element, found exactly.")
+           "The modules the last process() left out, one line each with the reason.");
+}
+
+// The rectangle without holes, and the crop applied to the camera.
+void registerAutoClippingCrop(AutoClippingClass& cls) {
+  cls.def("set_no_holes", [](PyAutoClipping& self, bool noHoles) { self.impl->setNoHoles(noHoles); },
+          py::arg("no_holes"), "Geometry mode: the largest rectangle without any badly covered element, found exactly.")
       .def("no_holes", [](const PyAutoClipping& self) { return self.impl->noHoles(); },
            "Whether the rectangle must be free of badly covered elements (set_no_holes).")
       .def("viewer_offset", [](const PyAutoClipping& self) { return self.impl->viewerOffset(); },
@@ -526,22 +552,36 @@ void registerAutoClipping(py::module_& m) {
           },
           py::arg("camera"), py::arg("offset"), py::arg("panorama_size"),
           "The camera cropped to the rectangle `offset` = [left, top, right, bottom] (surface units) inside the "
-          "panorama of `panorama_size` (width, height) pixels.")
-      .def_static(
-          "find_max_value_rect",
-          [](const py::object& values, int minStep, int startStep, std::size_t maxIterations) -> py::object {
-            auto array = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(values);
-            if (!array || array.ndim() != 2) {
-              PyErr_Clear();
-              throw py::value_error("values must be a two-dimensional array of numbers");
-            }
-            const cv::Mat mat(int(array.shape(0)), int(array.shape(1)), CV_32F, const_cast<float*>(array.data()));
-            const auto found = AutoClipping::findMaxValueRect(mat, minStep, startStep, maxIterations);
-            if (!found) return py::none();
-            return py::make_tuple(found->x, found->y, found->width, found->height);
-          },
-          py::arg("values"), py::arg("min_step"), py::arg("start_step"), py::arg("max_iterations"),
-          "The coarse-to-fine maximum-sum rectangle (x, y, width, height) of a value map, or None.");
+          "panorama of `panorama_size` (width, height) pixels.");
+}
+
+// The coarse-to-fine search of a value map on its own.
+void registerAutoClippingSearch(AutoClippingClass& cls) {
+  cls.def_static(
+      "find_max_value_rect",
+      [](const py::object& values, int minStep, int startStep, std::size_t maxIterations) -> py::object {
+        auto array = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(values);
+        if (!array || array.ndim() != 2) {
+          PyErr_Clear();
+          throw py::value_error("values must be a two-dimensional array of numbers");
+        }
+        const cv::Mat mat(int(array.shape(0)), int(array.shape(1)), CV_32F, const_cast<float*>(array.data()));
+        const auto found = AutoClipping::findMaxValueRect(mat, minStep, startStep, maxIterations);
+        if (!found) return py::none();
+        return py::make_tuple(found->x, found->y, found->width, found->height);
+      },
+      py::arg("values"), py::arg("min_step"), py::arg("start_step"), py::arg("max_iterations"),
+      "The coarse-to-fine maximum-sum rectangle (x, y, width, height) of a value map, or None.");
+}
+
+void registerAutoClipping(py::module_& m) {
+  AutoClippingClass cls(
+      m, "AutoClipping",
+      "Automatic clipping: the largest axis-aligned rectangle of the panorama that the modules cover well.");
+  registerAutoClippingRun(cls);
+  registerAutoClippingResults(cls);
+  registerAutoClippingCrop(cls);
+  registerAutoClippingSearch(cls);
 }
 
 // The reference a benchmark measures the Python layer against: the same

@@ -100,6 +100,21 @@ py::dict overlapDict(const SensorShifter::OverlapMeasurement& m) {
   return d;
 }
 
+// What overlap_calibration returns: the pair, the overlap before and after, the windows now set.
+py::dict overlapResultDict(const SensorShifter::OverlapResult& result) {
+  py::dict d;
+  d["left"] = narrow(result.left);
+  d["right"] = narrow(result.right);
+  d["wanted"] = result.wanted;
+  d["before"] = overlapDict(result.before);
+  d["after"] = overlapDict(result.after);
+  d["left_window"] = sensorInfoDict(result.leftWindow);
+  d["right_window"] = sensorInfoDict(result.rightWindow);
+  d["moves"] = result.moves;
+  d["reached"] = result.reached;
+  return d;
+}
+
 // --- simulated camera -----------------------------------------------------------
 
 // The records' fields as Python names them, from the one list each record has.
@@ -214,30 +229,30 @@ void registerSimulatedCamera(py::module_& m) {
            "The state file the simulated camera keeps its modules in (or 'memory:...').");
 }
 
-void registerSensorShifter(py::module_& m) {
-  py::class_<SensorShifter>(
-      m, "SensorShifter",
-      "Reads and moves modules' sensor windows through the session library (positions in sensor pixels), keeps "
-      "the last window of each module, and balances the overlap of neighbouring modules. Static methods only.")
-      .def_static(
-          "read_sensor_shift",
-          [](ModulePtr module, const py::object& virtualShift, float buffer) {
-            SensorShifter::SensorInfo info;
-            bool ok = false;
-            {
-              const LibraryCall release("SensorCalibration");
-              ok = virtualShift.is_none() ? SensorShifter::readSensorShift(module, info)
-                                          : SensorShifter::readSensorShift(module, info, virtualShift.cast<bool>(), buffer);
-            }
-            if (!ok) {
-              throw LibraryError("cannot read the sensor window of module '" + narrow(module->name()) +
-                                 "' (no connection, connection refused, or the device gave no window)");
-            }
-            return sensorInfoDict(info);
-          },
-          py::arg("module"), py::arg("virtual_shift") = py::none(), py::arg("buffer") = 0.0f,
-          "The module's window {'x', 'x_min', 'x_max', 'x_step', 'y', ...}; virtual_shift None uses the "
-          "process-wide switch. Raises OrbivaneError when it cannot be read.")
+// The module's window as read_sensor_shift returns it; OrbivaneError when it cannot be read.
+py::dict readSensorWindow(ModulePtr module, const py::object& virtualShift, float buffer) {
+  SensorShifter::SensorInfo info;
+  bool ok = false;
+  {
+    const LibraryCall release("SensorCalibration");
+    ok = virtualShift.is_none() ? SensorShifter::readSensorShift(module, info)
+                                : SensorShifter::readSensorShift(module, info, virtualShift.cast<bool>(), buffer);
+  }
+  if (!ok) {
+    throw LibraryError("cannot read the sensor window of module '" + narrow(module->name()) +
+                       "' (no connection, connection refused, or the device gave no window)");
+  }
+  return sensorInfoDict(info);
+}
+
+using SensorShifterClass = py::class_<SensorShifter>;
+
+// Reading, writing and moving a module's window, and the shifter's settings.
+void registerSensorShifterWindows(SensorShifterClass& cls) {
+  cls.def_static("read_sensor_shift", &readSensorWindow, py::arg("module"), py::arg("virtual_shift") = py::none(),
+                 py::arg("buffer") = 0.0f,
+                 "The module's window {'x', 'x_min', 'x_max', 'x_step', 'y', ...}; virtual_shift None uses the "
+                 "process-wide switch. Raises OrbivaneError when it cannot be read.")
       .def_static(
           "write_sensor_shift",
           [](ModulePtr module, const py::dict& info) {
@@ -266,28 +281,32 @@ void registerSensorShifter(py::module_& m) {
             return py::make_tuple(shift.x, shift.y);
           },
           py::arg("module"), py::arg("surface_dx"), py::arg("surface_dy"),
-           "A window move in sensor units turned into pixels of the module's picture.")
+          "A window move in sensor units turned into pixels of the module's picture.")
       .def_static(
           "update_settings",
           [](ModulePtr module) {
             const LibraryCall release("SensorCalibration");
             return SensorShifter::updateSettings(module);
           },
-          py::arg("module"),
-           "Reads the shifter's settings (virtual shift and its buffer) again.")
-      .def_static("enable_virtual_sensor_shift", [](bool enable, float buffer) {
-            SensorShifter::enableVirtualSensorShift(enable, buffer);
-          }, py::arg("enable"), py::arg("buffer") = 0.0f,
-           "Turns the virtual shift on or off: when on, writing a window also moves the module's picture on the panorama.")
+          py::arg("module"), "Reads the shifter's settings (virtual shift and its buffer) again.");
+}
+
+// The virtual shift: its switch, its buffer, the windows it remembers and the picture area they leave.
+void registerSensorShifterVirtualShift(SensorShifterClass& cls) {
+  cls.def_static("enable_virtual_sensor_shift",
+                 [](bool enable, float buffer) { SensorShifter::enableVirtualSensorShift(enable, buffer); },
+                 py::arg("enable"), py::arg("buffer") = 0.0f,
+                 "Turns the virtual shift on or off: when on, writing a window also moves the module's picture on "
+                 "the panorama.")
       .def_static("virtual_sensor_shift_enabled", &SensorShifter::virtualSensorShiftEnabled,
-           "Whether writing a window also moves the module's picture on the panorama.")
+                  "Whether writing a window also moves the module's picture on the panorama.")
       .def_static("virtual_sensor_shift_buffer", &SensorShifter::virtualSensorShiftBuffer,
-           "Sensor pixels the virtual shift keeps off the device's limits.")
+                  "Sensor pixels the virtual shift keeps off the device's limits.")
       .def_static(
           "last_changed_sensor_info",
           [](const std::string& name) { return sensorInfoDict(SensorShifter::lastChangedSensorInfo(wide(name))); },
           py::arg("module"),
-           "The window last written in this process (the store the virtual shift works from), or None.")
+          "The window last written in this process (the store the virtual shift works from), or None.")
       .def_static(
           "get_unclipped_rect",
           [](ModulePtr module, const py::dict& info) {
@@ -297,21 +316,26 @@ void registerSensorShifter(py::module_& m) {
             return out;
           },
           py::arg("module"), py::arg("info"),
-          "Corners (top-left, top-right, bottom-right, bottom-left) of the unclipped picture area, texture units.")
-      .def_static(
-          "measure_overlap",
-          [](const py::object& left, const py::object& right, double searchShare, double minScore) {
-            auto a = pictureFromArray(left, "left picture");
-            auto b = pictureFromArray(right, "right picture");
-            Utils::ReturnState<SensorShifter::OverlapMeasurement, std::string> r = Utils::failure("not measured");
-            {
-              const LibraryCall release("SensorCalibration");
-              r = SensorShifter::measureOverlap(a, b, searchShare, minScore);
-            }
-            return overlapDict(valueOrRaise(std::move(r)));
-          },
-          py::arg("left"), py::arg("right"), py::arg("search_share") = 0.5, py::arg("min_score") = 0.8,
-          "How two neighbouring pictures overlap: {'overlap', 'x', 'y', 'score'} (pixels of the left picture).")
+          "Corners (top-left, top-right, bottom-right, bottom-left) of the unclipped picture area, texture units.");
+}
+
+// Measuring and balancing the overlap of two neighbouring modules.
+void registerSensorShifterOverlap(SensorShifterClass& cls) {
+  cls.def_static("measure_overlap",
+                 [](const py::object& left, const py::object& right, double searchShare, double minScore) {
+                   auto a = pictureFromArray(left, "left picture");
+                   auto b = pictureFromArray(right, "right picture");
+                   Utils::ReturnState<SensorShifter::OverlapMeasurement, std::string> r =
+                       Utils::failure("not measured");
+                   {
+                     const LibraryCall release("SensorCalibration");
+                     r = SensorShifter::measureOverlap(a, b, searchShare, minScore);
+                   }
+                   return overlapDict(valueOrRaise(std::move(r)));
+                 },
+                 py::arg("left"), py::arg("right"), py::arg("search_share") = 0.5, py::arg("min_score") = 0.8,
+                 "How two neighbouring pictures overlap: {'overlap', 'x', 'y', 'score'} (pixels of the left "
+                 "picture).")
       .def_static(
           "overlap_calibration",
           [](ModulePtr left, ModulePtr right, double wantedPixels, int maxIterations, double searchShare,
@@ -326,18 +350,7 @@ void registerSensorShifter(py::module_& m) {
               const LibraryCall release("SensorCalibration");
               r = SensorShifter::overlapCalibration(left, right, options);
             }
-            const auto result = valueOrRaise(std::move(r));
-            py::dict d;
-            d["left"] = narrow(result.left);
-            d["right"] = narrow(result.right);
-            d["wanted"] = result.wanted;
-            d["before"] = overlapDict(result.before);
-            d["after"] = overlapDict(result.after);
-            d["left_window"] = sensorInfoDict(result.leftWindow);
-            d["right_window"] = sensorInfoDict(result.rightWindow);
-            d["moves"] = result.moves;
-            d["reached"] = result.reached;
-            return d;
+            return overlapResultDict(valueOrRaise(std::move(r)));
           },
           py::arg("left"), py::arg("right"), py::arg("wanted_pixels") = -1.0, py::arg("max_iterations") = 3,
           py::arg("search_share") = 0.5, py::arg("min_score") = 0.8,
@@ -348,7 +361,18 @@ void registerSensorShifter(py::module_& m) {
             return arrayFromPicture(SensorShifter::overlapImg(left, right, wantedPixels));
           },
           py::arg("left"), py::arg("right"), py::arg("wanted_pixels") = -1.0,
-           "The two modules' strips side by side and their overlap laid together (left red, right cyan), as a BGR array.");
+          "The two modules' strips side by side and their overlap laid together (left red, right cyan), as a BGR "
+          "array.");
+}
+
+void registerSensorShifter(py::module_& m) {
+  SensorShifterClass cls(
+      m, "SensorShifter",
+      "Reads and moves modules' sensor windows through the session library (positions in sensor pixels), keeps "
+      "the last window of each module, and balances the overlap of neighbouring modules. Static methods only.");
+  registerSensorShifterWindows(cls);
+  registerSensorShifterVirtualShift(cls);
+  registerSensorShifterOverlap(cls);
 }
 
 // --- fisheye and resolution ---------------------------------------------------------

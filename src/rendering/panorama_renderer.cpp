@@ -121,10 +121,9 @@ cv::Size defaultSize(const CameraDescription::Orbivane& camera) {
   return OrbivaneGeometry::Coverage::rasterSize(camera.panoramaSize(), footprints);
 }
 
-}  // namespace
-
-Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription::Orbivane& camera,
-                                                         const PanoramaOptions& options) {
+// The panorama's size, once the feather, each side, the memory drawing takes and the module names are checked.
+Utils::ReturnState<cv::Size, std::string> checkedSize(const CameraDescription::Orbivane& camera,
+                                                      const PanoramaOptions& options) {
   if (!(options.feather >= 0.0 && options.feather <= 0.5)) {
     return Utils::failure("the blending feather must lie in 0..0.5, not " + std::to_string(options.feather));
   }
@@ -154,6 +153,12 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
       if (!camera.findModule(name)) return Utils::failure("the camera has no module '" + Utils::toUtf8(name) + "'");
     }
   }
+  return size;
+}
+
+// Draws each listed module into its tile; notes unknown shaders and which modules went in or were skipped.
+std::vector<ModuleTile> renderTiles(const CameraDescription::Orbivane& camera, const PanoramaOptions& options,
+                                    cv::Size size, Panorama& result) {
   const auto listed = [&options](const std::wstring& name) {
     const auto in = [&name](const std::vector<std::wstring>& v) {
       return std::find(v.begin(), v.end(), name) != v.end();
@@ -161,7 +166,6 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
     return (options.modules.empty() || in(options.modules)) && !in(options.exclude);
   };
 
-  Panorama result;
   std::vector<ModuleTile> tiles;
   for (const auto& module : camera.modules()) {
     if (!module || !listed(module->name())) continue;
@@ -180,24 +184,37 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
       result.skipped.push_back("Module " + Utils::toUtf8(module->name()) + " " + reason + ", not drawn");
     }
   }
+  return tiles;
+}
 
-  cv::Mat sum = cv::Mat::zeros(size, CV_32FC3), weights = cv::Mat::zeros(size, CV_32FC1);
+// The tiles laid over the panorama: colour summed by weight, the weights, and the module that weighs most.
+struct TileSums {
+  cv::Mat sum;      // CV_32FC3
+  cv::Mat weights;  // CV_32FC1
+  cv::Mat label;    // CV_32SC1: index of the tile that weighs most, -1 where none covers
+};
+
+// Sums the tiles by their weights (with no feather the last tile wins) and counts in `coverage` the modules per pixel.
+TileSums sumTiles(const std::vector<ModuleTile>& tiles, cv::Size size, double feather, cv::Mat& coverage) {
+  TileSums sums;
+  sums.sum = cv::Mat::zeros(size, CV_32FC3);
+  sums.weights = cv::Mat::zeros(size, CV_32FC1);
   cv::Mat best = cv::Mat::zeros(size, CV_32FC1);
-  cv::Mat label(size, CV_32SC1, cv::Scalar(-1));
-  result.coverage = cv::Mat::zeros(size, CV_8UC1);
+  sums.label = cv::Mat(size, CV_32SC1, cv::Scalar(-1));
+  coverage = cv::Mat::zeros(size, CV_8UC1);
   for (std::size_t i = 0; i < tiles.size(); ++i) {
     const ModuleTile& t = tiles[i];
     for (int y = 0; y < t.box.height; ++y) {
       const float* w = t.weight.ptr<float>(y);
       const cv::Vec3f* c = t.colour.ptr<cv::Vec3f>(y);
-      cv::Vec3f* s = sum.ptr<cv::Vec3f>(y + t.box.y) + t.box.x;
-      float* ws = weights.ptr<float>(y + t.box.y) + t.box.x;
+      cv::Vec3f* s = sums.sum.ptr<cv::Vec3f>(y + t.box.y) + t.box.x;
+      float* ws = sums.weights.ptr<float>(y + t.box.y) + t.box.x;
       float* b = best.ptr<float>(y + t.box.y) + t.box.x;
-      int* l = label.ptr<int>(y + t.box.y) + t.box.x;
-      std::uint8_t* n = result.coverage.ptr<std::uint8_t>(y + t.box.y) + t.box.x;
+      int* l = sums.label.ptr<int>(y + t.box.y) + t.box.x;
+      std::uint8_t* n = coverage.ptr<std::uint8_t>(y + t.box.y) + t.box.x;
       for (int x = 0; x < t.box.width; ++x) {
         if (w[x] <= 0.0f) continue;
-        if (options.feather > 0.0) {
+        if (feather > 0.0) {
           s[x] += c[x] * w[x];
           ws[x] += w[x];
         } else {
@@ -212,18 +229,37 @@ Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription
       }
     }
   }
-  result.picture = cv::Mat::zeros(size, CV_8UC3);
+  return sums;
+}
+
+// The weighted mean colour of every covered pixel; black where no module is drawn.
+cv::Mat averagedPicture(const TileSums& sums, cv::Size size) {
+  cv::Mat picture = cv::Mat::zeros(size, CV_8UC3);
   for (int y = 0; y < size.height; ++y) {
-    const cv::Vec3f* s = sum.ptr<cv::Vec3f>(y);
-    const float* ws = weights.ptr<float>(y);
-    cv::Vec3b* out = result.picture.ptr<cv::Vec3b>(y);
+    const cv::Vec3f* s = sums.sum.ptr<cv::Vec3f>(y);
+    const float* ws = sums.weights.ptr<float>(y);
+    cv::Vec3b* out = picture.ptr<cv::Vec3b>(y);
     for (int x = 0; x < size.width; ++x) {
       if (ws[x] > 0.0f) out[x] = cv::Vec3b(cv::saturate_cast<std::uint8_t>(s[x][0] / ws[x]),
                                            cv::saturate_cast<std::uint8_t>(s[x][1] / ws[x]),
                                            cv::saturate_cast<std::uint8_t>(s[x][2] / ws[x]));
     }
   }
-  if (options.overlay) drawOverlay(tiles, label, result.picture);
+  return picture;
+}
+
+}  // namespace
+
+Utils::ReturnState<Panorama, std::string> renderPanorama(const CameraDescription::Orbivane& camera,
+                                                         const PanoramaOptions& options) {
+  const auto checked = checkedSize(camera, options);
+  if (!checked) return Utils::failure(checked.error());
+  const cv::Size size = checked.value();
+  Panorama result;
+  const std::vector<ModuleTile> tiles = renderTiles(camera, options, size, result);
+  const TileSums sums = sumTiles(tiles, size, options.feather, result.coverage);
+  result.picture = averagedPicture(sums, size);
+  if (options.overlay) drawOverlay(tiles, sums.label, result.picture);
   return result;
 }
 

@@ -132,104 +132,146 @@ PeerResult openCvDetailStitch(const std::vector<cv::Mat>& photographs) {
 
 namespace {
 
-PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs) {
-  using namespace cv::detail;
-  PeerResult result;
-  const auto started = std::chrono::steady_clock::now();
-  const int n = int(photographs.size());
-  if (n < 2) {
-    result.error = "fewer than two photographs";
-    return result;
-  }
-  const double area = double(photographs[0].cols) * photographs[0].rows;
-  const double workScale = std::min(1.0, std::sqrt(0.6e6 / area));
-  const double seamScale = std::min(1.0, std::sqrt(0.1e6 / area));
+// The scales the detail pipeline works at: features at 0.6 megapixels, seams and exposure at 0.1.
+struct DetailScales {
+  double work = 1.0;
+  double seam = 1.0;
+};
 
-  // Registration.
-  std::vector<ImageFeatures> features(static_cast<std::size_t>(n));
-  std::vector<cv::Mat> seamPictures(static_cast<std::size_t>(n));
+// Features and pairwise matches of the photographs, the ones that link (`kept`), and all of them at the seam scale.
+struct DetailRegistration {
+  std::vector<cv::detail::ImageFeatures> features;
+  std::vector<cv::Mat> seamPictures;
+  std::vector<cv::detail::MatchesInfo> pairs;
+  std::vector<int> kept;
+};
+
+// The kept photographs' cameras, adjusted and wave-corrected, and the focal length the panorama is warped with.
+struct DetailCameras {
+  std::vector<cv::detail::CameraParams> params;
+  double warpedScale = 0.0;
+  std::string error;  // the step that failed, empty when none did
+};
+
+// The kept photographs warped at the seam scale: where each lands, its picture and its mask.
+struct DetailSeamWarp {
+  std::vector<cv::Point> corners;
+  std::vector<cv::UMat> masks, pictures;
+};
+
+// Features of every photograph at the work scale, matched pair by pair; only the biggest linked group is kept.
+DetailRegistration matchDetailFeatures(const std::vector<cv::Mat>& photographs, const DetailScales& scales) {
+  using namespace cv::detail;
+  const int n = int(photographs.size());
+  DetailRegistration r;
+  r.features.resize(static_cast<std::size_t>(n));
+  r.seamPictures.resize(static_cast<std::size_t>(n));
   cv::Ptr<cv::Feature2D> finder = cv::SIFT::create();
   for (int i = 0; i < n; ++i) {
     cv::Mat work;
-    cv::resize(photographs[std::size_t(i)], work, cv::Size(), workScale, workScale, cv::INTER_LINEAR_EXACT);
-    computeImageFeatures(finder, work, features[std::size_t(i)]);
-    features[std::size_t(i)].img_idx = i;
-    cv::resize(photographs[std::size_t(i)], seamPictures[std::size_t(i)], cv::Size(), seamScale, seamScale,
+    cv::resize(photographs[std::size_t(i)], work, cv::Size(), scales.work, scales.work, cv::INTER_LINEAR_EXACT);
+    computeImageFeatures(finder, work, r.features[std::size_t(i)]);
+    r.features[std::size_t(i)].img_idx = i;
+    cv::resize(photographs[std::size_t(i)], r.seamPictures[std::size_t(i)], cv::Size(), scales.seam, scales.seam,
                cv::INTER_LINEAR_EXACT);
   }
-  std::vector<MatchesInfo> pairs;
   BestOf2NearestMatcher matcher(false, 0.65f);
-  matcher(features, pairs);
+  matcher(r.features, r.pairs);
   matcher.collectGarbage();
-  std::vector<int> kept = leaveBiggestComponent(features, pairs, 1.0f);
-  if (kept.size() < 2) {
-    result.error = "fewer than two photographs link";
-    return result;
-  }
-  std::vector<CameraParams> cameras;
+  r.kept = leaveBiggestComponent(r.features, r.pairs, 1.0f);
+  return r;
+}
+
+// Cameras from the homographies, refined by ray bundle adjustment and levelled by wave correction.
+DetailCameras estimateDetailCameras(const DetailRegistration& registration) {
+  using namespace cv::detail;
+  DetailCameras out;
+  std::vector<CameraParams>& cameras = out.params;
   HomographyBasedEstimator estimator;
-  if (!estimator(features, pairs, cameras)) {
-    result.error = "homography estimation failed";
-    return result;
+  if (!estimator(registration.features, registration.pairs, cameras)) {
+    out.error = "homography estimation failed";
+    return out;
   }
   for (auto& c : cameras) c.R.convertTo(c.R, CV_32F);
   BundleAdjusterRay adjuster;
   adjuster.setConfThresh(1.0);
-  if (!adjuster(features, pairs, cameras)) {
-    result.error = "bundle adjustment failed";
-    return result;
+  if (!adjuster(registration.features, registration.pairs, cameras)) {
+    out.error = "bundle adjustment failed";
+    return out;
   }
   std::vector<double> focals;
   for (const auto& c : cameras) focals.push_back(c.focal);
   std::sort(focals.begin(), focals.end());
-  const double warpedScale = focals[focals.size() / 2];
+  out.warpedScale = focals[focals.size() / 2];
   std::vector<cv::Mat> rotations;
   for (const auto& c : cameras) rotations.push_back(c.R.clone());
   waveCorrect(rotations, WAVE_CORRECT_HORIZ);
   for (std::size_t k = 0; k < cameras.size(); ++k) cameras[k].R = rotations[k];
+  return out;
+}
 
-  // Seams and exposure at 0.1 megapixels.
-  const double seamWork = seamScale / workScale;
-  const std::size_t m = kept.size();
-  std::vector<cv::Point> corners(m);
-  std::vector<cv::UMat> warpedMasks(m), warpedPictures(m);
+// The kept photographs and their masks warped onto the sphere at the seam scale.
+DetailSeamWarp warpForSeams(const DetailRegistration& registration, const DetailCameras& cameras,
+                            const DetailScales& scales) {
+  using namespace cv::detail;
+  const double seamWork = scales.seam / scales.work;
+  const std::size_t m = registration.kept.size();
+  DetailSeamWarp out;
+  out.corners.resize(m);
+  out.masks.resize(m);
+  out.pictures.resize(m);
   std::vector<cv::Size> sizes(m);
-  {
-    cv::Ptr<RotationWarper> warper = cv::makePtr<SphericalWarper>(float(warpedScale * seamWork));
-    for (std::size_t k = 0; k < m; ++k) {
-      cv::Mat_<float> K;
-      cameras[k].K().convertTo(K, CV_32F);
-      K(0, 0) *= float(seamWork);
-      K(0, 2) *= float(seamWork);
-      K(1, 1) *= float(seamWork);
-      K(1, 2) *= float(seamWork);
-      const cv::Mat& picture = seamPictures[std::size_t(kept[k])];
-      corners[k] = warper->warp(picture, K, cameras[k].R, cv::INTER_LINEAR, cv::BORDER_REFLECT, warpedPictures[k]);
-      sizes[k] = warpedPictures[k].size();
-      cv::Mat mask(picture.size(), CV_8U, cv::Scalar(255));
-      warper->warp(mask, K, cameras[k].R, cv::INTER_NEAREST, cv::BORDER_CONSTANT, warpedMasks[k]);
-    }
+  cv::Ptr<RotationWarper> warper = cv::makePtr<SphericalWarper>(float(cameras.warpedScale * seamWork));
+  for (std::size_t k = 0; k < m; ++k) {
+    cv::Mat_<float> K;
+    cameras.params[k].K().convertTo(K, CV_32F);
+    K(0, 0) *= float(seamWork);
+    K(0, 2) *= float(seamWork);
+    K(1, 1) *= float(seamWork);
+    K(1, 2) *= float(seamWork);
+    const cv::Mat& picture = registration.seamPictures[std::size_t(registration.kept[k])];
+    out.corners[k] =
+        warper->warp(picture, K, cameras.params[k].R, cv::INTER_LINEAR, cv::BORDER_REFLECT, out.pictures[k]);
+    sizes[k] = out.pictures[k].size();
+    cv::Mat mask(picture.size(), CV_8U, cv::Scalar(255));
+    warper->warp(mask, K, cameras.params[k].R, cv::INTER_NEAREST, cv::BORDER_CONSTANT, out.masks[k]);
   }
-  cv::Ptr<ExposureCompensator> compensator = ExposureCompensator::createDefault(ExposureCompensator::GAIN_BLOCKS);
-  compensator->feed(corners, warpedPictures, warpedMasks);
-  std::vector<cv::UMat> floats(m);
-  for (std::size_t k = 0; k < m; ++k) warpedPictures[k].convertTo(floats[k], CV_32F);
-  GraphCutSeamFinder seams(GraphCutSeamFinderBase::COST_COLOR);
-  seams.find(floats, corners, warpedMasks);
+  return out;
+}
 
-  // Composition at full resolution.
-  const double composeWork = 1.0 / workScale;
-  cv::Ptr<RotationWarper> warper = cv::makePtr<SphericalWarper>(float(warpedScale * composeWork));
+// The exposure compensation fed with the warped pictures, and the masks cut along graph-cut seams.
+cv::Ptr<cv::detail::ExposureCompensator> compensateAndFindSeams(DetailSeamWarp& warped) {
+  using namespace cv::detail;
+  const std::size_t m = warped.pictures.size();
+  cv::Ptr<ExposureCompensator> compensator = ExposureCompensator::createDefault(ExposureCompensator::GAIN_BLOCKS);
+  compensator->feed(warped.corners, warped.pictures, warped.masks);
+  std::vector<cv::UMat> floats(m);
+  for (std::size_t k = 0; k < m; ++k) warped.pictures[k].convertTo(floats[k], CV_32F);
+  GraphCutSeamFinder seams(GraphCutSeamFinderBase::COST_COLOR);
+  seams.find(floats, warped.corners, warped.masks);
+  return compensator;
+}
+
+// Each kept photograph warped at full resolution, compensated and blended into the panorama; its layer kept.
+void composeDetailLayers(const std::vector<cv::Mat>& photographs, const DetailRegistration& registration,
+                         const DetailCameras& cameras, const DetailScales& scales,
+                         const std::vector<cv::UMat>& seamMasks,
+                         const cv::Ptr<cv::detail::ExposureCompensator>& compensator, PeerResult& result) {
+  using namespace cv::detail;
+  const std::vector<int>& kept = registration.kept;
+  const std::size_t m = kept.size();
+  const double composeWork = 1.0 / scales.work;
+  cv::Ptr<RotationWarper> warper = cv::makePtr<SphericalWarper>(float(cameras.warpedScale * composeWork));
   std::vector<cv::Point> fullCorners(m);
   std::vector<cv::Size> fullSizes(m);
   std::vector<cv::Mat_<float>> Ks(m);
   for (std::size_t k = 0; k < m; ++k) {
-    cameras[k].K().convertTo(Ks[k], CV_32F);
+    cameras.params[k].K().convertTo(Ks[k], CV_32F);
     Ks[k](0, 0) *= float(composeWork);
     Ks[k](0, 2) *= float(composeWork);
     Ks[k](1, 1) *= float(composeWork);
     Ks[k](1, 2) *= float(composeWork);
-    const cv::Rect roi = warper->warpRoi(photographs[std::size_t(kept[k])].size(), Ks[k], cameras[k].R);
+    const cv::Rect roi = warper->warpRoi(photographs[std::size_t(kept[k])].size(), Ks[k], cameras.params[k].R);
     fullCorners[k] = roi.tl();
     fullSizes[k] = roi.size();
   }
@@ -237,20 +279,20 @@ PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs) {
   MultiBandBlender blender(false, 5);
   blender.setNumBands(int(std::ceil(std::log(std::sqrt(double(panorama.area())) * 0.05) / std::log(2.0)) - 1));
   blender.prepare(panorama);
-  result.layers.assign(std::size_t(n), PeerLayer());
+  result.layers.assign(photographs.size(), PeerLayer());
   for (std::size_t k = 0; k < m; ++k) {
     const cv::Mat& photo = photographs[std::size_t(kept[k])];
     cv::Mat warped, mask, warpedMask;
-    warper->warp(photo, Ks[k], cameras[k].R, cv::INTER_LINEAR, cv::BORDER_REFLECT, warped);
+    warper->warp(photo, Ks[k], cameras.params[k].R, cv::INTER_LINEAR, cv::BORDER_REFLECT, warped);
     cv::Mat full(photo.size(), CV_8U, cv::Scalar(255));
-    warper->warp(full, Ks[k], cameras[k].R, cv::INTER_NEAREST, cv::BORDER_CONSTANT, warpedMask);
+    warper->warp(full, Ks[k], cameras.params[k].R, cv::INTER_NEAREST, cv::BORDER_CONSTANT, warpedMask);
     compensator->apply(int(k), fullCorners[k], warped, warpedMask);
     PeerLayer& layer = result.layers[std::size_t(kept[k])];
     layer.picture = warped.clone();
     layer.mask = warpedMask.clone();
     layer.box = cv::Rect(fullCorners[k] - panorama.tl(), warped.size());
     cv::Mat seamMask;
-    cv::dilate(warpedMasks[k], seamMask, cv::Mat());
+    cv::dilate(seamMasks[k], seamMask, cv::Mat());
     cv::resize(seamMask, seamMask, warpedMask.size(), 0, 0, cv::INTER_LINEAR_EXACT);
     cv::Mat blendMask = seamMask & warpedMask;
     cv::Mat signedPicture;
@@ -260,6 +302,39 @@ PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs) {
   cv::Mat blended, blendedMask;
   blender.blend(blended, blendedMask);
   result.panorama = panorama.size();
+}
+
+PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs) {
+  PeerResult result;
+  const auto started = std::chrono::steady_clock::now();
+  const int n = int(photographs.size());
+  if (n < 2) {
+    result.error = "fewer than two photographs";
+    return result;
+  }
+  const double area = double(photographs[0].cols) * photographs[0].rows;
+  DetailScales scales;
+  scales.work = std::min(1.0, std::sqrt(0.6e6 / area));
+  scales.seam = std::min(1.0, std::sqrt(0.1e6 / area));
+
+  // Registration.
+  const DetailRegistration registration = matchDetailFeatures(photographs, scales);
+  if (registration.kept.size() < 2) {
+    result.error = "fewer than two photographs link";
+    return result;
+  }
+  const DetailCameras cameras = estimateDetailCameras(registration);
+  if (!cameras.error.empty()) {
+    result.error = cameras.error;
+    return result;
+  }
+
+  // Seams and exposure at 0.1 megapixels.
+  DetailSeamWarp seamWarp = warpForSeams(registration, cameras, scales);
+  const cv::Ptr<cv::detail::ExposureCompensator> compensator = compensateAndFindSeams(seamWarp);
+
+  // Composition at full resolution.
+  composeDetailLayers(photographs, registration, cameras, scales, seamWarp.masks, compensator, result);
   result.seconds = secondsSince(started);
   result.ok = true;
   return result;
