@@ -341,6 +341,20 @@ bool FeatureMatcher::runStage(const WorkPictures& pictures, const cv::Mat& modul
   return !context_.aborted();
 }
 
+void FeatureMatcher::drawMatchesForInspection(const cv::Mat& moduleEqualised, const cv::Mat& targetEqualised) const {
+  std::vector<cv::KeyPoint> a, b;
+  std::vector<cv::DMatch> drawn;
+  for (const auto& p : pairs_) {
+    drawn.emplace_back(static_cast<int>(a.size()), static_cast<int>(b.size()), p.distance);
+    a.emplace_back(p.moduleX, p.moduleY, 1.0f);
+    b.emplace_back(p.targetX, p.targetY, 1.0f);
+  }
+  cv::Mat canvas;
+  cv::drawMatches(moduleEqualised, a, targetEqualised, b, drawn, canvas,
+                  cv::Scalar(std::rand() % 255, std::rand() % 255, std::rand() % 255));
+  context_.logger->trace("drew {} matches on a {}x{} picture", drawn.size(), canvas.cols, canvas.rows);
+}
+
 EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Matx33f& homography, int maxFeatures,
                                         float shiftX, float shiftY) {
   pairs_.clear();
@@ -417,19 +431,7 @@ EstimateResult FeatureMatcher::estimate(const WorkPictures& input, const cv::Mat
                          pairs_.size(), searchName(best.search), refined_, error);
 
   // 11. For inspection at debug level: the matches drawn in random colours.
-  if (inspecting) {
-    std::vector<cv::KeyPoint> a, b;
-    std::vector<cv::DMatch> drawn;
-    for (const auto& p : pairs_) {
-      drawn.emplace_back(static_cast<int>(a.size()), static_cast<int>(b.size()), p.distance);
-      a.emplace_back(p.moduleX, p.moduleY, 1.0f);
-      b.emplace_back(p.targetX, p.targetY, 1.0f);
-    }
-    cv::Mat canvas;
-    cv::drawMatches(moduleEqualised, a, targetEqualised, b, drawn, canvas,
-                    cv::Scalar(std::rand() % 255, std::rand() % 255, std::rand() % 255));
-    context_.logger->trace("drew {} matches on a {}x{} picture", drawn.size(), canvas.cols, canvas.rows);
-  }
+  if (inspecting) drawMatchesForInspection(moduleEqualised, targetEqualised);
 
   EstimateResult result;
   result.homography = cv::Matx33f(refined);

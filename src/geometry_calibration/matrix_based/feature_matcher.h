@@ -128,6 +128,9 @@ class FeatureMatcher {
   bool runStage(const WorkPictures& pictures, const cv::Mat& moduleContrast, const cv::Mat& targetContrast,
                 int maxFeatures, Search search, const cv::Matx33d& start, Candidate& candidate);
 
+  // The last pairs drawn on the equalised colour pictures (trace level).
+  void drawMatchesForInspection(const cv::Mat& moduleEqualised, const cv::Mat& targetEqualised) const;
+
   EstimatorContext context_;
   std::vector<MatchPair> pairs_;
   bool refined_ = false;
