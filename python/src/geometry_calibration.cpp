@@ -376,6 +376,11 @@ void registerShaderBruteForcer(py::module_& m) {
           py::arg("index"), py::arg("count"), "Searches only the index-th of count parts of the grid.")
       .def("set_thread_count", [](PyShaderBruteForcer& self, int n) { self.impl->setThreadCount(std::max(0, n)); },
            py::arg("threads"), "Threads for the evaluations; 0 (default) every core.")
+      .def("abort", [](PyShaderBruteForcer& self) { self.impl->abort(); },
+           "Stops a running search at its next batch of evaluations; it returns [] and results() is empty (part of "
+           "the grid says nothing of the rest). Safe from any thread; later searches return at once.")
+      .def("aborted", [](const PyShaderBruteForcer& self) { return self.impl->aborted(); },
+           "Whether abort() was called.")
       .def("register_status_callback",
            [](PyShaderBruteForcer& self, py::object fn) { self.relay.setFunction(std::move(fn)); }, py::arg("fn"),
            kCallbackDoc)

@@ -262,6 +262,22 @@ class TestShaderBruteForcer:
         assert time.perf_counter() - started < 3.0
 
 
+    def test_abort_from_another_thread_stops_the_search_and_keeps_nothing(self, lens):
+        forcer = orbivane.ShaderBruteForcer(lens.camera, lens.pictures)  # the whole grid: minutes if not stopped
+        first = threading.Event()
+        forcer.register_status_callback(lambda done, total, text, info: first.set())
+        stopper = threading.Thread(target=lambda: (first.wait(30), forcer.abort()))
+        stopper.start()
+        started = time.perf_counter()
+        cameras = forcer.search_for_best_parameters("lens", "reference")
+        stopper.join()
+        assert time.perf_counter() - started < 10.0
+        assert forcer.aborted()
+        assert cameras == [] and forcer.results() == []
+        assert 0 < forcer.evaluation_count() < orbivane.ShaderBruteForcer.grid_size()
+        assert forcer.search_for_best_parameters("lens", "reference") == []  # later searches return at once
+
+
 class TestAutoClipping:
     @staticmethod
     def two_modules():
