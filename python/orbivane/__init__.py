@@ -40,10 +40,13 @@ from ._orbivane import (  # noqa: E402  (the environment must be set first)
     AutoClipping,
     CalibrationPipeline,
     Camera,
+    ClippingOptions,
     FisheyeCalibration,
+    MatchOptions,
     MatchToTarget,
     Module,
     NeighbourNeighbour,
+    NeighbourOptions,
     OrbivaneError,
     ResolutionCalibration,
     SensorShifter,
@@ -70,10 +73,13 @@ __all__ = [
     "CalibrationPipeline",
     "CalibrationResult",
     "Camera",
+    "ClippingOptions",
     "FisheyeCalibration",
+    "MatchOptions",
     "MatchToTarget",
     "Module",
     "NeighbourNeighbour",
+    "NeighbourOptions",
     "OrbivaneError",
     "ResolutionCalibration",
     "SensorShifter",
@@ -170,7 +176,8 @@ class CalibrationResult:
 
 
 _PIPELINE_OPTIONS = frozenset(
-    {"levels", "iterations", "step", "require_overlap", "keep_aspect", "clip_threshold", "no_holes"})
+    {"levels", "iterations", "step", "require_overlap", "keep_aspect", "clip_threshold", "no_holes", "match",
+     "neighbour", "clip"})
 
 
 def calibrate(
@@ -192,7 +199,9 @@ def calibrate(
     ``pictures`` overrides the camera's own pictures, ``callback`` is
     fn(step, total, text, info). Further keywords go to
     :meth:`CalibrationPipeline.run` (levels, iterations, step,
-    require_overlap, keep_aspect, clip_threshold, no_holes); another keyword
+    require_overlap, keep_aspect, clip_threshold, no_holes, or the steps'
+    settings whole: match=MatchOptions(...), neighbour=NeighbourOptions(...),
+    clip=ClippingOptions(...)); another keyword
     raises TypeError naming it. Bad options raise ValueError, a module, target
     or reference that is not in the camera KeyError; the result's report holds
     each module's verdict.

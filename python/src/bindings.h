@@ -172,6 +172,8 @@ void registerPictures(py::module_& m);
 void registerStepInfo(py::module_& m);
 void registerCamera(py::module_& m);
 void registerGeometryCalibration(py::module_& m);
+// The calibrators' option records (options.cpp).
+void registerOptions(py::module_& m);
 void registerPipeline(py::module_& m);
 void registerSensorCalibration(py::module_& m);
 

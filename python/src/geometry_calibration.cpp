@@ -205,7 +205,23 @@ void registerMatchToTargetModeAndGrid(MatchToTargetClass& cls) {
 
 // Mode 3's iteration limits, the work scale and the status callback.
 void registerMatchToTargetLimits(MatchToTargetClass& cls) {
-  cls.def("set_m2n_max_iteration",
+  cls.def(
+         "set_options",
+         [](PyMatchToTarget& self, const GeometryCalibration::MatchOptions& options, const py::object& modules) {
+           if (const auto valid = options.validate(); !valid) throw py::value_error(valid.error());
+           std::vector<std::string> names;
+           if (modules.is_none()) {
+             names.assign(self.names.begin(), self.names.end());
+           } else {
+             names = modules.cast<std::vector<std::string>>();
+             requireModules(self.names, names, "module");
+           }
+           GeometryCalibration::applyMatchOptions(*self.impl, options, wideList(names));
+         },
+         py::arg("options"), py::arg("modules") = py::none(),
+         "All of target matching's settings from a MatchOptions (checked first: ValueError), its grid (when it "
+         "has one) for each of `modules` (None: every module).")
+      .def("set_m2n_max_iteration",
           [](PyMatchToTarget& self, std::uint64_t n) {
             requireValidMatch([&](GeometryCalibration::MatchOptions& o) { o.m2n = n; });
             self.impl->setM2nMaxIteration(n);
@@ -303,6 +319,10 @@ void registerNeighbourNeighbour(py::module_& m) {
       "returns a corrected copy of the camera.")
       .def(py::init<const Orbivane&, const py::dict&, int, int, float>(), py::arg("camera"), py::arg("pictures"),
            py::arg("levels") = 4, py::arg("iterations") = 6, py::arg("step") = 1.0f)
+      .def(py::init([](const Orbivane& camera, const py::dict& pictures, const GeometryCalibration::NeighbourOptions& o) {
+             return std::make_unique<PyNeighbourNeighbour>(camera, pictures, o.levels, o.iterations, o.step);
+           }),
+           py::arg("camera"), py::arg("pictures"), py::arg("options"), "The settings whole, from a NeighbourOptions.")
       .def(
           "calibrate",
           [](PyNeighbourNeighbour& self, const std::vector<std::string>& modules, const std::string& reference) {

@@ -12,6 +12,7 @@ PYBIND11_MODULE(_orbivane, m) {
   OrbivanePython::registerPictures(m);
   OrbivanePython::registerStepInfo(m);
   OrbivanePython::registerCamera(m);
+  OrbivanePython::registerOptions(m);
   OrbivanePython::registerGeometryCalibration(m);
   OrbivanePython::registerPipeline(m);
   OrbivanePython::registerSensorCalibration(m);

@@ -62,20 +62,41 @@ py::dict stepDict(const GeometryCalibration::StepReport& step) {
   return d;
 }
 
+// Keywords of one record: given with the record itself, they must keep their defaults.
+void notBoth(bool keywordsChanged, const char* keywords, const char* record) {
+  if (keywordsChanged) {
+    throw py::value_error(std::string("give ") + keywords + " or " + record + "=, not both");
+  }
+}
+
 PipelineOptions optionsFrom(const std::string& target, const py::object& modules, const py::object& steps,
                             const std::string& reference, int matchMode, int levels, int iterations, float step,
-                            bool requireOverlap, bool keepAspect, float clipThreshold, bool noHoles) {
+                            bool requireOverlap, bool keepAspect, float clipThreshold, bool noHoles,
+                            const py::object& match, const py::object& neighbour, const py::object& clip) {
   PipelineOptions options;
   options.target = wide(target);
   if (!modules.is_none()) options.modules = wideList(modules.cast<std::vector<std::string>>());
   if (!steps.is_none()) options.steps = steps.cast<std::vector<std::string>>();
   options.reference = wide(reference);
   options.match.mode = matchMode;
+  if (!match.is_none()) {
+    notBoth(matchMode != 0, "match_mode", "match");
+    options.match = match.cast<GeometryCalibration::MatchOptions>();
+  }
   options.neighbour = GeometryCalibration::NeighbourOptions{levels, iterations, step};
+  if (!neighbour.is_none()) {
+    notBoth(levels != 4 || iterations != 6 || step != 1.0f, "levels, iterations and step", "neighbour");
+    options.neighbour = neighbour.cast<GeometryCalibration::NeighbourOptions>();
+  }
   options.clip.requireOverlap = requireOverlap;
   options.clip.keepAspect = keepAspect;
   options.clip.threshold = clipThreshold;
   options.clip.noHoles = noHoles;
+  if (!clip.is_none()) {
+    notBoth(requireOverlap || keepAspect || clipThreshold != 0.5f || !noHoles,
+            "require_overlap, keep_aspect, clip_threshold and no_holes", "clip");
+    options.clip = clip.cast<GeometryCalibration::ClippingOptions>();
+  }
   if (const auto valid = options.validate(); !valid) throw py::value_error(valid.error());
   return options;
 }
@@ -95,24 +116,27 @@ void registerPipeline(py::module_& m) {
           "run",
           [](PyPipeline& self, const std::string& target, const py::object& modules, const py::object& steps,
              const std::string& reference, int matchMode, int levels, int iterations, float step, bool requireOverlap,
-             bool keepAspect, float clipThreshold, bool noHoles) {
+             bool keepAspect, float clipThreshold, bool noHoles, const py::object& match, const py::object& neighbour,
+             const py::object& clip) {
             if (!modules.is_none()) requireModules(self.names, modules.cast<std::vector<std::string>>(), "module");
             requireModules(self.names, {target}, "target module");
             requireModules(self.names, {reference}, "reference module");
             const PipelineOptions options = optionsFrom(target, modules, steps, reference, matchMode, levels,
                                                         iterations, step, requireOverlap, keepAspect, clipThreshold,
-                                                        noHoles);
+                                                        noHoles, match, neighbour, clip);
             auto result = self.relay.run("CalibrationPipeline.run", [&] { return self.impl->run(options); });
             return std::make_shared<Orbivane>(std::move(result));
           },
           py::arg("target") = "", py::arg("modules") = py::none(), py::arg("steps") = py::none(),
           py::arg("reference") = "", py::arg("match_mode") = 0, py::arg("levels") = 4, py::arg("iterations") = 6,
           py::arg("step") = 1.0f, py::arg("require_overlap") = false, py::arg("keep_aspect") = false,
-          py::arg("clip_threshold") = 0.5f, py::arg("no_holes") = true,
+          py::arg("clip_threshold") = 0.5f, py::arg("no_holes") = true, py::arg("match") = py::none(),
+          py::arg("neighbour") = py::none(), py::arg("clip") = py::none(),
           "Runs the steps (default ['match', 'neighbour', 'clip']) and returns the calibrated camera. modules: "
           "None for every module but the target. The clip step crops the camera to the largest rectangle its "
           "calibrated modules cover (without holes unless no_holes is False) by composing the crop into every "
-          "module's matrix. Options that cannot be used raise ValueError.")
+          "module's matrix. match, neighbour and clip take a step's settings whole (MatchOptions, NeighbourOptions, "
+          "ClippingOptions) in place of its keywords. Options that cannot be used raise ValueError.")
       .def("abort", [](PyPipeline& self) { self.impl->abort(); },
            "From another thread: the running step stops at its next module and run() returns what it has.")
       .def("aborted", [](const PyPipeline& self) { return self.impl->aborted(); },

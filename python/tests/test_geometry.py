@@ -4,6 +4,7 @@ automatic clipping and the whole pipeline; callbacks, abort() from another
 thread, the GIL released during a run, and exceptions."""
 
 import logging
+import pickle
 import threading
 import time
 
@@ -156,6 +157,59 @@ class TestMatchToTarget:
         assert (matcher.m2b_max_iteration(), matcher.m2n_max_iteration()) == (2, 1)
         with pytest.raises(TypeError, match="callable"):
             matcher.register_status_callback(42)
+
+
+class TestOptionRecords:
+    """The calibrators' settings as records: built from keywords, checked by
+    the library's ranges, printed, pickled, and taken whole by the
+    calibrators and the pipeline."""
+
+    def test_records_check_print_and_pickle(self):
+        match = orbivane.MatchOptions(mode=3, m2b=7)
+        assert (match.mode, match.m2b, match.m2n, match.grid_columns) == (3, 7, 1, 0)
+        match.validate()
+        match.m2b = 0
+        with pytest.raises(ValueError, match=r"m2b must lie in 1\.\.100, not 0"):
+            match.validate()
+        with pytest.raises(ValueError, match="grid"):
+            orbivane.MatchOptions(grid_columns=65, grid_rows=2).validate()
+        with pytest.raises(ValueError, match="levels"):
+            orbivane.NeighbourOptions(levels=0).validate()
+        with pytest.raises(ValueError, match="threshold"):
+            orbivane.ClippingOptions(threshold=0.0).validate()
+        with pytest.raises(TypeError, match="levls"):
+            orbivane.NeighbourOptions(levls=3)
+        for record in (orbivane.MatchOptions(mode=2, allow_scale=1.5, grid_columns=4, grid_rows=3),
+                       orbivane.NeighbourOptions(levels=3, step=0.5), orbivane.ClippingOptions(keep_aspect=True)):
+            copy = pickle.loads(pickle.dumps(record))
+            assert repr(copy) == repr(record)
+        assert repr(orbivane.NeighbourOptions(levels=3, step=0.5)) == "NeighbourOptions(levels=3, iterations=6, step=0.5)"
+
+    def test_calibrators_take_records_whole(self, rig):
+        matcher = orbivane.MatchToTarget(rig.camera, {})
+        matcher.set_options(orbivane.MatchOptions(mode=3, m2b=4, m2n=2))
+        assert (matcher.calibration_mode(), matcher.m2b_max_iteration(), matcher.m2n_max_iteration()) == (3, 4, 2)
+        matcher.set_options(orbivane.MatchOptions(grid_columns=6, grid_rows=4), modules=["M1"])
+        assert matcher.get_grid("M1").shape == (5, 7, 2) and matcher.get_grid("M2") is None  # rows + 1, columns + 1 points
+        with pytest.raises(ValueError, match="m2n"):
+            matcher.set_options(orbivane.MatchOptions(m2n=0))
+        assert matcher.m2n_max_iteration() == 1  # a refused record changes nothing
+        with pytest.raises(KeyError, match="ghost"):
+            matcher.set_options(orbivane.MatchOptions(), modules=["ghost"])
+        with pytest.raises(ValueError, match="levels"):
+            orbivane.NeighbourNeighbour(rig.camera, {}, options=orbivane.NeighbourOptions(levels=31))
+
+    def test_the_pipeline_takes_records_in_place_of_keywords(self, rig):
+        pipeline = orbivane.CalibrationPipeline(rig.camera)
+        camera = pipeline.run(target="Target", modules=["M2", "M3"], match=orbivane.MatchOptions(mode=1),
+                              neighbour=orbivane.NeighbourOptions(levels=3), clip=orbivane.ClippingOptions(no_holes=False))
+        assert camera.module_names == rig.camera.module_names
+        # Mode 1 keeps the placements: the match step reports them kept.
+        assert {v["status"] for v in pipeline.steps()[0]["modules"].values()} == {"kept"}
+        with pytest.raises(ValueError, match="give levels, iterations and step or neighbour=, not both"):
+            pipeline.run(target="Target", levels=3, neighbour=orbivane.NeighbourOptions())
+        with pytest.raises(ValueError, match="step must"):
+            orbivane.calibrate(rig.camera, target="Target", neighbour=orbivane.NeighbourOptions(step=3.0))
 
 
 def test_opencv_thread_count_is_settable():
