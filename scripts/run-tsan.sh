@@ -19,6 +19,7 @@ export OPENCV_FOR_THREADS_NUM=1
 filter='ShaderBruteForcerSearch.*:*Abort*:*abort*:*Thread*:*Parallel*:MatchToTargetEndToEnd.*:DirectAlignmentSteps.*'
 filter+=':QuarnSession*:SimulatedCamera*:Recording*:SmartFinder*:ImageShading*'
 filter+=':AdvStepInfo.*:SensorShifter*:FisheyeCalibration*:NeighbourNeighbour.*:EstimateBlur.*:CalibrationPipeline.*:AutoClippingSearch.TheIntegral*'
+filter+=':CrossCheckedHamming.*:SeamMeter.*'
 mkdir -p build-tsan/work
 (cd build-tsan/work && ORBIVANE_SHADER_SOURCE_DIR="$PWD/../../shaders" ../tests/orbivane_tests --gtest_filter="$filter" \
    --gtest_brief=1)
