@@ -420,6 +420,38 @@ void spatialNormalEquations(const SpatialSums& total, int count, cv::Matx<double
   }
 }
 
+// The sums of `addRow(y, sums)` over the rows of `region`, stripe by stripe
+// on the library's threads.
+template <typename Totals, typename AddRow>
+Totals sumRows(const cv::Rect& region, const AddRow& addRow) {
+  Totals total;
+  std::mutex lock;
+  Utils::parallelRows(region.y, region.y + region.height, [&](int rowBegin, int rowEnd) {
+    Totals part;
+    for (int y = rowBegin; y < rowEnd; ++y) addRow(y, part);
+    std::lock_guard<std::mutex> guard(lock);
+    total.add(part);
+  });
+  return total;
+}
+
+// Means, variances and covariance of the moving (I) and fixed (T) values
+// from their sums; `textured` is false when either is flat.
+struct Moments {
+  double mI = 0, mT = 0, vI = 0, vT = 0, cIT = 0;
+  bool textured = false;
+};
+
+template <typename Totals>
+Moments momentsOf(const Totals& t) {
+  Moments m;
+  const double n = t.n;
+  m.mI = t.sI / n, m.mT = t.sT / n;
+  m.vI = t.sII / n - m.mI * m.mI, m.vT = t.sTT / n - m.mT * m.mT, m.cIT = t.sIT / n - m.mI * m.mT;
+  m.textured = m.vI > 1e-3 && m.vT > 1e-3;
+  return m;
+}
+
 }  // namespace
 
 AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Matx33d& warp,
@@ -433,30 +465,23 @@ AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Mat
                                          Sampler{w, level.moving, level.mask, level.fixedMask});
   const int count = parameterCount(options_.motion);
 
-  // 1. The sums over every pixel, stripe by stripe.
-  Sums total;
-  std::mutex lock;
-  Utils::parallelRows(level.region.y, level.region.y + level.region.height, [&](int rowBegin, int rowEnd) {
-    Sums sums;
-    for (int y = rowBegin; y < rowEnd; ++y) addSingleRow(pixels, y, count, gradient != nullptr, buildHessian, sums);
-    std::lock_guard<std::mutex> guard(lock);
-    total.add(sums);
+  // 1. The sums over every pixel.
+  const Sums total = sumRows<Sums>(level.region, [&](int y, Sums& sums) {
+    addSingleRow(pixels, y, count, gradient != nullptr, buildHessian, sums);
   });
 
   // 2. Gain, offset and their residual, then the normal equations.
   result.validPixels = static_cast<int>(total.n);
   if (total.n < options_.minimumPixels) return result;
-  const double n = total.n;
-  const double mI = total.sI / n, mT = total.sT / n;
-  const double vI = total.sII / n - mI * mI, vT = total.sTT / n - mT * mT, cIT = total.sIT / n - mI * mT;
-  if (!(vI > 1e-3) || !(vT > 1e-3)) return result;  // no texture to align on
+  const Moments m = momentsOf(total);
+  if (!m.textured) return result;  // no texture to align on
   // fixed ~ g * moving + b
-  const double g = cIT / vI;
-  const double b = mT - g * mI;
+  const double g = m.cIT / m.vI;
+  const double b = m.mT - g * m.mI;
   result.gain = g;
   result.offset = b;
-  result.correlation = cIT / std::sqrt(vI * vT);
-  result.meanSquaredResidual = std::max(0.0, vT - cIT * cIT / vI);
+  result.correlation = m.cIT / std::sqrt(m.vI * m.vT);
+  result.meanSquaredResidual = std::max(0.0, m.vT - m.cIT * m.cIT / m.vI);
   if (gradient) {
     *gradient = cv::Vec<double, 8>::all(0.0);
     for (int k = 0; k < count; ++k) (*gradient)[k] = g * total.jI[k] + b * total.j1[k] - total.jT[k];
@@ -492,26 +517,18 @@ AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Ma
   const cv::Vec<double, kPhotometric> c = fitSpatialGain(pixels, uScale, vScale, stride);
 
   // 2. Every pixel: the residual of that model, its statistics, and the
-  // sums of the normal equations, stripe by stripe.
-  SpatialSums total;
-  std::mutex lock;
-  Utils::parallelRows(level.region.y, level.region.y + level.region.height, [&](int rowBegin, int rowEnd) {
-    SpatialSums part;
-    for (int y = rowBegin; y < rowEnd; ++y)
-      addSpatialRow(pixels, y, c, uScale, vScale, gradient != nullptr, buildHessian, part);
-    std::lock_guard<std::mutex> guard(lock);
-    total.add(part);
+  // sums of the normal equations.
+  const SpatialSums total = sumRows<SpatialSums>(level.region, [&](int y, SpatialSums& part) {
+    addSpatialRow(pixels, y, c, uScale, vScale, gradient != nullptr, buildHessian, part);
   });
 
   // 3. The statistics, then the normal equations of the geometric update.
   result.validPixels = static_cast<int>(total.n);
   if (total.n < options_.minimumPixels) return result;
-  const double n = total.n;
-  const double mI = total.sI / n, mT = total.sT / n;
-  const double vI = total.sII / n - mI * mI, vT = total.sTT / n - mT * mT, cIT = total.sIT / n - mI * mT;
-  if (!(vI > 1e-3) || !(vT > 1e-3)) return result;  // no texture to align on
-  result.correlation = cIT / std::sqrt(vI * vT);
-  result.meanSquaredResidual = std::max(0.0, total.sEE / n);
+  const Moments m = momentsOf(total);
+  if (!m.textured) return result;  // no texture to align on
+  result.correlation = m.cIT / std::sqrt(m.vI * m.vT);
+  result.meanSquaredResidual = std::max(0.0, total.sEE / total.n);
   result.gain = c[0];
   result.offset = c[kGainTerms];
   spatialNormalEquations(total, parameterCount(options_.motion), hessian, gradient, buildHessian);
