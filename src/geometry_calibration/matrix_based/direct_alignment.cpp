@@ -126,11 +126,7 @@ void DirectAlignment::buildPyramid(const cv::Mat& fixed, const cv::Mat& moving, 
   }
 }
 
-AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
-                                         cv::Vec<double, 8>* gradient, bool buildHessian) {
-  return options_.spatialGain ? measureSpatial(level, warp, hessian, gradient, buildHessian)
-                              : measureSingle(level, warp, hessian, gradient, buildHessian);
-}
+
 
 namespace {
 
@@ -164,10 +160,12 @@ struct Sampler {
   }
 };
 
+}  // namespace
+
 // The fixed picture of a level as a measurement reads it: its values and
 // gradients over `region`, the sampler of the moving picture, and the
 // normalised coordinates xn = (x - cx) / sc, yn = (y - cy) / sc.
-struct LevelPixels {
+struct DirectAlignment::LevelPixels {
   const cv::Mat& fixed;
   const cv::Mat& gradX;
   const cv::Mat& gradY;
@@ -176,16 +174,18 @@ struct LevelPixels {
   double cx, cy, sc;
 };
 
-LevelPixels levelPixels(const cv::Mat& fixed, const cv::Mat& gradX, const cv::Mat& gradY, const cv::Rect& region,
-                        const Sampler& sample) {
-  return LevelPixels{fixed,
-                     gradX,
-                     gradY,
-                     region,
-                     sample,
-                     region.x + 0.5 * (region.width - 1),
-                     region.y + 0.5 * (region.height - 1),
-                     0.5 * std::max(region.width, region.height)};
+namespace {
+
+DirectAlignment::LevelPixels levelPixels(const cv::Mat& fixed, const cv::Mat& gradX, const cv::Mat& gradY,
+                                         const cv::Rect& region, const Sampler& sample) {
+  return DirectAlignment::LevelPixels{fixed,
+                                      gradX,
+                                      gradY,
+                                      region,
+                                      sample,
+                                      region.x + 0.5 * (region.width - 1),
+                                      region.y + 0.5 * (region.height - 1),
+                                      0.5 * std::max(region.width, region.height)};
 }
 
 // The Jacobian of a fixed pixel for `count` parameters (2: translation, 6:
@@ -210,7 +210,7 @@ inline void jacobianAt(float gx, float gy, float xn, float yn, int count, std::a
 }
 
 // One row's sums of the one-gain measurement, added to `sums`.
-void addSingleRow(const LevelPixels& l, int y, int count, bool wantJacobian, bool buildHessian, Sums& sums) {
+void addSingleRow(const DirectAlignment::LevelPixels& l, int y, int count, bool wantJacobian, bool buildHessian, Sums& sums) {
   const float* T = l.fixed.ptr<float>(y);
   const float* GX = wantJacobian ? l.gradX.ptr<float>(y) : nullptr;
   const float* GY = wantJacobian ? l.gradY.ptr<float>(y) : nullptr;
@@ -262,7 +262,7 @@ void addSingleRow(const LevelPixels& l, int y, int count, bool wantJacobian, boo
 // picture's coordinates u, v (-1..1); one gain and offset when too little
 // of the moving picture is seen for seven terms. Returns the gain terms
 // followed by the offset.
-cv::Vec<double, kPhotometric> fitSpatialGain(const LevelPixels& l, double uScale, double vScale, int stride) {
+cv::Vec<double, kPhotometric> fitSpatialGain(const DirectAlignment::LevelPixels& l, double uScale, double vScale, int stride) {
   std::array<double, kPhotometric * (kPhotometric + 1) / 2> normalSums{};
   std::array<double, kPhotometric> at{};
   double fitN = 0, fitI = 0, fitT = 0, fitII = 0, fitIT = 0;
@@ -331,7 +331,7 @@ struct SpatialSums {
 
 // One row's sums of the spatial-gain measurement with the photometric
 // model `c`, added to `part`.
-void addSpatialRow(const LevelPixels& l, int y, const cv::Vec<double, kPhotometric>& c, double uScale, double vScale,
+void addSpatialRow(const DirectAlignment::LevelPixels& l, int y, const cv::Vec<double, kPhotometric>& c, double uScale, double vScale,
                    bool wantJacobian, bool buildHessian, SpatialSums& part) {
   const float* T = l.fixed.ptr<float>(y);
   const float* GX = wantJacobian ? l.gradX.ptr<float>(y) : nullptr;
@@ -454,19 +454,25 @@ Moments momentsOf(const Totals& t) {
 
 }  // namespace
 
-AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Matx33d& warp,
-                                             cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
-                                             bool buildHessian) {
+AlignmentResult DirectAlignment::measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
+                                         cv::Vec<double, 8>* gradient, bool buildHessian) {
   AlignmentResult result;
   result.warp = warp;
   if (level.region.empty()) return result;
   const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);  // in this level's pixels
   const LevelPixels pixels = levelPixels(level.fixed, level.gradX, level.gradY, level.region,
                                          Sampler{w, level.moving, level.mask, level.fixedMask});
+  return options_.spatialGain ? measureSpatial(level, pixels, result, hessian, gradient, buildHessian)
+                              : measureSingle(pixels, result, hessian, gradient, buildHessian);
+}
+
+AlignmentResult DirectAlignment::measureSingle(const LevelPixels& pixels, AlignmentResult result,
+                                             cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
+                                             bool buildHessian) {
   const int count = parameterCount(options_.motion);
 
   // 1. The sums over every pixel.
-  const Sums total = sumRows<Sums>(level.region, [&](int y, Sums& sums) {
+  const Sums total = sumRows<Sums>(pixels.region, [&](int y, Sums& sums) {
     addSingleRow(pixels, y, count, gradient != nullptr, buildHessian, sums);
   });
 
@@ -500,15 +506,9 @@ AlignmentResult DirectAlignment::measureSingle(const Level& level, const cv::Mat
   return result;
 }
 
-AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Matx33d& warp,
+AlignmentResult DirectAlignment::measureSpatial(const Level& level, const LevelPixels& pixels, AlignmentResult result,
                                                 cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient,
                                                 bool buildHessian) {
-  AlignmentResult result;
-  result.warp = warp;
-  if (level.region.empty()) return result;
-  const cv::Matx33d w = scaling(level.scale) * warp * scaling(1.0 / level.scale);  // in this level's pixels
-  const LevelPixels pixels = levelPixels(level.fixed, level.gradX, level.gradY, level.region,
-                                         Sampler{w, level.moving, level.mask, level.fixedMask});
   const int cols = level.moving.cols, rows = level.moving.rows;
   const double uScale = 2.0 / std::max(1, cols - 1), vScale = 2.0 / std::max(1, rows - 1);
 
@@ -518,7 +518,7 @@ AlignmentResult DirectAlignment::measureSpatial(const Level& level, const cv::Ma
 
   // 2. Every pixel: the residual of that model, its statistics, and the
   // sums of the normal equations.
-  const SpatialSums total = sumRows<SpatialSums>(level.region, [&](int y, SpatialSums& part) {
+  const SpatialSums total = sumRows<SpatialSums>(pixels.region, [&](int y, SpatialSums& part) {
     addSpatialRow(pixels, y, c, uScale, vScale, gradient != nullptr, buildHessian, part);
   });
 

@@ -77,6 +77,10 @@ class DirectAlignment {
   AlignmentResult evaluate(const cv::Mat& fixed, const cv::Mat& moving, const cv::Mat& movingMask,
                            const cv::Matx33d& warp, cv::Rect region = cv::Rect());
 
+  // A pyramid level as the measurements read it, at one warp (defined in
+  // direct_alignment.cpp).
+  struct LevelPixels;
+
  private:
   struct Level {
     cv::Mat fixed, moving, mask, fixedMask, gradX, gradY;  // fixedMask empty: every fixed pixel counts
@@ -90,12 +94,12 @@ class DirectAlignment {
   // normal equations of the update.
   AlignmentResult measure(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
                           cv::Vec<double, 8>* gradient, bool buildHessian);
-  // The measurement with a spatial gain: the gain fitted at `warp` first,
-  // then the geometric normal equations under it.
-  AlignmentResult measureSpatial(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
-                                 cv::Vec<double, 8>* gradient, bool buildHessian);
+  // The measurement with a spatial gain: the gain fitted at the warp first,
+  // then the geometric normal equations under it. `result` carries the warp.
+  AlignmentResult measureSpatial(const Level& level, const LevelPixels& pixels, AlignmentResult result,
+                                 cv::Matx<double, 8, 8>* hessian, cv::Vec<double, 8>* gradient, bool buildHessian);
   // The measurement with one gain and offset.
-  AlignmentResult measureSingle(const Level& level, const cv::Matx33d& warp, cv::Matx<double, 8, 8>* hessian,
+  AlignmentResult measureSingle(const LevelPixels& pixels, AlignmentResult result, cv::Matx<double, 8, 8>* hessian,
                                 cv::Vec<double, 8>* gradient, bool buildHessian);
 
   AlignmentOptions options_;
