@@ -70,6 +70,28 @@ void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalIm
   colour8.convertTo(d.colour, CV_32FC3, 1.0);
 }
 
+// `d` (its box and outline set) drawn from the module's picture through its
+// shaders and UV grid with `homography` onto `frame` (surface units), at
+// the module's exposure gain.
+Utils::ReturnState<ModuleDrawing, std::string> drawnThrough(const CameraDescription::OrbivaneModule& module,
+                                                            const Image::UniversalImageInterface& image,
+                                                            const cv::Matx33d& homography, const cv::Rect2d& frame,
+                                                            ModuleDrawing d) {
+  ImageSource::ShaderRenderer renderer;
+  try {
+    renderer.setShaders(module.shaders());
+  } catch (const std::exception& e) {
+    return Utils::failure(std::string("has unreadable shader values: ") + e.what());
+  }
+  const OrbivaneGeometry::MatrixGeometry* geometry = module.matrixGeometry();
+  if (geometry != nullptr && geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
+  renderer.setHomography(homography);
+  renderer.setFrame(frame);
+  drawThrough(renderer, image, d);
+  d.colour *= module.exposureGain();
+  return d;
+}
+
 }  // namespace
 
 Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescription::OrbivaneModule& module,
@@ -106,19 +128,10 @@ Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescriptio
   if (x1 <= x0 || y1 <= y0) return Utils::failure("lies outside the panorama");
   d.box = cv::Rect(x0, y0, x1 - x0, y1 - y0);
 
-  ImageSource::ShaderRenderer renderer;
-  try {
-    renderer.setShaders(module.shaders());
-  } catch (const std::exception& e) {
-    return Utils::failure(std::string("has unreadable shader values: ") + e.what());
-  }
-  if (geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
-  renderer.setHomography(h);
-  renderer.setFrame(cv::Rect2d(double(x0) / panorama.width, double(y0) / panorama.height,
-                               double(d.box.width) / panorama.width, double(d.box.height) / panorama.height));
-  drawThrough(renderer, *image, d);
-  d.colour *= module.exposureGain();
-  return d;
+  return drawnThrough(module, *image, h,
+                      cv::Rect2d(double(x0) / panorama.width, double(y0) / panorama.height,
+                                 double(d.box.width) / panorama.width, double(d.box.height) / panorama.height),
+                      std::move(d));
 }
 
 Utils::ReturnState<ModuleDrawing, std::string> drawModuleOnFrame(const CameraDescription::OrbivaneModule& module,
@@ -135,18 +148,7 @@ Utils::ReturnState<ModuleDrawing, std::string> drawModuleOnFrame(const CameraDes
     const cv::Vec3d p = placement * cv::Vec3d(c.x, c.y, 1.0);
     d.outline.emplace_back(float(p[0] / p[2] * size.width), float(p[1] / p[2] * size.height));
   }
-  ImageSource::ShaderRenderer renderer;
-  try {
-    renderer.setShaders(module.shaders());
-  } catch (const std::exception& e) {
-    return Utils::failure(std::string("has unreadable shader values: ") + e.what());
-  }
-  if (geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
-  renderer.setHomography(placement);
-  renderer.setFrame(cv::Rect2d(0, 0, 1, 1));
-  drawThrough(renderer, *image, d);
-  d.colour *= module.exposureGain();
-  return d;
+  return drawnThrough(module, *image, placement, cv::Rect2d(0, 0, 1, 1), std::move(d));
 }
 
 bool drawnBeyondMatrix(const CameraDescription::OrbivaneModule& module) {

@@ -64,21 +64,6 @@ void raysOf(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures&
   }
 }
 
-// The rotation that best takes rays `from` to `to` (Kabsch), over `use`.
-cv::Matx33d bestRotation(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to,
-                         const std::vector<int>& use) {
-  cv::Matx33d covariance = cv::Matx33d::zeros();
-  for (const int k : use) covariance += to[std::size_t(k)] * from[std::size_t(k)].t();
-  cv::SVD svd(cv::Mat(covariance), cv::SVD::FULL_UV);
-  cv::Mat r = svd.u * svd.vt;
-  if (cv::determinant(r) < 0) {
-    cv::Mat flip = cv::Mat::eye(3, 3, CV_64F);
-    flip.at<double>(2, 2) = -1.0;
-    r = svd.u * flip * svd.vt;
-  }
-  return cv::Matx33d(r);
-}
-
 // Matches whose ray, turned by `r`, lands within the tolerance of its partner
 // (distance in pixels at focal f).
 std::vector<int> turnInliers(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to,
@@ -188,6 +173,20 @@ std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::Im
     }
   }
   return pairs;
+}
+
+cv::Matx33d bestRotation(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to,
+                         const std::vector<int>& use) {
+  cv::Matx33d covariance = cv::Matx33d::zeros();
+  for (const int k : use) covariance += to[std::size_t(k)] * from[std::size_t(k)].t();
+  cv::SVD svd(cv::Mat(covariance), cv::SVD::FULL_UV);
+  cv::Mat r = svd.u * svd.vt;
+  if (cv::determinant(r) < 0) {
+    cv::Mat flip = cv::Mat::eye(3, 3, CV_64F);
+    flip.at<double>(2, 2) = -1.0;
+    r = svd.u * flip * svd.vt;
+  }
+  return cv::Matx33d(r);
 }
 
 void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,

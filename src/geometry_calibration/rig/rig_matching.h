@@ -46,6 +46,11 @@ std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::Im
 void fitTurn(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b, double focal,
              cv::detail::MatchesInfo& p);
 
+// The rotation that best takes rays `from` to `to` (Kabsch: the SVD of
+// their covariance, never a reflection), over the indices `use`.
+cv::Matx33d bestRotation(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to,
+                         const std::vector<int>& use);
+
 // Matches between `a` and `b` when where each feature of `a` lies in `b` is
 // already known to within `radius` pixels (`predict` gives it; false: it
 // lies outside `b`): the nearest descriptor among the features of `b` that

@@ -32,6 +32,21 @@ struct Constraint {
   cv::Point2d disparity;  // drawn position of pb minus that of pa, panorama pixels
 };
 
+// The grid points (indices into each field's unknowns) and weights a
+// constraint's two observed pixels are interpolated from.
+struct Taps {
+  int ia[16], ib[16];
+  double wa[16], wb[16];
+};
+
+template <typename Fields>
+Taps tapsOf(const Fields& fields, const Constraint& k) {
+  Taps taps;
+  fields[std::size_t(k.a)].weights(k.pa, taps.ia, taps.wa);
+  fields[std::size_t(k.b)].weights(k.pb, taps.ib, taps.wb);
+  return taps;
+}
+
 double median(std::vector<double> v) {
   std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
   return v[v.size() / 2];
@@ -175,10 +190,11 @@ std::vector<Displacement> holdSeams(const std::vector<ModuleModel>& models, cons
     Eigen::VectorXd bx = Eigen::VectorXd::Zero(unknowns), by = Eigen::VectorXd::Zero(unknowns);
     for (std::size_t c = 0; c < constraints.size(); ++c) {
       const Constraint& k = constraints[c];
-      int ia[16], ib[16];
-      double wa[16], wb[16];
-      fields[std::size_t(k.a)].weights(k.pa, ia, wa);
-      fields[std::size_t(k.b)].weights(k.pb, ib, wb);
+      const Taps taps = tapsOf(fields, k);
+      const int* ia = taps.ia;
+      const int* ib = taps.ib;
+      const double* wa = taps.wa;
+      const double* wb = taps.wb;
       // Row: D_a(pa) - D_b(pb) = disparity.
       int index[32];
       double coefficient[32];
@@ -203,14 +219,11 @@ std::vector<Displacement> holdSeams(const std::vector<ModuleModel>& models, cons
     // Reweight by the residual each match keeps.
     for (std::size_t c = 0; c < constraints.size(); ++c) {
       const Constraint& k = constraints[c];
-      int ia[16], ib[16];
-      double wa[16], wb[16];
-      fields[std::size_t(k.a)].weights(k.pa, ia, wa);
-      fields[std::size_t(k.b)].weights(k.pb, ib, wb);
+      const Taps taps = tapsOf(fields, k);
       cv::Point2d r = -k.disparity;
       for (int t = 0; t < 16; ++t) {
-        const int na = offset[std::size_t(k.a)] + ia[t], nb = offset[std::size_t(k.b)] + ib[t];
-        r += cv::Point2d(x[na], y[na]) * wa[t] - cv::Point2d(x[nb], y[nb]) * wb[t];
+        const int na = offset[std::size_t(k.a)] + taps.ia[t], nb = offset[std::size_t(k.b)] + taps.ib[t];
+        r += cv::Point2d(x[na], y[na]) * taps.wa[t] - cv::Point2d(x[nb], y[nb]) * taps.wb[t];
       }
       weight[c] = 1.0 / (1.0 + r.dot(r) / (kLossScale * kLossScale));
     }

@@ -8,6 +8,8 @@
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "geometry_calibration/rig/rig_matching.h"
+
 namespace GeometryCalibration {
 namespace Rig {
 namespace {
@@ -72,19 +74,6 @@ cv::Vec3d sphereRay(cv::Point2d pixel, cv::Size size) {
                    std::cos(latitude) * std::cos(longitude));
 }
 
-cv::Matx33d kabsch(const std::vector<cv::Vec3d>& from, const std::vector<cv::Vec3d>& to, const std::vector<int>& use) {
-  cv::Matx33d covariance = cv::Matx33d::zeros();
-  for (const int k : use) covariance += to[std::size_t(k)] * from[std::size_t(k)].t();
-  cv::SVD svd(cv::Mat(covariance), cv::SVD::FULL_UV);
-  cv::Mat r = svd.u * svd.vt;
-  if (cv::determinant(r) < 0) {
-    cv::Mat flip = cv::Mat::eye(3, 3, CV_64F);
-    flip.at<double>(2, 2) = -1.0;
-    r = svd.u * flip * svd.vt;
-  }
-  return cv::Matx33d(r);
-}
-
 TargetFit fitRotation(const std::vector<ModuleModel>& models, const std::vector<Pair>& pairs, cv::Size size) {
   TargetFit fit;
   fit.equirectangular = true;
@@ -106,16 +95,17 @@ TargetFit fitRotation(const std::vector<ModuleModel>& models, const std::vector<
   for (int i = 0; i < kIterations && n >= 2; ++i) {
     const int a = rng.uniform(0, n), b = rng.uniform(0, n);
     if (a == b || std::fabs(from[std::size_t(a)].dot(from[std::size_t(b)])) > 0.9999) continue;
-    const std::vector<int> in = agreeing(kabsch(from, to, {a, b}));
+    const std::vector<int> in = agreeing(bestRotation(from, to, {a, b}));
     if (in.size() > best.size()) best = in;
   }
-  for (int round = 0; round < 3 && int(best.size()) >= kFewestAgreeing; ++round) best = agreeing(kabsch(from, to, best));
+  for (int round = 0; round < 3 && int(best.size()) >= kFewestAgreeing; ++round)
+    best = agreeing(bestRotation(from, to, best));
   fit.matches = int(best.size());
   if (fit.matches < kFewestAgreeing) {
     fit.reason = "only " + std::to_string(fit.matches) + " features of the modules agree with one turn onto the target";
     return fit;
   }
-  fit.rotation = kabsch(from, to, best);
+  fit.rotation = bestRotation(from, to, best);
   std::vector<double> residual;
   for (const int k : best)
     residual.push_back(std::acos(std::clamp((fit.rotation * from[std::size_t(k)]).dot(to[std::size_t(k)]), -1.0, 1.0)) *
