@@ -70,16 +70,22 @@ cv::Matx33d foundHomography(const CameraDescription::Orbivane& camera, const std
   return h * (1.0 / h(2, 2));
 }
 
-TEST(MatchToTargetEndToEnd, RecoversKnownHomographiesToAFractionOfAPixel) {
-  cv::RNG rng(11);
-  const cv::Size size(320, 240);
+// Modules "a" and "b" of `size` placed on the target "T" (a photograph of
+// that size) with realistic misalignments drawn from `seed`.
+Rig twoMisalignedModules(const char* photograph, std::uint64_t seed, cv::Size size) {
+  cv::RNG rng(seed);
   std::vector<std::pair<std::wstring, std::pair<cv::Size, Synthetic::ModuleTruth>>> modules;
   for (const wchar_t* name : {L"a", L"b"}) {
     Synthetic::ModuleTruth truth;
     truth.homography = Synthetic::realisticMisalignment(rng, size, size);
     modules.push_back({name, {size, truth}});
   }
-  Rig rig = makeRig("fruits.jpg", size, Utils::Matrix4x4::identity(), modules);
+  return makeRig(photograph, size, Utils::Matrix4x4::identity(), modules);
+}
+
+TEST(MatchToTargetEndToEnd, RecoversKnownHomographiesToAFractionOfAPixel) {
+  const cv::Size size(320, 240);
+  Rig rig = twoMisalignedModules("fruits.jpg", 11, size);
   MatchToTarget calibrator(rig.camera, rig.images);
   const auto result = calibrator.calibrate({L"a", L"b"}, L"T");
   for (const auto& [name, truth] : rig.truths) {
@@ -274,15 +280,8 @@ TEST(MatchToTargetBadInput, SkipsWithoutHarm) {
 // back as it came and reported aborted, with the error of a failure; what
 // its stopped estimators returned is not taken for a result.
 TEST(MatchToTargetAbort, TheModuleBeingMatchedIsPutBackAndReportedAborted) {
-  cv::RNG rng(23);
   const cv::Size size(320, 240);
-  std::vector<std::pair<std::wstring, std::pair<cv::Size, Synthetic::ModuleTruth>>> modules;
-  for (const wchar_t* name : {L"a", L"b"}) {
-    Synthetic::ModuleTruth truth;
-    truth.homography = Synthetic::realisticMisalignment(rng, size, size);
-    modules.push_back({name, {size, truth}});
-  }
-  Rig rig = makeRig("graf1.png", size, Utils::Matrix4x4::identity(), modules);
+  Rig rig = twoMisalignedModules("graf1.png", 23, size);
   MatchToTarget calibrator(rig.camera, rig.images);
   calibrator.registerStatusCallback([&](int, int, std::string text, AdvStepInfo) {
     if (text == "Calibrating Module b") calibrator.abort();
