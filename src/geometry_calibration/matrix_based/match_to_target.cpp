@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "geometry_calibration/matrix_based/match_to_target_state.h"
+#include "orbivane/image/image_conversion.h"
 #include "orbivane/camera/final_matrix.h"
 
 namespace GeometryCalibration {
@@ -69,9 +70,11 @@ float MatchToTarget::error(const std::wstring& module) const {
 
 std::vector<std::shared_ptr<Image::UniversalImageInterface>> MatchToTarget::imgsWorkingCopy(
     const std::wstring& module) const {
+  std::vector<std::shared_ptr<Image::UniversalImageInterface>> pictures;
   const auto it = impl_->workingCopies.find(module);
-  return it == impl_->workingCopies.end() ? std::vector<std::shared_ptr<Image::UniversalImageInterface>>()
-                                           : it->second;
+  if (it == impl_->workingCopies.end()) return pictures;
+  for (const cv::Mat& picture : it->second) pictures.push_back(Image::fromMat(picture));
+  return pictures;
 }
 
 Utils::Matrix4x4 MatchToTarget::transformToWorkSystem(const std::wstring& module,

@@ -439,7 +439,7 @@ bool MatchToTargetState::prepareWorkPictures(const std::wstring& name, const cv:
                         cv::INTER_NEAREST, cv::BORDER_CONSTANT);
   }
   pictures.prepareGrey();
-  workingCopies[name] = {Image::fromMat(pictures.module), Image::fromMat(pictures.target)};
+  workingCopies[name] = {pictures.module, pictures.target};
 
   // How much of the module's picture lands on the target's, and whether it
   // shows anything to match.

@@ -93,7 +93,9 @@ class MatchToTargetState {
   std::int32_t progressCurrent = 0;
   StatusCallback callback;
   std::map<std::wstring, WorkSystem> workSystems;
-  std::map<std::wstring, std::vector<std::shared_ptr<Image::UniversalImageInterface>>> workingCopies;
+  // The work pictures of each module's last run (module, target), kept as
+  // the estimators saw them (not copied) and made pictures when asked for.
+  std::map<std::wstring, std::vector<cv::Mat>> workingCopies;
   std::uint64_t m2bLimit = 5;
   std::uint64_t m2nLimit = 1;
   std::uint64_t m2nCountdown = 1;
