@@ -35,7 +35,8 @@ using MatrixBased::NeighbourNeighbour;
 using MatrixBased::ShaderBruteForcer;
 
 // A step leaves the seams worse when their mean median grows by more than
-// this share and kSeamSlackPx, or a seam it found measurable no longer is.
+// this share and kSeamSlackPx, or a seam it found measurable no longer is
+// (seams of modules the step failed aside).
 constexpr double kSeamWorseShare = 0.05;
 constexpr double kSeamSlackPx = 0.05;
 
@@ -65,15 +66,19 @@ CameraDescription::Orbivane withPictures(const CameraDescription::Orbivane& came
 }
 
 // Mean of the medians of the pairs measured in both lists, and how many
-// pairs measured in `before` are not in `after`.
+// pairs measured in `before` are not in `after`; pairs with a module of
+// `leftOut` (the step failed it: it stays where it was and drops out, and a
+// decoy's seam is features matched by chance) are not compared.
 struct SeamComparison {
   double before = 0.0, after = 0.0;
   int compared = 0, lost = 0;
 };
-SeamComparison compareSeams(const std::vector<SeamResidual>& before, const std::vector<SeamResidual>& after) {
+
+SeamComparison compareSeams(const std::vector<SeamResidual>& before, const std::vector<SeamResidual>& after,
+                            const std::set<std::wstring>& leftOut = {}) {
   SeamComparison c;
   for (const auto& b : before) {
-    if (!b.measured) continue;
+    if (!b.measured || leftOut.count(b.first) != 0 || leftOut.count(b.second) != 0) continue;
     const auto a = std::find_if(after.begin(), after.end(), [&b](const SeamResidual& s) {
       return s.first == b.first && s.second == b.second;
     });
@@ -371,7 +376,10 @@ void shaderStep(StepContext& c, StepReport& step) {
 // back to `before`, its aligned modules kept where they were).
 void undoIfWorse(StepContext& c, const CameraDescription::Orbivane& before, const std::vector<SeamResidual>& seams,
                  StepReport& step) {
-  const SeamComparison compared = compareSeams(seams, step.seams);
+  std::set<std::wstring> failed;
+  for (const auto& [name, report] : step.modules)
+    if (report.status == ModuleStatus::failed) failed.insert(name);
+  const SeamComparison compared = compareSeams(seams, step.seams, failed);
   if (compared.lost == 0 && compared.after <= compared.before * (1.0 + kSeamWorseShare) + kSeamSlackPx) return;
   char text[200];
   std::snprintf(text, sizeof text,

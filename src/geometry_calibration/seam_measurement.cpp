@@ -3,6 +3,7 @@
 #include "geometry_calibration/seam_measurement.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -216,7 +217,10 @@ struct SeamMeter::Drawn {
   std::vector<cv::KeyPoint> keypoints;  // SIFT features of the parts, pixels of `region` where it was drawn
   cv::Mat descriptors;
   cv::Point2d offset;       // from where it was drawn to where it is now
-  const void* base = nullptr;  // identifies the drawing this one is a moved copy of
+  // The number of the drawing this one is (or is a moved copy of), counted
+  // over the process and never reused: a pair's measurement is kept by these
+  // numbers, where a freed drawing's address could come back as another's.
+  std::uint64_t base = 0;
 
   cv::Point whole() const { return cv::Point(int(std::lround(offset.x)), int(std::lround(offset.y))); }
   cv::Point2d fraction() const { return offset - cv::Point2d(whole()); }
@@ -329,7 +333,8 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
   auto d = std::make_shared<Drawn>();
   d->signature = signature;
   if (final) d->matrix = *final;
-  d->base = d.get();
+  static std::atomic<std::uint64_t> drawings{0};
+  d->base = ++drawings;
   // What was drawn before and is still needed is drawn again with the rest,
   // with a margin for the small moves a calibration step makes.
   std::vector<cv::Rect> parts;
@@ -445,7 +450,8 @@ SeamMeasure SeamMeter::measure(const CameraDescription::OrbivaneModule& first,
   const cv::Point2d relative = b->offset - a->offset;
   // Shifts that differ by less than a hundredth of a pixel measure the same
   // seam (a matrix moved there and back again comes back within 1e-3 px).
-  std::snprintf(key, sizeof key, "%p/%p/%.2f,%.2f", a->base, b->base, relative.x, relative.y);
+  std::snprintf(key, sizeof key, "%llu/%llu/%.2f,%.2f", static_cast<unsigned long long>(a->base),
+                static_cast<unsigned long long>(b->base), relative.x, relative.y);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto known = pairs_.find(key);

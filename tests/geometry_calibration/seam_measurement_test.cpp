@@ -8,6 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
+
+#include <opencv2/core.hpp>
 
 #include "synthetic/rig.h"
 #include "orbivane/geometry/matrix_geometry.h"
@@ -60,6 +63,63 @@ TEST(SeamMeter, ModulesAtTheirTruePlacesMeasureSeamsOfAFractionOfAPixel) {
   const SeamMeasure apart = meter.measure(*rig.camera.findModule(names.front()), *rig.camera.findModule(names.back()));
   EXPECT_FALSE(apart.measured);
   EXPECT_EQ(apart.reason, "no overlap");
+}
+
+// The camera with module `name` turned by `degrees` about the panorama's
+// origin (drawn again, not moved).
+CameraDescription::Orbivane turned(const CameraDescription::Orbivane& camera, const std::wstring& name,
+                                   double degrees) {
+  CameraDescription::Orbivane out = camera;
+  auto* geometry = out.findModule(name)->matrixGeometry();
+  const float c = float(std::cos(degrees * CV_PI / 180.0)), s = float(std::sin(degrees * CV_PI / 180.0));
+  Utils::Matrix4x4 turn = Utils::Matrix4x4::identity();
+  turn.set(0, 0, c);
+  turn.set(0, 1, -s);
+  turn.set(1, 0, s);
+  turn.set(1, 1, c);
+  geometry->setMatrix(turn * geometry->matrix());
+  return out;
+}
+
+TEST(SeamMeter, AModuleDrawnAgainAndAgainIsMeasuredAsItIsNow) {
+  // One meter while a module takes three placements in turn, each drawn
+  // anew: every measurement is that of the placement it is given, as a
+  // fresh meter measures it (a drawing freed and another made in its place
+  // must not be taken for it).
+  const TrueRig& rig = trueRig();
+  const cv::Size panorama = GeometryCalibration::seamDrawingSize(rig.camera);
+  const std::wstring& first = rig.scene.names[0];
+  const std::wstring& second = rig.scene.names[1];
+  const double turns[] = {0.0, 0.15, -0.1};
+  std::vector<SeamMeasure> fresh;
+  for (const double degrees : turns) {
+    const CameraDescription::Orbivane camera = turned(rig.camera, second, degrees);
+    fresh.push_back(SeamMeter(panorama).measure(*camera.findModule(first), *camera.findModule(second)));
+    ASSERT_TRUE(fresh.back().measured) << fresh.back().reason;
+  }
+  // The placements' seams lie apart by more than a measurement scatters.
+  for (std::size_t k = 0; k < 3; ++k) {
+    const SeamMeasure& other = fresh[(k + 1) % 3];
+    ASSERT_GT(std::hypot(fresh[k].shift.x - other.shift.x, fresh[k].shift.y - other.shift.y), 0.3);
+  }
+  // A meter that has drawn the module before draws it over what it drew
+  // then too, so its features differ a little from a fresh meter's.
+  SeamMeter meter(panorama);
+  std::vector<SeamMeasure> settled(3);
+  for (int round = 0; round < 4; ++round) {
+    for (std::size_t k = 0; k < 3; ++k) {
+      const CameraDescription::Orbivane camera = turned(rig.camera, second, turns[k]);
+      const SeamMeasure s = meter.measure(*camera.findModule(first), *camera.findModule(second));
+      ASSERT_TRUE(s.measured) << s.reason;
+      EXPECT_LT(std::hypot(s.shift.x - fresh[k].shift.x, s.shift.y - fresh[k].shift.y), 0.1)
+          << "round " << round << ", placement " << k;
+      if (round == 1) settled[k] = s;
+      if (round > 1) {
+        EXPECT_EQ(s.matches, settled[k].matches) << "round " << round << ", placement " << k;
+        EXPECT_EQ(s.shift, settled[k].shift) << "round " << round << ", placement " << k;
+      }
+    }
+  }
 }
 
 TEST(SeamMeter, AMovedModuleMeasuresItsMoveUpToTheLargestSeamCounted) {
