@@ -39,6 +39,7 @@ void WorkPictures::prepareGrey() {
   if (!module.empty()) cv::cvtColor(module, moduleGrey, cv::COLOR_BGR2GRAY);
   if (!target.empty()) cv::cvtColor(target, targetGrey, cv::COLOR_BGR2GRAY);
   targetBrighter = targetGrey.empty() ? cv::Mat() : cv::Mat(targetGrey > 1);
+  targetBrighterCount = targetBrighter.empty() ? 0 : cv::countNonZero(targetBrighter);
 }
 
 void collectSupport(const std::vector<std::pair<cv::Point2f, cv::Point2f>>& pairs, EstimateResult& result) {
@@ -157,7 +158,7 @@ float differenceError(const WorkPictures& pictures, const cv::Matx33d& h) {
   // their grey exceeds 1, which is counted once per target. Only the part
   // the module is drawn on is warped and compared.
   const cv::Rect box = footprintOnTarget(pictures, h, kOutlineMargin);
-  int differing = cv::countNonZero(brighter) - (box.empty() ? 0 : cv::countNonZero(brighter(box)));
+  int differing = pictures.targetBrighterCount - (box.empty() ? 0 : cv::countNonZero(brighter(box)));
   if (!box.empty()) {
     cv::Mat warped, difference, grey;
     cv::warpPerspective(module, warped, cv::Mat(translation(-box.x, -box.y) * h), box.size(), cv::INTER_LINEAR,

@@ -56,6 +56,7 @@ struct WorkPictures {
   cv::Mat module, target, moduleMask, targetMask;
   cv::Mat moduleGrey, targetGrey;  // filled by prepareGrey()
   cv::Mat targetBrighter;          // targetGrey > 1, filled by prepareGrey() (see differenceError)
+  int targetBrighterCount = 0;     // its non-zero pixels
   void prepareGrey();
 };
 
