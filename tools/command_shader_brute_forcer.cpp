@@ -181,6 +181,20 @@ void announcePlan(const ShaderBruteForcer::Plan& plan, const std::string& refere
   std::cerr << "shader search: " << text << "\n";
 }
 
+// Times a sample of the search and says how long the whole will take.
+void announceTime(const ShaderBruteForcer& forcer, const std::wstring& module, const std::wstring& reference) {
+  const double seconds = forcer.estimateSeconds(module, reference);
+  if (seconds <= 0.0) return;
+  char text[160];
+  if (seconds < 120.0) {
+    std::snprintf(text, sizeof text, "shader search: about %.0f s on this machine (a sample of it timed)", std::ceil(seconds));
+  } else {
+    std::snprintf(text, sizeof text, "shader search: about %.0f min on this machine (a sample of it timed)",
+                  std::ceil(seconds / 60.0));
+  }
+  std::cerr << text << std::endl;
+}
+
 // Searches and writes the best cameras or the shard; an interrupted search
 // writes nothing.
 void searchAndWrite(const SearchOptions& options) {
@@ -207,6 +221,7 @@ void searchAndWrite(const SearchOptions& options) {
     forcer.setShard(shardIndex, shardCount);
   }
   announcePlan(forcer.plan(module, reference), options.reference);
+  announceTime(forcer, module, reference);
   Progress progress("shader search");
   forcer.registerStatusCallback(progress.callback());
   try {

@@ -164,6 +164,7 @@ def make_fixtures(w):
         assert r.returncode == 0, r.stderr
         # What the search takes is said before it starts.
         assert re.search(r"shader search: \d+ renderings of \d+x\d+ pixels .* about \d+ MB", r.stderr), r.stderr
+        assert re.search(r"shader search: about \d+ (s|min) on this machine", r.stderr), r.stderr
     r = run(["shader-search", "camsh.json", "--module", "view1", "--reference", "swhole.png", "--shard", "1/3",
              "--out-dir", "shards-other"], w)
     assert r.returncode == 0, r.stderr

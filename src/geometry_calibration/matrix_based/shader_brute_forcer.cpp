@@ -44,6 +44,9 @@ bool ShaderBruteForcer::aborted() const { return impl_->aborted(); }
 ShaderBruteForcer::Plan ShaderBruteForcer::plan(const std::wstring& module, const std::wstring& reference) const {
   return impl_->plan(module, reference);
 }
+double ShaderBruteForcer::estimateSeconds(const std::wstring& module, const std::wstring& reference) const {
+  return impl_->estimateSeconds(module, reference);
+}
 void ShaderBruteForcer::setShard(int index, int count) { impl_->setShard(index, count); }
 void ShaderBruteForcer::setThreadCount(int threads) { impl_->setThreadCount(threads); }
 void ShaderBruteForcer::registerStatusCallback(StatusCallback callback) { impl_->setStatusCallback(std::move(callback)); }

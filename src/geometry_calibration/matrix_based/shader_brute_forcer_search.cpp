@@ -3,6 +3,7 @@
 #include "geometry_calibration/matrix_based/shader_brute_forcer_search.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <cmath>
 #include <cstdio>
@@ -194,6 +195,51 @@ ShaderBruteForcer::Plan ShaderSearch::plan(const std::wstring& module, const std
   return plan;
 }
 
+namespace {
+
+// The grid of a timing probe: whole families (the renderings that share
+// strength, centre, power and method, which differ only in the horizontal
+// and vertical corrections) at the middle of every other range, and about
+// `families` of them side by side from the innermost family parameter that
+// has that many values.
+ShaderBruteForcer::ParameterList probeList(const ShaderBruteForcer::ParameterList& list, int families) {
+  const auto inFamily = [](const std::string& name) { return name == "f_TCorrection_H" || name == "f_TCorrection_V"; };
+  ShaderBruteForcer::ParameterList probe;
+  bool spread = false;
+  for (auto it = list.rbegin(); it != list.rend(); ++it) {
+    const std::string& name = it->first;
+    auto range = it->second;
+    const auto values = ShaderBruteForcer::parameterValues(name, range);
+    // The power's values are fixed (2..20): it stays whole, a family each.
+    if (!inFamily(name) && name != "i_ps_distortion_ext_pwp" && !values.empty()) {
+      const std::size_t keep = spread ? 1 : std::min<std::size_t>(values.size(), std::size_t(families));
+      spread = spread || keep > 1;
+      const std::size_t first = (values.size() - keep) / 2;
+      range.min = values[first];
+      range.max = values[first + keep - 1] + range.step * 0.5f;
+    }
+    probe.emplace_front(name, range);
+  }
+  return probe;
+}
+
+}  // namespace
+
+double ShaderSearch::estimateSeconds(const std::wstring& module, const std::wstring& reference) const {
+  const auto planned = plan(module, reference);
+  if (planned.bytes == 0 || planned.renderings == 0) return 0.0;
+  ShaderSearch probe(camera_, images_, probeList(parameters_, 2 * planned.threads));
+  probe.quiet_ = true;
+  probe.threads_ = threads_;
+  const auto started = std::chrono::steady_clock::now();
+  probe.search(module, reference);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  const std::uint64_t sampled = probe.evaluationCount();
+  if (sampled == 0) return seconds;
+  const double perRendering = std::max(0.0, seconds - probe.preparationSeconds_) / double(sampled);
+  return probe.preparationSeconds_ + perRendering * double(planned.renderings);
+}
+
 void ShaderSearch::setShard(int index, int count) {
   if (count < 1 || index < 0 || index >= count) {
     throw std::invalid_argument("shard " + std::to_string(index) + " of " + std::to_string(count) +
@@ -358,7 +404,7 @@ void ShaderSearch::evaluateFamily(const Family& family) {
         if (best_.full()) rejectAbove_.store(best_.largest(), std::memory_order_relaxed);
       }
     }
-    if (counter_.fetch_add(1) % 10000 == 0) std::cout << " #" << std::flush;
+    if (counter_.fetch_add(1) % 10000 == 0 && !quiet_) std::cout << " #" << std::flush;
   };
   // Points of one horizontal weight are rendered two at a time (they share
   // what that weight gives the sampler).
@@ -515,7 +561,7 @@ bool ShaderSearch::prepareReference(const OrbivaneGeometry::MatrixRepresentableG
     for (int c = 0; c < referenceEdges_.cols; ++c) sum += row[c];
     referenceRowSums_[std::size_t(r)] = sum;
   }
-  logger_->info("Module {}: rectangle {}x{} at ({}, {}) on the reference, rendering {}x{}", name, rect.width,
+  if (!quiet_) logger_->info("Module {}: rectangle {}x{} at ({}, {}) on the reference, rendering {}x{}", name, rect.width,
                 rect.height, rect.x, rect.y, rendered.width, rendered.height);
   return true;
 }
@@ -548,7 +594,7 @@ void ShaderSearch::walk(std::size_t outerBegin, std::size_t outerEnd) {
     for (std::size_t j = begin; j < end && !abort_.load(); ++j) {
       if (position == 0) {
         flush(pending);
-        std::cout << range[j] << std::endl;
+        if (!quiet_) std::cout << range[j] << std::endl;
       }
       visit(position + 1, index * range.size() + j);
     }
@@ -562,6 +608,7 @@ void ShaderSearch::walk(std::size_t outerBegin, std::size_t outerEnd) {
 std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& module, const std::wstring& reference) {
   reset();
   if (abort_.load()) return {};
+  const auto started = std::chrono::steady_clock::now();
   const std::string name = Utils::toUtf8(module);
   const auto* geometry = takeModule(module, reference);
   if (geometry == nullptr) return {};
@@ -569,6 +616,7 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   if (!rendered || !prepareReference(*geometry, *rendered, name)) return {};
   std::size_t outerBegin = 0, outerEnd = 0;
   prepareWalk(outerBegin, outerEnd);
+  preparationSeconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   walk(outerBegin, outerEnd);
   // An aborted search saw part of the grid: its best are not the grid's.
   if (abort_.load()) return {};
@@ -578,7 +626,7 @@ std::list<CameraDescription::Orbivane> ShaderSearch::search(const std::wstring& 
   int place = 0;
   const auto known = OrbivaneGeometry::knownShaders();
   for (const auto& result : results_) {
-    std::cout << "Best " << place++ << " Error: " << result.error << std::endl;
+    if (!quiet_) std::cout << "Best " << place++ << " Error: " << result.error << std::endl;
     cameras.push_back(cameraWithParameters(camera_, module, result.parameters, known));
   }
   return cameras;

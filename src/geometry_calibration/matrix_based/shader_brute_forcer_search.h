@@ -78,6 +78,9 @@ class ShaderSearch {
   std::list<CameraDescription::Orbivane> search(const std::wstring& module, const std::wstring& reference);
 
   ShaderBruteForcer::Plan plan(const std::wstring& module, const std::wstring& reference) const;
+  // Seconds the search would take on this machine (ShaderBruteForcer::
+  // estimateSeconds); 0 when it has nothing to render.
+  double estimateSeconds(const std::wstring& module, const std::wstring& reference) const;
   void setShard(int index, int count);
   void setThreadCount(int threads) { threads_ = threads < 0 ? 0 : threads; }
   void setStatusCallback(StatusCallback callback) { callback_ = std::move(callback); }
@@ -165,6 +168,8 @@ class ShaderSearch {
   std::vector<std::uint32_t> referenceRowSums_;
   std::uint64_t done_ = 0, total_ = 0;
   bool profiling_ = false;
+  bool quiet_ = false;               // a timing probe: prints and logs nothing
+  double preparationSeconds_ = 0.0;  // the last search's, up to its walk
   std::atomic<std::uint64_t> preparationTime_{0}, samplingTime_{0}, histogramTime_{0}, edgesTime_{0},
       renderings_{0}, stopped_{0}, rowsSummed_{0};
 

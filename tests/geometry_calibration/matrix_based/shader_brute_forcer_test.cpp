@@ -2,6 +2,7 @@
 // our own renderer at known parameters, on reduced grids.
 #include "orbivane/geometry_calibration/matrix_based/shader_brute_forcer.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
@@ -449,6 +450,43 @@ TEST(ShaderBruteForcerSearch, RecoversGridTruthFirstWhateverTheThreadsAndShards)
       EXPECT_EQ(a->parameters, b->parameters);
     }
   }
+}
+
+TEST(ShaderBruteForcerSearch, EstimatesItsTimeFromASampleBeforeItStarts) {
+  ShaderFolder shaders;
+  const Scene s = scene(gridPoint(1, 2, 0, 2, 1));
+  // 10,584 points: the probe's sample is a small part of the walk and the
+  // scale-up is what is tested.
+  const ShaderBruteForcer::ParameterList finer = {{"f_TCorrection_F", {0.1f, 0.55f, 0.08f, 2}},
+                                                  {"f_TCorrection_H", {0.3f, 0.75f, 0.08f, 2}},
+                                                  {"f_TCorrection_V", {0.3f, 0.75f, 0.08f, 2}},
+                                                  {"f_ps_distortion_ext_xshift", {-0.15f, 0.15f, 0.05f, 1}},
+                                                  {"f_ps_distortion_ext_yshift", {-0.15f, 0.15f, 0.05f, 1}}};
+  ShaderBruteForcer forcer(s.camera, s.images, finer);
+  ASSERT_EQ(forcer.plan(L"M", L"reference").renderings, 10584u);
+  testing::internal::CaptureStdout();
+  const auto started = std::chrono::steady_clock::now();
+  const double estimate = forcer.estimateSeconds(L"M", L"reference");
+  const double probing = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");  // a probe prints nothing
+  EXPECT_EQ(forcer.evaluationCount(), 0u);                // nor counts as the search
+  const auto searchStarted = std::chrono::steady_clock::now();
+  const auto results = quietSearch(forcer);
+  const double searched = std::chrono::duration<double>(std::chrono::steady_clock::now() - searchStarted).count();
+  EXPECT_EQ(forcer.evaluationCount(), 10584u);
+  EXPECT_EQ(results.front().parameters, quietSearch(forcer).front().parameters);
+  // Within a factor of three of the search itself, at a small part of its cost.
+  EXPECT_GT(estimate, searched / 3.0);
+  EXPECT_LT(estimate, searched * 3.0);
+  EXPECT_LT(probing, searched / 4.0);
+  // A shard's share of the time; nothing to render, nothing to wait for.
+  ShaderBruteForcer third(s.camera, s.images, finer);
+  third.setShard(1, 3);
+  EXPECT_LT(third.estimateSeconds(L"M", L"reference"), estimate);
+  Images tiny = s.images;
+  tiny[L"reference"] = std::make_shared<Image::RGBImage>(3, 3, Image::kMappingBGR);
+  EXPECT_EQ(ShaderBruteForcer(s.camera, tiny, finer).estimateSeconds(L"M", L"reference"), 0.0);
+  EXPECT_THROW(forcer.estimateSeconds(L"ghost", L"reference"), std::out_of_range);
 }
 
 TEST(ShaderBruteForcerSearch, AnAbortedSearchStopsAtItsNextBatchAndReturnsNothing) {

@@ -120,6 +120,16 @@ class ORBIVANE_EXPORT ShaderBruteForcer {
   };
   static constexpr std::uint64_t kSearchBytesPerPixel = 10;
   Plan plan(const std::wstring& module, const std::wstring& reference) const;
+  // The wall seconds the search (or shard) would take on this machine with
+  // these pictures and threads: a probe times the search's preparation and a
+  // few whole families of renderings from the middle of the grid, and the
+  // renderings' time is scaled to the planned count. Takes about the
+  // preparation's time plus a few hundred renderings; prints nothing. An
+  // estimate, not a bound: the probe's renderings run before any result
+  // could stop them early, so the whole search tends to be faster. 0 for a
+  // search with nothing to render; names it does not know throw as the
+  // search does.
+  double estimateSeconds(const std::wstring& module, const std::wstring& reference) const;
 
   // Only the `index`-th (from 0) of `count` contiguous ranges of the
   // outermost values; (0, 1) is the whole grid. Throws std::invalid_argument
