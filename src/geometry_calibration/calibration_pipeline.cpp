@@ -488,7 +488,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       // matching rescales modules, and then redraws them all anyway), so
       // that neighbour stitching, which draws at that size, finds them drawn.
       const cv::Size size = drawingSize(withPictures(camera_, images_));
-      if (size != meter->panorama()) meter = std::make_shared<SeamMeter>(size);
+      if (size != meter->panorama()) meter = std::make_shared<SeamMeter>(size, *meter);
       step.seams = measureWith(*meter, withPictures(camera_, images_), listed_);
       undoIfWorse(context, before, seams, step);
       seams = step.seams;

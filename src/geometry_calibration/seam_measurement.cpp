@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <sstream>
 
 #include <opencv2/core/hal/hal.hpp>
@@ -32,6 +33,19 @@ constexpr int kRegionMargin = 24;          // panorama pixels drawn beyond what 
 constexpr int kFeatureMargin = 16;         // drawing pixels around a part its features are found with
 constexpr int kLargestDrawingSide = 65536;  // panorama pixels (only overlaps are drawn)
 constexpr int kDefaultDrawingWidth = 1920;  // for a camera without pictures
+// A drawing's features are carried over to the module drawn through another
+// matrix (see carryFeatures) when the move changes the drawing's local
+// shape, but for a turn and an overall scale, by at most kCarriedAnisotropy
+// (a share of the scale: 0.02 is a 2 % stretch along one direction), its
+// scale by at most kCarriedScale, and the new drawing reads each carried
+// feature's picture point where the move puts it within kCarriedPx picture
+// pixels. SIFT descriptors are normalised for turn and scale, and stand a
+// few per cent of stretch: the features the new drawing would give match
+// as the carried ones do.
+constexpr double kCarriedAnisotropy = 0.02;
+constexpr double kCarriedScale = 0.1;
+constexpr double kCarriedPx = 0.05;
+constexpr double kCarriedMisreadShare = 0.01;  // of the features: more, and they are found afresh
 
 // What decides how a module is drawn, but for its matrix: grid, shaders,
 // gain, picture.
@@ -205,6 +219,7 @@ cv::Mat pictureScale(const OrbivaneRendering::ModuleDrawing& m) {
 struct SeamMeter::Drawn {
   std::string signature;
   Utils::Matrix4x4 matrix;  // the final matrix now
+  cv::Size panorama;        // the panorama it was drawn on (a meter may start from another meter's drawings)
   bool ok = false;
   std::string reason;
   cv::Rect region;          // panorama pixels drawn, where it was drawn
@@ -216,11 +231,13 @@ struct SeamMeter::Drawn {
   std::vector<cv::Rect> parts;
   std::vector<cv::KeyPoint> keypoints;  // SIFT features of the parts, pixels of `region` where it was drawn
   cv::Mat descriptors;
+  std::vector<cv::Point2f> picturePoints;  // each feature's point on the module's picture, picture pixels
   cv::Point2d offset;       // from where it was drawn to where it is now
   // The number of the drawing this one is (or is a moved copy of), counted
   // over the process and never reused: a pair's measurement is kept by these
   // numbers, where a freed drawing's address could come back as another's.
   std::uint64_t base = 0;
+  bool carried = false;  // it kept an earlier drawing's features (where that drawing had them)
 
   cv::Point whole() const { return cv::Point(int(std::lround(offset.x)), int(std::lround(offset.y))); }
   cv::Point2d fraction() const { return offset - cv::Point2d(whole()); }
@@ -256,16 +273,15 @@ struct SeamMeter::Drawn {
 
 namespace {
 
-// The SIFT features of a drawing's parts (see Drawn::parts): each part is
+// The SIFT features of a drawing in `where` (panorama pixels where it was
+// drawn; its parts, see Drawn::parts), added to those it has: each box is
 // searched on its own, with kFeatureMargin pixels of the drawing around it
 // so that features near its edge see their whole neighbourhood; a feature
-// is kept inside its part only. Searching the parts, not the whole drawing,
+// is kept inside its box only. Searching the parts, not the whole drawing,
 // leaves out the middle of a module, which no other module draws over.
-void findFeatures(SeamMeter::Drawn& d) {
-  d.keypoints.clear();
-  d.descriptors.release();
+void findFeatures(SeamMeter::Drawn& d, const std::vector<cv::Rect>& where) {
   const cv::Ptr<cv::SIFT> sift = cv::SIFT::create(kMostFeatures);
-  for (const cv::Rect& part : d.parts) {
+  for (const cv::Rect& part : where) {
     const cv::Rect inside = (part & d.region) - d.region.tl();
     if (inside.empty()) continue;
     const cv::Rect around =
@@ -281,6 +297,179 @@ void findFeatures(SeamMeter::Drawn& d) {
     d.keypoints.insert(d.keypoints.end(), keys.begin(), keys.end());
     d.descriptors.push_back(descriptors);
   }
+}
+
+// A drawing's map at a point of its box (bilinear), or false outside it.
+bool readMaps(const OrbivaneRendering::ModuleDrawing& m, cv::Point2f p, cv::Point2f& picture) {
+  if (!(p.x >= 0.0f && p.y >= 0.0f && p.x < float(m.mapX.cols - 1) && p.y < float(m.mapX.rows - 1))) return false;
+  const int x = int(p.x), y = int(p.y);
+  const float fx = p.x - float(x), fy = p.y - float(y);
+  const auto at = [&](const cv::Mat& map) {
+    const float* r0 = map.ptr<float>(y);
+    const float* r1 = map.ptr<float>(y + 1);
+    return (1 - fy) * ((1 - fx) * r0[x] + fx * r0[x + 1]) + fy * ((1 - fx) * r1[x] + fx * r1[x + 1]);
+  };
+  picture = cv::Point2f(at(m.mapX), at(m.mapY));
+  return true;
+}
+
+// Each feature's point on the picture, as the drawing reads it.
+void notePicturePoints(SeamMeter::Drawn& d, const OrbivaneRendering::ModuleDrawing& m) {
+  d.picturePoints.assign(d.keypoints.size(), cv::Point2f(-1e9f, -1e9f));
+  for (std::size_t i = 0; i < d.keypoints.size(); ++i) readMaps(m, d.keypoints[i].pt, d.picturePoints[i]);
+}
+
+// Where the panorama moves under a module whose matrix goes from `from` to
+// `to` (pixels of a panorama of `fromPanorama` to pixels of one of
+// `toPanorama`): the planar homographies of the two matrices, one undone and
+// the other done.
+Utils::Optional<cv::Matx33d> panoramaMove(const Utils::Matrix4x4& from, cv::Size fromPanorama,
+                                          const Utils::Matrix4x4& to, cv::Size toPanorama) {
+  const cv::Matx33d before = OrbivaneGeometry::planarHomography(from);
+  if (!(std::fabs(cv::determinant(before)) > 1e-15) || fromPanorama.empty() || toPanorama.empty()) return std::nullopt;
+  const cv::Matx33d pixelsFrom(fromPanorama.width, 0, 0, 0, fromPanorama.height, 0, 0, 0, 1);
+  const cv::Matx33d pixelsTo(toPanorama.width, 0, 0, 0, toPanorama.height, 0, 0, 0, 1);
+  const cv::Matx33d move = pixelsTo * OrbivaneGeometry::planarHomography(to) * before.inv() * pixelsFrom.inv();
+  if (!(std::fabs(cv::determinant(move)) > 1e-12) || !std::isfinite(cv::determinant(move))) return std::nullopt;
+  return move;
+}
+
+cv::Point2d movedPoint(const cv::Matx33d& h, cv::Point2d p) {
+  const cv::Vec3d q = h * cv::Vec3d(p.x, p.y, 1.0);
+  return cv::Point2d(q[0] / q[2], q[1] / q[2]);
+}
+
+// How much the move changes the drawing's local shape at the corners of
+// `box`, apart from a turn and an overall scale (which SIFT descriptors do
+// not see): its Jacobian's departure from a similarity, as a share of its
+// scale; and that scale's departure from 1. A homography's Jacobian varies
+// smoothly between the corners.
+struct Reshaping {
+  double anisotropy = 0.0, scale = 0.0;
+};
+Reshaping reshaping(const cv::Matx33d& h, const cv::Rect& box) {
+  Reshaping worst;
+  for (const cv::Point2d c : {cv::Point2d(box.tl()), cv::Point2d(box.br()), cv::Point2d(box.x, box.y + box.height),
+                              cv::Point2d(box.x + box.width, box.y)}) {
+    const double w = h(2, 0) * c.x + h(2, 1) * c.y + h(2, 2);
+    const cv::Point2d p = movedPoint(h, c);
+    const double a = (h(0, 0) - p.x * h(2, 0)) / w, b = (h(0, 1) - p.x * h(2, 1)) / w;
+    const double cc = (h(1, 0) - p.y * h(2, 0)) / w, d = (h(1, 1) - p.y * h(2, 1)) / w;
+    const double similar = std::hypot(0.5 * (a + d), 0.5 * (b - cc));
+    const double other = std::hypot(0.5 * (a - d), 0.5 * (b + cc));
+    const double anisotropy = similar > 1e-9 ? other / similar : 1e9;
+    worst.anisotropy = std::max(worst.anisotropy, std::isfinite(anisotropy) ? anisotropy : 1e9);
+    worst.scale = std::max(worst.scale, std::isfinite(similar) ? std::fabs(similar - 1.0) : 1e9);
+  }
+  return worst;
+}
+
+// Whether the move hardly changes the drawing's shape over `parts`, so that
+// descriptors found before it still describe what is drawn after it.
+bool carriable(const cv::Matx33d& move, const std::vector<cv::Rect>& parts) {
+  return std::all_of(parts.begin(), parts.end(), [&](const cv::Rect& part) {
+    const Reshaping change = reshaping(move, part);
+    return change.anisotropy <= kCarriedAnisotropy && change.scale <= kCarriedScale;
+  });
+}
+
+// Each of `parts` (panorama pixels under the new matrix) split into the box
+// whose features `before` found (the largest box within one of its parts
+// taken through the move, less a pixel: `carried`) and the boxes around it
+// that must be searched afresh (`fresh`: the whole part where `before` found
+// nothing of it).
+void splitParts(const SeamMeter::Drawn& before, const cv::Matx33d& move, const std::vector<cv::Rect>& parts,
+                std::vector<cv::Rect>& carried, std::vector<cv::Rect>& fresh) {
+  std::vector<cv::Rect> searched;  // before's parts through the move, the box within each
+  for (const cv::Rect& p : before.partsNow()) {
+    const cv::Point2d tl = movedPoint(move, cv::Point2d(p.tl())), br = movedPoint(move, cv::Point2d(p.br()));
+    const cv::Point2d tr = movedPoint(move, cv::Point2d(p.x + p.width, p.y));
+    const cv::Point2d bl = movedPoint(move, cv::Point2d(p.x, p.y + p.height));
+    const int left = int(std::ceil(std::max(tl.x, bl.x))) + 1, right = int(std::floor(std::min(tr.x, br.x))) - 1;
+    const int top = int(std::ceil(std::max(tl.y, tr.y))) + 1, bottom = int(std::floor(std::min(bl.y, br.y))) - 1;
+    if (right > left && bottom > top) searched.emplace_back(left, top, right - left, bottom - top);
+  }
+  for (const cv::Rect& part : parts) {
+    cv::Rect inner;
+    for (const cv::Rect& box : searched)
+      if ((box & part).area() > inner.area()) inner = box & part;
+    if (inner.empty()) {
+      fresh.push_back(part);
+      continue;
+    }
+    carried.push_back(inner);
+    // Above and below across the part, then left and right beside the box.
+    const cv::Rect around[] = {cv::Rect(part.x, part.y, part.width, inner.y - part.y),
+                               cv::Rect(part.x, inner.br().y, part.width, part.br().y - inner.br().y),
+                               cv::Rect(part.x, inner.y, inner.x - part.x, inner.height),
+                               cv::Rect(inner.br().x, inner.y, part.br().x - inner.br().x, inner.height)};
+    for (const cv::Rect& box : around)
+      if (!box.empty()) fresh.push_back(box);
+  }
+}
+
+// `before`'s features in the boxes `carried` carried over to `d`, the module
+// drawn afresh through another matrix (`m`, with the same grid, shaders,
+// gain and picture): a feature goes where the move puts its panorama point
+// and keeps its descriptor. Returns false, carrying nothing, when the new
+// drawing does not read the features' picture points there (more than
+// kCarriedMisreadShare of them off by kCarriedPx or more).
+bool carryFeatures(const SeamMeter::Drawn& before, const cv::Matx33d& move, const std::vector<cv::Rect>& carried,
+                   SeamMeter::Drawn& d, const OrbivaneRendering::ModuleDrawing& m) {
+  const cv::Point2d from = cv::Point2d(before.region.tl()) + before.offset;
+  std::vector<int> kept;
+  int misread = 0, inParts = 0;
+  for (std::size_t i = 0; i < before.keypoints.size(); ++i) {
+    const cv::Point2d now = movedPoint(move, cv::Point2d(before.keypoints[i].pt) + from);
+    const cv::Point2f local(float(now.x - d.region.x), float(now.y - d.region.y));
+    const cv::Point p(int(std::lround(local.x)), int(std::lround(local.y)));
+    const bool inPart = std::any_of(carried.begin(), carried.end(), [&](const cv::Rect& part) {
+      return part.contains(cv::Point(int(std::floor(now.x)), int(std::floor(now.y))));
+    });
+    if (!inPart || !cv::Rect(cv::Point(), d.inside.size()).contains(p) || d.inside.at<std::uint8_t>(p) == 0) continue;
+    ++inParts;
+    cv::Point2f read;
+    if (!readMaps(m, local, read) || cv::norm(read - before.picturePoints[i]) > kCarriedPx) {
+      ++misread;
+      continue;
+    }
+    cv::KeyPoint k = before.keypoints[i];
+    k.pt = local;
+    d.keypoints.push_back(k);
+    d.picturePoints.push_back(read);
+    kept.push_back(int(i));
+  }
+  if (misread > kCarriedMisreadShare * std::max(1, inParts)) {
+    d.keypoints.clear();
+    d.picturePoints.clear();
+    return false;
+  }
+  d.descriptors.create(int(kept.size()), before.descriptors.cols, before.descriptors.type());
+  for (std::size_t k = 0; k < kept.size(); ++k) before.descriptors.row(kept[k]).copyTo(d.descriptors.row(int(k)));
+  return true;
+}
+
+// The module drawn over its parts (the box around them): its grey picture,
+// where it reads the picture and its scale; the drawing itself for its
+// maps. Nothing, with the reason in `d`, when it cannot be drawn.
+std::optional<OrbivaneRendering::ModuleDrawing> drawParts(const CameraDescription::OrbivaneModule& module,
+                                                          cv::Size panorama, SeamMeter::Drawn& d) {
+  cv::Rect region;
+  for (const cv::Rect& part : d.parts) region = region.empty() ? part : (region | part);
+  auto drawing = OrbivaneRendering::drawModule(module, panorama, region);
+  if (!drawing) {
+    d.reason = "module " + drawing.error();
+    return std::nullopt;
+  }
+  const OrbivaneRendering::ModuleDrawing& m = drawing.value();
+  d.region = m.box;
+  cv::Mat bytes;
+  m.colour.convertTo(bytes, CV_8UC3);  // saturated at 255, as the viewer shows it
+  cv::cvtColor(bytes, d.grey, cv::COLOR_BGR2GRAY);
+  cv::erode(m.inside, d.inside,
+            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * kEdgeClearance + 1, 2 * kEdgeClearance + 1)));
+  d.scale = pictureScale(m);
+  return std::move(drawing.value());
 }
 
 }  // namespace
@@ -310,6 +499,16 @@ cv::Size seamDrawingSize(const CameraDescription::Orbivane& camera) {
 }
 
 SeamMeter::SeamMeter(cv::Size panorama) : panorama_(panorama) {}
+bool SeamMeter::keptFeatures(const std::wstring& module) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = cache_.find(module);
+  return it != cache_.end() && it->second->carried;
+}
+
+SeamMeter::SeamMeter(cv::Size panorama, const SeamMeter& earlier) : panorama_(panorama) {
+  std::lock_guard<std::mutex> lock(earlier.mutex_);
+  cache_ = earlier.cache_;
+}
 SeamMeter::~SeamMeter() = default;
 
 std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription::OrbivaneModule& module,
@@ -317,7 +516,8 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
   const std::string signature = signatureOf(module);
   const auto final = CameraDescription::finalMatrix(module);
   const auto it = cache_.find(module.name());
-  if (it != cache_.end() && it->second->signature == signature && it->second->ok && final) {
+  if (it != cache_.end() && it->second->signature == signature && it->second->ok && final &&
+      it->second->panorama == panorama_) {
     // Moved by a translation on the panorama (as neighbour stitching moves
     // modules): the same drawing, moved, if it covers what is needed.
     if (const auto shift = translationBetween(it->second->matrix, *final, panorama_)) {
@@ -333,34 +533,43 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
   auto d = std::make_shared<Drawn>();
   d->signature = signature;
   if (final) d->matrix = *final;
+  d->panorama = panorama_;
   static std::atomic<std::uint64_t> drawings{0};
   d->base = ++drawings;
-  // What was drawn before and is still needed is drawn again with the rest,
-  // with a margin for the small moves a calibration step makes.
-  std::vector<cv::Rect> parts;
+  std::vector<cv::Rect> wanted;  // with a margin for the small moves a calibration step makes
   for (const cv::Rect& box : needed)
-    parts.emplace_back(box.x - kRegionMargin, box.y - kRegionMargin, box.width + 2 * kRegionMargin,
-                       box.height + 2 * kRegionMargin);
-  if (it != cache_.end() && it->second->ok) {
-    const std::vector<cv::Rect> before = it->second->partsNow();
-    parts.insert(parts.end(), before.begin(), before.end());
+    wanted.emplace_back(box.x - kRegionMargin, box.y - kRegionMargin, box.width + 2 * kRegionMargin,
+                        box.height + 2 * kRegionMargin);
+  // Moved otherwise, but hardly reshaped (as target matching moves a module
+  // that was placed well): drawn again, with the features it had carried
+  // over where they still hold.
+  const Drawn* before = it != cache_.end() && it->second->ok && it->second->signature == signature ? it->second.get() : nullptr;
+  const auto move = before && final ? panoramaMove(before->matrix, before->panorama, *final, panorama_)
+                                    : Utils::Optional<cv::Matx33d>();
+  if (move && carriable(*move, merged(wanted))) {
+    d->parts = merged(wanted);
+    std::vector<cv::Rect> carried, fresh;
+    splitParts(*before, *move, d->parts, carried, fresh);
+    const auto drawing = drawParts(module, panorama_, *d);
+    if (drawing && carryFeatures(*before, *move, carried, *d, *drawing)) {
+      findFeatures(*d, fresh);
+      notePicturePoints(*d, *drawing);
+      d->ok = true;
+      d->carried = true;
+      cache_[module.name()] = d;
+      return d;
+    }
+  }
+  // What was drawn before and is still needed is drawn again with the rest.
+  std::vector<cv::Rect> parts = wanted;
+  if (it != cache_.end() && it->second->ok && it->second->panorama == panorama_) {
+    const std::vector<cv::Rect> searched = it->second->partsNow();
+    parts.insert(parts.end(), searched.begin(), searched.end());
   }
   d->parts = merged(parts);
-  cv::Rect region;
-  for (const cv::Rect& part : d->parts) region = region.empty() ? part : (region | part);
-  auto drawing = OrbivaneRendering::drawModule(module, panorama_, region);
-  if (!drawing) {
-    d->reason = "module " + drawing.error();
-  } else {
-    const OrbivaneRendering::ModuleDrawing& m = drawing.value();
-    d->region = m.box;
-    cv::Mat bytes;
-    m.colour.convertTo(bytes, CV_8UC3);  // saturated at 255, as the viewer shows it
-    cv::cvtColor(bytes, d->grey, cv::COLOR_BGR2GRAY);
-    cv::erode(m.inside, d->inside,
-              cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * kEdgeClearance + 1, 2 * kEdgeClearance + 1)));
-    d->scale = pictureScale(m);
-    findFeatures(*d);
+  if (const auto drawing = drawParts(module, panorama_, *d)) {
+    findFeatures(*d, d->parts);
+    notePicturePoints(*d, *drawing);
     d->ok = true;
   }
   cache_[module.name()] = d;

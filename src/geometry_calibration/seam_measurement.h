@@ -20,7 +20,10 @@
 // A SeamMeter keeps each module's drawing while the module is drawn the same
 // way (same grid, shaders, gain and picture; a matrix moved by a translation
 // on the panorama moves the drawing), so measuring again after a step redraws
-// only what the step changed.
+// only what the step changed. A module whose matrix changed otherwise, but
+// whose drawing hardly changed shape (a well-placed module refined), is
+// drawn again and keeps its features: each goes where the new matrix draws
+// its picture point, checked on the new drawing.
 #pragma once
 
 #include <map>
@@ -59,6 +62,11 @@ class SeamMeter {
  public:
   // Modules are drawn on a panorama of `panorama` pixels.
   explicit SeamMeter(cv::Size panorama);
+  // A meter on a panorama of another size that starts from `earlier`'s
+  // drawings: a module whose drawing has hardly changed shape there keeps
+  // its features (they are carried to where they are drawn now), the rest
+  // are drawn and searched afresh.
+  SeamMeter(cv::Size panorama, const SeamMeter& earlier);
   ~SeamMeter();
   SeamMeter(const SeamMeter&) = delete;
   SeamMeter& operator=(const SeamMeter&) = delete;
@@ -68,6 +76,9 @@ class SeamMeter {
   // Draws the modules where they overlap one another, two at a time on the
   // machine's cores (what is drawn already and still holds is kept).
   void prepare(const std::vector<const CameraDescription::OrbivaneModule*>& modules);
+  // Whether the module's drawing now kept the features of an earlier
+  // drawing of it (see above) rather than search them all afresh.
+  bool keptFeatures(const std::wstring& module) const;
   // The seam of two modules (drawn first where needed). May be called from
   // several threads at once for modules prepared before.
   SeamMeasure measure(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
@@ -103,7 +114,7 @@ class SeamMeter {
   SeamMeasure compare(const Drawn& a, const Drawn& b) const;
 
   cv::Size panorama_;
-  std::mutex mutex_;  // guards cache_ and pairs_
+  mutable std::mutex mutex_;  // guards cache_ and pairs_
   std::map<std::wstring, std::shared_ptr<const Drawn>> cache_;
   std::map<std::string, SeamMeasure> pairs_;  // by the two drawings and their relative shift
 };

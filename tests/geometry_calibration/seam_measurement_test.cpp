@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -14,6 +15,7 @@
 
 #include "synthetic/rig.h"
 #include "orbivane/geometry/matrix_geometry.h"
+#include "orbivane/geometry/surface_projection.h"
 
 namespace {
 
@@ -97,13 +99,17 @@ TEST(SeamMeter, AModuleDrawnAgainAndAgainIsMeasuredAsItIsNow) {
     fresh.push_back(SeamMeter(panorama).measure(*camera.findModule(first), *camera.findModule(second)));
     ASSERT_TRUE(fresh.back().measured) << fresh.back().reason;
   }
-  // The placements' seams lie apart by more than a measurement scatters.
+  // The placements' seams lie apart by far more than a measurement scatters.
   for (std::size_t k = 0; k < 3; ++k) {
     const SeamMeasure& other = fresh[(k + 1) % 3];
-    ASSERT_GT(std::hypot(fresh[k].shift.x - other.shift.x, fresh[k].shift.y - other.shift.y), 0.3);
+    ASSERT_GT(std::hypot(fresh[k].shift.x - other.shift.x, fresh[k].shift.y - other.shift.y), 1.0);
   }
-  // A meter that has drawn the module before draws it over what it drew
-  // then too, so its features differ a little from a fresh meter's.
+  // A meter that has drawn the module before carries its features over to
+  // the new placement (or draws it over what it drew then too), so they
+  // differ a little from a fresh meter's: a fresh meter's shift alone moves
+  // by up to 0.17 px when the panorama is a few pixels larger (measured on
+  // this rig), so 0.2 px is the same measurement, and the placements' shifts
+  // lie several pixels apart.
   SeamMeter meter(panorama);
   std::vector<SeamMeasure> settled(3);
   for (int round = 0; round < 4; ++round) {
@@ -111,7 +117,7 @@ TEST(SeamMeter, AModuleDrawnAgainAndAgainIsMeasuredAsItIsNow) {
       const CameraDescription::Orbivane camera = turned(rig.camera, second, turns[k]);
       const SeamMeasure s = meter.measure(*camera.findModule(first), *camera.findModule(second));
       ASSERT_TRUE(s.measured) << s.reason;
-      EXPECT_LT(std::hypot(s.shift.x - fresh[k].shift.x, s.shift.y - fresh[k].shift.y), 0.1)
+      EXPECT_LT(std::hypot(s.shift.x - fresh[k].shift.x, s.shift.y - fresh[k].shift.y), 0.2)
           << "round " << round << ", placement " << k;
       if (round == 1) settled[k] = s;
       if (round > 1) {
@@ -169,3 +175,60 @@ TEST(SeamMeter, ExposureDifferenceFollowsTheGainOfAModule) {
 }
 
 }  // namespace
+
+// The camera with module `name`'s matrix followed by `h`, a homography of
+// the pixels of a panorama of `size`.
+CameraDescription::Orbivane reshaped(const CameraDescription::Orbivane& camera, const std::wstring& name,
+                                     const cv::Matx33d& h, cv::Size size) {
+  CameraDescription::Orbivane out = camera;
+  auto* geometry = out.findModule(name)->matrixGeometry();
+  const cv::Matx33d pixels(size.width, 0, 0, 0, size.height, 0, 0, 0, 1);
+  const cv::Matx33d now = OrbivaneGeometry::planarHomography(geometry->matrix());
+  geometry->setMatrix(OrbivaneGeometry::matrixFromPlanarHomography(pixels.inv() * h * pixels * now));
+  return out;
+}
+
+TEST(SeamMeter, AModuleRefinedInPlaceKeepsItsFeaturesAndMeasuresAsAFreshMeter) {
+  // Target matching moves a well-placed module by a small homography: turned
+  // a degree, scaled 1 %, shifted 20 pixels. Its drawing hardly changes
+  // shape, so the meter carries its features over (and searches only what
+  // the move uncovered), also onto a panorama of another size, where the
+  // module that stayed is carried over too; a stretch of 6 % one way changes
+  // the shape, and its features are searched afresh. Either way
+  // the seam is what a fresh meter measures, within its own scatter.
+  const TrueRig& rig = trueRig();
+  const cv::Size panorama = GeometryCalibration::seamDrawingSize(rig.camera);
+  const std::wstring& first = rig.scene.names[0];
+  const std::wstring& second = rig.scene.names[1];
+  const double a = 1.0 * CV_PI / 180.0, k = 1.01;
+  const cv::Matx33d refine(k * std::cos(a), -k * std::sin(a), 20.0, k * std::sin(a), k * std::cos(a), -6.0, 0, 0, 1);
+  // Stretched 6 % across about the module's middle.
+  const auto quad = OrbivaneGeometry::moduleSurfaceQuad(rig.camera.findModule(second)->matrixGeometry()->matrix());
+  ASSERT_TRUE(quad);
+  const double middle = 0.5 * (quad->left() + quad->right()) * panorama.width;
+  const cv::Matx33d stretch(1.06, 0, -0.06 * middle, 0, 1, 0, 0, 0, 1);
+  struct Case {
+    const char* what;
+    cv::Matx33d move;
+    cv::Size size;
+    bool carried;
+  };
+  const Case cases[] = {{"refined", refine, panorama, true},
+                        {"refined, on a larger panorama", refine, cv::Size(panorama.width + 40, panorama.height + 8), true},
+                        {"stretched", stretch, panorama, false}};
+  for (const Case& c : cases) {
+    SeamMeter earlier(panorama);
+    ASSERT_TRUE(earlier.measure(*rig.camera.findModule(first), *rig.camera.findModule(second)).measured);
+    SeamMeter meter(c.size, earlier);
+    const CameraDescription::Orbivane camera = reshaped(rig.camera, second, c.move, panorama);
+    const SeamMeasure s = meter.measure(*camera.findModule(first), *camera.findModule(second));
+    const SeamMeasure fresh = SeamMeter(c.size).measure(*camera.findModule(first), *camera.findModule(second));
+    ASSERT_TRUE(s.measured && fresh.measured) << c.what << ": " << s.reason << fresh.reason;
+    EXPECT_EQ(meter.keptFeatures(second), c.carried) << c.what;
+    EXPECT_FALSE(SeamMeter(c.size).keptFeatures(second));
+    EXPECT_GT(std::hypot(fresh.shift.x, fresh.shift.y), 5.0) << c.what;  // a move the seam shows
+    EXPECT_LT(std::hypot(s.shift.x - fresh.shift.x, s.shift.y - fresh.shift.y), 0.2) << c.what;
+    EXPECT_NEAR(s.medianPx, fresh.medianPx, std::max(0.2, 0.02 * fresh.medianPx)) << c.what;
+    EXPECT_GT(s.matches, fresh.matches * 8 / 10) << c.what;
+  }
+}
