@@ -36,7 +36,15 @@ cv::Rect contentBox(const WorkPictures& pictures) {
 }  // namespace
 
 void WorkPictures::prepareGrey() {
+  prepareModuleGrey();
+  prepareTargetGrey();
+}
+
+void WorkPictures::prepareModuleGrey() {
   if (!module.empty()) cv::cvtColor(module, moduleGrey, cv::COLOR_BGR2GRAY);
+}
+
+void WorkPictures::prepareTargetGrey() {
   if (!target.empty()) cv::cvtColor(target, targetGrey, cv::COLOR_BGR2GRAY);
   targetBrighter = targetGrey.empty() ? cv::Mat() : cv::Mat(targetGrey > 1);
   targetBrighterCount = targetBrighter.empty() ? 0 : cv::countNonZero(targetBrighter);

@@ -58,6 +58,8 @@ struct WorkPictures {
   cv::Mat targetBrighter;          // targetGrey > 1, filled by prepareGrey() (see differenceError)
   int targetBrighterCount = 0;     // its non-zero pixels
   void prepareGrey();
+  void prepareModuleGrey();
+  void prepareTargetGrey();
 };
 
 // Context every estimator receives from the driver.

@@ -403,17 +403,38 @@ bool MatchToTargetState::choosePrewarp(const std::wstring& name, const cv::Matx3
   return true;
 }
 
+namespace {
+
+// The frame's pixels a picture of `size` warped by `h` can reach (its
+// corners' box, two pixels wider for the interpolation); the whole frame
+// when a corner falls behind the horizon.
+cv::Rect landingBox(const cv::Matx33d& h, cv::Size size, cv::Size frame) {
+  const cv::Rect whole(cv::Point(), frame);
+  std::vector<cv::Point2d> corners;
+  for (const cv::Point2d c : {cv::Point2d(0, 0), cv::Point2d(size.width, 0), cv::Point2d(size.width, size.height),
+                              cv::Point2d(0, size.height)}) {
+    const cv::Vec3d q = h * cv::Vec3d(c.x, c.y, 1.0);
+    if (!(q[2] > 1e-9)) return whole;
+    corners.emplace_back(q[0] / q[2], q[1] / q[2]);
+  }
+  double left = 1e300, top = 1e300, right = -1e300, bottom = -1e300;
+  for (const auto& c : corners) {
+    left = std::min(left, c.x), right = std::max(right, c.x), top = std::min(top, c.y), bottom = std::max(bottom, c.y);
+  }
+  if (!(right >= 0.0 && bottom >= 0.0 && left <= frame.width && top <= frame.height)) return cv::Rect();
+  const double x0 = std::max(0.0, std::floor(left) - 2.0), y0 = std::max(0.0, std::floor(top) - 2.0);
+  const double x1 = std::min(double(frame.width), std::ceil(right) + 2.0);
+  const double y1 = std::min(double(frame.height), std::ceil(bottom) + 2.0);
+  return cv::Rect(int(x0), int(y0), int(x1 - x0), int(y1 - y0)) & whole;
+}
+
+}  // namespace
+
 bool MatchToTargetState::prepareWorkPictures(const std::wstring& name, const cv::Mat& targetPicture,
                                              const Placement& placed, WorkPictures& pictures, ModuleReport& verdict) {
   // Working copies; pixels a picture shows nothing at (black in every
   // channel) are marked as such in its mask.
-  if (placed.workSize == targetPicture.size()) {
-    pictures.target = targetPicture;
-  } else {
-    cv::resize(targetPicture, pictures.target, placed.workSize, 0, 0,
-               placed.scale < 1.0 ? cv::INTER_AREA : cv::INTER_CUBIC);
-  }
-  pictures.targetMask = contentMask(pictures.target);
+  targetAtWorkSize(targetPicture, placed, pictures);
   const auto imageIt = images.find(name);
   if (placed.drawn) {
     CameraDescription::OrbivaneModule shown(*camera.findModule(name));
@@ -431,14 +452,22 @@ bool MatchToTargetState::prepareWorkPictures(const std::wstring& name, const cv:
     const cv::Mat shows = contentMask(pictures.module);
     if (!shows.empty()) pictures.moduleMask &= shows;
   } else {
-    cv::warpPerspective(placed.modulePicture, pictures.module, cv::Mat(placed.prewarp), pictures.target.size(),
-                        cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+    // Warped where it lands only (the rest of the frame shows nothing of it).
+    const cv::Size frame = pictures.target.size();
+    const cv::Rect lands = landingBox(placed.prewarp, placed.modulePicture.size(), frame);
+    const cv::Mat intoBox = cv::Mat(cv::Matx33d(1, 0, -lands.x, 0, 1, -lands.y, 0, 0, 1) * placed.prewarp);
+    pictures.module = cv::Mat::zeros(frame, placed.modulePicture.type());
+    pictures.moduleMask = cv::Mat::zeros(frame, CV_8U);
     cv::Mat shows = contentMask(placed.modulePicture);
     if (shows.empty()) shows = cv::Mat(placed.modulePicture.size(), CV_8U, cv::Scalar(255));
-    cv::warpPerspective(shows, pictures.moduleMask, cv::Mat(placed.prewarp), pictures.target.size(),
-                        cv::INTER_NEAREST, cv::BORDER_CONSTANT);
+    if (!lands.empty()) {
+      cv::Mat moduleBox = pictures.module(lands), maskBox = pictures.moduleMask(lands);
+      cv::warpPerspective(placed.modulePicture, moduleBox, intoBox, lands.size(), cv::INTER_LINEAR,
+                          cv::BORDER_CONSTANT);
+      cv::warpPerspective(shows, maskBox, intoBox, lands.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT);
+    }
   }
-  pictures.prepareGrey();
+  pictures.prepareModuleGrey();
   workingCopies[name] = {pictures.module, pictures.target};
 
   // How much of the module's picture lands on the target's, and whether it
@@ -469,6 +498,32 @@ bool MatchToTargetState::prepareWorkPictures(const std::wstring& name, const cv:
     return false;
   }
   return true;
+}
+
+void MatchToTargetState::targetAtWorkSize(const cv::Mat& targetPicture, const Placement& placed,
+                                          WorkPictures& pictures) {
+  const int interpolation = placed.scale < 1.0 ? cv::INTER_AREA : cv::INTER_CUBIC;
+  TargetAtWork& made = targetAtWork;
+  if (made.source.data != targetPicture.data || made.source.size() != targetPicture.size() ||
+      made.size != placed.workSize || made.interpolation != interpolation) {
+    made = TargetAtWork();
+    made.source = targetPicture;
+    made.size = placed.workSize;
+    made.interpolation = interpolation;
+    WorkPictures& p = made.pictures;
+    if (placed.workSize == targetPicture.size()) {
+      p.target = targetPicture;
+    } else {
+      cv::resize(targetPicture, p.target, placed.workSize, 0, 0, interpolation);
+    }
+    p.targetMask = contentMask(p.target);
+    p.prepareTargetGrey();
+  }
+  pictures.target = made.pictures.target;
+  pictures.targetMask = made.pictures.targetMask;
+  pictures.targetGrey = made.pictures.targetGrey;
+  pictures.targetBrighter = made.pictures.targetBrighter;
+  pictures.targetBrighterCount = made.pictures.targetBrighterCount;
 }
 
 EstimateResult MatchToTargetState::runEstimator(const std::wstring& name, const WorkPictures& pictures,

@@ -145,6 +145,17 @@ class MatchToTargetState {
                      ModuleReport& verdict);
   bool prepareWorkPictures(const std::wstring& name, const cv::Mat& targetPicture, const Placement& placed,
                            WorkPictures& pictures, ModuleReport& verdict);
+  // The target at a module's work size, with its mask and grey pictures:
+  // made once for the modules placed at one scale (the last size asked for
+  // is kept).
+  void targetAtWorkSize(const cv::Mat& targetPicture, const Placement& placed, WorkPictures& pictures);
+  struct TargetAtWork {
+    cv::Mat source;  // the target picture it was made from
+    cv::Size size;
+    int interpolation = -1;
+    WorkPictures pictures;  // target, targetMask, targetGrey, targetBrighter(Count)
+  };
+  TargetAtWork targetAtWork;
   EstimateResult runEstimator(const std::wstring& name, const WorkPictures& pictures, const Placement& placed);
   Judgement judge(const std::wstring& name, const EstimateResult& result, const WorkPictures& pictures,
                   const Placement& placed, ModuleReport& verdict);
