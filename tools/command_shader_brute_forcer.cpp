@@ -70,7 +70,7 @@ nlohmann::json parametersJson(const std::map<std::string, float>& parameters) {
 // folder, shard files say, stay); best files of an earlier, longer list that
 // this one does not reach are removed with it.
 void writeResults(const CameraDescription::Orbivane& camera, const std::string& module,
-                  const std::list<ShaderBruteForcer::Result>& results, const std::string& outDir, bool json) {
+                  const std::list<ShaderBruteForcer::Result>& results, const std::string& outDir, bool printJson) {
   StagedFolder staged(outDir, true);
   for (int stale = int(results.size());; ++stale) {
     std::error_code ec;
@@ -93,7 +93,7 @@ void writeResults(const CameraDescription::Orbivane& camera, const std::string& 
     staged.commit();
   }
   std::cout << std::flush;
-  if (json) JsonOutput::printActive({{"best", best}});
+  if (printJson) JsonOutput::printActive({{"best", best}});
 }
 
 // Fingerprints of what a search runs on (see shard_file.h).

@@ -18,6 +18,7 @@
 #include "orbivane/geometry/clip_matrix.h"
 #include "orbivane/geometry/shader_directories.h"
 #include "support/matchers.h"
+#include "support/scoped_environment.h"
 #include "synthetic/sample_data.h"
 
 namespace {
@@ -25,37 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 using OrbivaneGeometry::Shader;
 using ::testing::HasSubstr;
-
-// Sets (or unsets, with nullptr) an environment variable for the life of the
-// object and restores the previous state afterwards.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) {
-      hadValue_ = true;
-      old_ = old;
-    }
-    if (value) {
-      ::setenv(name, value, 1);
-    } else {
-      ::unsetenv(name);
-    }
-  }
-  ~ScopedEnvironment() {
-    if (hadValue_) {
-      ::setenv(name_.c_str(), old_.c_str(), 1);
-    } else {
-      ::unsetenv(name_.c_str());
-    }
-  }
-  ScopedEnvironment(const ScopedEnvironment&) = delete;
-  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-
- private:
-  std::string name_;
-  bool hadValue_ = false;
-  std::string old_;
-};
 
 // The message of the exception of type E that `call` throws.
 template <typename E, typename Call>

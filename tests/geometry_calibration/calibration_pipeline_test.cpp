@@ -26,14 +26,14 @@ namespace {
 
 using GeometryCalibration::ModuleStatus;
 using Synthetic::cornerError;
-struct Rig {
+struct PipelineRig {
   Synthetic::Rig scene;
   CameraDescription::Orbivane camera;  // the misaligned modules and the target
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
 };
 
-Rig makeRig(bool quick) {
-  Rig rig{Synthetic::makeRig(std::string(ORBIVANE_SAMPLE_DATA_DIR), quick), {}, {}};
+PipelineRig makeRig(bool quick) {
+  PipelineRig rig{Synthetic::makeRig(std::string(ORBIVANE_SAMPLE_DATA_DIR), quick), {}, {}};
   rig.camera = rig.scene.camera;
   CameraDescription::OrbivaneModule target(L"Target");
   target.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
@@ -45,14 +45,14 @@ Rig makeRig(bool quick) {
   return rig;
 }
 
-struct Errors {
+struct StepErrors {
   double mean = 0, worst = 0;
 };
 // Corner errors against the truth; after clipping, against the truth under
 // the same crop, on the clipped panorama.
-Errors errorsOf(const Rig& rig, const CameraDescription::Orbivane& camera,
+StepErrors errorsOf(const PipelineRig& rig, const CameraDescription::Orbivane& camera,
                 const Utils::Matrix4x4& crop = Utils::Matrix4x4::identity()) {
-  Errors e;
+  StepErrors e;
   const Utils::Size size = camera.panoramaSize();
   const cv::Size panorama = size.empty() ? rig.scene.panorama : cv::Size(size.width, size.height);
   for (const auto& name : rig.scene.names) {
@@ -65,17 +65,17 @@ Errors errorsOf(const Rig& rig, const CameraDescription::Orbivane& camera,
 }
 
 TEST(CalibrationComposition, MatchThenNeighbourOnATurnedRig) {
-  const Rig rig = makeRig(false);
+  const PipelineRig rig = makeRig(false);
   const std::list<std::wstring> names(rig.scene.names.begin(), rig.scene.names.end());
   GeometryCalibration::MatrixBased::MatchToTarget matcher(rig.camera, rig.images);
   const auto matched = matcher.calibrate(names, L"Target");
-  const Errors afterMatch = errorsOf(rig, matched);
+  const StepErrors afterMatch = errorsOf(rig, matched);
   for (const auto& [name, report] : matcher.moduleReports()) {
     EXPECT_EQ(report.status, ModuleStatus::aligned) << Utils::toUtf8(name) << ": " << report.reason;
   }
   GeometryCalibration::MatrixBased::NeighbourNeighbour stitcher(matched, rig.images, 4, 6, 1.0f);
   const auto stitched = stitcher.calibrate(names, L"M3");
-  const Errors afterNeighbour = errorsOf(rig, stitched);
+  const StepErrors afterNeighbour = errorsOf(rig, stitched);
   std::printf("match %.3f / %.3f px, neighbour %.3f / %.3f px\n", afterMatch.mean, afterMatch.worst,
               afterNeighbour.mean, afterNeighbour.worst);
   for (const auto& pair : stitcher.pairReports()) {
@@ -89,7 +89,7 @@ TEST(CalibrationComposition, MatchThenNeighbourOnATurnedRig) {
 }
 
 // A module placed where M3 is, showing something else.
-void addDecoy(Rig& rig, const std::wstring& name, const cv::Mat& picture) {
+void addDecoy(PipelineRig& rig, const std::wstring& name, const cv::Mat& picture) {
   CameraDescription::OrbivaneModule decoy(name);
   decoy.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(rig.scene.misaligned.at(L"M3")));
   const auto image = Image::fromMat(picture);
@@ -103,7 +103,7 @@ void addDecoy(Rig& rig, const std::wstring& name, const cv::Mat& picture) {
 // of the later steps; clipping crops what the good modules cover and moves
 // every module with it; the whole camera ends within tolerance of the truth.
 TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
-  Rig rig = makeRig(false);
+  PipelineRig rig = makeRig(false);
   const cv::Size size = rig.scene.modulePicture;
   cv::Mat noise(size, CV_8UC3);
   cv::RNG(5).fill(noise, cv::RNG::UNIFORM, 0, 256);
@@ -157,8 +157,8 @@ TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
     EXPECT_LT(verdicts.at(name).residualPx, 1.0);
   }
   ASSERT_EQ(pipeline.steps().size(), 3u);
-  const Errors stitched = errorsOf(rig, pipeline.steps()[1].camera);
-  const Errors errors = errorsOf(rig, result, pipeline.steps()[2].clippingCrop);
+  const StepErrors stitched = errorsOf(rig, pipeline.steps()[1].camera);
+  const StepErrors errors = errorsOf(rig, result, pipeline.steps()[2].clippingCrop);
   EXPECT_LT(stitched.worst, 0.3);
   EXPECT_LT(errors.worst, 0.3);
   EXPECT_NEAR(errors.mean, stitched.mean, 0.01) << "the crop keeps every module where it was";
@@ -191,7 +191,7 @@ TEST(CalibrationPipeline, DecoysFailAndTheRigIsCalibrated) {
 // Every way a module can be unusable ends in a named status, and nothing
 // unusable is written.
 TEST(CalibrationPipeline, BadModulesEndInNamedStatuses) {
-  Rig rig = makeRig(true);
+  PipelineRig rig = makeRig(true);
   auto addModule = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
     CameraDescription::OrbivaneModule module(name);
     module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
@@ -243,7 +243,7 @@ TEST(CalibrationPipeline, BadModulesEndInNamedStatuses) {
 // The run is interrupted as neighbour stitching starts: no module counts as
 // calibrated, each says so, and the camera returned is whole.
 TEST(CalibrationPipeline, AnInterruptedRunReportsItsModulesAborted) {
-  const Rig rig = makeRig(true);
+  const PipelineRig rig = makeRig(true);
   GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
   pipeline.registerStatusCallback([&pipeline](int, int, std::string text, GeometryCalibration::AdvStepInfo) {
     if (text.rfind("neighbour stitching", 0) == 0) pipeline.abort();
@@ -287,7 +287,7 @@ TEST(CalibrationPipeline, TheReferenceAndTheTargetMustFitTheModules) {
   records.clip.valueMode = true;
   EXPECT_NE(records.validate().error().find("geometry mode"), std::string::npos);
   EXPECT_TRUE(options.clip.noHoles) << "the pipeline clips without holes unless told otherwise";
-  const Rig rig = makeRig(true);
+  const PipelineRig rig = makeRig(true);
   GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
   options.modules.clear();
   options.reference = L"Nowhere";
@@ -313,7 +313,7 @@ std::vector<double> matricesOf(const CameraDescription::Orbivane& camera) {
 // Python do: out of range, nothing moves and every module or pair says which
 // setting, instead of a run on values nobody can mean.
 TEST(CalibrationPipeline, EachCalibratorRefusesSettingsOutOfRangeWhenItStarts) {
-  const Rig rig = makeRig(true);
+  const PipelineRig rig = makeRig(true);
   const std::list<std::wstring> modules(rig.scene.names.begin(), rig.scene.names.end());
   const auto reasonOf = [](const GeometryCalibration::MatrixBased::MatchToTarget& matcher, const std::wstring& name) {
     return matcher.moduleReports().at(name).reason;
@@ -362,7 +362,7 @@ namespace {
 // could not place) overlaps none of them: neighbour stitching cannot tie it
 // in, so it fails with that reason, and the clip leaves no room for it.
 TEST(CalibrationPipeline, AModuleNoSeamTiesInFailsAndTheClipLeavesItOut) {
-  Rig rig = makeRig(true);
+  PipelineRig rig = makeRig(true);
   const std::wstring last = rig.scene.names.back();
   CameraDescription::OrbivaneModule aside(L"Aside");
   aside.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(

@@ -18,6 +18,7 @@
 
 #include "image_selection/person_detector_decoding.h"
 #include "image_selection/person_detector_hog.h"
+#include "support/scoped_environment.h"
 #include "synthetic/walking_video.h"
 #include "synthetic/sample_data.h"
 
@@ -38,24 +39,6 @@ PersonDetectorOptions offlineOptions(const Synthetic::TemporaryDirectory& folder
   options.yoloDirectory = folder.file("no-darknet");
   return options;
 }
-
-// Sets an environment variable for the lifetime of the object.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = std::getenv(name)) {
-      old_ = old;
-      hadOld_ = true;
-    }
-    ::setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnvironment() { hadOld_ ? ::setenv(name_, old_.c_str(), 1) : ::unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::string old_;
-  bool hadOld_ = false;
-};
 
 std::unique_ptr<PersonDetector> hog() {
   PersonDetectorOptions options;

@@ -21,8 +21,8 @@ using OrbivaneCalibration::SmartFinderFrame;
 using OrbivaneCalibration::SmartFinderImage;
 using OrbivaneCalibration::SmartFinderOptions;
 
-const std::int64_t kStart = 1795341600000LL;  // 2026-11-22T10:00:00Z
-constexpr int kFrames = 100;                   // 10 s per recording
+const std::int64_t kBackgroundStart = 1795341600000LL;  // 2026-11-22T10:00:00Z
+constexpr int kBackgroundFrames = 100;                   // 10 s per recording
 // Views of 288x432 of the video. Someone walks through the middle one in
 // every frame from 20 s to 30 s, and through the corner with the parked van
 // at the top right in every frame from 30 s to 40 s; in neither does anyone
@@ -37,8 +37,8 @@ constexpr double kSceneNoise = 0.01;
 class FinderOnStreetRecordings : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    middle_ = new Synthetic::WalkingClip(Synthetic::readWalkingClip(200, kFrames, 10, kMiddle));
-    corner_ = new Synthetic::WalkingClip(Synthetic::readWalkingClip(300, kFrames, 10, kVanCorner));
+    middle_ = new Synthetic::WalkingClip(Synthetic::readWalkingClip(200, kBackgroundFrames, 10, kMiddle));
+    corner_ = new Synthetic::WalkingClip(Synthetic::readWalkingClip(300, kBackgroundFrames, 10, kVanCorner));
     // The person put in: the first clear walker of at least 100 px in the middle view.
     for (const cv::Mat& frame : middle_->frames) {
       try {
@@ -82,8 +82,8 @@ class FinderOnStreetRecordings : public testing::Test {
   // Writes the recording of module "cam" and searches it.
   std::vector<SmartFinderFrame> search(const std::function<cv::Mat(int)>& draw,
                                        const SmartFinderOptions& o = everyHalfSecond()) {
-    Synthetic::writeVideo(dir_.file("cam.avi"), kFrames, 10.0, draw);
-    Synthetic::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), kStart, 0.0}});
+    Synthetic::writeVideo(dir_.file("cam.avi"), kBackgroundFrames, 10.0, draw);
+    Synthetic::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), kBackgroundStart, 0.0}});
     CameraDescription::Orbivane camera;
     CameraDescription::OrbivaneModule module(L"cam");
     const Quarn::QuarnConnection c = Synthetic::recordingsConnection(dir_.file("rec.json"), "cam");

@@ -21,23 +21,23 @@ namespace {
 using OrbivaneCalibration::PersonDetectorKind;
 using OrbivaneCalibration::SmartFinderMatchToTarget;
 
-const std::int64_t kStart = 1795341600000LL;
-const cv::Size kSize(320, 240);
+const std::int64_t kFinderStart = 1795341600000LL;
+const cv::Size kFinderSize(320, 240);
 constexpr int kOffset = 64;  // the module's crop starts 64 pixels right of the target's
 
-struct Rig {
+struct FinderRig {
   Synthetic::TemporaryDirectory dir;
   cv::Mat photo;
   CameraDescription::Orbivane camera;
   std::string index = dir.file("rec.json");
 
-  Rig() {
-    cv::resize(Synthetic::loadSample("fruits.jpg"), photo, {kSize.width + kOffset, kSize.height}, 0, 0, cv::INTER_AREA);
+  FinderRig() {
+    cv::resize(Synthetic::loadSample("fruits.jpg"), photo, {kFinderSize.width + kOffset, kFinderSize.height}, 0, 0, cv::INTER_AREA);
     const cv::Mat walker = Synthetic::vtestWalker();  // 100 x 181
     // The target sees the walker in frames 0-11, the module in frames 8-19.
     const auto video = [&](const std::string& name, int crop, int from, int to) {
       Synthetic::writeVideo(dir.file(name), 20, 10.0, [&, crop, from, to](int i) {
-        cv::Mat frame = photo(cv::Rect(crop, 0, kSize.width, kSize.height)).clone();
+        cv::Mat frame = photo(cv::Rect(crop, 0, kFinderSize.width, kFinderSize.height)).clone();
         if (i >= from && i < to) walker.copyTo(frame(cv::Rect(10 + (i - from) * 15, 30, walker.cols, walker.rows)));
         return frame;
       });
@@ -45,7 +45,7 @@ struct Rig {
     video("target.avi", 0, 0, 12);
     video("module.avi", kOffset, 8, 20);
     Synthetic::writeIndex(index,
-                        {{"T", dir.file("target.avi"), kStart, 0.0}, {"M", dir.file("module.avi"), kStart, 0.0}});
+                        {{"T", dir.file("target.avi"), kFinderStart, 0.0}, {"M", dir.file("module.avi"), kFinderStart, 0.0}});
     for (const auto& [name, matrix] :
          {std::make_pair(L"T", Utils::Matrix4x4::identity()), std::make_pair(L"M", misplaced())}) {
       CameraDescription::OrbivaneModule module(name);
@@ -58,7 +58,7 @@ struct Rig {
   // Truth: u shifted by kOffset / width; the camera starts 9 pixels and 2 %
   // of scale off.
   static Utils::Matrix4x4 misplaced() {
-    const cv::Matx33d m(1.02, 0, (kOffset + 9.0) / kSize.width, 0, 1.02, -0.01, 0, 0, 1);
+    const cv::Matx33d m(1.02, 0, (kOffset + 9.0) / kFinderSize.width, 0, 1.02, -0.01, 0, 0, 1);
     return OrbivaneGeometry::matrixFromPlanarHomography(m);
   }
 };
@@ -68,8 +68,8 @@ cv::Matx33d placement(const CameraDescription::Orbivane& camera) {
   using namespace OrbivaneGeometry;
   const cv::Matx33d mt = planarHomography(camera.findModule(L"T")->matrixGeometry()->matrix());
   const cv::Matx33d mm = planarHomography(camera.findModule(L"M")->matrixGeometry()->matrix());
-  const cv::Matx33d h = textureToPixels(kSize.width, kSize.height) * mt.inv() * mm *
-                        pixelsToTexture(kSize.width, kSize.height);
+  const cv::Matx33d h = textureToPixels(kFinderSize.width, kFinderSize.height) * mt.inv() * mm *
+                        pixelsToTexture(kFinderSize.width, kFinderSize.height);
   return h * (1.0 / h(2, 2));
 }
 
@@ -82,9 +82,9 @@ OrbivaneCalibration::SmartFinderOptions hogOptions() {
 }
 
 TEST(SmartFinderMatchToTargetTest, AlignsTheModuleOnEmptyFramesOfItsRecording) {
-  Rig rig;
+  FinderRig rig;
   const cv::Matx33d truth(1, 0, kOffset, 0, 1, 0, 0, 0, 1);
-  ASSERT_GT(Synthetic::cornerError(truth, placement(rig.camera), kSize), 5.0);
+  ASSERT_GT(Synthetic::cornerError(truth, placement(rig.camera), kFinderSize), 5.0);
 
   SmartFinderMatchToTarget smart(rig.camera);
   smart.setFinderOptions(hogOptions());
@@ -107,7 +107,7 @@ TEST(SmartFinderMatchToTargetTest, AlignsTheModuleOnEmptyFramesOfItsRecording) {
   EXPECT_EQ(frames.at(L"M").front().persons, 0);
   EXPECT_LT(frames.at(L"M").front().frame, 8);
 
-  EXPECT_THAT(placement(result), Testing::HomographyNear(truth, 0.5, kSize));
+  EXPECT_THAT(placement(result), Testing::HomographyNear(truth, 0.5, kFinderSize));
   EXPECT_LT(smart.error(L"M"), 10.0f);
   EXPECT_EQ(result.findModule(L"M")->image(), frames.at(L"M").front().picture);
   // One progress run: the finder's samples, then the matcher's steps.
@@ -117,15 +117,15 @@ TEST(SmartFinderMatchToTargetTest, AlignsTheModuleOnEmptyFramesOfItsRecording) {
 }
 
 TEST(SmartFinderMatchToTargetTest, AGivenTargetPictureIsUsedAndAbortStopsEarly) {
-  Rig rig;
+  FinderRig rig;
   const cv::Matx33d truth(1, 0, kOffset, 0, 1, 0, 0, 0, 1);
   std::map<std::wstring, std::shared_ptr<Image::UniversalImageInterface>> images;
-  images[L"T"] = Image::fromMat(rig.photo(cv::Rect(0, 0, kSize.width, kSize.height)).clone());
+  images[L"T"] = Image::fromMat(rig.photo(cv::Rect(0, 0, kFinderSize.width, kFinderSize.height)).clone());
   SmartFinderMatchToTarget smart(rig.camera, images);
   smart.setFinderOptions(hogOptions());
   const auto result = smart.calibrate({L"M"}, L"T");
   EXPECT_EQ(smart.frames().count(L"T"), 0u);  // not searched: its picture was given
-  EXPECT_THAT(placement(result), Testing::HomographyNear(truth, 0.5, kSize));
+  EXPECT_THAT(placement(result), Testing::HomographyNear(truth, 0.5, kFinderSize));
 
   SmartFinderMatchToTarget stopped(rig.camera);
   stopped.setFinderOptions(hogOptions());
@@ -134,7 +134,7 @@ TEST(SmartFinderMatchToTargetTest, AGivenTargetPictureIsUsedAndAbortStopsEarly) 
   });
   const auto partial = stopped.calibrate({L"M"}, L"T");
   EXPECT_TRUE(stopped.error().empty());
-  EXPECT_GT(Synthetic::cornerError(truth, placement(partial), kSize), 5.0);  // left where it was
+  EXPECT_GT(Synthetic::cornerError(truth, placement(partial), kFinderSize), 5.0);  // left where it was
 }
 
 }  // namespace

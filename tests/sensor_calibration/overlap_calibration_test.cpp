@@ -108,14 +108,14 @@ TEST(SensorShiftConversionTest, SurfaceUnitsBecomeSensorPixelsThroughTheMatrix) 
 // Two modules on one in-memory camera, both cropped from building.jpg: frames
 // of 520 x 600 at columns 0 and 300, windows 400 x 450 (x in [-60, 60]). At
 // windows (xA, xB) the pictures overlap by 100 + xA - xB columns.
-struct Pair {
+struct OverlapPair {
   std::shared_ptr<OrbivaneModule> left, right;
   std::string address;
 };
 
-Pair cameraPair(const std::string& name, int step, const Quarn::SimulatedFaults& rightFaults = {},
+OverlapPair cameraPair(const std::string& name, int step, const Quarn::SimulatedFaults& rightFaults = {},
                 const std::string& rightPicture = "building.jpg") {
-  Pair p;
+  OverlapPair p;
   p.address = "memory:overlap-" + name;
   auto camera = Quarn::SimulatedCamera::open(p.address).value();
   for (const auto& [id, crop] : {std::make_pair(std::string("A"), 0), std::make_pair(std::string("B"), 300)}) {
@@ -140,7 +140,7 @@ Pair cameraPair(const std::string& name, int step, const Quarn::SimulatedFaults&
   return p;
 }
 
-std::pair<int, int> windowsOf(const Pair& p) {
+std::pair<int, int> windowsOf(const OverlapPair& p) {
   auto camera = Quarn::SimulatedCamera::open(p.address).value();
   return {camera->module("A").value().window.x, camera->module("B").value().window.x};
 }
@@ -152,7 +152,7 @@ SensorShifter::OverlapOptions wanting(double pixels) {
 }
 
 TEST(OverlapCalibrationTest, MovesTheRightWindowUntilTheOverlapIsTheWantedOne) {
-  Pair p = cameraPair("plain", 2);
+  OverlapPair p = cameraPair("plain", 2);
   auto result = SensorShifter::overlapCalibration(p.left, p.right, wanting(70.0));
   ASSERT_TRUE(result) << result.error();
   EXPECT_NEAR(result.value().before.overlap, 100.0, 0.2);
@@ -185,7 +185,7 @@ TEST(OverlapCalibrationTest, MovesTheRightWindowUntilTheOverlapIsTheWantedOne) {
 
 TEST(OverlapCalibrationTest, RoundsToTheStepAndSharesWhatTheLimitsRefuse) {
   // Step 4: a surplus of 29 px moves by 28, one pixel off but within a step.
-  Pair stepped = cameraPair("stepped", 4);
+  OverlapPair stepped = cameraPair("stepped", 4);
   auto result = SensorShifter::overlapCalibration(stepped.left, stepped.right, wanting(71.0));
   ASSERT_TRUE(result) << result.error();
   EXPECT_EQ(windowsOf(stepped), std::make_pair(0, 28));
@@ -195,7 +195,7 @@ TEST(OverlapCalibrationTest, RoundsToTheStepAndSharesWhatTheLimitsRefuse) {
   // 250 px wanted: the right window stops at -60, the left one moves right
   // to its limit 60, and the overlap ends at 220 px, not reached. (The
   // search must then cover more than half the left picture.)
-  Pair wide = cameraPair("wide", 2);
+  OverlapPair wide = cameraPair("wide", 2);
   SensorShifter::OverlapOptions options = wanting(250.0);
   options.searchShare = 0.75;
   result = SensorShifter::overlapCalibration(wide.left, wide.right, options);
@@ -206,7 +206,7 @@ TEST(OverlapCalibrationTest, RoundsToTheStepAndSharesWhatTheLimitsRefuse) {
   EXPECT_EQ(result.value().leftWindow.x, 60);
 
   // Nothing to do: no move.
-  Pair done = cameraPair("done", 2);
+  OverlapPair done = cameraPair("done", 2);
   result = SensorShifter::overlapCalibration(done.left, done.right, wanting(100.0));
   ASSERT_TRUE(result) << result.error();
   EXPECT_EQ(result.value().moves, 0);
@@ -216,7 +216,7 @@ TEST(OverlapCalibrationTest, RoundsToTheStepAndSharesWhatTheLimitsRefuse) {
 TEST(OverlapCalibrationTest, FailuresLeaveTheWindowsAndSaySo) {
   Quarn::SimulatedFaults refusing;
   refusing.writeFailing = true;
-  Pair p = cameraPair("refusing", 2, refusing);
+  OverlapPair p = cameraPair("refusing", 2, refusing);
   testing::internal::CaptureStderr();
   auto result = SensorShifter::overlapCalibration(p.left, p.right, wanting(70.0));
   const std::string err = testing::internal::GetCapturedStderr();
@@ -225,13 +225,13 @@ TEST(OverlapCalibrationTest, FailuresLeaveTheWindowsAndSaySo) {
   EXPECT_THAT(err, HasSubstr("!!!Error "));
   EXPECT_EQ(windowsOf(p), std::make_pair(0, 0));
 
-  Pair apart = cameraPair("apart", 2, {}, "fruits.jpg");  // another scene altogether
+  OverlapPair apart = cameraPair("apart", 2, {}, "fruits.jpg");  // another scene altogether
   result = SensorShifter::overlapCalibration(apart.left, apart.right, wanting(70.0));
   ASSERT_FALSE(result);
   EXPECT_THAT(result.error(), HasSubstr("do not overlap"));
   EXPECT_EQ(windowsOf(apart), std::make_pair(0, 0));
 
-  Pair p2 = cameraPair("nowanted", 2);
+  OverlapPair p2 = cameraPair("nowanted", 2);
   result = SensorShifter::overlapCalibration(p2.left, p2.right, SensorShifter::OverlapOptions{});
   ASSERT_FALSE(result);
   EXPECT_THAT(result.error(), HasSubstr("No wanted overlap"));
@@ -245,7 +245,7 @@ TEST(OverlapCalibrationTest, FailuresLeaveTheWindowsAndSaySo) {
 }
 
 TEST(SensorShiftCalibrationTest, MovesTheWindowBySurfaceUnitsToTheNearestStep) {
-  Pair p = cameraPair("surface", 4);
+  OverlapPair p = cameraPair("surface", 4);
   p.right->setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(Utils::Matrix4x4::identity()));
   p.right->setImage(Image::fromMat(cv::Mat(450, 400, CV_8UC3, cv::Scalar::all(0))));
   // 0.0575 of the surface is 23 px: the nearest step of 4 is 24.
@@ -271,7 +271,7 @@ TEST(SensorShiftCalibrationTest, MovesTheWindowBySurfaceUnitsToTheNearestStep) {
 }
 
 TEST(OverlapImageTest, ShowsBothStripsAndTheOverlapLaidTogether) {
-  Pair p = cameraPair("picture", 2);
+  OverlapPair p = cameraPair("picture", 2);
   ASSERT_TRUE(SensorShifter::overlapCalibration(p.left, p.right, wanting(80.0)));
   const auto shown = SensorShifter::overlapImg(p.left, p.right, 80.0);
   ASSERT_TRUE(shown);

@@ -29,7 +29,7 @@ std::shared_ptr<Image::UniversalImageInterface> picture(const char* name, cv::Si
   return Image::fromMat(m);
 }
 
-Shader lens(std::map<std::string, std::string> values) { return Shader(ImageSource::kLensDistortionShaderUid, values); }
+Shader lensOf(std::map<std::string, std::string> values) { return Shader(ImageSource::kLensDistortionShaderUid, values); }
 
 cv::Mat render(ImageShading& shading, const std::shared_ptr<Image::UniversalImageInterface>& image,
                Utils::Optional<Utils::Size> size = std::nullopt) {
@@ -45,7 +45,7 @@ double meanDifference(const cv::Mat& a, const cv::Mat& b) {
 TEST(ImageShading, IdentityChainAndRegularGridLeaveThePictureUnchanged) {
   const auto image = picture("fruits.jpg", cv::Size(320, 240));
   ImageShading shading;
-  shading.SetShader({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4()), lens({})});
+  shading.SetShader({OrbivaneGeometry::clipMatrixShader(Utils::Matrix4x4()), lensOf({})});
   shading.SetUVGrid(Utils::UVGrid(4, 3));
   EXPECT_THAT(render(shading, image), Testing::PictureNear(Image::toMat(image), 0));
   // A translated and scaled module only moves its footprint: the framed rendering is the same.
@@ -143,7 +143,7 @@ TEST(ImageShading, LensDistortionFollowsItsFormulaAndEveryParameterShows) {
                                                 {"i_ps_distortion_ext_pwp", "2"},
                                                 {"i_ps_distortion_ext_method", "0"}};
   ImageShading shading;
-  shading.SetShader({lens(base)});
+  shading.SetShader({lensOf(base)});
   const cv::Mat ours = render(shading, image);
   // The formula written out independently: c, d, q, k and the source point.
   cv::Mat mapX(240, 320, CV_32F), mapY(240, 320, CV_32F);
@@ -168,12 +168,12 @@ TEST(ImageShading, LensDistortionFollowsItsFormulaAndEveryParameterShows) {
                                                                {"i_ps_distortion_ext_method", "1"}}) {
     auto changed = base;
     changed[change.first] = change.second;
-    shading.SetShader({lens(changed)});
+    shading.SetShader({lensOf(changed)});
     EXPECT_GT(meanDifference(render(shading, image), ours), 2.0) << change.first;
   }
   auto broken = base;
   broken["f_TCorrection_F"] = "nan";
-  EXPECT_THROW(shading.SetShader({lens(broken)}), std::invalid_argument);
+  EXPECT_THROW(shading.SetShader({lensOf(broken)}), std::invalid_argument);
 }
 
 // The grey rendering of `shading` at `size` by the renderer's current sampler.
@@ -206,16 +206,16 @@ std::vector<std::list<Shader>> testedChains() {
   std::vector<std::list<Shader>> chains;
   for (const char* x : {"-0.3", "0.3"})
     for (const char* y : {"-0.3", "0.3"})
-      chains.push_back({lens({{"f_TCorrection_F", "0.75"}, {"f_TCorrection_H", "0.75"}, {"f_TCorrection_V", "0.75"},
+      chains.push_back({lensOf({{"f_TCorrection_F", "0.75"}, {"f_TCorrection_H", "0.75"}, {"f_TCorrection_V", "0.75"},
                               {"f_ps_distortion_ext_xshift", x}, {"f_ps_distortion_ext_yshift", y}})});
-  chains.push_back({lens({{"f_TCorrection_F", "0.05"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.05"},
+  chains.push_back({lensOf({{"f_TCorrection_F", "0.05"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.05"},
                           {"f_ps_distortion_ext_xshift", "-0.3"}, {"f_ps_distortion_ext_yshift", "0.25"}})});
-  chains.push_back({lens({{"f_TCorrection_F", "0.1"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.3"},
+  chains.push_back({lensOf({{"f_TCorrection_F", "0.1"}, {"f_TCorrection_H", "0.05"}, {"f_TCorrection_V", "0.3"},
                           {"f_ps_distortion_ext_xshift", "-0.1"}})});
   chains.push_back({OrbivaneGeometry::clipMatrixShader(OrbivaneGeometry::matrixFromPlanarHomography(perspective)),
-                    lens({{"f_TCorrection_F", "0.5"}, {"i_ps_distortion_ext_pwp", "5"},
+                    lensOf({{"f_TCorrection_F", "0.5"}, {"i_ps_distortion_ext_pwp", "5"},
                           {"i_ps_distortion_ext_method", "1"}, {"f_ps_distortion_ext_yshift", "0.2"}})});
-  chains.push_back({lens({{"f_TCorrection_F", "0.4"}, {"f_TCorrection_H", "0.3"}, {"i_ps_distortion_ext_pwp", "3"}})});
+  chains.push_back({lensOf({{"f_TCorrection_F", "0.4"}, {"f_TCorrection_H", "0.3"}, {"i_ps_distortion_ext_pwp", "3"}})});
   return chains;
 }
 
@@ -269,7 +269,7 @@ TEST(ImageShading, FamilyMembersRenderedTogetherAreRenderedAsAlone) {
   for (int sampler = 0; sampler <= ImageSource::ShaderRenderer::bestSamplerLevel(); ++sampler) {
     ImageSource::ShaderRenderer::setSamplerLevel(sampler);
     ImageShading shading;
-    shading.SetShader({lens({{"f_TCorrection_F", "0.6"}, {"f_ps_distortion_ext_xshift", "0.15"}})});
+    shading.SetShader({lensOf({{"f_TCorrection_F", "0.6"}, {"f_ps_distortion_ext_xshift", "0.15"}})});
     auto& renderer = ImageSource::ImageShadingAccess::renderer(shading);
     const cv::Size size(203, 150);
     ImageSource::GreyFamily family;
@@ -352,7 +352,7 @@ TEST(ImageShading, GreyOfAColourIsOpenCvsAndEveryGreyCanBeMatched) {
 TEST(ImageShading, SharedPreparationRendersLikeAnOwnOne) {
   const auto image = picture("fruits.jpg", cv::Size(640, 480));
   const cv::Size size(160, 120);
-  const std::list<Shader> chain{lens({{"f_TCorrection_F", "0.35"}, {"f_ps_distortion_ext_xshift", "0.1"}})};
+  const std::list<Shader> chain{lensOf({{"f_TCorrection_F", "0.35"}, {"f_ps_distortion_ext_xshift", "0.1"}})};
   ImageShading first, second, own;
   first.SetShader(chain);
   renderGreyWith(first, image, size);  // prepares picture and coordinates

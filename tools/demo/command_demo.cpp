@@ -65,7 +65,7 @@ std::string today() {
   return text;
 }
 
-void run() {
+void runDemo() {
   const DemoOptions& o = options();
   const Demo::Stopwatch total;
   prepareFolder(o.out);
@@ -162,7 +162,7 @@ void addDemoCommand(CLI::App& app) {
   demo->add_option("--data", options().data, "Folder of the opencv-doc sample pictures and videos")
       ->capture_default_str();
   demo->add_flag("--quick", options().quick, "A smaller scene and a slice of the shader grid (about a minute)");
-  demo->callback(run);
+  demo->callback(runDemo);
 }
 
 }  // namespace Tool

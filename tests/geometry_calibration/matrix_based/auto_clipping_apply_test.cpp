@@ -18,22 +18,17 @@
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/rendering/panorama_renderer.h"
+#include "support/clipping_cameras.h"
 #include "synthetic/sample_data.h"
 
 namespace {
 
 using CameraDescription::Orbivane;
 using CameraDescription::OrbivaneModule;
+using ClippingCameras::cameraWithHole;
+using ClippingCameras::quadMatrix;
 using GeometryCalibration::MatrixBased::AutoClipping;
 namespace Coverage = GeometryCalibration::MatrixBased::AutoClippingCoverage;
-
-// The matrix that puts the unit square's corners (top-left, top-right,
-// bottom-right, bottom-left) on the given surface points.
-Utils::Matrix4x4 quadMatrix(const std::array<cv::Point2f, 4>& corners) {
-  const std::array<cv::Point2f, 4> unit = {cv::Point2f(0, 0), cv::Point2f(1, 0), cv::Point2f(1, 1), cv::Point2f(0, 1)};
-  return OrbivaneGeometry::matrixFromPlanarHomography(
-      cv::Matx33d(cv::getPerspectiveTransform(unit.data(), corners.data())));
-}
 
 // The largest all-set rectangle by trying every one (small masks only).
 long bruteForceLargestArea(const cv::Mat& mask) {
@@ -74,25 +69,6 @@ TEST(AutoClippingNoHoles, LargestHoleFreeRectangleIsTheLargest) {
   two(cv::Rect(3, 0, 2, 2)).setTo(255);
   two(cv::Rect(0, 3, 2, 2)).setTo(255);
   EXPECT_EQ(Coverage::largestHoleFreeRect(two), cv::Rect(3, 0, 2, 2));
-}
-
-// Four quadrants; the bottom-right one's top-left corner pulled in to
-// (0.54, 0.54) leaves a thin hole along its seams.
-std::shared_ptr<Orbivane> cameraWithHole() {
-  auto camera = std::make_shared<Orbivane>();
-  camera->setPanoramaSize({400, 200});
-  const std::vector<std::array<cv::Point2f, 4>> quads = {
-      {cv::Point2f(0, 0), cv::Point2f(0.5f, 0), cv::Point2f(0.5f, 0.5f), cv::Point2f(0, 0.5f)},
-      {cv::Point2f(0.5f, 0), cv::Point2f(1, 0), cv::Point2f(1, 0.5f), cv::Point2f(0.5f, 0.5f)},
-      {cv::Point2f(0, 0.5f), cv::Point2f(0.5f, 0.5f), cv::Point2f(0.5f, 1), cv::Point2f(0, 1)},
-      {cv::Point2f(0.54f, 0.54f), cv::Point2f(1, 0.5f), cv::Point2f(1, 1), cv::Point2f(0.5f, 1)}};
-  const wchar_t* names[] = {L"A", L"B", L"C", L"D"};
-  for (std::size_t i = 0; i < quads.size(); ++i) {
-    OrbivaneModule module(names[i]);
-    module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(quadMatrix(quads[i])));
-    camera->addModule(module);
-  }
-  return camera;
 }
 
 TEST(AutoClippingNoHoles, TheKnownHoleIsCutOutInsteadOfKept) {

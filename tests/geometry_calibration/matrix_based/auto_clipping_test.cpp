@@ -20,12 +20,15 @@
 #include "orbivane/geometry_calibration/matrix_based/auto_clipping.h"
 #include "orbivane/image/image_conversion.h"
 #include "support/captured_log.h"
+#include "support/clipping_cameras.h"
 #include "synthetic/sample_data.h"
 
 namespace {
 
 using CameraDescription::Orbivane;
 using CameraDescription::OrbivaneModule;
+using ClippingCameras::cameraWithHole;
+using ClippingCameras::quadMatrix;
 using GeometryCalibration::MatrixBased::AutoClipping;
 
 // The matrix that puts a module's unit square on the box x0..x1, y0..y1.
@@ -36,13 +39,6 @@ Utils::Matrix4x4 boxMatrix(float x0, float y0, float x1, float y1) {
   m.set(1, 1, y1 - y0);
   m.set(1, 3, y0);
   return m;
-}
-
-// The matrix that puts the unit square's corners (top-left, top-right,
-// bottom-right, bottom-left) on the given surface points.
-Utils::Matrix4x4 quadMatrix(const std::array<cv::Point2f, 4>& corners) {
-  const std::array<cv::Point2f, 4> unit = {cv::Point2f(0, 0), cv::Point2f(1, 0), cv::Point2f(1, 1), cv::Point2f(0, 1)};
-  return OrbivaneGeometry::matrixFromPlanarHomography(cv::Matx33d(cv::getPerspectiveTransform(unit.data(), corners.data())));
 }
 
 struct ModuleSpec {
@@ -59,18 +55,6 @@ std::shared_ptr<Orbivane> cameraOf(const std::vector<ModuleSpec>& modules, Utils
     camera->addModule(module);
   }
   return camera;
-}
-
-// Four quadrants; the bottom-right module's top-left corner is pulled in to
-// (0.54, 0.54), which leaves a hole along its seams with the modules above
-// and to the left of it: the quadrilateral (0.5, 0.5), (1, 0.5), (0.54, 0.54),
-// (0.5, 1), 2 % of the panorama.
-std::shared_ptr<Orbivane> cameraWithHole() {
-  return cameraOf({{L"A", boxMatrix(0, 0, 0.5f, 0.5f)},
-                   {L"B", boxMatrix(0.5f, 0, 1, 0.5f)},
-                   {L"C", boxMatrix(0, 0.5f, 0.5f, 1)},
-                   {L"D", quadMatrix({cv::Point2f(0.54f, 0.54f), cv::Point2f(1, 0.5f), cv::Point2f(1, 1),
-                                      cv::Point2f(0.5f, 1)})}});
 }
 
 // Two modules side by side meeting at x = 0.5.

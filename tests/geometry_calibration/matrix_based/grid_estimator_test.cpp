@@ -20,34 +20,34 @@ namespace {
 
 using GeometryCalibration::MatrixBased::MatchToTarget;
 
-const cv::Size kSize(640, 360);
+const cv::Size kGridSize(640, 360);
 
-struct Pair {
+struct GridPair {
   Synthetic::Scene scene;
   Synthetic::ModuleTruth truth;
   cv::Mat module;
 };
 
-Pair makePair(const char* photo, double amplitude, std::uint64_t seed, cv::Rect flat = cv::Rect()) {
+GridPair makePair(const char* photo, double amplitude, std::uint64_t seed, cv::Rect flat = cv::Rect()) {
   cv::RNG rng(seed);
-  Pair p;
-  p.scene = Synthetic::makeScene(photo, kSize, 0.2);
+  GridPair p;
+  p.scene = Synthetic::makeScene(photo, kGridSize, 0.2);
   if (!flat.empty()) {
     // A textureless patch of the scene, seen by both pictures.
     p.scene.picture(flat + cv::Point(cvRound(p.scene.targetOrigin.x), cvRound(p.scene.targetOrigin.y)))
         .setTo(cv::Scalar(120, 125, 130));
     p.scene.target = p.scene.picture(cv::Rect(cv::Point(cvRound(p.scene.targetOrigin.x), cvRound(p.scene.targetOrigin.y)),
-                                              kSize))
+                                              kGridSize))
                          .clone();
   }
-  p.truth.homography = Synthetic::realisticMisalignment(rng, kSize, kSize);
+  p.truth.homography = Synthetic::realisticMisalignment(rng, kGridSize, kGridSize);
   p.truth.amplitude = amplitude;
   p.truth.period = 500.0;
-  p.module = Synthetic::renderModule(p.scene, p.truth, kSize, 0.9, 8.0, 2.0, seed);
+  p.module = Synthetic::renderModule(p.scene, p.truth, kGridSize, 0.9, 8.0, 2.0, seed);
   return p;
 }
 
-CameraDescription::Orbivane calibrated(const Pair& p, int columns, int rows) {
+CameraDescription::Orbivane calibrated(const GridPair& p, int columns, int rows) {
   CameraDescription::Orbivane camera;
   for (const wchar_t* name : {L"T", L"m"}) {
     CameraDescription::OrbivaneModule module(name);
@@ -65,15 +65,15 @@ CameraDescription::Orbivane calibrated(const Pair& p, int columns, int rows) {
   return calibrator.calibrate({L"m"}, L"T");
 }
 
-double denseError(const Pair& p, const CameraDescription::Orbivane& camera, cv::Rect2d area = cv::Rect2d(0, 0, 1, 1)) {
-  return Synthetic::denseError(p.truth, *camera.findModule(L"m")->matrixGeometry(), kSize, 40, area);
+double denseError(const GridPair& p, const CameraDescription::Orbivane& camera, cv::Rect2d area = cv::Rect2d(0, 0, 1, 1)) {
+  return Synthetic::denseError(p.truth, *camera.findModule(L"m")->matrixGeometry(), kGridSize, 40, area);
 }
 
 // Normalised correlation of the target and the module drawn alone on a
 // panorama of the target's frame, over the pixels the module covers.
-double drawnCorrelation(const Pair& p, const CameraDescription::Orbivane& camera) {
+double drawnCorrelation(const GridPair& p, const CameraDescription::Orbivane& camera) {
   OrbivaneRendering::PanoramaOptions options;
-  options.size = Utils::Size{kSize.width, kSize.height};
+  options.size = Utils::Size{kGridSize.width, kGridSize.height};
   options.feather = 0.0;
   options.modules = {L"m"};
   const auto panorama = OrbivaneRendering::renderPanorama(camera, options);
@@ -94,7 +94,7 @@ double drawnCorrelation(const Pair& p, const CameraDescription::Orbivane& camera
 }
 
 TEST(GridEstimator, HoldsASmoothNonRigidWarpAndThePanoramaDrawsIt) {
-  const Pair p = makePair("home.jpg", 3.0, 41);
+  const GridPair p = makePair("home.jpg", 3.0, 41);
   const auto plain = calibrated(p, 0, 0);
   const auto gridded = calibrated(p, 16, 9);
   const auto* geometry = gridded.findModule(L"m")->matrixGeometry();
@@ -111,7 +111,7 @@ TEST(GridEstimator, HoldsASmoothNonRigidWarpAndThePanoramaDrawsIt) {
 }
 
 TEST(GridEstimator, GridsUpToFineSizesStayUnfoldedAndAccurate) {
-  const Pair p = makePair("baboon.jpg", 3.0, 42);
+  const GridPair p = makePair("baboon.jpg", 3.0, 42);
   for (const auto& size : {std::make_pair(16, 9), std::make_pair(32, 18), std::make_pair(48, 27)}) {
     const auto camera = calibrated(p, size.first, size.second);
     const auto& grid = camera.findModule(L"m")->matrixGeometry()->uvGrid();
@@ -123,7 +123,7 @@ TEST(GridEstimator, GridsUpToFineSizesStayUnfoldedAndAccurate) {
 }
 
 TEST(GridEstimator, RigidModuleKeepsItsRegularGrid) {
-  const Pair p = makePair("building.jpg", 0.0, 43);
+  const GridPair p = makePair("building.jpg", 0.0, 43);
   const auto plain = calibrated(p, 0, 0);
   const auto gridded = calibrated(p, 32, 18);
   const auto& grid = gridded.findModule(L"m")->matrixGeometry()->uvGrid();
@@ -136,7 +136,7 @@ TEST(GridEstimator, RigidModuleKeepsItsRegularGrid) {
 TEST(GridEstimator, TexturelessCellsFollowTheirNeighbours) {
   // A flat block over about three by three cells of a 16x9 grid, in the middle of the picture.
   const cv::Rect flat(240, 120, 130, 110);
-  const Pair p = makePair("graf1.png", 3.0, 44, flat);
+  const GridPair p = makePair("graf1.png", 3.0, 44, flat);
   const auto plain = calibrated(p, 0, 0);
   const auto gridded = calibrated(p, 16, 9);
   const auto& grid = gridded.findModule(L"m")->matrixGeometry()->uvGrid();
@@ -144,8 +144,8 @@ TEST(GridEstimator, TexturelessCellsFollowTheirNeighbours) {
   EXPECT_TRUE(Synthetic::gridUnfolded(*grid));
   // Inside the block (in module positions, where the target shows it) the
   // grid has nothing to measure: its points there continue the field around.
-  const cv::Rect2d area(double(flat.x + 20) / kSize.width, double(flat.y + 20) / kSize.height,
-                        double(flat.width - 40) / kSize.width, double(flat.height - 40) / kSize.height);
+  const cv::Rect2d area(double(flat.x + 20) / kGridSize.width, double(flat.y + 20) / kGridSize.height,
+                        double(flat.width - 40) / kGridSize.width, double(flat.height - 40) / kGridSize.height);
   const double without = denseError(p, plain, area), with = denseError(p, gridded, area);
   EXPECT_GT(without, 1.0);
   EXPECT_LT(with, 0.5);
@@ -162,14 +162,14 @@ namespace {
 // rot: "), where an undisturbed module of the same lens leaves none out, and
 // the grid stays as close to the truth as on the undisturbed module.
 TEST(GridEstimator, APatchThatTurnedIsLeftOutForItsTurn) {
-  const Pair undisturbed = makePair("home.jpg", 3.0, 45);
+  const GridPair undisturbed = makePair("home.jpg", 3.0, 45);
   std::optional<CameraDescription::Orbivane> reference;
   {
     const Testing::CapturedLog log("MatrixBasedMatchToBackground");
     reference = calibrated(undisturbed, 16, 9);
     EXPECT_EQ(log.text().find("Skip for rot: \t"), std::string::npos) << "a lens field turns by hundredths only";
   }
-  Pair p = makePair("home.jpg", 3.0, 45);
+  GridPair p = makePair("home.jpg", 3.0, 45);
   const cv::Rect square(300, 150, 64, 64), around = square + cv::Point(-20, -20) + cv::Size(40, 40);
   const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(around.width / 2.0f, around.height / 2.0f), 15.0, 1.0);
   cv::Mat turned;

@@ -34,7 +34,7 @@ using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInter
 
 // A target T spanning the surface and modules that see parts of the same
 // photograph, each placed with a matrix a little off the truth.
-struct Rig {
+struct ContractRig {
   CameraDescription::Orbivane camera;
   Images images;
   std::map<std::wstring, Utils::Matrix4x4> truth;
@@ -49,8 +49,8 @@ Utils::Matrix4x4 boxMatrix(double x0, double y0, double x1, double y1) {
   return m;
 }
 
-Rig makeRig() {
-  Rig rig;
+ContractRig makeRig() {
+  ContractRig rig;
   cv::Mat scene = Synthetic::loadSample("building.jpg");
   cv::resize(scene, scene, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
   auto add = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
@@ -71,7 +71,7 @@ Rig makeRig() {
 }
 
 TEST(MatchToTargetContract, ModeOneReturnsEveryMatrixBitForBit) {
-  Rig rig = makeRig();
+  ContractRig rig = makeRig();
   // A matrix whose (3, 3) element is not 1 and whose depth row is not the
   // identity's, and the distortion-method flag set by a lens shader.
   Utils::Matrix4x4 odd = rig.camera.findModule(L"A")->matrixGeometry()->matrix();
@@ -92,7 +92,7 @@ TEST(MatchToTargetContract, ModeOneReturnsEveryMatrixBitForBit) {
 }
 
 TEST(MatchToTargetContract, ModeThreeAppliesItsCorrectionOnTopOfThePreviousMatrix) {
-  const Rig rig = makeRig();
+  const ContractRig rig = makeRig();
   MatchToTarget calibrator(rig.camera, rig.images);
   calibrator.setCalibrationMode(MatchToTarget::kIterative);
   const auto result = calibrator.calibrate({L"A", L"B"}, L"T");
@@ -110,7 +110,7 @@ TEST(MatchToTargetContract, ModeThreeAppliesItsCorrectionOnTopOfThePreviousMatri
 }
 
 TEST(MatchToTargetContract, GridModeKeepsTheGridsItWasNotGivenAndItsProgressWithinTheTotal) {
-  Rig rig = makeRig();
+  ContractRig rig = makeRig();
   // B has a UV grid of its own; only A gets one from initGrid.
   Utils::UVGrid own(3, 2);
   rig.camera.findModule(L"B")->matrixGeometry()->setUVGrid(own);
@@ -137,7 +137,7 @@ TEST(MatchToTargetContract, GridModeKeepsTheGridsItWasNotGivenAndItsProgressWith
 }
 
 TEST(MatchToTargetContract, AModuleThatCannotBeMatchedFailsWithItsFinishedReport) {
-  Rig rig = makeRig();
+  ContractRig rig = makeRig();
   rig.images[L"B"] = Image::fromMat(cv::Mat(1, 1, CV_8UC3, cv::Scalar(5, 5, 5)));  // cannot be matched
   MatchToTarget calibrator(rig.camera, rig.images);
   std::vector<std::string> texts;
@@ -166,7 +166,7 @@ TEST(MatchToTargetContract, AModuleThatCannotBeMatchedFailsWithItsFinishedReport
 // keeps it from the estimator. Only missing modules and those without
 // matrix geometry or picture are left without an error entry.
 TEST(MatchToTargetContract, EveryFailurePathGivesAnErrorEntryAndItsFinishedReport) {
-  Rig rig = makeRig();
+  ContractRig rig = makeRig();
   auto add = [&rig](const std::wstring& name, const Utils::Matrix4x4& matrix, const cv::Mat& picture) {
     CameraDescription::OrbivaneModule module(name);
     module.setGeometry(std::make_unique<OrbivaneGeometry::MatrixGeometry>(matrix));
@@ -250,7 +250,7 @@ TEST(MatchToTargetContract, EveryFailurePathGivesAnErrorEntryAndItsFinishedRepor
 // run, and the modules still go through the driver.
 TEST(MatchToTargetContract, AnUnusableWorkScaleIsHeldAndSaidOnce) {
   const Testing::CapturedLog log("MatrixBasedMatchToBackground");
-  const Rig rig = makeRig();
+  const ContractRig rig = makeRig();
   MatchToTarget calibrator(rig.camera, rig.images);
   calibrator.allowScale(0.001f);  // a 0.6 x 0.5 px work picture: held at 2 px
   calibrator.calibrate({L"A", L"B"}, L"T");
@@ -299,7 +299,7 @@ TEST(MatchToTargetContract, AModuleKeptInPlaceHasTheErrorOfARejectedResult) {
 
 TEST(MatchToTargetContract, SkippedModulesAreLoggedWithTheirMessages) {
   const Testing::CapturedLog log("MatrixBasedMatchToBackground");
-  Rig rig = makeRig();
+  ContractRig rig = makeRig();
   CameraDescription::OrbivaneModule region(L"R");
   region.setGeometry(std::make_unique<OrbivaneGeometry::RegionBasedGeometry>());
   rig.camera.addModule(region);

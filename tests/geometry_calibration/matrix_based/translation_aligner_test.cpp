@@ -21,7 +21,7 @@ using GeometryCalibration::MatrixBased::comparisonRectangle;
 using GeometryCalibration::MatrixBased::pyramidDepth;
 using GeometryCalibration::MatrixBased::TranslationAligner;
 
-constexpr int kFine = Synthetic::kFineScale;
+constexpr int kAlignerFine = Synthetic::kFineScale;
 
 cv::Mat greyScene(const std::string& sample, cv::Size pictureArea) {
   cv::Mat grey;
@@ -68,11 +68,11 @@ TEST(TranslationAligner, RecoversKnownSubPixelOffsetsBetweenRealPictures) {
   for (const char* sample : {"baboon.jpg", "fruits.jpg", "building.jpg"}) {
     const cv::Mat scene = greyScene(sample, cv::Size(size.width * 2, size.height + 16));
     for (int k = 0; k < 3; ++k) {
-      const int shiftX = rng.uniform(170 * kFine, 190 * kFine);
-      const int shiftY = rng.uniform(-3 * kFine, 3 * kFine);
-      const cv::Mat first = cut(scene, 0, 4 * kFine, size, 1.0, 0.0, 2.0, rng);
-      const cv::Mat second = cut(scene, shiftX, 4 * kFine + shiftY, size, 0.9, 10.0, 2.0, rng);
-      const cv::Point2d truth(double(shiftX) / kFine, double(shiftY) / kFine);
+      const int shiftX = rng.uniform(170 * kAlignerFine, 190 * kAlignerFine);
+      const int shiftY = rng.uniform(-3 * kAlignerFine, 3 * kAlignerFine);
+      const cv::Mat first = cut(scene, 0, 4 * kAlignerFine, size, 1.0, 0.0, 2.0, rng);
+      const cv::Mat second = cut(scene, shiftX, 4 * kAlignerFine + shiftY, size, 0.9, 10.0, 2.0, rng);
+      const cv::Point2d truth(double(shiftX) / kAlignerFine, double(shiftY) / kAlignerFine);
       const cv::Point2d start = truth + cv::Point2d(rng.uniform(-3.0, 3.0), rng.uniform(-3.0, 3.0));
       TranslationAligner aligner(4, 6, 1.0f);
       const auto result = aligner.align(first, second, start, 1.0, 1.0);
@@ -96,7 +96,7 @@ TEST(TranslationAligner, HonoursTheScaleRatioBetweenNeighbours) {
   const cv::Mat scene = greyScene("fruits.jpg", cv::Size(520, 260));
   const cv::Mat first = cut(scene, 0, 0, size, 1.0, 0.0, 1.0, rng);
   cv::Mat second;
-  const int x2 = 173 * kFine + 3, y2 = 2 * kFine + 5;
+  const int x2 = 173 * kAlignerFine + 3, y2 = 2 * kAlignerFine + 5;
   cv::resize(scene(cv::Rect(x2, y2, size.width * 10, size.height * 10)), second, size, 0, 0, cv::INTER_AREA);
   const cv::Point2d truth((x2 + 1) / 8.0, (y2 + 1) / 8.0);
   TranslationAligner aligner(4, 6, 1.0f);
