@@ -21,7 +21,6 @@ using OrbivaneCalibration::SmartFinderFrame;
 using OrbivaneCalibration::SmartFinderImage;
 using OrbivaneCalibration::SmartFinderOptions;
 
-const std::int64_t kBackgroundStart = 1795341600000LL;  // 2026-11-22T10:00:00Z
 constexpr int kBackgroundFrames = 100;                   // 10 s per recording
 // Views of 288x432 of the video. Someone walks through the middle one in
 // every frame from 20 s to 30 s, and through the corner with the parked van
@@ -83,7 +82,7 @@ class FinderOnStreetRecordings : public testing::Test {
   std::vector<SmartFinderFrame> search(const std::function<cv::Mat(int)>& draw,
                                        const SmartFinderOptions& o = everyHalfSecond()) {
     Synthetic::writeVideo(dir_.file("cam.avi"), kBackgroundFrames, 10.0, draw);
-    Synthetic::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), kBackgroundStart, 0.0}});
+    Synthetic::writeIndex(dir_.file("rec.json"), {{"cam", dir_.file("cam.avi"), Synthetic::kRecordingStartMs, 0.0}});
     CameraDescription::Orbivane camera;
     CameraDescription::OrbivaneModule module(L"cam");
     const Quarn::QuarnConnection c = Synthetic::recordingsConnection(dir_.file("rec.json"), "cam");

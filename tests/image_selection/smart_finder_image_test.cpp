@@ -22,7 +22,6 @@ using OrbivaneCalibration::PersonDetectorKind;
 using OrbivaneCalibration::SmartFinderImage;
 using OrbivaneCalibration::SmartFinderOptions;
 
-const std::int64_t kStart = 1795341600000LL;  // 2026-11-22T10:00:00Z
 
 CameraDescription::Orbivane cameraOn(const std::string& index, const std::vector<std::string>& modules) {
   CameraDescription::Orbivane camera;
@@ -60,7 +59,7 @@ struct Crossing {
       if (i != 33) cv::GaussianBlur(frame, frame, {0, 0}, 1.2);
       return frame;
     });
-    Synthetic::writeIndex(index, {{"front", dir.file("front.avi"), kStart, 0.0}});
+    Synthetic::writeIndex(index, {{"front", dir.file("front.avi"), Synthetic::kRecordingStartMs, 0.0}});
   }
 };
 
@@ -73,7 +72,7 @@ TEST(SmartFinderImageTest, PicksTheSharpestFrameWithoutPersons) {
   ASSERT_EQ(found.value().count(L"front"), 1u) << (finder.errors().empty() ? "" : finder.errors().begin()->second);
   const auto& best = found.value().at(L"front").front();
   EXPECT_EQ(best.frame, 33);
-  EXPECT_EQ(best.timeMs, kStart + 3300);
+  EXPECT_EQ(best.timeMs, Synthetic::kRecordingStartMs + 3300);
   EXPECT_EQ(best.persons, 0);
   EXPECT_FALSE(best.builtBackground);
   EXPECT_GT(best.exposure, 0.3);
@@ -123,8 +122,8 @@ TEST(SmartFinderImageTest, SeveralMomentsKeepTheirDistanceAndAWindowLimitsTheSea
 
   // A window that ends before frame 33: the best of 25 and 28 is picked.
   o.momentsPerModule = 1;
-  o.fromMs = kStart + 1000;
-  o.toMs = kStart + 3000;
+  o.fromMs = Synthetic::kRecordingStartMs + 1000;
+  o.toMs = Synthetic::kRecordingStartMs + 3000;
   finder.setOptions(o);
   const auto windowed = finder.find();
   ASSERT_TRUE(windowed);
@@ -144,7 +143,7 @@ TEST(SmartFinderImageTest, ExposureDecidesBetweenEquallyEmptyFrames) {
     background.convertTo(frame, -1, i == 4 || i == 5 ? 1.6 : 0.3, i == 4 || i == 5 ? 90 : 0);
     return frame;
   });
-  Synthetic::writeIndex(dir.file("rec.json"), {{"room", dir.file("room.avi"), kStart, 0.0}});
+  Synthetic::writeIndex(dir.file("rec.json"), {{"room", dir.file("room.avi"), Synthetic::kRecordingStartMs, 0.0}});
   SmartFinderImage finder(cameraOn(dir.file("rec.json"), {"room"}));
   SmartFinderOptions o = hogEvery(0.1);
   o.blurWeight = 0.2;
@@ -168,7 +167,7 @@ TEST(SmartFinderImageTest, BuildsACleanBackgroundWhenSomeoneIsAlwaysInThePicture
   const cv::Mat walker = Synthetic::vtestWalker();
   Synthetic::writeVideo(dir.file("busy.avi"), 30, 10.0,
                       [&](int i) { return Synthetic::withWalker(background, walker, i * 10); });
-  Synthetic::writeIndex(dir.file("rec.json"), {{"busy", dir.file("busy.avi"), kStart, 0.0}});
+  Synthetic::writeIndex(dir.file("rec.json"), {{"busy", dir.file("busy.avi"), Synthetic::kRecordingStartMs, 0.0}});
   SmartFinderImage finder(cameraOn(dir.file("rec.json"), {"busy"}));
   SmartFinderOptions o = hogEvery(0.0);
   o.samples = 10;
@@ -221,7 +220,7 @@ TEST(SmartFinderImageTest, DetectorFallsBackWithoutNetworkFilesAndNamesMissingOn
   SmartFinderImage finder(cameraOn(clip.index, {"front"}));
   SmartFinderOptions o;
   o.samples = 4;
-  o.fromMs = kStart + 2500;
+  o.fromMs = Synthetic::kRecordingStartMs + 2500;
   o.detector.kind = PersonDetectorKind::Auto;
   o.detector.minPersonHeight = kMinPersonHeight;
   o.detector.yoloConfig = clip.dir.file("none.cfg");
@@ -244,7 +243,7 @@ TEST(SmartFinderImageTest, ReportsProgressAndStopsWhenAbortedFromAnotherThread) 
   Crossing clip;
   SmartFinderImage finder(cameraOn(clip.index, {"front"}));
   SmartFinderOptions o = hogEvery(0.1);
-  o.fromMs = kStart + 2400;
+  o.fromMs = Synthetic::kRecordingStartMs + 2400;
   finder.setOptions(o);
   std::vector<std::pair<int, int>> steps;
   std::string firstText;
@@ -279,8 +278,8 @@ TEST(SmartFinderImageTest, BadOptionsUnknownModulesAndModulesWithoutRecordings) 
   EXPECT_NE(errors.at(L"unplugged").find("no connection"), std::string::npos);
 
   EXPECT_FALSE(finder.find({L"nobody"}));
-  o.toMs = kStart - 1000;
-  o.fromMs = kStart - 5000;
+  o.toMs = Synthetic::kRecordingStartMs - 1000;
+  o.fromMs = Synthetic::kRecordingStartMs - 5000;
   finder.setOptions(o);
   ASSERT_TRUE(finder.find({L"front"}));
   EXPECT_NE(finder.errors().at(L"front").find("no recording in the time window"), std::string::npos);

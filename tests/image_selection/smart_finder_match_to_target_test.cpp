@@ -21,7 +21,6 @@ namespace {
 using OrbivaneCalibration::PersonDetectorKind;
 using OrbivaneCalibration::SmartFinderMatchToTarget;
 
-const std::int64_t kFinderStart = 1795341600000LL;
 const cv::Size kFinderSize(320, 240);
 constexpr int kOffset = 64;  // the module's crop starts 64 pixels right of the target's
 
@@ -45,7 +44,8 @@ struct FinderRig {
     video("target.avi", 0, 0, 12);
     video("module.avi", kOffset, 8, 20);
     Synthetic::writeIndex(index,
-                        {{"T", dir.file("target.avi"), kFinderStart, 0.0}, {"M", dir.file("module.avi"), kFinderStart, 0.0}});
+                        {{"T", dir.file("target.avi"), Synthetic::kRecordingStartMs, 0.0},
+                         {"M", dir.file("module.avi"), Synthetic::kRecordingStartMs, 0.0}});
     for (const auto& [name, matrix] :
          {std::make_pair(L"T", Utils::Matrix4x4::identity()), std::make_pair(L"M", misplaced())}) {
       CameraDescription::OrbivaneModule module(name);

@@ -4,6 +4,7 @@
 // recordings index files pointing at them.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@ namespace Synthetic {
 
 constexpr int kNumberBits = 10;  // frame numbers 0 .. 1023
 constexpr int kBlock = 16;       // block size in pixels
+// Where the test recordings start: 2026-11-22T10:00:00Z, in ms since 1970 (UTC).
+constexpr std::int64_t kRecordingStartMs = 1795341600000LL;
 
 // Draws `number` as kNumberBits blocks (white = 1) along the top of `frame`
 // (at least kNumberBits x kBlock pixels wide).

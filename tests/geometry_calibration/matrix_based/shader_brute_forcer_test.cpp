@@ -18,6 +18,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/image/image_conversion.h"
 #include "orbivane/shading/image_shading.h"
+#include "support/scoped_environment.h"
 #include "synthetic/sample_data.h"
 
 namespace {
@@ -30,31 +31,23 @@ using Images = std::map<std::wstring, std::shared_ptr<Image::UniversalImageInter
 // Our shader files in a folder that ProgramData points at, for one test.
 class ShaderFolder {
  public:
-  ShaderFolder() {
-    const char* old = std::getenv("ProgramData");
-    if (old != nullptr) old_ = old;
-    had_ = old != nullptr;
+  ShaderFolder() : programData_("ProgramData", withShaders(folder_)) {}
+
+ private:
+  // Copies the shader files into `folder` as ProgramData keeps them; returns the folder.
+  static std::string withShaders(const Synthetic::TemporaryDirectory& folder) {
     const char* env = std::getenv("ORBIVANE_SHADER_SOURCE_DIR");
     const fs::path source = env ? fs::path(env) : fs::path(__FILE__).parent_path().parent_path().parent_path().parent_path() / "shaders";
-    const fs::path target = fs::path(folder_.path()) / "Hollbrink" / "Shaders";
+    const fs::path target = fs::path(folder.path()) / "Hollbrink" / "Shaders";
     fs::create_directories(target);
     for (const auto& entry : fs::directory_iterator(source)) {
       if (entry.path().extension() == ".shader") fs::copy_file(entry.path(), target / entry.path().filename());
     }
-    ::setenv("ProgramData", folder_.path().c_str(), 1);
-  }
-  ~ShaderFolder() {
-    if (had_) {
-      ::setenv("ProgramData", old_.c_str(), 1);
-    } else {
-      ::unsetenv("ProgramData");
-    }
+    return folder.path();
   }
 
- private:
-  Synthetic::TemporaryDirectory folder_;
-  std::string old_;
-  bool had_ = false;
+  Synthetic::TemporaryDirectory folder_;  // made before, removed after ProgramData is restored
+  ScopedEnvironment programData_;
 };
 
 std::string text(float v) {
