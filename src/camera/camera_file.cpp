@@ -2,6 +2,7 @@
 #include "orbivane/camera/camera_file.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -351,10 +352,18 @@ ordered geometryToJson(const OrbivaneGeometry::Geometry& geometry) {
 std::string shortestFloat(double value) {
   const float f = static_cast<float>(value);
   if (f == 0.0f) return "0";
+  // No string of fewer significant digits than the shortest round trip reads
+  // back as `f`, so the search for the fewest "%g" digits starts there (a
+  // camera file holds hundreds of thousands of grid numbers).
   char text[48];
-  for (int digits = 1; digits <= 9; ++digits) {
-    std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(f));
-    if (std::strtof(text, nullptr) == f) break;
+  const auto shortest = std::to_chars(text, text + sizeof text, f, std::chars_format::scientific);
+  int digits = 0;
+  for (const char* c = text; c != shortest.ptr && *c != 'e'; ++c) digits += (*c >= '0' && *c <= '9') ? 1 : 0;
+  for (digits = std::max(digits, 1); digits <= 9; ++digits) {
+    const auto written = std::to_chars(text, text + sizeof text, f, std::chars_format::general, digits);
+    float back = 0.0f;
+    std::from_chars(text, written.ptr, back);
+    if (back == f || digits == 9) return std::string(text, written.ptr);
   }
   return text;
 }

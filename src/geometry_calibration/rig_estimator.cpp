@@ -314,7 +314,6 @@ struct RigRun {
   Rig::Surface surface;
   std::vector<Rig::Displacement> displacements;
   double focalGuess = 0.0;  // the pair homographies' typical focal length
-  std::vector<bool> enriched;  // per picture: its fainter features added (enrich)
 
   bool linkedPair(const cv::detail::MatchesInfo& p) const { return p.confidence >= options.pairConfidence; }
 
@@ -408,9 +407,10 @@ struct RigRun {
           Rig::fitTurn(features[std::size_t(i)], features[std::size_t(j)], focalGuess, p);
           return !p.H.empty() && p.num_inliers >= kFewestGuidedInliers;
         };
-        // Too few: the two pictures' fainter features too, and again.
+        // Too few: the two pictures' fainter features where they overlap
+        // too, and again.
         if (!guided()) {
-          const bool fainter = enrich(i) | enrich(j);
+          const bool fainter = enrich(i, overlapRegion(a, b)) | enrich(j, overlapRegion(b, a));
           if (!fainter || !guided()) continue;
         }
         p.confidence = options.pairConfidence;
@@ -426,31 +426,75 @@ struct RigRun {
     return added;
   }
 
-  // Adds picture i's fainter features (SIFT at kRescueContrast) that lie
-  // apart from those it has, once; false when it had them already. The
+  // Adds picture i's fainter features (SIFT at kRescueContrast) inside
+  // `region` that lie apart from those it has; false when it gained none. The
   // indices of the features it had stay as they were.
-  bool enrich(int i) {
-    if (enriched.empty()) enriched.assign(pictures.size(), false);
-    if (enriched[std::size_t(i)]) return false;
-    enriched[std::size_t(i)] = true;
-    const std::atomic<bool> never(false);
-    const auto fainter = Rig::findFeatures({pictures[std::size_t(i)]}, options.featureMegapixels, never, kRescueContrast);
+  bool enrich(int i, const cv::Rect& region) {
+    if (region.empty()) return false;
+    const auto fainter =
+        Rig::findFeaturesIn(pictures[std::size_t(i)], region, options.featureMegapixels, kRescueContrast);
     cv::detail::ImageFeatures& f = features[std::size_t(i)];
-    const cv::Mat had = f.descriptors.getMat(cv::ACCESS_READ).clone();
-    const cv::Mat more = fainter.front().descriptors.getMat(cv::ACCESS_READ);
-    cv::Mat descriptors = had;
-    for (std::size_t k = 0; k < fainter.front().keypoints.size(); ++k) {
-      const cv::KeyPoint& candidate = fainter.front().keypoints[k];
-      const bool known = std::any_of(f.keypoints.begin(), f.keypoints.end(), [&candidate](const cv::KeyPoint& old) {
-        const cv::Point2f d = old.pt - candidate.pt;
-        return d.dot(d) < 2.25f;
-      });
-      if (known) continue;
+    // The features it had near the region, in cells of kKnownCellPx.
+    constexpr int kKnownCellPx = 4;
+    const auto cellOf = [](cv::Point2f p) {
+      return std::make_pair(int(std::floor(p.x / float(kKnownCellPx))), int(std::floor(p.y / float(kKnownCellPx))));
+    };
+    std::map<std::pair<int, int>, std::vector<cv::Point2f>> known;
+    const cv::Rect2f near(float(region.x - 2), float(region.y - 2), float(region.width + 4), float(region.height + 4));
+    for (const cv::KeyPoint& k : f.keypoints) {
+      if (near.contains(k.pt)) known[cellOf(k.pt)].push_back(k.pt);
+    }
+    const auto isKnown = [&](cv::Point2f p) {
+      const auto [cx, cy] = cellOf(p);
+      for (int y = cy - 1; y <= cy + 1; ++y)
+        for (int x = cx - 1; x <= cx + 1; ++x) {
+          const auto cell = known.find({x, y});
+          if (cell == known.end()) continue;
+          for (const cv::Point2f& q : cell->second) {
+            const cv::Point2f d = q - p;
+            if (d.dot(d) < 2.25f) return true;
+          }
+        }
+      return false;
+    };
+    const cv::Mat more = fainter.descriptors.getMat(cv::ACCESS_READ);
+    cv::Mat descriptors = f.descriptors.getMat(cv::ACCESS_READ).clone();
+    const std::size_t had = f.keypoints.size();
+    for (std::size_t k = 0; k < fainter.keypoints.size(); ++k) {
+      const cv::KeyPoint& candidate = fainter.keypoints[k];
+      if (isKnown(candidate.pt)) continue;
       f.keypoints.push_back(candidate);
       descriptors.push_back(more.row(int(k)));
     }
+    if (f.keypoints.size() == had) return false;
     descriptors.copyTo(f.descriptors);
     return true;
+  }
+
+  // The part of picture `a` that lands inside picture `b` (a lattice's
+  // bounding box), widened by the guided search's radius and SIFT's own
+  // border, in `a`'s pixels; empty when none does.
+  static cv::Rect overlapRegion(const Rig::ModuleModel& a, const Rig::ModuleModel& b) {
+    constexpr int kColumns = 32, kRows = 24;
+    std::vector<cv::Point> inside;
+    for (int y = 0; y <= kRows; ++y)
+      for (int x = 0; x <= kColumns; ++x) {
+        cv::Point2d at;
+        const cv::Point2d p(double(x) / kColumns * (a.picture.width - 1), double(y) / kRows * (a.picture.height - 1));
+        if (b.project(a.ray(p), at) && at.x >= 0 && at.y >= 0 && at.x <= b.picture.width - 1 &&
+            at.y <= b.picture.height - 1)
+          inside.push_back(cv::Point(p));
+      }
+    if (inside.empty()) return cv::Rect();
+    // A lattice step beyond the outermost points inside, and the margin.
+    const int step = std::max(a.picture.width / kColumns, a.picture.height / kRows);
+    const int margin = int(std::ceil(kGuidedRadiusPx)) + 16 + step;
+    cv::Rect box = cv::boundingRect(inside);
+    box.x -= margin;
+    box.y -= margin;
+    box.width += 2 * margin;
+    box.height += 2 * margin;
+    return box & cv::Rect(0, 0, a.picture.width, a.picture.height);
   }
 
   // The share of a lattice over picture `a` that lands inside picture `b`.
@@ -810,7 +854,7 @@ Utils::ReturnState<CameraDescription::Orbivane, std::string> RigEstimator::estim
   Impl& s = *impl_;
   const auto started = std::chrono::steady_clock::now();
   s.report = RigReport();
-  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0.0, {}};
+  RigRun run{s.options, s.report, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0.0};
   if (auto listed = s.collectPictures(modules, run.names, run.pictures); !listed) return Utils::failure(listed.error());
   const int n = int(run.names.size());
   s.total = n + 5 + n + 1;

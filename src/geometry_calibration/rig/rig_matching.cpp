@@ -107,6 +107,38 @@ void turnOfPair(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatu
   p.num_inliers = int(best.size());
 }
 
+// The features of `region` of `picture`, searched on a copy reduced so that
+// the whole picture is at most `megapixels` (a region is cut from the
+// reduced copy of the whole, so that its pixels are the whole's).
+void describeRegion(const cv::Mat& picture, cv::Rect region, double megapixels, const cv::Ptr<cv::Feature2D>& sift,
+                    cv::detail::ImageFeatures& f) {
+  const double area = double(picture.cols) * picture.rows;
+  const double scale = std::min(1.0, std::sqrt(megapixels * 1e6 / area));
+  cv::Mat work = picture;
+  if (scale < 1.0) cv::resize(picture, work, cv::Size(), scale, scale, cv::INTER_AREA);
+  const double sx = double(picture.cols) / work.cols, sy = double(picture.rows) / work.rows;
+  const cv::Point from(int(std::floor(region.x / sx)), int(std::floor(region.y / sy)));
+  const cv::Point to(int(std::ceil(region.br().x / sx)), int(std::ceil(region.br().y / sy)));
+  const cv::Rect cut = cv::Rect(from, to) & cv::Rect(0, 0, work.cols, work.rows);
+  if (cut.size() != work.size()) work = work(cut);
+  cv::Mat grey;
+  if (work.channels() == 3) {
+    cv::cvtColor(work, grey, cv::COLOR_BGR2GRAY);
+  } else {
+    grey = work;
+  }
+  cv::detail::computeImageFeatures(sift, grey, f, contentMask(work));
+  f.img_size = picture.size();
+  if (scale < 1.0 || cut.tl() != cv::Point(0, 0)) {
+    // Pixel centres of the reduced copy in the picture's pixels.
+    for (auto& k : f.keypoints) {
+      k.pt.x = float((k.pt.x + cut.x + 0.5) * sx - 0.5);
+      k.pt.y = float((k.pt.y + cut.y + 0.5) * sy - 0.5);
+      k.size = float(k.size * sx);
+    }
+  }
+}
+
 }  // namespace
 
 std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
@@ -117,32 +149,25 @@ std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& 
     for (int i = first; i < last; ++i) {
       if (abort.load()) return;
       const cv::Mat& picture = pictures[std::size_t(i)];
-      const double area = double(picture.cols) * picture.rows;
-      const double scale = std::min(1.0, std::sqrt(megapixels * 1e6 / area));
-      cv::Mat work = picture;
-      if (scale < 1.0) cv::resize(picture, work, cv::Size(), scale, scale, cv::INTER_AREA);
-      cv::Mat grey;
-      if (work.channels() == 3) {
-        cv::cvtColor(work, grey, cv::COLOR_BGR2GRAY);
-      } else {
-        grey = work;
-      }
       cv::detail::ImageFeatures& f = features[std::size_t(i)];
-      cv::detail::computeImageFeatures(sift, grey, f, contentMask(work));
+      describeRegion(picture, cv::Rect(0, 0, picture.cols, picture.rows), megapixels, sift, f);
       f.img_idx = i;
-      f.img_size = picture.size();
-      if (scale < 1.0) {
-        // Pixel centres of the reduced copy in the picture's pixels.
-        const double sx = double(picture.cols) / work.cols, sy = double(picture.rows) / work.rows;
-        for (auto& k : f.keypoints) {
-          k.pt.x = float((k.pt.x + 0.5) * sx - 0.5);
-          k.pt.y = float((k.pt.y + 0.5) * sy - 0.5);
-          k.size = float(k.size * sx);
-        }
-      }
     }
   });
   return features;
+}
+
+cv::detail::ImageFeatures findFeaturesIn(const cv::Mat& picture, cv::Rect region, double megapixels, double contrast) {
+  cv::detail::ImageFeatures f;
+  region &= cv::Rect(0, 0, picture.cols, picture.rows);
+  if (region.width < 16 || region.height < 16) {
+    f.img_size = picture.size();
+    f.descriptors = cv::UMat(0, 128, CV_32F);
+    return f;
+  }
+  cv::Ptr<cv::Feature2D> sift = cv::SIFT::create(0, 3, contrast);
+  describeRegion(picture, region, megapixels, sift, f);
+  return f;
 }
 
 std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features,

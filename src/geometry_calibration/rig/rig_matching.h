@@ -25,6 +25,11 @@ namespace Rig {
 std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
                                                     const std::atomic<bool>& abort, double contrast = 0.04);
 
+// SIFT features of one picture inside `region` (picture pixels) only, found
+// at the scale findFeatures searches the whole picture at; positions in the
+// picture's pixels. Much cheaper than the whole picture for a small region.
+cv::detail::ImageFeatures findFeaturesIn(const cv::Mat& picture, cv::Rect region, double megapixels, double contrast);
+
 // All pairwise matches (n x n, entry i * n + j as cv::detail returns them).
 // Each pair's agreeing matches are then chosen anew by what a turning camera
 // can make: a rotation between the two pictures' rays at the rig's typical
