@@ -47,6 +47,11 @@ constexpr double kRescueContrast = 0.01;
 // them (a ring's closing pair, two pictures of mostly sky or pavement).
 constexpr double kPredictedOverlapShare = 0.04;
 constexpr double kGuidedRadiusPx = 64.0;
+// Seams whose displacements move a picture point by kParallaxPx panorama
+// pixels or more are held again with the pairs' features matched where the
+// displaced model puts them, within kSeamGuidedRadiusPx picture pixels.
+constexpr double kParallaxPx = 2.0;
+constexpr double kSeamGuidedRadiusPx = 12.0;
 constexpr int kFewestGuidedInliers = 15;
 
 // Straightening that leaves the modules rolled by more than this on average
@@ -624,6 +629,46 @@ struct RigRun {
     return true;
   }
 
+  // Each linked pair's features matched again where the model and the
+  // seams' displacements put them (within kSeamGuidedRadiusPx): the pairs'
+  // first matches, chosen over whole pictures, pass over much of a near,
+  // repetitive overlap (paving, gravel) that the displaced model finds.
+  std::vector<Rig::Match> matchWhereSeamsHold() const {
+    std::vector<Rig::Match> found;
+    const cv::Size size = surface.pixels();
+    for (const auto& [a, b] : pairIndex) {
+      const Rig::ModuleModel& ma = models[std::size_t(a)];
+      const Rig::ModuleModel& mb = models[std::size_t(b)];
+      const Rig::Displacement& da = displacements[std::size_t(a)];
+      const Rig::Displacement& db = displacements[std::size_t(b)];
+      // b's picture point whose displaced drawing lands where a draws p, by
+      // a few fixed-point steps on b's displacement.
+      const auto predict = [&](cv::Point2f p, cv::Point2f& q) {
+        const cv::Point2d target = Rig::drawnAt(ma, surface, da, cv::Point2d(p));
+        cv::Point2d at;
+        if (!surface.toPicture(mb, target, at)) return false;
+        for (int k = 0; k < 4 && !db.empty(); ++k) {
+          const cv::Point2d shift = db.at(at);
+          const cv::Point2d undone(target.x - shift.x / size.width, target.y - shift.y / size.height);
+          if (!surface.toPicture(mb, undone, at)) return false;
+        }
+        q = cv::Point2f(at);
+        return true;
+      };
+      const auto& fa = features[std::size_t(linked[std::size_t(a)])];
+      const auto& fb = features[std::size_t(linked[std::size_t(b)])];
+      for (const cv::DMatch& dm : Rig::guidedMatches(fa, fb, predict, kSeamGuidedRadiusPx)) {
+        Rig::Match match;
+        match.a = a;
+        match.b = b;
+        match.pa = fa.keypoints[std::size_t(dm.queryIdx)].pt;
+        match.pb = fb.keypoints[std::size_t(dm.trainIdx)].pt;
+        found.push_back(match);
+      }
+    }
+    return found;
+  }
+
   // Seams that hold where the model cannot (parallax): each module's
   // displacement, from every match of the linked pairs.
   void holdSeams() {
@@ -632,7 +677,16 @@ struct RigRun {
     std::vector<Rig::Match> all = matches;
     for (auto& match : all) match.inlier = true;
     displacements = Rig::holdSeams(models, surface, all);
+    // Where the seams moved pictures far (parallax), once more with the
+    // features that match where they now meet.
+    double largest = 0.0;
+    for (const auto& d : displacements) largest = std::max(largest, d.empty() ? 0.0 : d.largest());
+    if (largest < kParallaxPx) return;
+    const std::vector<Rig::Match> more = matchWhereSeamsHold();
+    all.insert(all.end(), more.begin(), more.end());
+    displacements = Rig::holdSeams(models, surface, all);
   }
+
 
   // How far apart the two modules draw each kept match (panorama pixels),
   // per pair and module.

@@ -68,6 +68,9 @@ struct ORBIVANE_EXPORT RigOptions {
   // Let the UV grids also lay matched features of overlapping modules onto
   // each other where the rotation model leaves them apart (parallax of near
   // objects): a smooth displacement that fades out away from the overlaps.
+  // Where that moves pictures by two panorama pixels or more, the pairs'
+  // features are matched again where the displaced model puts them and the
+  // seams held once more with those matches too.
   bool holdSeams = true;
   // A module of the camera whose picture shows the whole scene (empty:
   // none). It is not part of the rig: the rig is registered to it (see
