@@ -78,7 +78,7 @@ struct ORBIVANE_EXPORT RigOptions {
   std::wstring target;
   // Largest difference, picture pixels, between drawing through the UV grid
   // and the model, 0.001..2; the grid gets as many cells as that needs (up
-  // to 128 a side).
+  // to 128 a side; up to 512 columns for a module that sees a pole).
   double gridTolerancePx = 0.1;
   Utils::ReturnState<bool, std::string> validate() const;
 };
