@@ -13,12 +13,21 @@ Progress::Progress(std::string title) : title_(std::move(title)), terminal_(::is
 
 Progress::~Progress() { finish(false); }
 
-// "about 40 s left", from the time the steps so far took; empty before
-// there is enough to go by (two seconds and one step) or at the end.
-std::string Progress::timeLeft(int step, int total) const {
-  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
-  if (step <= 0 || total <= 0 || step >= total || elapsed < 2.0) return std::string();
-  const double left = elapsed * double(total - step) / double(step);
+// "about 40 s left", at the pace of the steps since the first report (what
+// a command does before its first step, such as reading pictures or a first
+// measurement, is no step's time); empty before there is enough to go by
+// (two seconds since the start and a step since the first report) or at the
+// end.
+std::string Progress::timeLeft(int step, int total) {
+  const auto now = std::chrono::steady_clock::now();
+  if (firstStep_ < 0) {
+    firstStep_ = step;
+    firstAt_ = now;
+  }
+  const double elapsed = std::chrono::duration<double>(now - started_).count();
+  const double sinceFirst = std::chrono::duration<double>(now - firstAt_).count();
+  if (step <= firstStep_ || total <= 0 || step >= total || elapsed < 2.0) return std::string();
+  const double left = sinceFirst * double(total - step) / double(step - firstStep_);
   char text[48];
   if (left < 120.0) {
     std::snprintf(text, sizeof text, "about %.0f s left", std::max(1.0, left));

@@ -1,7 +1,8 @@
 // Progress of a long command: a bar that redraws itself on a terminal, plain
 // lines when standard error is not a terminal (logs, CI): one whenever the
 // text changes and one for every tenth of the way. Once a run has gone on
-// for two seconds, each says how long the rest will take at the pace so far.
+// for two seconds, each says how long the rest will take at the pace of the
+// steps so far.
 #pragma once
 
 #include <chrono>
@@ -30,7 +31,7 @@ class Progress {
   GeometryCalibration::StatusCallback callback();
 
  private:
-  std::string timeLeft(int step, int total) const;
+  std::string timeLeft(int step, int total);
 
   std::string title_;
   std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
@@ -40,6 +41,8 @@ class Progress {
   std::string lastText_;
   int lastStep_ = 0, lastTotal_ = 0;
   int lastTenth_ = -1;  // plain lines: the last tenth of the way reported
+  int firstStep_ = -1;  // the first report's step and time: the pace is taken from there
+  std::chrono::steady_clock::time_point firstAt_;
 };
 
 }  // namespace Tool

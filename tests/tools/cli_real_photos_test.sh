@@ -24,8 +24,26 @@ expect_eq "$?" "0" "camera init of five photographs"
 grep -q "wrote $work/camera.json: 5 of 5 module(s) placed" "$work/init.txt" || fail "camera init did not place all five modules: $(tail -n 2 "$work/init.txt")"
 
 # 2. calibrate with no other option: every module kept, seams under 1 px.
-"$tool" calibrate "$work/camera.json" --out "$work/out.json" --json >"$work/calibrate.txt" 2>"$work/calibrate.err"
-expect_eq "$?" "0" "calibrate without a target"
+#    Its progress lines are timed as they come (stamp_lines.py), to check
+#    what they say is left against what was.
+{ "$tool" calibrate "$work/camera.json" --out "$work/out.json" --json 2>&1 1>&3 3>&- |
+    /usr/bin/python3 "$(dirname "$0")/stamp_lines.py" >"$work/calibrate.err"; } 3>"$work/calibrate.txt"
+expect_eq "${PIPESTATUS[0]}" "0" "calibrate without a target"
+/usr/bin/python3 - "$work/calibrate.err" <<'EOF' || failures=$((failures + 1))
+import re, sys
+lines = [l.rstrip("\n").split(" ", 1) for l in open(sys.argv[1])]
+end = float(lines[-1][0])
+problems = []
+for at, text in lines[:-1]:
+    m = re.search(r"about (\d+) (s|min) left", text)
+    if not m: continue
+    said = float(m.group(1)) * (60 if m.group(2) == "min" else 1)
+    left = end - float(at)
+    # "about N s" rounds, and steps differ: three times what was left and 2 s.
+    if said > 3 * left + 2: problems.append("%r with %.1f s left" % (text, left))
+for p in problems: print("FAIL: progress:", p)
+sys.exit(1 if problems else 0)
+EOF
 expect_eq "$(summary_of "$work/calibrate.txt" "['seamSummary']['measured']")" "5" "seams measured by calibrate"
 failed=$(tail -n 1 "$work/calibrate.txt" | /usr/bin/python3 -c \
   "import json,sys; print(' '.join(k for k, v in json.load(sys.stdin)['modules'].items() if v['status'] == 'failed'))")
