@@ -8,6 +8,7 @@
 #include "demo_steps.h"
 
 #include <algorithm>
+#include <iostream>
 
 #include "command_line.h"
 #include "orbivane/camera/camera_file.h"
@@ -87,6 +88,8 @@ Section runRealPhotographs(const StepContext& context) {
   pipelineProgress.finish();
   section.seconds = watch.seconds();
 
+  std::cout << "Measuring the seams independently, and OpenCV's detail pipeline on the same photographs ..."
+            << std::endl;
   int failed = 0;
   for (const auto& [name, m] : rig.report().modules) failed += m.placed ? 0 : 1;
   for (const auto& [name, v] : pipeline.verdicts()) failed += v.status == GeometryCalibration::ModuleStatus::failed;
