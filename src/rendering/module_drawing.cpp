@@ -17,9 +17,10 @@ namespace OrbivaneRendering {
 
 namespace {
 
-// Fills the drawing's maps, inside mask and colour over d.box from a
-// renderer set up with the module's chain and frame.
-void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalImageInterface& image, ModuleDrawing& d) {
+// Fills the drawing's maps, inside mask and (with `colour`) colour over
+// d.box from a renderer set up with the module's chain and frame.
+void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalImageInterface& image, ModuleDrawing& d,
+                 bool colour) {
   const cv::Mat picture = Image::toMat(image);
   d.picture = picture.size();
   renderer.pictureMaps(picture.size(), d.box.size(), d.mapX, d.mapY);
@@ -35,6 +36,7 @@ void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalIm
       in[x] = (mx[x] > -0.5f && mx[x] < w - 0.5f && my[x] > -0.5f && my[x] < hgt - 0.5f) ? 255 : 0;
     }
   }
+  if (!colour) return;
 
   // A drawing much smaller than the picture reads an area-reduced copy, so it does not alias.
   double density = 1.0;  // picture pixels per drawing pixel, at the middle of the drawing
@@ -53,8 +55,13 @@ void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalIm
   }
   const int factor = std::max(1, int(std::floor(density)));
   cv::Mat source = picture;
-  cv::Mat sourceX = d.mapX, sourceY = d.mapY;
-  if (factor > 1) {
+  // The reduced copy's maps are new matrices: the drawing's own maps stay in
+  // pixels of the picture.
+  cv::Mat sourceX, sourceY;
+  if (factor == 1) {
+    sourceX = d.mapX;
+    sourceY = d.mapY;
+  } else {
     const cv::Size reduced(picture.cols / factor, picture.rows / factor);
     cv::resize(picture(cv::Rect(0, 0, reduced.width * factor, reduced.height * factor)), source, reduced, 0, 0,
                cv::INTER_AREA);
@@ -76,7 +83,7 @@ void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalIm
 Utils::ReturnState<ModuleDrawing, std::string> drawnThrough(const CameraDescription::OrbivaneModule& module,
                                                             const Image::UniversalImageInterface& image,
                                                             const cv::Matx33d& homography, const cv::Rect2d& frame,
-                                                            ModuleDrawing d) {
+                                                            ModuleDrawing d, bool colour) {
   ImageSource::ShaderRenderer renderer;
   try {
     renderer.setShaders(module.shaders());
@@ -87,15 +94,15 @@ Utils::ReturnState<ModuleDrawing, std::string> drawnThrough(const CameraDescript
   if (geometry != nullptr && geometry->uvGrid()) renderer.setGrid(*geometry->uvGrid());
   renderer.setHomography(homography);
   renderer.setFrame(frame);
-  drawThrough(renderer, image, d);
-  d.colour *= module.exposureGain();
+  drawThrough(renderer, image, d, colour);
+  if (colour) d.colour *= module.exposureGain();
   return d;
 }
 
-}  // namespace
-
-Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescription::OrbivaneModule& module,
-                                                          cv::Size panorama, cv::Rect region) {
+// drawModule and drawModuleCoverage: the module over `region` of the
+// panorama, with its colours or without.
+Utils::ReturnState<ModuleDrawing, std::string> drawOnPanorama(const CameraDescription::OrbivaneModule& module,
+                                                              cv::Size panorama, cv::Rect region, bool colour) {
   const auto image = module.image();
   if (!image || image->empty()) return Utils::failure("has no picture");
   const OrbivaneGeometry::MatrixGeometry* geometry = module.matrixGeometry();
@@ -131,7 +138,19 @@ Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescriptio
   return drawnThrough(module, *image, h,
                       cv::Rect2d(double(x0) / panorama.width, double(y0) / panorama.height,
                                  double(d.box.width) / panorama.width, double(d.box.height) / panorama.height),
-                      std::move(d));
+                      std::move(d), colour);
+}
+
+}  // namespace
+
+Utils::ReturnState<ModuleDrawing, std::string> drawModule(const CameraDescription::OrbivaneModule& module,
+                                                          cv::Size panorama, cv::Rect region) {
+  return drawOnPanorama(module, panorama, region, true);
+}
+
+Utils::ReturnState<ModuleDrawing, std::string> drawModuleCoverage(const CameraDescription::OrbivaneModule& module,
+                                                                  cv::Size panorama, cv::Rect region) {
+  return drawOnPanorama(module, panorama, region, false);
 }
 
 Utils::ReturnState<ModuleDrawing, std::string> drawModuleOnFrame(const CameraDescription::OrbivaneModule& module,
@@ -148,7 +167,7 @@ Utils::ReturnState<ModuleDrawing, std::string> drawModuleOnFrame(const CameraDes
     const cv::Vec3d p = placement * cv::Vec3d(c.x, c.y, 1.0);
     d.outline.emplace_back(float(p[0] / p[2] * size.width), float(p[1] / p[2] * size.height));
   }
-  return drawnThrough(module, *image, placement, cv::Rect2d(0, 0, 1, 1), std::move(d));
+  return drawnThrough(module, *image, placement, cv::Rect2d(0, 0, 1, 1), std::move(d), true);
 }
 
 bool drawnBeyondMatrix(const CameraDescription::OrbivaneModule& module) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 #include <opencv2/imgproc.hpp>
@@ -15,6 +16,7 @@
 #include "orbivane/image/image_conversion.h"
 #include "shading/shader_renderer_family.h"
 #include "shading/shader_renderer_sampling.h"
+#include "utils/parallel.h"
 
 namespace ImageSource {
 namespace {
@@ -118,6 +120,23 @@ std::shared_ptr<const ShaderRenderer::Source> ShaderRenderer::source(
   return source_;
 }
 
+namespace {
+
+// Rows of an output of `size` in stripes on the machine's cores when it is
+// large (a module drawn on a panorama); a small one (the shader search's
+// renderings, which run side by side already) on the calling thread. Each
+// row is computed alone, so the result is the same either way.
+constexpr int kParallelPixels = 1 << 18;
+void forRows(cv::Size size, const std::function<void(int, int)>& rows) {
+  if (size.area() >= kParallelPixels) {
+    Utils::parallelRows(0, size.height, rows);
+  } else {
+    rows(0, size.height);
+  }
+}
+
+}  // namespace
+
 std::shared_ptr<const ShaderRenderer::Coordinates> ShaderRenderer::coordinates(cv::Size size) {
   if (coordinates_ && coordinates_->size == size) return coordinates_;
   auto c = std::make_shared<Coordinates>();
@@ -161,34 +180,37 @@ std::shared_ptr<const ShaderRenderer::Coordinates> ShaderRenderer::coordinates(c
   if (ok) {
     const cv::Matx33d inverse = h.inv();
     const double eps = 1e-6;
-    for (int y = 0; y < size.height; ++y) {
-      const double sy = top + (bottom - top) * y / size.height;
-      int first = size.width, last = 0;
-      for (int x = 0; x < size.width; ++x) {
-        const double sx = left + (right - left) * x / size.width;
-        const cv::Vec3d m = inverse * cv::Vec3d(sx, sy, 1.0);
-        const double mu = m[0] / m[2], mv = m[1] / m[2];
-        if (!(mu >= -eps && mu <= 1.0 + eps && mv >= -eps && mv <= 1.0 + eps)) continue;
-        float tu = static_cast<float>(std::clamp(mu, 0.0, 1.0));
-        float tv = static_cast<float>(std::clamp(mv, 0.0, 1.0));
-        if (grid_) {
-          const Utils::UVGrid::UVPoint t = grid_->sample(tu, tv);
-          if (!std::isfinite(t.u) || !std::isfinite(t.v)) continue;
-          tu = t.u;
-          tv = t.v;
+    Coordinates* const out = c.get();
+    forRows(size, [&](int fromRow, int toRow) {
+      for (int y = fromRow; y < toRow; ++y) {
+        const double sy = top + (bottom - top) * y / size.height;
+        int first = size.width, last = 0;
+        for (int x = 0; x < size.width; ++x) {
+          const double sx = left + (right - left) * x / size.width;
+          const cv::Vec3d m = inverse * cv::Vec3d(sx, sy, 1.0);
+          const double mu = m[0] / m[2], mv = m[1] / m[2];
+          if (!(mu >= -eps && mu <= 1.0 + eps && mv >= -eps && mv <= 1.0 + eps)) continue;
+          float tu = static_cast<float>(std::clamp(mu, 0.0, 1.0));
+          float tv = static_cast<float>(std::clamp(mv, 0.0, 1.0));
+          if (grid_) {
+            const Utils::UVGrid::UVPoint t = grid_->sample(tu, tv);
+            if (!std::isfinite(t.u) || !std::isfinite(t.v)) continue;
+            tu = t.u;
+            tv = t.v;
+          }
+          const std::size_t k = static_cast<std::size_t>(y) * static_cast<std::size_t>(out->stride) + std::size_t(x);
+          out->u2[k] = 2.0f * tu;
+          out->v2[k] = 2.0f * tv;
+          out->mask[k] = -1;
+          first = std::min(first, x);
+          last = x + 1;
         }
-        const std::size_t k = static_cast<std::size_t>(y) * static_cast<std::size_t>(c->stride) + std::size_t(x);
-        c->u2[k] = 2.0f * tu;
-        c->v2[k] = 2.0f * tv;
-        c->mask[k] = -1;
-        first = std::min(first, x);
-        last = x + 1;
+        if (first < last) {
+          out->first[std::size_t(y)] = first;
+          out->last[std::size_t(y)] = last;
+        }
       }
-      if (first < last) {
-        c->first[std::size_t(y)] = first;
-        c->last[std::size_t(y)] = last;
-      }
-    }
+    });
   }
   coordinates_ = std::move(c);
   return coordinates_;
@@ -201,19 +223,21 @@ void ShaderRenderer::fillMaps(const Coordinates& c, cv::Size original, cv::Mat& 
   // The sampling rule's positions on the picture itself (factor 1), without
   // the border pixel: cv::remap then reads exactly where Apply reads.
   const LensWarp w = makeLensWarp(distortion_, original.width, original.height, 1, original.width, original.height);
-  for (int y = 0; y < size.height; ++y) {
-    float* mx = mapX.ptr<float>(y);
-    float* my = mapY.ptr<float>(y);
-    const std::size_t row = static_cast<std::size_t>(y) * static_cast<std::size_t>(c.stride);
-    for (int x = 0; x < size.width; ++x) {
-      mx[x] = my[x] = -10.0f;  // black
-      if (c.mask[row + std::size_t(x)] == 0) continue;
-      float ex = 0.0f, ey = 0.0f;
-      radialTerm(w, c.u2[row + std::size_t(x)], c.v2[row + std::size_t(x)], ex, ey);
-      mx[x] = float(fixedPosition(ex, w.kx, w.x0, w.hiX)) / 32.0f - 1.0f;
-      my[x] = float(fixedPosition(ey, w.ky, w.y0, w.hiY)) / 32.0f - 1.0f;
+  forRows(size, [&](int fromRow, int toRow) {
+    for (int y = fromRow; y < toRow; ++y) {
+      float* mx = mapX.ptr<float>(y);
+      float* my = mapY.ptr<float>(y);
+      const std::size_t row = static_cast<std::size_t>(y) * static_cast<std::size_t>(c.stride);
+      for (int x = 0; x < size.width; ++x) {
+        mx[x] = my[x] = -10.0f;  // black
+        if (c.mask[row + std::size_t(x)] == 0) continue;
+        float ex = 0.0f, ey = 0.0f;
+        radialTerm(w, c.u2[row + std::size_t(x)], c.v2[row + std::size_t(x)], ex, ey);
+        mx[x] = float(fixedPosition(ex, w.kx, w.x0, w.hiX)) / 32.0f - 1.0f;
+        my[x] = float(fixedPosition(ey, w.ky, w.y0, w.hiY)) / 32.0f - 1.0f;
+      }
     }
-  }
+  });
 }
 
 void ShaderRenderer::pictureMaps(cv::Size picture, cv::Size size, cv::Mat& mapX, cv::Mat& mapY) {

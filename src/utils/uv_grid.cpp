@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -60,16 +61,22 @@ void UVGrid::setPoints(std::vector<UVPoint> points) {
 
 UVGrid::UVPoint UVGrid::sample(float x, float y) const {
   if (empty()) return {x, y};
+  if (!std::isfinite(x) || !std::isfinite(y)) {
+    return {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::quiet_NaN()};
+  }
   const float gx = std::clamp(x, 0.0f, 1.0f) * static_cast<float>(columns_);
   const float gy = std::clamp(y, 0.0f, 1.0f) * static_cast<float>(rows_);
   const int i = std::min(static_cast<int>(gx), columns_ - 1);
   const int j = std::min(static_cast<int>(gy), rows_ - 1);
   const float fx = gx - static_cast<float>(i);
   const float fy = gy - static_cast<float>(j);
-  const UVPoint& p00 = point(i, j);
-  const UVPoint& p10 = point(i + 1, j);
-  const UVPoint& p01 = point(i, j + 1);
-  const UVPoint& p11 = point(i + 1, j + 1);
+  // i and j are within the grid here: the points are read without the checked lookup.
+  const UVPoint* row = points_->data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(columns_ + 1) +
+                       static_cast<std::size_t>(i);
+  const UVPoint& p00 = row[0];
+  const UVPoint& p10 = row[1];
+  const UVPoint& p01 = row[columns_ + 1];
+  const UVPoint& p11 = row[columns_ + 2];
   const float top_u = p00.u + (p10.u - p00.u) * fx;
   const float top_v = p00.v + (p10.v - p00.v) * fx;
   const float bottom_u = p01.u + (p11.u - p01.u) * fx;

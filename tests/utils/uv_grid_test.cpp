@@ -1,6 +1,8 @@
 // UVGrid: lattice layout, copy on write, bilinear sampling and size checks.
 #include "orbivane/utils/uv_grid.h"
 
+#include <cmath>
+#include <limits>
 #include <stdexcept>
 #include <vector>
 
@@ -100,6 +102,11 @@ TEST(UVGrid, SampleInterpolatesBilinearlyWithinItsCell) {
   // Outside the unit square the position is clamped.
   expectPoint(warped.sample(-2.0f, 3.0f), 0.0f, 1.0f);
   expectPoint(warped.sample(5.0f, -1.0f), 0.9f, 0.0f);
+  // A position that is not a number has no point (and reads nothing).
+  for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+    EXPECT_FALSE(std::isfinite(warped.sample(bad, 0.5f).u));
+    EXPECT_FALSE(std::isfinite(warped.sample(0.5f, -bad).v));
+  }
 
   // In a larger grid a moved point is hit exactly at its lattice position and
   // only its four cells change.

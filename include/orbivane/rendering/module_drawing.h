@@ -38,6 +38,13 @@ struct ModuleDrawing {
 ORBIVANE_EXPORT Utils::ReturnState<ModuleDrawing, std::string> drawModule(
     const CameraDescription::OrbivaneModule& module, cv::Size panorama, cv::Rect region = cv::Rect());
 
+// What the module covers of the panorama, as drawModule draws it but without
+// its colours: the box, maps, inside mask, picture size and outline, with
+// `colour` left empty (coverage rasters need no more, and the colours are
+// most of a large drawing's memory).
+ORBIVANE_EXPORT Utils::ReturnState<ModuleDrawing, std::string> drawModuleCoverage(
+    const CameraDescription::OrbivaneModule& module, cv::Size panorama, cv::Rect region = cv::Rect());
+
 // The module drawn through its UV grid and lens shader, but with `placement`
 // (a planar homography from the module's unit square to the unit square of
 // the output) for its matrix, on an output of `size` pixels whose pixel

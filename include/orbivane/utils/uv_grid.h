@@ -44,7 +44,8 @@ class ORBIVANE_EXPORT UVGrid {
   void setPoints(std::vector<UVPoint> points);
 
   // The texture coordinate drawn at position (x, y) of the unit square,
-  // interpolated bilinearly within its cell; (x, y) outside are clamped.
+  // interpolated bilinearly within its cell; (x, y) outside are clamped, and a
+  // position that is not finite gives a point that is not either.
   UVPoint sample(float x, float y) const;
 
   // True when every point equals the regular lattice's.

@@ -113,7 +113,7 @@ struct AutoClipping::Impl {
     }
     OrbivaneGeometry::Coverage::accumulateCoverage(flat, raster, coverage);
     for (const auto& module : drawn) {
-      auto drawing = OrbivaneRendering::drawModule(*module, raster);
+      auto drawing = OrbivaneRendering::drawModuleCoverage(*module, raster);
       if (!drawing) {
         logger->warn("AutoClipping: module {} {}; not counted", Utils::toUtf8(module->name()), drawing.error());
         continue;
