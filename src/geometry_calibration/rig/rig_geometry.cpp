@@ -10,6 +10,7 @@
 #include "orbivane/geometry/surface_projection.h"
 #include "orbivane/shading/image_shading.h"
 #include "shading/distortion_model.h"
+#include "utils/parallel.h"
 
 namespace GeometryCalibration {
 namespace Rig {
@@ -173,26 +174,32 @@ struct GridFit {
 GridFit fitGrid(const Placed& placed, const ShaderLens& lens, const cv::Matx33d& matrix, int cols, int rows) {
   const ModuleModel& model = placed.model;
   GridFit fit{Utils::UVGrid(cols, rows), 0.0};
-  std::vector<Utils::UVGrid::UVPoint> points;
-  points.reserve(std::size_t(cols + 1) * std::size_t(rows + 1));
-  for (int j = 0; j <= rows; ++j)
-    for (int i = 0; i <= cols; ++i) {
-      const cv::Point2d t = exactTexture(placed, lens, matrix, cv::Point2d(double(i) / cols, double(j) / rows));
-      points.push_back({float(t.x), float(t.y)});
-    }
+  // Rows on the machine's cores: every point is computed alone.
+  std::vector<Utils::UVGrid::UVPoint> points(std::size_t(cols + 1) * std::size_t(rows + 1));
+  Utils::parallelRows(0, rows + 1, [&](int first, int last) {
+    for (int j = first; j < last; ++j)
+      for (int i = 0; i <= cols; ++i) {
+        const cv::Point2d t = exactTexture(placed, lens, matrix, cv::Point2d(double(i) / cols, double(j) / rows));
+        points[std::size_t(j) * std::size_t(cols + 1) + std::size_t(i)] = {float(t.x), float(t.y)};
+      }
+  });
   fit.grid.setPoints(std::move(points));
   const double marginU = 1.0 / cols, marginV = 1.0 / rows;
-  for (int j = 0; j < 2 * rows; ++j)
-    for (int i = 0; i < 2 * cols; ++i) {
-      if (i % 2 == 0 && j % 2 == 0) continue;  // grid points themselves are exact
-      const cv::Point2d q(i / (2.0 * cols), j / (2.0 * rows));  // cell centres and edge middles
-      const cv::Point2d exact = exactTexture(placed, lens, matrix, q);
-      const cv::Point2d s = lens.map(exact);
-      if (s.x < -marginU || s.x > 1.0 + marginU || s.y < -marginV || s.y > 1.0 + marginV) continue;
-      const Utils::UVGrid::UVPoint g = fit.grid.sample(float(q.x), float(q.y));
-      const cv::Point2d drawn = lens.map(cv::Point2d(g.u, g.v));
-      fit.error = std::max(fit.error, cv::norm(pixel(drawn - s, model.picture)));
-    }
+  std::vector<double> rowError(std::size_t(2 * rows), 0.0);
+  Utils::parallelRows(0, 2 * rows, [&](int first, int last) {
+    for (int j = first; j < last; ++j)
+      for (int i = 0; i < 2 * cols; ++i) {
+        if (i % 2 == 0 && j % 2 == 0) continue;  // grid points themselves are exact
+        const cv::Point2d q(i / (2.0 * cols), j / (2.0 * rows));  // cell centres and edge middles
+        const cv::Point2d exact = exactTexture(placed, lens, matrix, q);
+        const cv::Point2d s = lens.map(exact);
+        if (s.x < -marginU || s.x > 1.0 + marginU || s.y < -marginV || s.y > 1.0 + marginV) continue;
+        const Utils::UVGrid::UVPoint g = fit.grid.sample(float(q.x), float(q.y));
+        const cv::Point2d drawn = lens.map(cv::Point2d(g.u, g.v));
+        rowError[std::size_t(j)] = std::max(rowError[std::size_t(j)], cv::norm(pixel(drawn - s, model.picture)));
+      }
+  });
+  for (const double e : rowError) fit.error = std::max(fit.error, e);
   return fit;
 }
 
