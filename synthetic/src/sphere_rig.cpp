@@ -28,6 +28,15 @@ cv::Matx33d rotationOf(const SphereModule& m) {
 
 cv::Point2d middleOf(const SphereModule& m) { return cv::Point2d(0.5 * m.picture.width, 0.5 * m.picture.height); }
 
+// The direction from the turning point of what a module's lens sees along
+// `ray`: the ray itself far away, or the ground point it meets (world y
+// points down, the ground is the plane y = groundBelow).
+cv::Vec3d seenDirection(const SphereRig& rig, const SphereModule& m, const cv::Vec3d& ray) {
+  if (!(rig.groundBelow > 0.0) || !(ray[1] > 1e-9)) return ray;
+  const double along = (rig.groundBelow - m.lens[1]) / ray[1];
+  return m.lens + along * ray;
+}
+
 }  // namespace
 
 cv::Vec3d SphereRig::ray(std::size_t index, cv::Point2d p) const {
@@ -206,8 +215,10 @@ SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& o) {
     m.gain = rng.uniform(0.85, 1.15);
     m.vignetting = rng.uniform(0.0, 0.15);
     m.picture = o.picture;
+    m.lens = o.nodalOffset * (rotationOf(m) * cv::Vec3d(0.0, 0.0, 1.0));
     rig.modules.push_back(m);
   }
+  rig.groundBelow = o.groundBelow;
   cv::Mat padded;
   cv::copyMakeBorder(world, padded, 0, 0, kWrap, kWrap, cv::BORDER_WRAP);
   cv::copyMakeBorder(padded, padded, kWrap, kWrap, 0, 0, cv::BORDER_REFLECT101);
@@ -217,7 +228,7 @@ SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& o) {
     const double halfDiagonal = 0.5 * std::hypot(m.picture.width, m.picture.height);
     for (int y = 0; y < m.picture.height; ++y)
       for (int x = 0; x < m.picture.width; ++x) {
-        const cv::Point2d w = rig.worldPixel(rig.ray(k, cv::Point2d(x, y)));
+        const cv::Point2d w = rig.worldPixel(seenDirection(rig, m, rig.ray(k, cv::Point2d(x, y))));
         mapX.at<float>(y, x) = float(w.x + kWrap);
         mapY.at<float>(y, x) = float(w.y + kWrap);
         const double r = std::hypot(x - 0.5 * m.picture.width, y - 0.5 * m.picture.height) / halfDiagonal;

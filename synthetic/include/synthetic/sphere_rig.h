@@ -5,6 +5,15 @@
 // y: latitude 90..-90 degrees top to bottom), with its own exposure,
 // vignetting and sensor noise.
 //
+// Optionally with parallax, as a hand-held camera turned about its tripod
+// screw sees it: each lens sits `nodalOffset` metres ahead of the turning
+// point (along its view), and the lower half of the world is a ground plane
+// `groundBelow` metres below the turning point, painted with the world as
+// the turning point sees it. Two modules then see a ground point in
+// directions that differ by up to baseline / distance; the world above the
+// horizon stays infinitely far. `ray` is a picture point's direction from
+// its module's lens.
+//
 // Conventions (independent of the library's): a module's camera looks along
 // +z with x right and y down; the world's y points down, its z at longitude
 // 0 on the horizon. Yaw turns right, pitch up, roll clockwise. A picture
@@ -30,10 +39,12 @@ struct SphereModule {
   double gain = 1.0;                          // exposure
   double vignetting = 0.0;                    // brightness lost at the corners (share)
   cv::Size picture{1280, 960};
+  cv::Vec3d lens{0.0, 0.0, 0.0};              // metres from the turning point (world axes)
 };
 
 struct SphereRig {
   cv::Mat world;  // the equirectangular panorama the modules photograph (BGR)
+  double groundBelow = 0.0;  // metres from the turning point down to the ground; 0: no ground
   std::vector<SphereModule> modules;
   std::vector<cv::Mat> pictures;  // what each module photographs (BGR)
 
@@ -60,13 +71,17 @@ struct SphereRigOptions {
   // Degrees the axis the ring turns about leans to the right (a hand-held
   // camera turned on the spot), 0: upright.
   double lean = 0.0;
+  // Parallax (see above): metres each lens sits ahead of the turning point,
+  // and metres from the turning point down to the ground (0: no ground).
+  double nodalOffset = 0.0;
+  double groundBelow = 0.0;
 };
 
 // Renders the rig's pictures from `world` (an equirectangular picture).
 SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& options);
 
 // How far a camera's modules, as the viewer draws them, put the same world
-// point apart: at every `step`-th panorama pixel where two modules both draw,
+// point apart (for a rig without parallax, whose rays meet at infinity): at every `step`-th panorama pixel where two modules both draw,
 // the angle between the true rays of the two picture points drawn there, in
 // pixels of the first module (times its focal length). The camera's modules
 // carry the rig's module names and pictures.
