@@ -682,6 +682,11 @@ struct RigRun {
     double largest = 0.0;
     for (const auto& d : displacements) largest = std::max(largest, d.empty() ? 0.0 : d.largest());
     if (largest < kParallaxPx) return;
+    // The guided search finds most first matches again, which then count
+    // twice: a prior towards the matches the whole pictures agreed on. Left
+    // so on purpose: counted once, the seams of the sets with the most
+    // parallax came out worse (sky over near roofs: 90 % 1.34 -> 1.71 px; a
+    // ground ring's worst pair 0.47 -> 1.13 px).
     const std::vector<Rig::Match> more = matchWhereSeamsHold();
     all.insert(all.end(), more.begin(), more.end());
     displacements = Rig::holdSeams(models, surface, all);
