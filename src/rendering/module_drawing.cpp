@@ -85,6 +85,7 @@ Utils::ReturnState<ModuleDrawing, std::string> drawnThrough(const CameraDescript
                                                             const cv::Matx33d& homography, const cv::Rect2d& frame,
                                                             ModuleDrawing d, bool colour) {
   ImageSource::ShaderRenderer renderer;
+  renderer.setParallelRows(true);
   try {
     renderer.setShaders(module.shaders());
   } catch (const std::exception& e) {

@@ -122,13 +122,13 @@ std::shared_ptr<const ShaderRenderer::Source> ShaderRenderer::source(
 
 namespace {
 
-// Rows of an output of `size` in stripes on the machine's cores when it is
-// large (a module drawn on a panorama); a small one (the shader search's
-// renderings, which run side by side already) on the calling thread. Each
-// row is computed alone, so the result is the same either way.
+// Rows of an output of `size` in stripes on the machine's cores when asked
+// (`parallel`) and it is large (a module drawn on a panorama), otherwise on
+// the calling thread. Each row is computed alone, so the result is the same
+// either way.
 constexpr int kParallelPixels = 1 << 18;
-void forRows(cv::Size size, const std::function<void(int, int)>& rows) {
-  if (size.area() >= kParallelPixels) {
+void forRows(bool parallel, cv::Size size, const std::function<void(int, int)>& rows) {
+  if (parallel && size.area() >= kParallelPixels) {
     Utils::parallelRows(0, size.height, rows);
   } else {
     rows(0, size.height);
@@ -181,7 +181,7 @@ std::shared_ptr<const ShaderRenderer::Coordinates> ShaderRenderer::coordinates(c
     const cv::Matx33d inverse = h.inv();
     const double eps = 1e-6;
     Coordinates* const out = c.get();
-    forRows(size, [&](int fromRow, int toRow) {
+    forRows(parallelRows_, size, [&](int fromRow, int toRow) {
       for (int y = fromRow; y < toRow; ++y) {
         const double sy = top + (bottom - top) * y / size.height;
         int first = size.width, last = 0;
@@ -223,7 +223,7 @@ void ShaderRenderer::fillMaps(const Coordinates& c, cv::Size original, cv::Mat& 
   // The sampling rule's positions on the picture itself (factor 1), without
   // the border pixel: cv::remap then reads exactly where Apply reads.
   const LensWarp w = makeLensWarp(distortion_, original.width, original.height, 1, original.width, original.height);
-  forRows(size, [&](int fromRow, int toRow) {
+  forRows(parallelRows_, size, [&](int fromRow, int toRow) {
     for (int y = fromRow; y < toRow; ++y) {
       float* mx = mapX.ptr<float>(y);
       float* my = mapY.ptr<float>(y);

@@ -59,6 +59,11 @@ class ShaderRenderer {
   // The part of the surface the output frames (surface units: left, top,
   // width, height); nothing frames the module's footprint.
   void setFrame(const Utils::Optional<cv::Rect2d>& frame);
+  // Whether a large output (a quarter million pixels or more) computes its
+  // coordinates and maps in stripes of rows on the machine's cores (a module
+  // drawn alone on a panorama); off by default, for renderers that already
+  // run side by side (the shader search's). The result is the same either way.
+  void setParallelRows(bool parallel) { parallelRows_ = parallel; }
 
   // Where each output pixel of a `size` rendering of a picture of `picture`
   // pixels reads the picture (CV_32FC1 maps for cv::remap, in picture pixels;
@@ -105,6 +110,7 @@ class ShaderRenderer {
   LensDistortion distortion_;
   std::shared_ptr<const Source> source_;
   std::shared_ptr<const Coordinates> coordinates_;  // null when the geometry changed
+  bool parallelRows_ = false;
 };
 
 }  // namespace ImageSource
