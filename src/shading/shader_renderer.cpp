@@ -41,6 +41,19 @@ bool sameGrid(const Utils::Optional<Utils::UVGrid>& a, const Utils::Optional<Uti
   return a.has_value() == b.has_value() && (!a || !(*a != *b));
 }
 
+// Rows of an output of `size` in stripes on the machine's cores when asked
+// (`parallel`) and it is large (a module drawn on a panorama), otherwise on
+// the calling thread. Each row is computed alone, so the result is the same
+// either way.
+constexpr int kParallelPixels = 1 << 18;
+void forRows(bool parallel, cv::Size size, const std::function<void(int, int)>& rows) {
+  if (parallel && size.area() >= kParallelPixels) {
+    Utils::parallelRows(0, size.height, rows);
+  } else {
+    rows(0, size.height);
+  }
+}
+
 }  // namespace
 
 ShaderRenderer::ShaderRenderer() : homography_(cv::Matx33d::eye()) {}
@@ -119,23 +132,6 @@ std::shared_ptr<const ShaderRenderer::Source> ShaderRenderer::source(
   source_ = std::move(s);
   return source_;
 }
-
-namespace {
-
-// Rows of an output of `size` in stripes on the machine's cores when asked
-// (`parallel`) and it is large (a module drawn on a panorama), otherwise on
-// the calling thread. Each row is computed alone, so the result is the same
-// either way.
-constexpr int kParallelPixels = 1 << 18;
-void forRows(bool parallel, cv::Size size, const std::function<void(int, int)>& rows) {
-  if (parallel && size.area() >= kParallelPixels) {
-    Utils::parallelRows(0, size.height, rows);
-  } else {
-    rows(0, size.height);
-  }
-}
-
-}  // namespace
 
 std::shared_ptr<const ShaderRenderer::Coordinates> ShaderRenderer::coordinates(cv::Size size) {
   if (coordinates_ && coordinates_->size == size) return coordinates_;
