@@ -340,6 +340,30 @@ PeerResult openCvDetailStitchOrThrow(const std::vector<cv::Mat>& photographs) {
   return result;
 }
 
+
+// How many of `count` photographs the largest group the project's control
+// points ("c n0 N1 ...") join holds: Hugin's optimiser places an
+// unjoined photograph anywhere (often on top of another), so a chain that
+// left one out is a failure, not a panorama to measure.
+int linkedPhotographs(const std::string& project, int count) {
+  std::vector<int> group(std::size_t(std::max(count, 0)));
+  for (int i = 0; i < count; ++i) group[std::size_t(i)] = i;
+  const auto root = [&](int i) {
+    while (group[std::size_t(i)] != i) i = group[std::size_t(i)];
+    return i;
+  };
+  std::istringstream lines(project);
+  std::string line;
+  while (std::getline(lines, line)) {
+    int a = -1, b = -1;
+    if (line.rfind("c ", 0) != 0 || std::sscanf(line.c_str(), "c n%d N%d", &a, &b) != 2) continue;
+    if (a < 0 || b < 0 || a >= count || b >= count) continue;
+    group[std::size_t(root(a))] = root(b);
+  }
+  std::vector<int> members(group.size(), 0);
+  for (int i = 0; i < count; ++i) ++members[std::size_t(root(i))];
+  return members.empty() ? 0 : *std::max_element(members.begin(), members.end());
+}
 }  // namespace
 
 bool huginAvailable() { return run("command -v pto_gen && command -v cpfind && command -v nona") == 0; }
@@ -367,6 +391,12 @@ PeerResult huginStitch(const std::vector<std::string>& files, const std::string&
   std::stringstream text;
   text << in.rdbuf();
   std::string project = text.str();
+  const int linked = linkedPhotographs(project, int(files.size()));
+  if (linked < int(files.size())) {
+    result.error = "its control points link only " + std::to_string(linked) + " of " +
+                   std::to_string(files.size()) + " photographs (cpfind found too few between neighbours)";
+    return result;
+  }
   // The panorama line "p f2 w3000 h1500 ... S10,2990,5,1495 n\"TIFF_m ...\"":
   // its canvas size and crop are read, and it is written back uncropped with
   // one layer per photograph.

@@ -44,7 +44,8 @@ PeerResult openCvDetailStitch(const std::vector<cv::Mat>& photographs);
 
 // Whether Hugin's command-line tools are on the PATH.
 bool huginAvailable();
-// Hugin's chain on the photograph files, working in `folder` (which must exist).
+// Hugin's chain on the photograph files, working in `folder` (which must
+// exist). It fails when its control points leave a photograph unlinked.
 PeerResult huginStitch(const std::vector<std::string>& files, const std::string& folder);
 
 // The seams between layers, measured on the panorama as the other tools'
