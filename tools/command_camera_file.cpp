@@ -428,11 +428,16 @@ CameraDescription::Orbivane rigCamera(const InitOptions& o, const InitInputs& in
             << " px (median), " << fixedText(r.p90Px, 2) << " px (90 %), " << fixedText(r.seconds, 1) << " s\n";
   int unplaced = 0;
   const json modules = reportModules(camera, r, in, unplaced);
+  if (!r.vignetting.none()) {
+    std::cout << "  lens vignetting undone: the pictures' corners brightened " << fixedText(r.vignetting.factor(1.0), 3)
+              << "x (r2 " << fixedText(r.vignetting.r2, 4) << ", r4 " << fixedText(r.vignetting.r4, 4) << ")\n";
+  }
   const json pairs = reportPairs(camera, r);
   if (in.target) document["target"] = reportTarget(r.target);
   document["rig"] = {{"projection", r.projection}, {"fieldOfView", {r.fieldOfViewX, r.fieldOfViewY}},
                      {"fullRing", r.fullRing}, {"medianPx", r.medianPx}, {"p90Px", r.p90Px},
-                     {"seconds", r.seconds}, {"modules", modules}, {"pairs", pairs}};
+                     {"seconds", r.seconds}, {"modules", modules}, {"pairs", pairs},
+                     {"vignetting", {{"r2", r.vignetting.r2}, {"r4", r.vignetting.r4}}}};
   document["unplaced"] = unplaced;
   if (unplaced > 0) exitStatus() = kExitFailedModules;
   return camera;

@@ -77,12 +77,40 @@ double asNumber(const json& j, const std::string& where) {
 }
 
 
+// A module's vignetting, {"r2": a, "r4": b}: its factor 1 + a r^2 + b r^4
+// must stay within [kVignettingFactors] over the picture (r from 0 to 1).
+constexpr double kVignettingFactors[2] = {0.25, 4.0};
+OrbivaneModule::Vignetting vignettingFrom(const json& j, const std::string& where);
+
 long long asInteger(const json& j, const std::string& where, long long low, long long high) {
   if (!j.is_number_integer()) throw FileError(where, "expected an integer, got " + typeName(j));
   const long long v = j.get<long long>();
   if (v < low || v > high) {
     throw FileError(where, "expected an integer from " + std::to_string(low) + " to " + std::to_string(high) +
                                ", got " + std::to_string(v));
+  }
+  return v;
+}
+
+OrbivaneModule::Vignetting vignettingFrom(const json& j, const std::string& where) {
+  if (!j.is_object()) throw FileError(where, "expected an object {\"r2\": ..., \"r4\": ...}, got " + typeName(j));
+  allowOnly(j, where, {"r2", "r4"});
+  OrbivaneModule::Vignetting v;
+  if (const json* r2 = optionalKey(j, "r2")) v.r2 = asNumber(*r2, where + "/r2");
+  if (const json* r4 = optionalKey(j, "r4")) v.r4 = asNumber(*r4, where + "/r4");
+  // The factor is a parabola in r^2: its least and largest values over the
+  // picture lie at the centre, the corners or its vertex.
+  double low = std::min(1.0, v.factor(1.0)), high = std::max(1.0, v.factor(1.0));
+  if (v.r4 != 0.0) {
+    const double vertex = -v.r2 / (2.0 * v.r4);
+    if (vertex > 0.0 && vertex < 1.0) {
+      low = std::min(low, v.factor(std::sqrt(vertex)));
+      high = std::max(high, v.factor(std::sqrt(vertex)));
+    }
+  }
+  if (!(low >= kVignettingFactors[0] && high <= kVignettingFactors[1])) {
+    throw FileError(where, "the factor 1 + r2 r^2 + r4 r^4 reaches " + std::to_string(low < kVignettingFactors[0] ? low : high) +
+                               " over the picture; expected it within 0.25 to 4");
   }
   return v;
 }
@@ -230,7 +258,7 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
   for (std::size_t i = 0; i < modules.size(); ++i) {
     const std::string where = "/modules/" + std::to_string(i);
     const json& m = modules[i];
-    allowOnly(m, where, {"name", "image", "exposureGain", "rotation", "channel", "fisheye", "fisheyeThreshold", "neighbour", "linkage",
+    allowOnly(m, where, {"name", "image", "exposureGain", "vignetting", "rotation", "channel", "fisheye", "fisheyeThreshold", "neighbour", "linkage",
                          "geometry", "shaders", "connection"});
     const std::string name = asString(requiredKey(m, where, "name"), where + "/name");
     if (name.empty()) throw FileError(where + "/name", "a module name must not be empty");
@@ -250,6 +278,7 @@ Orbivane parseCamera(const json& root, const std::string& baseDirectory, const C
       }
       module.setExposureGain(gain);
     }
+    if (const json* v = optionalKey(m, "vignetting")) module.setVignetting(vignettingFrom(*v, where + "/vignetting"));
     if (const json* v = optionalKey(m, "fisheye")) module.setFisheye(asBool(*v, where + "/fisheye"));
     if (const json* v = optionalKey(m, "fisheyeThreshold")) {
       module.setFisheyeThreshold(static_cast<std::int16_t>(asInteger(*v, where + "/fisheyeThreshold", 0, 255)));
@@ -545,6 +574,9 @@ std::string cameraToJson(const Orbivane& camera, const std::string& baseDirector
       m["image"] = relative.empty() ? image.string() : relative.string();
     }
     if (module->exposureGain() != 1.0) m["exposureGain"] = module->exposureGain();
+    if (!module->vignetting().none()) {
+      m["vignetting"] = ordered{{"r2", module->vignetting().r2}, {"r4", module->vignetting().r4}};
+    }
     if (module->geometry()) m["geometry"] = geometryToJson(*module->geometry());
     if (!module->shaders().empty()) {
       ordered shaders = ordered::array();

@@ -36,6 +36,7 @@ void OrbivaneModule::copyFrom(const OrbivaneModule& other) {
   content_.image = other.content_.image;
   content_.imagePath = other.content_.imagePath;
   content_.exposureGain = other.content_.exposureGain;
+  content_.vignetting = other.content_.vignetting;
   channel_ = other.channel_;
   neighbour_ = other.neighbour_;
   connection_ = other.connection_;

@@ -896,11 +896,13 @@ void RigEstimator::Impl::evenExposure(const CameraDescription::Orbivane& result,
                                       const std::vector<std::shared_ptr<CameraDescription::OrbivaneModule>>& placed,
                                       cv::Size panorama) {
   if (options.exposureGains) {
-    const std::vector<double> gains = Rig::exposureGains(placed, panorama);
+    const Rig::Exposure exposure = Rig::evenExposure(placed, panorama);
     for (std::size_t k = 0; k < placed.size(); ++k) {
-      placed[k]->setExposureGain(gains[k]);
-      report.modules[placed[k]->name()].exposureGain = gains[k];
+      placed[k]->setExposureGain(exposure.gains[k]);
+      placed[k]->setVignetting(exposure.vignetting);
+      report.modules[placed[k]->name()].exposureGain = exposure.gains[k];
     }
+    report.vignetting = exposure.vignetting;
   }
   for (auto& pr : report.pairs) {
     pr.exposureEv = Rig::exposureDifferenceEv(*result.findModule(pr.first), *result.findModule(pr.second), panorama);

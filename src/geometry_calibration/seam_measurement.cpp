@@ -63,7 +63,8 @@ std::string signatureOf(const CameraDescription::OrbivaneModule& module) {
     s << '|' << shader.uid();
     for (const auto& [name, value] : shader.parameters()) s << ',' << name << '=' << value;
   }
-  s << "|gain " << module.exposureGain() << "|picture " << module.image().get();
+  s << "|gain " << module.exposureGain() << "|vignetting " << module.vignetting().r2 << ',' << module.vignetting().r4
+    << "|picture " << module.image().get();
   return s.str();
 }
 

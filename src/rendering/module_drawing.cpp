@@ -77,9 +77,32 @@ void drawThrough(ImageSource::ShaderRenderer& renderer, const Image::UniversalIm
   colour8.convertTo(d.colour, CV_32FC3, 1.0);
 }
 
+// Each drawn colour multiplied by the vignetting's factor at the picture
+// point it reads (orbivane_module.h).
+void undoVignetting(const CameraDescription::OrbivaneModule::Vignetting& vignetting, ModuleDrawing& d) {
+  const double cx = 0.5 * (d.picture.width - 1), cy = 0.5 * (d.picture.height - 1);
+  const double halfDiagonal = 0.5 * std::hypot(d.picture.width, d.picture.height);
+  if (!(halfDiagonal > 0.0)) return;
+  const float a = float(vignetting.r2), b = float(vignetting.r4);
+  const float scale = float(1.0 / (halfDiagonal * halfDiagonal));
+  for (int y = 0; y < d.colour.rows; ++y) {
+    const float* mx = d.mapX.ptr<float>(y);
+    const float* my = d.mapY.ptr<float>(y);
+    float* c = d.colour.ptr<float>(y);
+    for (int x = 0; x < d.colour.cols; ++x) {
+      const float dx = mx[x] - float(cx), dy = my[x] - float(cy);
+      const float r2 = (dx * dx + dy * dy) * scale;
+      const float f = 1.0f + r2 * (a + b * r2);
+      c[3 * x] *= f;
+      c[3 * x + 1] *= f;
+      c[3 * x + 2] *= f;
+    }
+  }
+}
+
 // `d` (its box and outline set) drawn from the module's picture through its
 // shaders and UV grid with `homography` onto `frame` (surface units), at
-// the module's exposure gain.
+// the module's vignetting undone and its exposure gain.
 Utils::ReturnState<ModuleDrawing, std::string> drawnThrough(const CameraDescription::OrbivaneModule& module,
                                                             const Image::UniversalImageInterface& image,
                                                             const cv::Matx33d& homography, const cv::Rect2d& frame,
@@ -96,6 +119,7 @@ Utils::ReturnState<ModuleDrawing, std::string> drawnThrough(const CameraDescript
   renderer.setHomography(homography);
   renderer.setFrame(frame);
   drawThrough(renderer, image, d, colour);
+  if (colour && !module.vignetting().none()) undoVignetting(module.vignetting(), d);
   if (colour) d.colour *= module.exposureGain();
   return d;
 }

@@ -214,6 +214,7 @@ SphereRig makeSphereRig(const cv::Mat& world, const SphereRigOptions& o) {
     m.k1 = o.k1 + rng.uniform(-0.01, 0.01);
     m.gain = rng.uniform(0.85, 1.15);
     m.vignetting = rng.uniform(0.0, 0.15);
+    if (o.vignetting >= 0.0) m.vignetting = std::min(o.vignetting, 0.9);
     m.picture = o.picture;
     m.lens = o.nodalOffset * (rotationOf(m) * cv::Vec3d(0.0, 0.0, 1.0));
     rig.modules.push_back(m);

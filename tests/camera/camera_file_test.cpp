@@ -67,6 +67,10 @@ void expectSameCamera(const Orbivane& a, const Orbivane& b) {
     const OrbivaneModule& y = *b.modules()[i];
     EXPECT_EQ(x.name(), y.name());
     EXPECT_EQ(x.rotation(), y.rotation());
+    // A file holds numbers in single precision.
+    EXPECT_EQ(float(x.exposureGain()), float(y.exposureGain()));
+    EXPECT_EQ(float(x.vignetting().r2), float(y.vignetting().r2));
+    EXPECT_EQ(float(x.vignetting().r4), float(y.vignetting().r4));
     EXPECT_EQ(x.channel(), y.channel());
     EXPECT_EQ(x.fisheye(), y.fisheye());
     EXPECT_EQ(x.fisheyeThreshold(), y.fisheyeThreshold());
@@ -219,6 +223,8 @@ TEST(CameraFile, SavedFileLoadsBackTheSameCamera) {
   for (int k = 0; k < 16; ++k) odd.set(k / 4, k % 4, static_cast<float>(rng.uniform(-1e3, 1e3) / 7.0));
   geometry->setMatrix(odd);
   camera.modules()[0]->setLinkage(std::make_unique<CameraDescription::OrbivaneLinkage>(L"B", L"\u00C4", 1.0f / 3.0f));
+  camera.modules()[0]->setExposureGain(1.0 / 3.0);
+  camera.modules()[0]->setVignetting({0.1234567, -0.0421875});
   ASSERT_TRUE(CameraDescription::saveCameraFile(camera, beside).hasValue());
   const auto fourth = CameraDescription::loadCameraFile(beside);
   ASSERT_TRUE(fourth.hasValue()) << fourth.error();
@@ -354,6 +360,12 @@ TEST(CameraFile, ErrorsNameTheFileThePathAndTheFault) {
   fails(oneModule(R"("shaders": [{"uid": "00050007", "parameters": {"f_x": 1}}])"),
         "/modules/0/shaders/0/parameters/f_x", "expected a string");
   fails(oneModule(R"("neighbour": "Z")"), "/modules/0/neighbour", "no module named 'Z'");
+  fails(oneModule(R"("vignetting": 0.2)"), "/modules/0/vignetting", "expected an object");
+  fails(oneModule(R"("vignetting": {"r3": 0.2})"), "/modules/0/vignetting", "unknown key 'r3'");
+  // Factors the viewer would multiply a corner (or, through the vertex, a
+  // ring inside the picture) by: 0.1 and 4.2.
+  fails(oneModule(R"("vignetting": {"r2": -0.9})"), "/modules/0/vignetting", "within 0.25 to 4");
+  fails(oneModule(R"("vignetting": {"r2": 12.8, "r4": -16})"), "/modules/0/vignetting", "within 0.25 to 4");
   fails(R"({"format": "orbivane-camera", "version": 1, "modules": [{"name": "A"}, {"name": "A"}]})",
         "/modules/1/name", "a second module named 'A'");
   fails(R"({"format": "orbivane-camera", "version": 1, "modules": [{"name": ""}]})", "/modules/0/name", "empty");

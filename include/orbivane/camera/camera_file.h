@@ -4,6 +4,7 @@
 //    "name": "...", "panoramaSize": [W, H],
 //    "modules": [{"name": "...", "image": "pictures/a.png", "rotation": 0,
 //                 "channel": 0, "fisheye": false, "fisheyeThreshold": 97,
+//                 "exposureGain": 1.0, "vignetting": {"r2": 0.0, "r4": 0.0},
 //                 "neighbour": "B",
 //                 "linkage": {"left": "", "right": "B", "overlap": 0.2},
 //                 "geometry": {"type": "matrix", "matrix": [16 numbers, row-major],

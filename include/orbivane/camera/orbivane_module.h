@@ -61,6 +61,19 @@ class ORBIVANE_EXPORT OrbivaneModule {
   // result clipped to 255. 1 leaves the picture as it is.
   double exposureGain() const { return content_.exposureGain; }
   void setExposureGain(double gain) { content_.exposureGain = gain; }
+  // The lens's fall-off of brightness towards the picture's corners, as the
+  // viewer undoes it: each colour value of picture pixel (x, y) is multiplied
+  // by 1 + r2 r^2 + r4 r^4 (and then by the exposure gain), where r is the
+  // pixel's distance from the picture's centre over half the picture's
+  // diagonal (0 at the centre, 1 in the corners). {0, 0} leaves the picture
+  // as it is.
+  struct Vignetting {
+    double r2 = 0.0, r4 = 0.0;
+    bool none() const { return r2 == 0.0 && r4 == 0.0; }
+    double factor(double r) const { return 1.0 + r * r * (r2 + r4 * r * r); }
+  };
+  const Vignetting& vignetting() const { return content_.vignetting; }
+  void setVignetting(const Vignetting& vignetting) { content_.vignetting = vignetting; }
   // Where the picture came from (a file path, empty if unknown).
   const std::string& imagePath() const { return content_.imagePath; }
   void setImagePath(std::string path) { content_.imagePath = std::move(path); }
@@ -96,6 +109,7 @@ class ORBIVANE_EXPORT OrbivaneModule {
     std::shared_ptr<Image::UniversalImageInterface> image;
     std::string imagePath;
     double exposureGain = 1.0;
+    Vignetting vignetting;
   };
 
   void copyFrom(const OrbivaneModule& other);

@@ -64,6 +64,8 @@ struct ORBIVANE_EXPORT RigOptions {
   // Each module its own focal length and lens (true) or one lens for all.
   bool lensPerModule = true;
   bool straightenHorizon = true;
+  // Exposure gains that even out the overlaps, and the lenses' vignetting
+  // where the overlaps show it (RigReport::vignetting).
   bool exposureGains = true;
   // Let the UV grids also lay matched features of overlapping modules onto
   // each other where the rotation model leaves them apart (parallax of near
@@ -132,6 +134,9 @@ struct ORBIVANE_EXPORT RigReport {
   std::list<RigPairReport> pairs;
   RigTargetReport target;  // when RigOptions::target names one
   double medianPx = 0.0, p90Px = 0.0;  // over all kept matches
+  // The lenses' vignetting the modules were given, one for all (none: the
+  // overlaps did not show one).
+  CameraDescription::OrbivaneModule::Vignetting vignetting;
   double seconds = 0.0;
 };
 

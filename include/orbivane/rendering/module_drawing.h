@@ -2,7 +2,7 @@
 // viewing client draws it: through its final matrix (module matrix x clip
 // matrix), its UV grid and its lens distortion shader
 // (orbivane/shading/image_shading.h), its picture's colours multiplied by the
-// module's exposure gain. The panorama renderer blends these drawings; the
+// module's vignetting factor and exposure gain (orbivane_module.h). The panorama renderer blends these drawings; the
 // calibrators that judge seams, exposure and coverage measure on them, so
 // they see what a viewer shows.
 //
@@ -23,7 +23,7 @@ namespace OrbivaneRendering {
 
 struct ModuleDrawing {
   cv::Rect box;       // panorama pixels drawn: the module's footprint box within the region asked for
-  cv::Mat colour;     // CV_32FC3 over the box (BGR, 0..255 times the gain); 0 where the module shows nothing
+  cv::Mat colour;     // CV_32FC3 over the box (BGR, 0..255 times vignetting and gain); 0 where the module shows nothing
   cv::Mat mapX, mapY; // CV_32FC1 over the box: where each pixel reads the picture, in picture pixels
   cv::Mat inside;     // CV_8UC1 over the box: 255 where the pixel reads the picture (within half a pixel of it)
   cv::Size picture;   // the picture's size

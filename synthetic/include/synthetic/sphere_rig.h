@@ -75,6 +75,9 @@ struct SphereRigOptions {
   // and metres from the turning point down to the ground (0: no ground).
   double nodalOffset = 0.0;
   double groundBelow = 0.0;
+  // Brightness every lens loses at its picture's corners (share, 0..0.9), as
+  // lenses of one make do; negative: each module its own, 0..0.15.
+  double vignetting = -1.0;
 };
 
 // Renders the rig's pictures from `world` (an equirectangular picture).

@@ -16,6 +16,7 @@
 #include "orbivane/geometry_calibration/calibration_pipeline.h"
 #include "orbivane/geometry_calibration/rig_estimator.h"
 #include "orbivane/image/image_conversion.h"
+#include "orbivane/rendering/module_drawing.h"
 #include "orbivane/utils/wide_text.h"
 #include "synthetic/peer_stitchers.h"
 #include "synthetic/sample_data.h"
@@ -158,6 +159,65 @@ TEST(RigEstimator, TwoRingsTurnedUpAndDownJoinAsAGrid) {
     const double pitch = result.report.modules.at(Utils::fromUtf8(m.name)).pitch;
     EXPECT_NEAR(pitch, m.pitch, 4.0) << m.name;
   }
+}
+
+// How much two overlapping modules, drawn as the viewer shows them, differ
+// in brightness locally: |log2| of the ratio of their means over every 24x24
+// block of the panorama both cover, 90th percentile over all overlaps' blocks.
+// A mean over a whole overlap hides vignetting: one end of it is brighter in
+// one module, the other end in the other.
+double localExposureEv(const CameraDescription::Orbivane& camera) {
+  const cv::Size panorama(camera.panoramaSize().width, camera.panoramaSize().height);
+  std::vector<OrbivaneRendering::ModuleDrawing> drawn;
+  for (const auto& m : camera.modules()) {
+    auto d = OrbivaneRendering::drawModule(*m, panorama);
+    if (d) drawn.push_back(d.value());
+  }
+  constexpr int kBlock = 24;
+  std::vector<double> differences;
+  for (std::size_t i = 0; i < drawn.size(); ++i)
+    for (std::size_t j = i + 1; j < drawn.size(); ++j) {
+      const cv::Rect shared = drawn[i].box & drawn[j].box;
+      for (int y = shared.y; y + kBlock <= shared.br().y; y += kBlock)
+        for (int x = shared.x; x + kBlock <= shared.br().x; x += kBlock) {
+          const cv::Rect block(x, y, kBlock, kBlock);
+          const cv::Rect inI = block - drawn[i].box.tl(), inJ = block - drawn[j].box.tl();
+          if (cv::countNonZero(drawn[i].inside(inI) & drawn[j].inside(inJ)) < kBlock * kBlock) continue;
+          const double a = cv::mean(drawn[i].colour(inI))[1], b = cv::mean(drawn[j].colour(inJ))[1];
+          if (a > 10.0 && b > 10.0) differences.push_back(std::fabs(std::log2(a / b)));
+        }
+    }
+  if (differences.empty()) return 1e9;
+  std::nth_element(differences.begin(), differences.begin() + long(differences.size() * 9 / 10), differences.end());
+  return differences[differences.size() * 9 / 10];
+}
+
+// Lenses that lose a third of their brightness towards the corners: one
+// gain per module cannot even that out where one picture's corner meets
+// another's middle, so the lenses' fall-off is fitted from the overlaps and
+// written into the modules. Lenses without it get none.
+TEST(RigEstimator, VignettingSharedByTheLensesIsFoundAndUndone) {
+  Synthetic::SphereRigOptions options = smallRing(0.0, 2);
+  options.vignetting = 0.35;
+  options.jitter = 6.0;  // turned up and down: overlaps meet at different radii
+  const Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), options);
+  const Estimated vignetted = estimate(cameraOf(rig));
+  const auto& found = vignetted.report.vignetting;
+  ASSERT_FALSE(found.none());
+  // The truth darkens picture radius r by 1 - 0.35 r^2; the viewer's factor undoes it.
+  for (double r : {0.5, 0.8, 1.0}) {
+    EXPECT_NEAR(found.factor(r) * (1.0 - 0.35 * r * r), 1.0, 0.04) << "radius " << r;
+  }
+  for (const auto& m : vignetted.camera.modules()) {
+    EXPECT_DOUBLE_EQ(m->vignetting().r2, found.r2);
+    EXPECT_DOUBLE_EQ(m->vignetting().r4, found.r4);
+  }
+  EXPECT_LT(localExposureEv(vignetted.camera), 0.05);
+
+  options.vignetting = 0.0;
+  const Estimated plain = estimate(cameraOf(Synthetic::makeSphereRig(world(), options)));
+  const auto& none = plain.report.vignetting;
+  EXPECT_NEAR(none.factor(1.0), 1.0, 0.03) << "vignetting found in lenses without it";
 }
 
 TEST(RigEstimator, PictureOfSomethingElseIsLeftUnplacedWithItsReason) {
