@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 #include <set>
 
@@ -52,6 +53,9 @@ constexpr double kGuidedRadiusPx = 64.0;
 // displaced model puts them, within kSeamGuidedRadiusPx picture pixels.
 constexpr double kParallaxPx = 2.0;
 constexpr double kSeamGuidedRadiusPx = 12.0;
+constexpr double kSeamWideRadiusPx = 40.0;
+constexpr int kWideSeamRounds = 2;
+constexpr double kSeamAgreementPx = 1.5;  // panorama pixels
 constexpr int kFewestGuidedInliers = 15;
 
 // Straightening that leaves the modules rolled by more than this on average
@@ -633,7 +637,7 @@ struct RigRun {
   // seams' displacements put them (within kSeamGuidedRadiusPx): the pairs'
   // first matches, chosen over whole pictures, pass over much of a near,
   // repetitive overlap (paving, gravel) that the displaced model finds.
-  std::vector<Rig::Match> matchWhereSeamsHold() const {
+  std::vector<Rig::Match> matchWhereSeamsHold(double radius = kSeamGuidedRadiusPx) const {
     std::vector<Rig::Match> found;
     const cv::Size size = surface.pixels();
     for (const auto& [a, b] : pairIndex) {
@@ -657,7 +661,7 @@ struct RigRun {
       };
       const auto& fa = features[std::size_t(linked[std::size_t(a)])];
       const auto& fb = features[std::size_t(linked[std::size_t(b)])];
-      for (const cv::DMatch& dm : Rig::guidedMatches(fa, fb, predict, kSeamGuidedRadiusPx)) {
+      for (const cv::DMatch& dm : Rig::guidedMatches(fa, fb, predict, radius)) {
         Rig::Match match;
         match.a = a;
         match.b = b;
@@ -690,8 +694,39 @@ struct RigRun {
     const std::vector<Rig::Match> more = matchWhereSeamsHold();
     all.insert(all.end(), more.begin(), more.end());
     displacements = Rig::holdSeams(models, surface, all);
+    // Where the parallax is larger than the guided search's reach (near
+    // ground seen from places a step apart), the displaced model is still
+    // that far off: the features are looked for further out, twice, each
+    // time where the seams held with the last ones put them. Further out
+    // there are more wrong matches on repetitive ground too (a paving's
+    // pattern repeats), and the matches a round finds agree with the seams
+    // that found them; so a round is kept only when its seams line up more
+    // of the first matches, found over the whole pictures before any seam
+    // was held, than the seams before it (RANSAC's consensus).
+    std::vector<Rig::Displacement> best = displacements;
+    for (int round = 0; round < kWideSeamRounds; ++round) {
+      const std::vector<Rig::Match> wider = matchWhereSeamsHold(kSeamWideRadiusPx);
+      std::vector<Rig::Match> held = matches;
+      for (auto& match : held) match.inlier = true;
+      held.insert(held.end(), wider.begin(), wider.end());
+      displacements = Rig::holdSeams(models, surface, held);
+      if (agreeingWith(displacements, matches) <= agreeingWith(best, matches)) break;
+      best = displacements;
+    }
+    displacements = best;
   }
 
+  // How many of `probe` the displaced model draws within kSeamAgreementPx
+  // of each other.
+  int agreeingWith(const std::vector<Rig::Displacement>& fields, const std::vector<Rig::Match>& probe) const {
+    int count = 0;
+    for (const Rig::Match& m : probe) {
+      const cv::Point2d a = Rig::drawnAt(models[std::size_t(m.a)], surface, fields[std::size_t(m.a)], m.pa);
+      const cv::Point2d b = Rig::drawnAt(models[std::size_t(m.b)], surface, fields[std::size_t(m.b)], m.pb);
+      count += cv::norm(surface.offset(a, b)) < kSeamAgreementPx ? 1 : 0;
+    }
+    return count;
+  }
 
   // How far apart the two modules draw each kept match (panorama pixels),
   // per pair and module.
