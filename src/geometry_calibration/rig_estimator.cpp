@@ -56,6 +56,10 @@ constexpr double kSeamGuidedRadiusPx = 12.0;
 constexpr double kSeamWideRadiusPx = 40.0;
 constexpr int kWideSeamRounds = 2;
 constexpr double kSeamAgreementPx = 1.5;  // panorama pixels
+// A round is kept when its seams line up this share of the first matches
+// more than the seams before it (a smaller gain is within what the matches'
+// own scatter moves: 0.1-0.9 % on sets the wider search leaves no better).
+constexpr double kSeamRoundGain = 0.01;
 constexpr int kFewestGuidedInliers = 15;
 
 // Straightening that leaves the modules rolled by more than this on average
@@ -700,9 +704,10 @@ struct RigRun {
     // time where the seams held with the last ones put them. Further out
     // there are more wrong matches on repetitive ground too (a paving's
     // pattern repeats), and the matches a round finds agree with the seams
-    // that found them; so a round is kept only when its seams line up more
-    // of the first matches, found over the whole pictures before any seam
-    // was held, than the seams before it (RANSAC's consensus).
+    // that found them; so a round is kept only when its seams line up
+    // clearly more of the first matches, found over the whole pictures
+    // before any seam was held, than the seams before it (RANSAC's
+    // consensus).
     std::vector<Rig::Displacement> best = displacements;
     for (int round = 0; round < kWideSeamRounds; ++round) {
       const std::vector<Rig::Match> wider = matchWhereSeamsHold(kSeamWideRadiusPx);
@@ -710,7 +715,8 @@ struct RigRun {
       for (auto& match : held) match.inlier = true;
       held.insert(held.end(), wider.begin(), wider.end());
       displacements = Rig::holdSeams(models, surface, held);
-      if (agreeingWith(displacements, matches) <= agreeingWith(best, matches)) break;
+      const double gained = agreeingWith(displacements, matches) - agreeingWith(best, matches);
+      if (!(gained > kSeamRoundGain * double(matches.size()))) break;
       best = displacements;
     }
     displacements = best;
