@@ -98,18 +98,11 @@ OrbivaneModule::Vignetting vignettingFrom(const json& j, const std::string& wher
   OrbivaneModule::Vignetting v;
   if (const json* r2 = optionalKey(j, "r2")) v.r2 = asNumber(*r2, where + "/r2");
   if (const json* r4 = optionalKey(j, "r4")) v.r4 = asNumber(*r4, where + "/r4");
-  // The factor is a parabola in r^2: its least and largest values over the
-  // picture lie at the centre, the corners or its vertex.
-  double low = std::min(1.0, v.factor(1.0)), high = std::max(1.0, v.factor(1.0));
-  if (v.r4 != 0.0) {
-    const double vertex = -v.r2 / (2.0 * v.r4);
-    if (vertex > 0.0 && vertex < 1.0) {
-      low = std::min(low, v.factor(std::sqrt(vertex)));
-      high = std::max(high, v.factor(std::sqrt(vertex)));
-    }
-  }
+  double low = 1.0, high = 1.0;
+  v.factorRange(low, high);
   if (!(low >= kVignettingFactors[0] && high <= kVignettingFactors[1])) {
-    throw FileError(where, "the factor 1 + r2 r^2 + r4 r^4 reaches " + std::to_string(low < kVignettingFactors[0] ? low : high) +
+    const double reached = low < kVignettingFactors[0] ? low : high;
+    throw FileError(where, "the factor 1 + r2 r^2 + r4 r^4 reaches " + std::to_string(reached) +
                                " over the picture; expected it within 0.25 to 4");
   }
   return v;

@@ -114,28 +114,41 @@ for p in problems: print("FAIL:", p)
 sys.exit(1 if problems else 0)
 EOF
 
+# init and calibrate of photographs $4.. (label $1), both exiting 0, and the
+# oracle's word on the seams (extra oracle options in $2): at least $3 seams,
+# the worst pair's median within 1 px, the 90th percentile within 3 px.
+calibrate_and_confirm() {
+  local label="$1" options="$2" least="$3"
+  shift 3
+  local base="$work/set-$label"
+  "$tool" camera init "$@" --out "$base.json" >"$base-init.txt" 2>"$base-init.err"
+  expect_eq "$?" "0" "camera init of $label"
+  "$tool" calibrate "$base.json" --out "$base-out.json" >"$base.txt" 2>"$base.err"
+  expect_eq "$?" "0" "calibrate of $label (a seam above 1 px exits 3)"
+  # shellcheck disable=SC2086
+  /usr/bin/python3 "$oracle" "$tool" "$base-out.json" $options >"$base-oracle.txt" ||
+    fail "the seam oracle did not run on $label"
+  cat "$base-oracle.txt"
+  /usr/bin/python3 - "$base-oracle.txt" "$label" "$least" <<'EOF' || failures=$((failures + 1))
+import json, sys
+oracle = json.loads(open(sys.argv[1]).read().splitlines()[-1])
+label, least = sys.argv[2], int(sys.argv[3])
+problems = []
+if oracle["pairs"] < least: problems.append("%s: the oracle measured only %d seams" % (label, oracle["pairs"]))
+if not oracle["worstPairMedianPx"] <= 1.0:
+    problems.append("%s: worst seam median %.2f px > 1.0 px" % (label, oracle["worstPairMedianPx"]))
+if not oracle["p90Px"] <= 3.0: problems.append("%s: seam 90th percentile %.2f px > 3.0 px" % (label, oracle["p90Px"]))
+for p in problems: print("FAIL:", p)
+sys.exit(1 if problems else 0)
+EOF
+}
+
 # 6. Another five of the upper ring, mostly sky over near roofs: the seams
 #    the rotation model leaves apart there (parallax of up to 30 px in two
 #    overlaps) must be held, by the tool's word and the oracle's.
 others=()
 for n in 79 80 81 82 83; do others+=("$photos/P10603$n.jpg"); done
-"$tool" camera init "${others[@]}" --out "$work/sky.json" >"$work/sky-init.txt" 2>"$work/sky-init.err"
-expect_eq "$?" "0" "camera init of 79..83"
-"$tool" calibrate "$work/sky.json" --out "$work/sky-out.json" >"$work/sky.txt" 2>"$work/sky.err"
-expect_eq "$?" "0" "calibrate of 79..83 (a seam above 1 px exits 3)"
-/usr/bin/python3 "$oracle" "$tool" "$work/sky-out.json" >"$work/sky-oracle.txt" || fail "the seam oracle did not run on 79..83"
-cat "$work/sky-oracle.txt"
-/usr/bin/python3 - "$work/sky-oracle.txt" <<'EOF' || failures=$((failures + 1))
-import json, sys
-oracle = json.loads(open(sys.argv[1]).read().splitlines()[-1])
-problems = []
-if oracle["pairs"] < 4: problems.append("79..83: the oracle measured only %d seams" % oracle["pairs"])
-if not oracle["worstPairMedianPx"] <= 1.0:
-    problems.append("79..83: worst seam median %.2f px > 1.0 px" % oracle["worstPairMedianPx"])
-if not oracle["p90Px"] <= 3.0: problems.append("79..83: seam 90th percentile %.2f px > 3.0 px" % oracle["p90Px"])
-for p in problems: print("FAIL:", p)
-sys.exit(1 if problems else 0)
-EOF
+calibrate_and_confirm 79..83 "" 4 "${others[@]}"
 
 # 7. The whole lower ring, seven photographs of near paving: the last one
 #    was taken a step away from the others, so the ground it shares with the
@@ -144,22 +157,6 @@ EOF
 #    third of each overlap (the nearest ground) as the goal allows.
 ring=()
 for n in 87 88 89 90 91 92 93; do ring+=("$photos/P10603$n.jpg"); done
-"$tool" camera init "${ring[@]}" --out "$work/ring.json" >"$work/ring-init.txt" 2>"$work/ring-init.err"
-expect_eq "$?" "0" "camera init of 87..93"
-"$tool" calibrate "$work/ring.json" --out "$work/ring-out.json" >"$work/ring.txt" 2>"$work/ring.err"
-expect_eq "$?" "0" "calibrate of 87..93 (a seam above 1 px exits 3)"
-/usr/bin/python3 "$oracle" "$tool" "$work/ring-out.json" --low >"$work/ring-oracle.txt" || fail "the seam oracle did not run on 87..93"
-cat "$work/ring-oracle.txt"
-/usr/bin/python3 - "$work/ring-oracle.txt" <<'EOF' || failures=$((failures + 1))
-import json, sys
-oracle = json.loads(open(sys.argv[1]).read().splitlines()[-1])
-problems = []
-if oracle["pairs"] < 7: problems.append("87..93: the oracle measured only %d seams" % oracle["pairs"])
-if not oracle["worstPairMedianPx"] <= 1.0:
-    problems.append("87..93: worst seam median %.2f px > 1.0 px" % oracle["worstPairMedianPx"])
-if not oracle["p90Px"] <= 3.0: problems.append("87..93: seam 90th percentile %.2f px > 3.0 px" % oracle["p90Px"])
-for p in problems: print("FAIL:", p)
-sys.exit(1 if problems else 0)
-EOF
+calibrate_and_confirm 87..93 --low 7 "${ring[@]}"
 
 finish "real photographs: init and calibrate without a target, seams confirmed independently"

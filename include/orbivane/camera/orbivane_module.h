@@ -5,6 +5,8 @@
 // neighbour module.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -71,6 +73,17 @@ class ORBIVANE_EXPORT OrbivaneModule {
     double r2 = 0.0, r4 = 0.0;
     bool none() const { return r2 == 0.0 && r4 == 0.0; }
     double factor(double r) const { return 1.0 + r * r * (r2 + r4 * r * r); }
+    // The least and largest factor over the picture (r from 0 to 1): a
+    // parabola in r^2, so at the centre, a corner or its vertex.
+    void factorRange(double& low, double& high) const {
+      low = std::min(1.0, factor(1.0));
+      high = std::max(1.0, factor(1.0));
+      if (r4 != 0.0 && -r2 / (2.0 * r4) > 0.0 && -r2 / (2.0 * r4) < 1.0) {
+        const double vertex = factor(std::sqrt(-r2 / (2.0 * r4)));
+        low = std::min(low, vertex);
+        high = std::max(high, vertex);
+      }
+    }
   };
   const Vignetting& vignetting() const { return content_.vignetting; }
   void setVignetting(const Vignetting& vignetting) { content_.vignetting = vignetting; }

@@ -57,7 +57,7 @@ struct Drawn {
   cv::Rect box;
   cv::Mat grey;    // CV_32F
   cv::Mat usable;  // CV_8U: drawn, and neither clipped dark nor bright as drawn
-  cv::Mat radius2; // CV_32F: the squared radius (orbivane_module.h) of the picture point each pixel reads
+  cv::Mat radius2; // CV_32F: the squared radius (orbivane_module.h) of the picture point each pixel reads (not as shown)
 };
 
 // The module drawn in grey; `asShown`: with its vignetting and gain, as the
@@ -78,9 +78,11 @@ Drawn drawGrey(const CameraDescription::OrbivaneModule& module, cv::Size size, b
   cv::inRange(d.grey, kDarkest, kBrightest, d.usable);
   d.usable &= m.inside;
   d.grey.convertTo(d.grey, CV_32F);
-  const double halfDiagonal = 0.5 * std::hypot(m.picture.width, m.picture.height);
-  const cv::Mat dx = m.mapX - 0.5 * (m.picture.width - 1), dy = m.mapY - 0.5 * (m.picture.height - 1);
-  d.radius2 = (dx.mul(dx) + dy.mul(dy)) / (halfDiagonal * halfDiagonal);
+  if (!asShown) {  // for the vignetting fit
+    const double halfDiagonal = 0.5 * std::hypot(m.picture.width, m.picture.height);
+    const cv::Mat dx = m.mapX - 0.5 * (m.picture.width - 1), dy = m.mapY - 0.5 * (m.picture.height - 1);
+    d.radius2 = (dx.mul(dx) + dy.mul(dy)) / (halfDiagonal * halfDiagonal);
+  }
   d.box = m.box;
   d.ok = true;
   return d;
@@ -316,13 +318,8 @@ SampleFit fitSamples(const std::vector<Sample>& samples, int n, bool lens) {
     v.r2 += step.at<double>(n);
     v.r4 += step.at<double>(n + 1);
   }
-  // The factor over the picture (a parabola in r^2: centre, corner, vertex).
-  double low = std::min(1.0, v.factor(1.0)), high = std::max(1.0, v.factor(1.0));
-  if (v.r4 != 0.0 && -v.r2 / (2.0 * v.r4) > 0.0 && -v.r2 / (2.0 * v.r4) < 1.0) {
-    const double vertex = v.factor(std::sqrt(-v.r2 / (2.0 * v.r4)));
-    low = std::min(low, vertex);
-    high = std::max(high, vertex);
-  }
+  double low = 1.0, high = 1.0;
+  v.factorRange(low, high);
   if (!(std::isfinite(v.r2) && std::isfinite(v.r4) && low >= kFactorRange[0] && high <= kFactorRange[1])) return fit;
   fit.cost = 0.0;
   for (const auto& s : samples) {
