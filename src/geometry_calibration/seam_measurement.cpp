@@ -33,6 +33,9 @@ constexpr int kRegionMargin = 24;          // panorama pixels drawn beyond what 
 constexpr int kFeatureMargin = 16;         // drawing pixels around a part its features are found with
 constexpr int kLargestDrawingSide = 65536;  // panorama pixels (only overlaps are drawn)
 constexpr int kDefaultDrawingWidth = 1920;  // for a camera without pictures
+// Panorama pixels per pixel of the coarse drawings that say where two
+// modules overlap (and so which part of each is drawn and searched).
+constexpr int kCoarseStep = 8;
 // A drawing's features are carried over to the module drawn through another
 // matrix (see carryFeatures) when the move changes the drawing's local
 // shape, but for a turn and an overall scale, by at most kCarriedAnisotropy
@@ -499,6 +502,65 @@ cv::Size seamDrawingSize(const CameraDescription::Orbivane& camera) {
   return cv::Size(std::max(1, int(std::lround(width * fit))), std::max(1, int(std::lround(height * fit))));
 }
 
+// Where a module draws on the panorama kCoarseStep times smaller, one
+// coarse pixel wider all round (so that no pixel it draws is left out).
+struct SeamMeter::Coarse {
+  std::string key;  // the module's signature and final matrix it was drawn with
+  bool ok = false;
+  cv::Rect box;     // coarse pixels
+  cv::Mat inside;   // CV_8UC1 over `box`
+};
+
+namespace {
+
+cv::Size coarseSize(cv::Size panorama) {
+  return cv::Size(std::max(1, (panorama.width + kCoarseStep - 1) / kCoarseStep),
+                  std::max(1, (panorama.height + kCoarseStep - 1) / kCoarseStep));
+}
+
+}  // namespace
+
+std::shared_ptr<const SeamMeter::Coarse> SeamMeter::coarse(const CameraDescription::OrbivaneModule& module) {
+  std::ostringstream key;
+  key.precision(9);
+  key << signatureOf(module) << "|matrix";
+  if (const auto final = CameraDescription::finalMatrix(module))
+    for (int r = 0; r < 4; ++r)
+      for (int c = 0; c < 4; ++c) key << ' ' << final->get(r, c);
+  const auto known = coarse_.find(module.name());
+  if (known != coarse_.end() && known->second->key == key.str()) return known->second;
+  auto c = std::make_shared<Coarse>();
+  c->key = key.str();
+  if (const auto drawing = OrbivaneRendering::drawModuleCoverage(module, coarseSize(panorama_))) {
+    const OrbivaneRendering::ModuleDrawing& m = drawing.value();
+    c->box = cv::Rect(m.box.x - 1, m.box.y - 1, m.box.width + 2, m.box.height + 2);
+    cv::Mat padded;
+    cv::copyMakeBorder(m.inside, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::dilate(padded, c->inside, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
+    c->ok = true;
+  }
+  coarse_[module.name()] = c;
+  return c;
+}
+
+cv::Rect SeamMeter::overlapBox(const CameraDescription::OrbivaneModule& first,
+                               const CameraDescription::OrbivaneModule& second) {
+  const cv::Rect boxes = footprintBox(first, panorama_) & footprintBox(second, panorama_);
+  if (boxes.empty()) return cv::Rect();
+  const auto a = coarse(first), b = coarse(second);
+  if (!a->ok || !b->ok) return boxes;  // drawn in full, which says what keeps it from being drawn
+  const cv::Rect shared = a->box & b->box;
+  if (shared.empty()) return cv::Rect();
+  const cv::Mat both = a->inside(shared - a->box.tl()) & b->inside(shared - b->box.tl());
+  if (cv::countNonZero(both) == 0) return cv::Rect();
+  const cv::Rect r = cv::boundingRect(both) + shared.tl();
+  const cv::Size small = coarseSize(panorama_);
+  const double sx = double(panorama_.width) / small.width, sy = double(panorama_.height) / small.height;
+  const cv::Point from(int(std::floor(r.x * sx)), int(std::floor(r.y * sy)));
+  const cv::Point to(int(std::ceil(r.br().x * sx)), int(std::ceil(r.br().y * sy)));
+  return cv::Rect(from, to) & boxes;
+}
+
 SeamMeter::SeamMeter(cv::Size panorama) : panorama_(panorama) {}
 bool SeamMeter::keptFeatures(const std::wstring& module) const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -579,14 +641,17 @@ std::shared_ptr<const SeamMeter::Drawn> SeamMeter::drawn(const CameraDescription
 
 void SeamMeter::prepare(const std::vector<const CameraDescription::OrbivaneModule*>& modules) {
   // Each module is needed where it overlaps another.
-  std::vector<cv::Rect> boxes;
   std::vector<std::vector<cv::Rect>> needed(modules.size());
-  for (const auto* m : modules) boxes.push_back(footprintBox(*m, panorama_));
-  for (std::size_t i = 0; i < modules.size(); ++i)
-    for (std::size_t j = 0; j < modules.size(); ++j) {
-      const cv::Rect shared = boxes[i] & boxes[j];
-      if (i != j && !shared.empty()) needed[i].push_back(shared);
-    }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (std::size_t i = 0; i < modules.size(); ++i)
+      for (std::size_t j = i + 1; j < modules.size(); ++j) {
+        const cv::Rect shared = overlapBox(*modules[i], *modules[j]);
+        if (shared.empty()) continue;
+        needed[i].push_back(shared);
+        needed[j].push_back(shared);
+      }
+  }
   // Drawn apart, two at a time (drawing is mostly single-threaded).
   std::vector<std::unique_ptr<SeamMeter>> scratch(modules.size());
   std::vector<std::size_t> todo;
@@ -608,8 +673,8 @@ void SeamMeter::prepare(const std::vector<const CameraDescription::OrbivaneModul
 
 std::pair<std::shared_ptr<const SeamMeter::Drawn>, std::shared_ptr<const SeamMeter::Drawn>> SeamMeter::drawnPair(
     const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second) {
-  const cv::Rect shared = footprintBox(first, panorama_) & footprintBox(second, panorama_);
   std::lock_guard<std::mutex> lock(mutex_);
+  const cv::Rect shared = overlapBox(first, second);
   if (shared.empty()) return {nullptr, nullptr};
   return {drawn(first, {shared}), drawn(second, {shared})};
 }

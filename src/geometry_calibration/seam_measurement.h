@@ -15,7 +15,10 @@
 // features rarely match at all), so a feature is compared with the other
 // drawing's features within that distance only: a match passes Lowe's ratio
 // test (0.7) among them both ways, and the two features are each other's
-// best. A pair with fewer than kFewestSeamMatches matches is not measured.
+// best. A pair with fewer than kFewestSeamMatches matches is not measured:
+// in an overlap of sky or plain wall, where a few features match and one or
+// two of them are false (or on a cloud that moved between the pictures),
+// the median of fewer swings by pixels with each of those.
 //
 // A SeamMeter keeps each module's drawing while the module is drawn the same
 // way (same grid, shaders, gain and picture; a matrix moved by a translation
@@ -39,7 +42,7 @@
 namespace GeometryCalibration {
 
 constexpr double kLargestSeamPx = 60.0;
-constexpr int kFewestSeamMatches = 8;
+constexpr int kFewestSeamMatches = 10;
 
 struct SeamMeasure {
   bool measured = false;
@@ -112,11 +115,18 @@ class SeamMeter {
   std::pair<std::shared_ptr<const Drawn>, std::shared_ptr<const Drawn>> drawnPair(
       const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
   SeamMeasure compare(const Drawn& a, const Drawn& b) const;
+  // Where the two modules both draw, roughly (panorama pixels, a little
+  // wider than the overlap itself); empty where they do not overlap. The
+  // caller holds mutex_.
+  cv::Rect overlapBox(const CameraDescription::OrbivaneModule& first, const CameraDescription::OrbivaneModule& second);
+  struct Coarse;  // where a module draws, on a coarse panorama
+  std::shared_ptr<const Coarse> coarse(const CameraDescription::OrbivaneModule& module);
 
   cv::Size panorama_;
-  mutable std::mutex mutex_;  // guards cache_ and pairs_
+  mutable std::mutex mutex_;  // guards cache_, pairs_ and coarse_
   std::map<std::wstring, std::shared_ptr<const Drawn>> cache_;
   std::map<std::string, SeamMeasure> pairs_;  // by the two drawings and their relative shift
+  std::map<std::wstring, std::shared_ptr<const Coarse>> coarse_;
 };
 
 }  // namespace GeometryCalibration
