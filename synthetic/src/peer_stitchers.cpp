@@ -516,7 +516,7 @@ LayerSeams measureLayerSeams(const std::vector<PeerLayer>& layers, const std::ve
         const double d = cv::norm(pb - pa) / a.scale.at(pa);
         if (d <= largest) distances.push_back(d);
       }
-      if (distances.size() < 8) continue;
+      if (distances.size() < 10) continue;  // as the tool and the Python oracle: fewer is no measure
       const double meanA = cv::mean(layers[i].picture(shared - layers[i].box.tl()), both)[1];
       const double meanB = cv::mean(layers[j].picture(shared - layers[j].box.tl()), both)[1];
       const double ev = meanA > 0 && meanB > 0 ? std::fabs(std::log2(meanA / meanB)) : 0.0;

@@ -53,7 +53,7 @@ PeerResult huginStitch(const std::vector<std::string>& files, const std::string&
 // layers inside their overlap (ratio test, each other's best), distances
 // converted to pixels of the photographs (each layer's scale against its
 // photograph, from matching the two). Matches further apart than `largest`
-// photograph pixels are not counted.
+// photograph pixels are not counted, nor pairs with fewer than ten matches.
 struct LayerSeams {
   int pairs = 0;                     // overlapping pairs with enough matches
   int matches = 0;
