@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <set>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/stitching/detail/autocalib.hpp>
 
 #include <opencv2/features2d.hpp>
+#include <opencv2/flann.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "utils/parallel.h"
@@ -139,7 +142,109 @@ void describeRegion(const cv::Mat& picture, cv::Rect region, double megapixels, 
   }
 }
 
+// Entry j * n + i of the n x n pairs: entry i * n + j the other way round,
+// as cv::detail's matcher lays its pairs out.
+void mirrorPair(std::vector<cv::detail::MatchesInfo>& pairs, int n, int i, int j) {
+  const cv::detail::MatchesInfo& p = pairs[std::size_t(i * n + j)];
+  cv::detail::MatchesInfo& q = pairs[std::size_t(j * n + i)];
+  q = p;
+  q.src_img_idx = j;
+  q.dst_img_idx = i;
+  if (!p.H.empty()) q.H = p.H.inv();
+  for (auto& m : q.matches) std::swap(m.queryIdx, m.trainIdx);
+}
+
+// Each feature of picture `query` whose nearest feature of the picture the
+// search tree `tree` was built on clearly beats the second nearest (Lowe's
+// ratio, 1 - kMatchConfidence), as cv::detail's matcher asks its FLANN
+// matcher for it: queryIdx in `query`, trainIdx in the tree's picture.
+std::vector<cv::DMatch> nearestOf(cv::flann::Index& tree, const cv::Mat& query) {
+  std::vector<cv::DMatch> out;
+  if (query.rows == 0) return out;
+  cv::Mat indices, squared;
+  tree.knnSearch(query, indices, squared, 2, cv::flann::SearchParams());
+  for (int q = 0; q < indices.rows; ++q) {
+    const int best = indices.at<int>(q, 0), next = indices.at<int>(q, 1);
+    if (best < 0 || next < 0) continue;
+    const float d0 = std::sqrt(squared.at<float>(q, 0)), d1 = std::sqrt(squared.at<float>(q, 1));
+    if (d0 < (1.0f - kMatchConfidence) * d1) out.emplace_back(q, best, d0);
+  }
+  return out;
+}
+
+// A pair's homography as cv::detail::BestOf2NearestMatcher finds it (points
+// from the pictures' middles; RANSAC, then refitted on its inliers), with
+// its inliers and confidence; only cv::detail::estimateFocal reads it.
+void homographyOfPair(const cv::detail::ImageFeatures& a, const cv::detail::ImageFeatures& b,
+                      cv::detail::MatchesInfo& p) {
+  constexpr std::size_t kFewestForHomography = 6;  // the matcher's two thresholds
+  constexpr double kTooClose = 3.0;                // a confidence above: pictures too alike to add anything
+  if (p.matches.size() < kFewestForHomography) return;
+  const auto centred = [](const cv::detail::ImageFeatures& f, int k) {
+    const cv::Point2f q = f.keypoints[std::size_t(k)].pt;
+    return cv::Point2f(q.x - f.img_size.width * 0.5f, q.y - f.img_size.height * 0.5f);
+  };
+  std::vector<cv::Point2f> from, to;
+  for (const cv::DMatch& m : p.matches) {
+    from.push_back(centred(a, m.queryIdx));
+    to.push_back(centred(b, m.trainIdx));
+  }
+  p.H = cv::findHomography(from, to, p.inliers_mask, cv::RANSAC);
+  if (p.H.empty() || std::abs(cv::determinant(p.H)) < std::numeric_limits<double>::epsilon()) return;
+  p.num_inliers = int(std::count(p.inliers_mask.begin(), p.inliers_mask.end(), 1));
+  p.confidence = p.num_inliers / (8 + 0.3 * double(p.matches.size()));
+  if (p.confidence > kTooClose) p.confidence = 0.0;
+  if (std::size_t(p.num_inliers) < kFewestForHomography) return;
+  std::vector<cv::Point2f> inFrom, inTo;
+  for (std::size_t k = 0; k < from.size(); ++k) {
+    if (!p.inliers_mask[k]) continue;
+    inFrom.push_back(from[k]);
+    inTo.push_back(to[k]);
+  }
+  p.H = cv::findHomography(inFrom, inTo, cv::RANSAC);
+}
+
+
 }  // namespace
+
+std::vector<cv::detail::MatchesInfo> nearestPairs(const std::vector<cv::detail::ImageFeatures>& features) {
+  const int n = int(features.size());
+  std::vector<cv::Mat> descriptors;
+  for (const auto& f : features) descriptors.push_back(f.descriptors.getMat(cv::ACCESS_READ));
+  std::vector<std::vector<cv::DMatch>> oneWay(std::size_t(n) * std::size_t(n));  // i * n + j: from i into j's tree
+  Utils::parallelRows(0, n, [&](int first, int last) {
+    for (int j = first; j < last; ++j) {
+      if (descriptors[std::size_t(j)].rows < 2) continue;
+      cv::flann::Index tree(descriptors[std::size_t(j)], cv::flann::KDTreeIndexParams(), cvflann::FLANN_DIST_L2);
+      for (int i = 0; i < n; ++i)
+        if (i != j) oneWay[std::size_t(i * n + j)] = nearestOf(tree, descriptors[std::size_t(i)]);
+    }
+  });
+  std::vector<cv::detail::MatchesInfo> pairs(std::size_t(n) * std::size_t(n));
+  std::vector<std::pair<int, int>> compared;
+  for (int i = 0; i < n; ++i)
+    for (int j = i + 1; j < n; ++j)
+      if (!features[std::size_t(i)].keypoints.empty() && !features[std::size_t(j)].keypoints.empty())
+        compared.emplace_back(i, j);
+  Utils::parallelRows(0, int(compared.size()), [&](int first, int last) {
+    for (int k = first; k < last; ++k) {
+      const auto [i, j] = compared[std::size_t(k)];
+      cv::detail::MatchesInfo& p = pairs[std::size_t(i * n + j)];
+      p.src_img_idx = i;
+      p.dst_img_idx = j;
+      std::set<std::pair<int, int>> known;
+      for (const cv::DMatch& m : oneWay[std::size_t(i * n + j)]) {
+        p.matches.push_back(m);
+        known.emplace(m.queryIdx, m.trainIdx);
+      }
+      for (const cv::DMatch& m : oneWay[std::size_t(j * n + i)])
+        if (!known.count({m.trainIdx, m.queryIdx})) p.matches.emplace_back(m.trainIdx, m.queryIdx, m.distance);
+      homographyOfPair(features[std::size_t(i)], features[std::size_t(j)], p);
+      mirrorPair(pairs, n, i, j);
+    }
+  });
+  return pairs;
+}
 
 std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& pictures, double megapixels,
                                                     const std::atomic<bool>& abort, double contrast) {
@@ -172,13 +277,17 @@ cv::detail::ImageFeatures findFeaturesIn(const cv::Mat& picture, cv::Rect region
 
 std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::ImageFeatures>& features,
                                                 double* typicalFocal) {
-  std::vector<cv::detail::MatchesInfo> pairs;
-  cv::detail::BestOf2NearestMatcher matcher(false, kMatchConfidence);
-  matcher(features, pairs);
-  matcher.collectGarbage();
-  // The rig's typical focal length from the pairs' free homographies.
+  std::vector<cv::detail::MatchesInfo> pairs = nearestPairs(features);
+  // The rig's typical focal length from the free homographies of the pairs
+  // that link (confidence 1 or more, as cv::detail links pictures): the
+  // homography of two pictures that do not overlap fits a handful of chance
+  // matches, and its focal length is anything (on a ring of five, the
+  // median of all came out 331 px for lenses of 457).
   std::vector<double> focals;
-  cv::detail::estimateFocal(features, pairs, focals);
+  std::vector<cv::detail::MatchesInfo> linked = pairs;
+  for (auto& p : linked)
+    if (p.confidence < 1.0) p.H.release();
+  cv::detail::estimateFocal(features, linked, focals);
   std::nth_element(focals.begin(), focals.begin() + long(focals.size() / 2), focals.end());
   const double focal = focals.empty() ? 0.0 : focals[focals.size() / 2];
   if (typicalFocal != nullptr) *typicalFocal = focal;
@@ -188,13 +297,7 @@ std::vector<cv::detail::MatchesInfo> matchPairs(const std::vector<cv::detail::Im
       cv::detail::MatchesInfo& p = pairs[std::size_t(i * n + j)];
       turnOfPair(features[std::size_t(i)], features[std::size_t(j)], focal, p);
       p.confidence = p.H.empty() ? 0.0 : p.num_inliers / (8.0 + 0.3 * double(p.matches.size()));
-      // The same pair the other way round, as the matcher lays it out.
-      cv::detail::MatchesInfo& q = pairs[std::size_t(j * n + i)];
-      q = p;
-      q.src_img_idx = j;
-      q.dst_img_idx = i;
-      if (!p.H.empty()) q.H = p.H.inv();
-      for (auto& m : q.matches) std::swap(m.queryIdx, m.trainIdx);
+      mirrorPair(pairs, n, i, j);
     }
   }
   return pairs;

@@ -1,7 +1,8 @@
 // Features of the rig's pictures and the pairs of pictures that overlap, from
 // OpenCV's stitching blocks: SIFT features (cv::detail::computeImageFeatures)
-// and the best-of-two-nearest matcher with a homography check per pair
-// (cv::detail::BestOf2NearestMatcher).
+// and the best-of-two-nearest matching with a homography check per pair
+// (cv::detail::BestOf2NearestMatcher's, each picture's search tree built
+// once).
 //
 // Keypoints are in the picture's own pixels (OpenCV convention) even when the
 // features were searched on a reduced copy. Pixels that are black in every
@@ -30,11 +31,20 @@ std::vector<cv::detail::ImageFeatures> findFeatures(const std::vector<cv::Mat>& 
 // picture's pixels. Much cheaper than the whole picture for a small region.
 cv::detail::ImageFeatures findFeaturesIn(const cv::Mat& picture, cv::Rect region, double megapixels, double contrast);
 
+// Every pair's matches as cv::detail::BestOf2NearestMatcher makes them, n x
+// n, entry i * n + j for pictures i -> j (each way the nearest feature that
+// clearly beats the second, by a FLANN search, the two ways joined; then a
+// homography by RANSAC, refitted on its inliers). That matcher builds both
+// pictures' search trees again for every pair it compares, most of its time
+// on a rig of nine pictures; here each picture's tree is built once and
+// searched with all the other pictures.
+std::vector<cv::detail::MatchesInfo> nearestPairs(const std::vector<cv::detail::ImageFeatures>& features);
+
 // All pairwise matches (n x n, entry i * n + j as cv::detail returns them).
 // Each pair's agreeing matches are then chosen anew by what a turning camera
 // can make: a rotation between the two pictures' rays at the rig's typical
-// focal length (cv::detail::estimateFocal), found by RANSAC on two matches
-// at a time, within kTurnTolerance pixels. The pair's homography becomes that
+// focal length (cv::detail::estimateFocal over the pairs that link), found
+// by RANSAC on two matches at a time, within kTurnTolerance pixels. The pair's homography becomes that
 // rotation's (K R K^-1, points from the pictures' middles, as cv::detail's),
 // its inliers those matches, its confidence inliers / (8 + 0.3 matches)
 // (OpenCV zeroes it above 3, which would cut pictures that overlap much).
