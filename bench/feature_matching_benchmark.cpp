@@ -17,6 +17,7 @@
 // pair OpenCV's matcher clearly links, the match count within 15 % (+5) of
 // its count (the trees are randomised: its own runs differ by up to 8 %)
 // and a homography; ours at least 1.3x OpenCV's on every set (one thread each).
+// A smoke run matches the five photographs only.
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -94,6 +95,8 @@ struct RigSet {
 };
 
 // SIFT features of neighbouring photographs, as the rig estimator finds them.
+bool smokeRun = false;  // a smoke run matches the smaller set only (CI time)
+
 const std::vector<RigSet>& rigSets() {
   static const std::vector<RigSet> all = [] {
     const auto set = [](const std::string& label, const std::vector<int>& numbers) {
@@ -102,8 +105,10 @@ const std::vector<RigSet>& rigSets() {
       const std::atomic<bool> never{false};
       return RigSet{label, GeometryCalibration::Rig::findFeatures(photos, 2.0, never)};
     };
-    return std::vector<RigSet>{set("rig pairs 378..386 (upper ring)", {378, 379, 380, 381, 382, 383, 384, 385, 386}),
-                               set("rig pairs 387..391 (ground)", {387, 388, 389, 390, 391})};
+    std::vector<RigSet> sets;
+    if (!smokeRun) sets.push_back(set("rig pairs 378..386 (upper ring)", {378, 379, 380, 381, 382, 383, 384, 385, 386}));
+    sets.push_back(set("rig pairs 387..391 (ground)", {387, 388, 389, 390, 391}));
+    return sets;
   }();
   return all;
 }
@@ -189,6 +194,7 @@ int main(int argc, char** argv) {
     pairs.push_back({d.label, "OpenCvMatcher/" + std::to_string(i), "OurMatcher/" + std::to_string(i)});
   }
   const std::size_t hamming = pairs.size();
+  smokeRun = options.smoke;
   registerRigPairs(options.smoke);
   for (std::size_t i = 0; i < rigSets().size(); ++i) {
     const RigSet& set = rigSets()[i];
