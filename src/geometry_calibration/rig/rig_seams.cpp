@@ -183,50 +183,43 @@ std::vector<Displacement> holdSeams(const std::vector<ModuleModel>& models, cons
       }
   }
 
-  std::vector<double> weight(constraints.size(), 1.0);
+  // The constraints as the rows of one sparse matrix, built once: row c
+  // reads D_a(pa) - D_b(pb) from the nodes it taps, to equal c's disparity.
+  const long count = long(constraints.size());
+  Eigen::SparseMatrix<double, Eigen::RowMajor> rowsOf(count, unknowns);
+  Eigen::VectorXd dx(count), dy(count);
+  {
+    std::vector<Eigen::Triplet<double>> taps;
+    taps.reserve(constraints.size() * 32);
+    for (long c = 0; c < count; ++c) {
+      const Constraint& k = constraints[std::size_t(c)];
+      const Taps t = tapsOf(fields, k);
+      for (int n = 0; n < 16; ++n) {
+        taps.emplace_back(c, offset[std::size_t(k.a)] + t.ia[n], t.wa[n]);
+        taps.emplace_back(c, offset[std::size_t(k.b)] + t.ib[n], -t.wb[n]);
+      }
+      dx[c] = k.disparity.x;
+      dy[c] = k.disparity.y;
+    }
+    rowsOf.setFromTriplets(taps.begin(), taps.end());
+  }
+  Eigen::SparseMatrix<double> fixed(unknowns, unknowns);
+  fixed.setFromTriplets(fixedPart.begin(), fixedPart.end());
+
+  // Reweighted least squares: the normal equations F + A^T W A, each match
+  // weighed by the Cauchy loss of the residual it kept.
+  Eigen::VectorXd weight = Eigen::VectorXd::Ones(count);
   Eigen::VectorXd x = Eigen::VectorXd::Zero(unknowns), y = Eigen::VectorXd::Zero(unknowns);
+  Eigen::SimplicialLDLT<Eigen::SparseMatrix<double>> solver;
   for (int round = 0; round < kReweightings; ++round) {
-    std::vector<Eigen::Triplet<double>> triplets = fixedPart;
-    Eigen::VectorXd bx = Eigen::VectorXd::Zero(unknowns), by = Eigen::VectorXd::Zero(unknowns);
-    for (std::size_t c = 0; c < constraints.size(); ++c) {
-      const Constraint& k = constraints[c];
-      const Taps taps = tapsOf(fields, k);
-      const int* ia = taps.ia;
-      const int* ib = taps.ib;
-      const double* wa = taps.wa;
-      const double* wb = taps.wb;
-      // Row: D_a(pa) - D_b(pb) = disparity.
-      int index[32];
-      double coefficient[32];
-      for (int t = 0; t < 16; ++t) {
-        index[t] = offset[std::size_t(k.a)] + ia[t];
-        coefficient[t] = wa[t];
-        index[16 + t] = offset[std::size_t(k.b)] + ib[t];
-        coefficient[16 + t] = -wb[t];
-      }
-      for (int r = 0; r < 32; ++r) {
-        for (int s = 0; s < 32; ++s) triplets.emplace_back(index[r], index[s], weight[c] * coefficient[r] * coefficient[s]);
-        bx[index[r]] += weight[c] * coefficient[r] * k.disparity.x;
-        by[index[r]] += weight[c] * coefficient[r] * k.disparity.y;
-      }
-    }
-    Eigen::SparseMatrix<double> normal(unknowns, unknowns);
-    normal.setFromTriplets(triplets.begin(), triplets.end());
-    Eigen::SimplicialLDLT<Eigen::SparseMatrix<double>> solver(normal);
+    const Eigen::SparseMatrix<double> weighted = weight.asDiagonal() * rowsOf;
+    const Eigen::SparseMatrix<double> normal = fixed + Eigen::SparseMatrix<double>(rowsOf.transpose() * weighted);
+    solver.compute(normal);
     if (solver.info() != Eigen::Success) return std::vector<Displacement>(models.size());
-    x = solver.solve(bx);
-    y = solver.solve(by);
-    // Reweight by the residual each match keeps.
-    for (std::size_t c = 0; c < constraints.size(); ++c) {
-      const Constraint& k = constraints[c];
-      const Taps taps = tapsOf(fields, k);
-      cv::Point2d r = -k.disparity;
-      for (int t = 0; t < 16; ++t) {
-        const int na = offset[std::size_t(k.a)] + taps.ia[t], nb = offset[std::size_t(k.b)] + taps.ib[t];
-        r += cv::Point2d(x[na], y[na]) * taps.wa[t] - cv::Point2d(x[nb], y[nb]) * taps.wb[t];
-      }
-      weight[c] = 1.0 / (1.0 + r.dot(r) / (kLossScale * kLossScale));
-    }
+    x = solver.solve(weighted.transpose() * dx);
+    y = solver.solve(weighted.transpose() * dy);
+    const Eigen::VectorXd rx = rowsOf * x - dx, ry = rowsOf * y - dy;
+    weight = (1.0 + (rx.array().square() + ry.array().square()) / (kLossScale * kLossScale)).inverse().matrix();
   }
   for (std::size_t k = 0; k < fields.size(); ++k) {
     auto& nodes = fields[k].nodes();
