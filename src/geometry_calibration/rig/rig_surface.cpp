@@ -111,17 +111,61 @@ double centreLongitude(const std::vector<Interval>& intervals, bool& fullRing, d
   return wrap(cut + kPi);
 }
 
-cv::Ptr<cv::detail::RotationWarper> makeWarper(Projection p, double scale) {
-  switch (p) {
-    case Projection::plane:
-      return cv::makePtr<cv::detail::PlaneWarper>(float(scale));
-    case Projection::cylindrical:
-      return cv::makePtr<cv::detail::CylindricalWarper>(float(scale));
-    case Projection::spherical:
-    default:
-      return cv::makePtr<cv::detail::SphericalWarper>(float(scale));
+// cv::detail's projectors, set up for one module's camera. A point is
+// warped with the same float arithmetic as the warpers' warpPoint, which
+// sets the camera up again for every point (K inverted and multiplied on
+// cv::Mat: most of a point's time, and the rig warps millions of them).
+// Each thread keeps the last camera it set up: a module's points come
+// together.
+struct Projectors {
+  bool valid = false;
+  Projection projection = Projection::spherical;
+  float scale = 0.0f;
+  cv::Matx33d intrinsics, rotation;
+  cv::detail::PlaneProjector plane;
+  cv::detail::CylindricalProjector cylindrical;
+  cv::detail::SphericalProjector spherical;
+
+  void setUp(Projection p, double surfaceScale, const ModuleModel& model) {
+    const cv::Matx33d k = model.intrinsics();
+    if (valid && p == projection && float(surfaceScale) == scale && k == intrinsics && model.rotation == rotation) return;
+    projection = p;
+    scale = float(surfaceScale);
+    intrinsics = k;
+    rotation = model.rotation;
+    const cv::Mat kf(cv::Matx33f{k}), rf(cv::Matx33f{model.rotation});
+    plane.scale = cylindrical.scale = spherical.scale = scale;
+    switch (p) {
+      case Projection::plane:
+        plane.setCameraParams(kf, rf);
+        break;
+      case Projection::cylindrical:
+        cylindrical.setCameraParams(kf, rf);
+        break;
+      case Projection::spherical:
+      default:
+        spherical.setCameraParams(kf, rf);
+        break;
+    }
+    valid = true;
   }
-}
+  cv::Point2f map(cv::Point2f p) {
+    cv::Point2f uv;
+    switch (projection) {
+      case Projection::plane:
+        plane.mapForward(p.x, p.y, uv.x, uv.y);
+        break;
+      case Projection::cylindrical:
+        cylindrical.mapForward(p.x, p.y, uv.x, uv.y);
+        break;
+      case Projection::spherical:
+      default:
+        spherical.mapForward(p.x, p.y, uv.x, uv.y);
+        break;
+    }
+    return uv;
+  }
+};
 
 }  // namespace
 
@@ -203,7 +247,6 @@ Surface Surface::frame(std::vector<ModuleModel>& models, const std::string& requ
   for (const auto& m : models) focals.push_back(m.focal);
   std::nth_element(focals.begin(), focals.begin() + focals.size() / 2, focals.end());
   s.scale_ = focals[focals.size() / 2];
-  s.warper_ = makeWarper(s.projection_, s.scale_);
 
   // The box around every module.
   double left = 1e18, right = -1e18, top = 1e18, bottom = -1e18;
@@ -264,7 +307,6 @@ Surface Surface::equirectangular(const std::vector<ModuleModel>& models, double 
   Surface s;
   s.projection_ = Projection::spherical;
   s.scale_ = scale;
-  s.warper_ = makeWarper(s.projection_, s.scale_);
   s.fullRing_ = true;
   s.fovX_ = 360.0;
   s.fovY_ = 180.0;
@@ -280,9 +322,9 @@ cv::Size Surface::pixels() const { return cv::Size(int(std::lround(box_.width)),
 
 cv::Point2d Surface::warp(const ModuleModel& model, cv::Point2d observed) const {
   const cv::Point2d ideal = model.undistort(observed);
-  const cv::Mat K(cv::Matx33f(model.intrinsics()));
-  const cv::Mat R(cv::Matx33f(model.rotation));
-  const cv::Point2f uv = warper_->warpPoint(cv::Point2f(float(ideal.x), float(ideal.y)), K, R);
+  thread_local Projectors projectors;
+  projectors.setUp(projection_, scale_, model);
+  const cv::Point2f uv = projectors.map(cv::Point2f(float(ideal.x), float(ideal.y)));
   return cv::Point2d(uv.x, uv.y);
 }
 

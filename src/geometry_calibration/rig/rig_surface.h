@@ -64,14 +64,13 @@ class Surface {
   static int poleOf(const ModuleModel& model);
 
  private:
-  cv::Point2d warp(const ModuleModel& model, cv::Point2d observed) const;  // warper (u, v), not unwrapped
+  cv::Point2d warp(const ModuleModel& model, cv::Point2d observed) const;  // projector (u, v), not unwrapped
 
   Projection projection_ = Projection::spherical;
   double scale_ = 1.0;
   cv::Rect2d box_;
   bool fullRing_ = false;
   double fovX_ = 0.0, fovY_ = 0.0;
-  cv::Ptr<cv::detail::RotationWarper> warper_;
 };
 
 // Observed pixels along a picture's border, `perSide` a side.
