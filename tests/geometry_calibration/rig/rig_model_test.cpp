@@ -4,7 +4,11 @@
 // point where the model puts it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+
+#include <opencv2/core/utility.hpp>
+#include <opencv2/stitching/detail/warpers.hpp>
 
 #include "geometry_calibration/rig/rig_geometry.h"
 #include "geometry_calibration/rig/rig_model.h"
@@ -56,6 +60,69 @@ TEST(RigModel, RayAndProjectionAreInverse) {
   ASSERT_TRUE(m.project(m.ray(p), back));
   EXPECT_NEAR(cv::norm(back - p), 0.0, 1e-6);
   EXPECT_FALSE(m.project(-m.ray(p), back));  // behind the camera
+}
+
+// What OpenCV's own warper makes of an observed pixel, in the surface's unit
+// square (as Surface::toUnit documents it: unwrapped to the module's side).
+cv::Point2d unitByWarper(const Surface& surface, const ModuleModel& m, cv::Point2d observed) {
+  cv::Ptr<cv::detail::RotationWarper> warper;
+  switch (surface.projection()) {
+    case GeometryCalibration::Rig::Projection::plane:
+      warper = cv::makePtr<cv::detail::PlaneWarper>(float(surface.scale()));
+      break;
+    case GeometryCalibration::Rig::Projection::cylindrical:
+      warper = cv::makePtr<cv::detail::CylindricalWarper>(float(surface.scale()));
+      break;
+    default:
+      warper = cv::makePtr<cv::detail::SphericalWarper>(float(surface.scale()));
+  }
+  const auto at = [&](cv::Point2d p) {
+    const cv::Point2d ideal = m.undistort(p);
+    const cv::Point2f uv = warper->warpPoint(cv::Point2f(float(ideal.x), float(ideal.y)),
+                                             cv::Mat(cv::Matx33f(m.intrinsics())), cv::Mat(cv::Matx33f(m.rotation)));
+    return cv::Point2d(uv.x, uv.y);
+  };
+  cv::Point2d uv = at(observed);
+  if (surface.projection() != GeometryCalibration::Rig::Projection::plane) {
+    const double middle = at(m.centre()).x;
+    uv.x = middle + std::remainder(uv.x - middle, 2.0 * kPi * surface.scale());
+  }
+  const cv::Rect2d& box = surface.box();
+  return cv::Point2d((uv.x - box.x) / box.width, (uv.y - box.y) / box.height);
+}
+
+// The surface maps each module's points as OpenCV's warper does, to the
+// last bit, and back again, whichever module came before on the thread and
+// however the points of several modules are interleaved across threads.
+TEST(RigModel, SurfaceMapsModulesTakenInTurnAsTheWarperDoes) {
+  std::vector<ModuleModel> ring;
+  // Modules of one lens (the same intrinsics) but for the turn, and of others.
+  for (int k = 0; k < 6; ++k) ring.push_back(module(k * 60.0, 30 + 3 * k, k - 2.0, k < 4 ? 900 : 880, 0.03, 0.004 * k));
+  std::vector<ModuleModel> narrow = {module(-15, 0, 0, 1400, 0.02, 0.0), module(15, 1, 0, 1400, 0.03, 0.0)};
+  std::vector<ModuleModel> row = {module(-40, 5, 1, 900, 0.04, -0.005), module(0, 3, -1, 905, 0.05, 0.0)};
+  const std::vector<std::pair<std::vector<ModuleModel>*, std::string>> cases = {
+      {&ring, "spherical"}, {&narrow, "plane"}, {&row, "cylindrical"}};
+  for (const auto& [models, projection] : cases) {
+    const Surface surface = Surface::frame(*models, projection);
+    std::vector<cv::Point2d> points;
+    for (double x = 0; x <= 1279; x += 97.3)
+      for (double y = 0; y <= 959; y += 83.9) points.emplace_back(x, y);
+    // Point k of every module in turn: the module changes at every call.
+    const int count = int(points.size() * models->size());
+    std::vector<double> exact(std::size_t(count), 0.0), roundTrip(std::size_t(count), 0.0);
+    cv::parallel_for_(cv::Range(0, count), [&](const cv::Range& range) {
+      for (int n = range.start; n < range.end; ++n) {
+        const ModuleModel& m = (*models)[std::size_t(n) % models->size()];
+        const cv::Point2d p = points[std::size_t(n) / models->size()];
+        const cv::Point2d unit = surface.toUnit(m, p);
+        exact[std::size_t(n)] = cv::norm(unit - unitByWarper(surface, m, p));
+        cv::Point2d back;
+        roundTrip[std::size_t(n)] = surface.toPicture(m, unit, back) ? cv::norm(back - p) : 1e9;
+      }
+    }, 4);
+    EXPECT_EQ(*std::max_element(exact.begin(), exact.end()), 0.0) << projection;
+    EXPECT_LT(*std::max_element(roundTrip.begin(), roundTrip.end()), 0.01) << projection;
+  }
 }
 
 // Every picture point of every module drawn through the written matrix, grid
