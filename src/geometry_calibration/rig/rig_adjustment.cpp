@@ -248,12 +248,11 @@ bool solve(std::vector<ModuleModel>& models, const std::vector<Match>& matches, 
   ceres::Solver::Options options;
   // A few dozen parameters, but thousands of residuals each touching at
   // most a dozen of them: the normal equations are formed sparsely (on a
-  // ring of nine, dense QR of the whole Jacobian took 2.1 of 4.9 s of the
-  // adjustment, for the same rig to the printed digit). The
+  // ring of nine, the adjustment took 4.9 s with dense QR of the whole
+  // Jacobian and 2.8 s so, for the same rig to the printed digit). The
   // Levenberg-Marquardt damping keeps them positive definite where the
   // matches barely hold a module. Eigen's sparse Cholesky where Ceres was
-  // built with it (Debian's is; compiled into our code, so the sanitizers
-  // see it), else SuiteSparse's, else dense QR.
+  // built with it (Debian's is), else SuiteSparse's, else dense QR.
   if (ceres::IsSparseLinearAlgebraLibraryTypeAvailable(ceres::EIGEN_SPARSE)) {
     options.linear_solver_type = ceres::SPARSE_NORMAL_CHOLESKY;
     options.sparse_linear_algebra_library_type = ceres::EIGEN_SPARSE;
