@@ -94,9 +94,9 @@ struct RigSet {
   std::vector<cv::detail::ImageFeatures> features;
 };
 
-// SIFT features of neighbouring photographs, as the rig estimator finds them.
 bool smokeRun = false;  // a smoke run matches the smaller set only (CI time)
 
+// SIFT features of neighbouring photographs, as the rig estimator finds them.
 const std::vector<RigSet>& rigSets() {
   static const std::vector<RigSet> all = [] {
     const auto set = [](const std::string& label, const std::vector<int>& numbers) {

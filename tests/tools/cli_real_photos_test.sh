@@ -146,14 +146,14 @@ sys.exit(1 if problems else 0)
 EOF
 }
 
-# 6. Another five of the upper ring, mostly sky over near roofs: the seams
-#    the rotation model leaves apart there (parallax of up to 30 px in two
-#    overlaps) must be held, by the tool's word and the oracle's.
 if [ "${4:-}" == "--first-set-only" ]; then
   finish "real photographs (first set): init and calibrate without a target, seams confirmed independently"
   exit 0
 fi
 
+# 6. Another five of the upper ring, mostly sky over near roofs: the seams
+#    the rotation model leaves apart there (parallax of up to 30 px in two
+#    overlaps) must be held, by the tool's word and the oracle's.
 others=()
 for n in 79 80 81 82 83; do others+=("$photos/P10603$n.jpg"); done
 calibrate_and_confirm 79..83 "" 4 "${others[@]}"
