@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <limits>
 #include <set>
 #include <cmath>
@@ -442,9 +443,22 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   steps_.clear();
   listModules(options);
   // One meter for the run's seams: a module a step does not move is not drawn again.
-  auto meter = std::make_shared<SeamMeter>(drawingSize(withPictures(camera_, images_)));
-  seamsBefore_ = measureWith(*meter, withPictures(camera_, images_), listed_);
-  std::vector<SeamResidual> seams = seamsBefore_;  // as the last step left them
+  const CameraDescription::Orbivane drawnBefore = withPictures(camera_, images_);
+  auto meter = std::make_shared<SeamMeter>(drawingSize(drawnBefore));
+  // The seams as they were are measured while the first step works, unless
+  // that step measures with the meter itself (neighbour stitching): target
+  // matching, clipping and the shader search work on their own copies of
+  // the camera, and the two share the machine's cores better than either
+  // alone. They are awaited before the step's result is judged.
+  std::vector<SeamResidual> seams;  // as the last step left them
+  std::future<std::vector<SeamResidual>> measuringBefore =
+      std::async(std::launch::async, [&] { return measureWith(*meter, drawnBefore, listed_); });
+  const auto awaitSeamsBefore = [&] {
+    if (!measuringBefore.valid()) return;
+    seamsBefore_ = measuringBefore.get();
+    seams = seamsBefore_;
+  };
+  if (options.steps.empty() || options.steps.front() == "neighbour") awaitSeamsBefore();
 
   std::list<std::wstring> active = listed_;  // modules still in the running
   // One progress bar for the whole run: each step has a span of `span`
@@ -480,6 +494,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     if (stepName == "neighbour") neighbourStep(context, meter, step);
     if (stepName == "clip") clipStep(context, step);
     if (stepName == "shader") shaderStep(context, step);
+    awaitSeamsBefore();
     // The seams after a step that moves modules (clipping moves them all
     // alike, so their seams stay as they were).
     step.seams = seams;
@@ -512,6 +527,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     logger->info("Step {} took {:.2f} s", stepName, step.seconds);
     steps_.push_back(std::move(step));
   }
+  awaitSeamsBefore();  // a run interrupted before its first step
   return camera_;
 }
 
