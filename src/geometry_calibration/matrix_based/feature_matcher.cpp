@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
@@ -11,6 +12,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "geometry_calibration/matrix_based/hamming_matcher.h"
+#include "utils/parallel.h"
 
 namespace GeometryCalibration {
 namespace MatrixBased {
@@ -33,6 +35,15 @@ int tilesOver(int length, int tile) { return (length + tile - 1) / tile; }
 
 cv::Ptr<cv::ORB> orbDetector(int maxFeatures, int fastThreshold) {
   return cv::ORB::create(maxFeatures, 1.2f, 8, 15, 0, 2, cv::ORB::FAST_SCORE, 31, fastThreshold);
+}
+
+// `work(true)` for the module's picture and `work(false)` for the target's,
+// on two threads where the machine has them (each touches its own picture
+// only).
+void bothPictures(const std::function<void(bool)>& work) {
+  Utils::parallelRows(0, 2, [&work](int first, int last) {
+    for (int k = first; k < last; ++k) work(k == 0);
+  });
 }
 
 // At most FeatureMatcher::kMostPairs matches, spread over the module
@@ -184,8 +195,15 @@ bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targ
   const cv::Size size = box.size();
   auto cut = [&box](const cv::Mat& picture) { return picture.empty() ? picture : picture(box); };
   const cv::Size reduced(std::max(1, cvRound(size.width / factor)), std::max(1, cvRound(size.height / factor)));
-  const Prepared module = prepare(cut(moduleGrey), cut(moduleMask), reduced),
-                 target = prepare(cut(targetGrey), cut(targetMask), reduced);
+  // The two pictures are prepared, and their features found, side by side.
+  Prepared module, target;
+  bothPictures([&](bool ofModule) {
+    if (ofModule) {
+      module = prepare(cut(moduleGrey), cut(moduleMask), reduced);
+    } else {
+      target = prepare(cut(targetGrey), cut(targetMask), reduced);
+    }
+  });
   const cv::Matx33d toWork =
       cv::Matx33d(1, 0, box.x, 0, 1, box.y, 0, 0, 1) * paddedToWork(size, reduced);
 
@@ -221,31 +239,35 @@ bool FeatureMatcher::collectPairs(const cv::Mat& moduleGrey, const cv::Mat& targ
 
 bool FeatureMatcher::detectFeatures(const Prepared& module, const Prepared& target, int maxFeatures, Search search,
                                     Features& moduleFeatures, Features& targetFeatures) const {
+  // Each picture's features with a detector of its own, the two side by side.
+  auto each = [&](const std::function<void(const Prepared&, Features&)>& find) {
+    bothPictures([&](bool ofModule) { find(ofModule ? module : target, ofModule ? moduleFeatures : targetFeatures); });
+    return !context_.aborted();
+  };
   // The strongest `most` features of each picture.
-  auto strongest = [&](const cv::Ptr<cv::Feature2D>& detector, int most) {
-    for (auto [picture, features] :
-         {std::make_pair(&module, &moduleFeatures), std::make_pair(&target, &targetFeatures)}) {
-      detector->detect(picture->padded, features->keys, picture->detect);
-      cv::KeyPointsFilter::retainBest(features->keys, most);
-      detector->compute(picture->padded, features->keys, features->descriptors);
-      if (context_.aborted()) return false;
-    }
-    return true;
+  auto strongest = [&](const std::function<cv::Ptr<cv::Feature2D>()>& detector, int most) {
+    return each([&](const Prepared& picture, Features& features) {
+      const cv::Ptr<cv::Feature2D> found = detector();
+      found->detect(picture.padded, features.keys, picture.detect);
+      cv::KeyPointsFilter::retainBest(features.keys, most);
+      found->compute(picture.padded, features.keys, features.descriptors);
+    });
   };
   // Near the current placement only the strongest features are matched (the
   // direct refinement does the fine work); BRISK, which has no count of its
   // own, keeps as many as ORB may find (a noisy picture has far more).
-  if (search == Search::kNearPlacement) return strongest(orbDetector(maxFeatures, kFastThreshold), kPlacedFeatures);
-  if (search == Search::kBriskAnywhere) return strongest(cv::BRISK::create(30, 4, 0.4f), maxFeatures);
+  if (search == Search::kNearPlacement)
+    return strongest([&] { return orbDetector(maxFeatures, kFastThreshold); }, kPlacedFeatures);
+  if (search == Search::kBriskAnywhere) return strongest([] { return cv::BRISK::create(30, 4, 0.4f); }, maxFeatures);
   // Anywhere: every feature of both pictures. Pictures of little texture (a
   // module that shows mostly sky) give few at the usual threshold; then
   // both are searched again with a lower one.
   for (const int threshold : {kFastThreshold, kWeakFastThreshold}) {
-    const cv::Ptr<cv::ORB> orb = orbDetector(maxFeatures, threshold);
-    orb->detectAndCompute(module.padded, module.detect, moduleFeatures.keys, moduleFeatures.descriptors);
-    if (context_.aborted()) return false;
-    orb->detectAndCompute(target.padded, target.detect, targetFeatures.keys, targetFeatures.descriptors);
-    if (context_.aborted()) return false;
+    const bool finished = each([&](const Prepared& picture, Features& features) {
+      orbDetector(maxFeatures, threshold)->detectAndCompute(picture.padded, picture.detect, features.keys,
+                                                            features.descriptors);
+    });
+    if (!finished) return false;
     if (std::min(moduleFeatures.keys.size(), targetFeatures.keys.size()) >= kFewFeatures) break;
   }
   return true;
