@@ -18,7 +18,11 @@
 // best. A pair with fewer than kFewestSeamMatches matches is not measured:
 // in an overlap of sky or plain wall, where a few features match and one or
 // two of them are false (or on a cloud that moved between the pictures),
-// the median of fewer swings by pixels with each of those.
+// the median of fewer swings by pixels with each of those. A match whose
+// shift disagrees with those of the matches nearest it (by more than 3
+// picture pixels, or half their shift) is a feature matched to a look-alike
+// and is not counted either: a real misalignment changes smoothly over an
+// overlap, and its matches agree with their neighbours.
 //
 // A SeamMeter keeps each module's drawing while the module is drawn the same
 // way (same grid, shaders, gain and picture; a matrix moved by a translation
