@@ -7,6 +7,7 @@
 #include <limits>
 #include <set>
 #include <cmath>
+#include <cstdio>
 #include <stdexcept>
 
 #include <opencv2/imgproc.hpp>
@@ -40,6 +41,10 @@ using MatrixBased::ShaderBruteForcer;
 // (seams of modules the step failed aside).
 constexpr double kSeamWorseShare = 0.05;
 constexpr double kSeamSlackPx = 0.05;
+// A seam whose median is at most this (picture pixels) lines its two
+// modules up: the width below which a seam does not show, as the command
+// line judges a run.
+constexpr double kLinedUpSeamPx = 1.0;
 
 std::string narrow(const std::wstring& text) { return Utils::toUtf8(text); }
 
@@ -395,6 +400,41 @@ void undoIfWorse(StepContext& c, const CameraDescription::Orbivane& before, cons
   }
 }
 
+// After target matching: a module the target could not place, but whose
+// seams with modules the step did not fail are measured and all line up,
+// is shown in place by its neighbours; the target only could not confirm
+// it (a picture near the pole of an equirectangular target, a module the
+// target does not show). It keeps its matrix and stays in the later steps,
+// and its report says both. A decoy has no measured seam (its features
+// match no neighbour's), and a misplaced module no seam that lines up.
+void keepIfNeighboursConfirm(StepReport& step) {
+  std::set<std::wstring> failed;
+  for (const auto& [name, report] : step.modules)
+    if (report.status == ModuleStatus::failed) failed.insert(name);
+  for (const auto& name : failed) {
+    std::vector<std::string> partners;
+    double widest = 0.0;
+    bool linedUp = true;
+    for (const auto& seam : step.seams) {
+      if (!seam.measured || (seam.first != name && seam.second != name)) continue;
+      const std::wstring& other = seam.first == name ? seam.second : seam.first;
+      if (failed.count(other) != 0) continue;
+      partners.push_back(narrow(other));
+      widest = std::max(widest, seam.px);
+      linedUp = linedUp && seam.px <= kLinedUpSeamPx;
+    }
+    if (partners.empty() || !linedUp) continue;
+    ModuleReport& report = step.modules[name];
+    std::string with;
+    for (const auto& partner : partners) with += (with.empty() ? "" : ", ") + partner;
+    char widestText[32];
+    std::snprintf(widestText, sizeof widestText, "%.2f", widest);
+    report.status = ModuleStatus::kept;
+    report.reason = "the target could not place it (" + report.reason + "), its seams with " + with +
+                    " line up (" + widestText + " px at most); left where it was";
+  }
+}
+
 // After neighbour stitching: a module that no measured seam ties to another
 // (and that target matching did not place, `matched`) is nowhere shown to
 // line up, whatever the step left it as; it fails and drops out of the
@@ -508,6 +548,7 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       undoIfWorse(context, before, seams, step);
       seams = step.seams;
     }
+    if (stepName == "match") keepIfNeighboursConfirm(step);
     if (stepName == "match") {
       for (const auto& [name, report] : step.modules)
         if (report.status == ModuleStatus::aligned) matched.insert(name);
