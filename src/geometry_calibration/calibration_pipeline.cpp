@@ -405,33 +405,42 @@ void undoIfWorse(StepContext& c, const CameraDescription::Orbivane& before, cons
 // is shown in place by its neighbours; the target only could not confirm
 // it (a picture near the pole of an equirectangular target, a module the
 // target does not show). It keeps its matrix and stays in the later steps,
-// and its report says both. A decoy has no measured seam (its features
-// match no neighbour's), and a misplaced module no seam that lines up.
+// and its report says both. A module so kept confirms its own neighbours
+// in turn (a row of modules the target does not show, tied to one it
+// placed). A decoy has no measured seam (its features match no
+// neighbour's), and a misplaced module no seam that lines up.
 void keepIfNeighboursConfirm(StepReport& step) {
   std::set<std::wstring> failed;
   for (const auto& [name, report] : step.modules)
     if (report.status == ModuleStatus::failed) failed.insert(name);
-  for (const auto& name : failed) {
-    std::vector<std::string> partners;
-    double widest = 0.0;
-    bool linedUp = true;
-    for (const auto& seam : step.seams) {
-      if (!seam.measured || (seam.first != name && seam.second != name)) continue;
-      const std::wstring& other = seam.first == name ? seam.second : seam.first;
-      if (failed.count(other) != 0) continue;
-      partners.push_back(narrow(other));
-      widest = std::max(widest, seam.px);
-      linedUp = linedUp && seam.px <= kLinedUpSeamPx;
+  for (bool kept = true; kept;) {
+    kept = false;
+    for (auto it = failed.begin(); it != failed.end();) {
+      const std::wstring name = *it;
+      std::string with;
+      double widest = 0.0;
+      bool linedUp = true;
+      for (const auto& seam : step.seams) {
+        if (!seam.measured || (seam.first != name && seam.second != name)) continue;
+        const std::wstring& other = seam.first == name ? seam.second : seam.first;
+        if (failed.count(other) != 0) continue;
+        with += (with.empty() ? "" : ", ") + narrow(other);
+        widest = std::max(widest, seam.px);
+        linedUp = linedUp && seam.px <= kLinedUpSeamPx;
+      }
+      if (with.empty() || !linedUp) {
+        ++it;
+        continue;
+      }
+      ModuleReport& report = step.modules[name];
+      char widestText[32];
+      std::snprintf(widestText, sizeof widestText, "%.2f", widest);
+      report.status = ModuleStatus::kept;
+      report.reason = "the target could not place it (" + report.reason + "), its seams with " + with +
+                      " line up (" + widestText + " px at most); left where it was";
+      it = failed.erase(it);
+      kept = true;
     }
-    if (partners.empty() || !linedUp) continue;
-    ModuleReport& report = step.modules[name];
-    std::string with;
-    for (const auto& partner : partners) with += (with.empty() ? "" : ", ") + partner;
-    char widestText[32];
-    std::snprintf(widestText, sizeof widestText, "%.2f", widest);
-    report.status = ModuleStatus::kept;
-    report.reason = "the target could not place it (" + report.reason + "), its seams with " + with +
-                    " line up (" + widestText + " px at most); left where it was";
   }
 }
 

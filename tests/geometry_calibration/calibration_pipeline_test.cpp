@@ -415,23 +415,26 @@ TEST(CalibrationPipeline, AModuleNoSeamTiesInFailsAndTheClipLeavesItOut) {
 
 namespace {
 
-// The rig placed as it truly is, with the target blacked out where the
-// last module lands (the target does not show it), and that module moved
-// `offPx` panorama pixels to the right.
-PipelineRig rigWithoutTargetFor(float offPx, std::wstring& last) {
+// The rig placed as it truly is, with the target blacked out where its
+// first `hidden` modules land (the target does not show them), and the
+// first module moved `offPx` panorama pixels to the left.
+PipelineRig rigTheTargetHidesPartOf(int hidden, float offPx) {
   PipelineRig rig = makeRig(true);
-  last = rig.scene.names.back();
+  const std::wstring first = rig.scene.names.front();
   auto placed = rig.scene.truth;
-  placed[last] = Utils::Matrix4x4::translation(offPx / float(rig.scene.panorama.width), 0.0f) * placed[last];
+  placed[first] = Utils::Matrix4x4::translation(-offPx / float(rig.scene.panorama.width), 0.0f) * placed[first];
   rig.camera = Synthetic::withMatrices(rig.camera, placed);
-  const cv::Matx33d planar = OrbivaneGeometry::planarHomography(rig.scene.truth.at(last));
-  std::vector<cv::Point2d> corners = {{0, 0}, {1, 0}, {1, 1}, {0, 1}}, landed;
-  cv::perspectiveTransform(corners, landed, planar);
-  std::vector<cv::Point> outline;
-  for (const auto& p : landed)
-    outline.emplace_back(int(std::lround(p.x * rig.scene.panorama.width)), int(std::lround(p.y * rig.scene.panorama.height)));
   cv::Mat target = rig.scene.picture.clone();
-  cv::fillConvexPoly(target, outline, cv::Scalar::all(0));
+  for (int k = 0; k < hidden; ++k) {
+    const cv::Matx33d planar = OrbivaneGeometry::planarHomography(rig.scene.truth.at(rig.scene.names[std::size_t(k)]));
+    std::vector<cv::Point2d> corners = {{0, 0}, {1, 0}, {1, 1}, {0, 1}}, landed;
+    cv::perspectiveTransform(corners, landed, planar);
+    std::vector<cv::Point> outline;
+    for (const auto& p : landed)
+      outline.emplace_back(int(std::lround(p.x * rig.scene.panorama.width)),
+                           int(std::lround(p.y * rig.scene.panorama.height)));
+    cv::fillConvexPoly(target, outline, cv::Scalar::all(0));
+  }
   const auto picture = Image::fromMat(target);
   rig.camera.findModule(L"Target")->setImage(picture);
   rig.images[L"Target"] = picture;
@@ -442,46 +445,52 @@ PipelineRig rigWithoutTargetFor(float offPx, std::wstring& last) {
 
 // A module the target does not show cannot be matched to it; where its
 // neighbour shows it in place (their seam lines up) it is left where it is
-// and stays in the later steps, so the clip keeps its pictures. Moved 6 px
-// off, its seam says so, and it fails as before.
+// and stays in the later steps, so the clip keeps its pictures. Two such
+// modules in a row: the one beside a placed module confirms the other
+// (which is looked at first).
+// Moved 6 px off, the module's seam says so, and it fails as before.
 TEST(CalibrationPipeline, AModuleTheTargetCannotPlaceIsKeptWhereItsNeighboursShowItInPlace) {
-  for (const float offPx : {0.0f, 6.0f}) {
-    SCOPED_TRACE(offPx);
-    std::wstring last;
-    const PipelineRig rig = rigWithoutTargetFor(offPx, last);
+  struct Case {
+    int hidden;
+    float offPx;
+  };
+  for (const Case c : {Case{1, 0.0f}, Case{2, 0.0f}, Case{1, 6.0f}}) {
+    SCOPED_TRACE(testing::Message() << c.hidden << " hidden, " << c.offPx << " px off");
+    const PipelineRig rig = rigTheTargetHidesPartOf(c.hidden, c.offPx);
+    const auto& names = rig.scene.names;
     GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
     GeometryCalibration::PipelineOptions options;
     options.target = L"Target";
     options.steps = {"match", "clip"};
     pipeline.run(options);
     ASSERT_EQ(pipeline.steps().size(), 2u);
-    const auto& matched = pipeline.steps()[0].modules.at(last);
-    const auto verdict = pipeline.verdicts().at(last);
-    if (offPx == 0.0f) {
-      EXPECT_EQ(matched.status, ModuleStatus::kept) << matched.reason;
-      EXPECT_EQ(matched.reason.rfind("the target could not place it (", 0), 0u) << matched.reason;
-      EXPECT_NE(matched.reason.find("its seams with " + Utils::toUtf8(rig.scene.names.end()[-2]) + " line up"),
-                std::string::npos)
-          << matched.reason;
-      EXPECT_EQ(verdict.status, ModuleStatus::aligned) << verdict.reason;
-      EXPECT_EQ(pipeline.steps()[1].modules.at(last).status, ModuleStatus::aligned);
-      // Where it was, and the clip reaches into its part of the panorama:
-      // past the middle of its neighbour, which alone would end there.
-      EXPECT_EQ(pipeline.steps()[0].camera.findModule(last)->matrixGeometry()->matrix(), rig.scene.truth.at(last));
-      const cv::Matx33d crop = OrbivaneGeometry::planarHomography(pipeline.steps()[1].clippingCrop);
-      const cv::Matx33d before = OrbivaneGeometry::planarHomography(rig.scene.truth.at(rig.scene.names.end()[-2]));
-      std::vector<cv::Point2d> middle = {{0.5, 0.5}}, landed;
-      cv::perspectiveTransform(middle, landed, crop * before);
-      EXPECT_LT(landed[0].x, 0.8) << "the clip ends near the neighbour's middle";
-    } else {
-      EXPECT_EQ(matched.status, ModuleStatus::failed) << matched.reason;
-      EXPECT_EQ(verdict.status, ModuleStatus::failed) << verdict.reason;
-      EXPECT_EQ(pipeline.steps()[1].modules.at(last).status, ModuleStatus::skipped);
-    }
-    for (const auto& name : rig.scene.names) {
-      if (name != last) {
-        EXPECT_EQ(pipeline.verdicts().at(name).status, ModuleStatus::aligned) << Utils::toUtf8(name);
+    const auto verdicts = pipeline.verdicts();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      const std::wstring& name = names[i];
+      const auto& matched = pipeline.steps()[0].modules.at(name);
+      if (i >= std::size_t(c.hidden)) {
+        EXPECT_EQ(verdicts.at(name).status, ModuleStatus::aligned) << Utils::toUtf8(name);
+      } else if (c.offPx == 0.0f) {
+        EXPECT_EQ(matched.status, ModuleStatus::kept) << Utils::toUtf8(name) << ": " << matched.reason;
+        EXPECT_EQ(matched.reason.rfind("the target could not place it (", 0), 0u) << matched.reason;
+        EXPECT_NE(matched.reason.find("its seams with " + Utils::toUtf8(names[i + 1])), std::string::npos)
+            << matched.reason;
+        EXPECT_EQ(verdicts.at(name).status, ModuleStatus::aligned) << verdicts.at(name).reason;
+        EXPECT_EQ(pipeline.steps()[1].modules.at(name).status, ModuleStatus::aligned);
+        EXPECT_EQ(pipeline.steps()[0].camera.findModule(name)->matrixGeometry()->matrix(), rig.scene.truth.at(name));
+      } else {
+        EXPECT_EQ(matched.status, ModuleStatus::failed) << matched.reason;
+        EXPECT_EQ(verdicts.at(name).status, ModuleStatus::failed) << verdicts.at(name).reason;
+        EXPECT_EQ(pipeline.steps()[1].modules.at(name).status, ModuleStatus::skipped);
       }
     }
+    // The clip reaches into the first module's part of the panorama (past
+    // the middle of the second, where it would begin without it) exactly
+    // when the first module was kept.
+    const cv::Matx33d crop = OrbivaneGeometry::planarHomography(pipeline.steps()[1].clippingCrop);
+    const cv::Matx33d second = OrbivaneGeometry::planarHomography(rig.scene.truth.at(names[1]));
+    std::vector<cv::Point2d> middle = {{0.5, 0.5}}, landed;
+    cv::perspectiveTransform(middle, landed, crop * second);
+    EXPECT_EQ(landed[0].x > 0.2, c.offPx == 0.0f) << "the second module's middle at " << landed[0].x;
   }
 }
