@@ -13,20 +13,20 @@ Progress::Progress(std::string title) : title_(std::move(title)), terminal_(::is
 
 Progress::~Progress() { finish(false); }
 
-// "about 40 s left", at the pace of the steps since the first report (what
-// a command does before its first step, such as reading pictures or a first
-// measurement, is no step's time); empty before there is enough to go by
-// (two seconds since the start and a step since the first report) or at the
-// end.
+// "about 40 s left", at the pace of the steps since the first report past
+// step 0 (what a command does before its first step, such as reading
+// pictures or a first measurement that a report at step 0 names, is no
+// step's time); empty before there is enough to go by (two seconds since
+// the start and a step since that report) or at the end.
 std::string Progress::timeLeft(int step, int total) {
   const auto now = std::chrono::steady_clock::now();
-  if (firstStep_ < 0) {
+  if (firstStep_ < 0 && step > 0) {
     firstStep_ = step;
     firstAt_ = now;
   }
   const double elapsed = std::chrono::duration<double>(now - started_).count();
   const double sinceFirst = std::chrono::duration<double>(now - firstAt_).count();
-  if (step <= firstStep_ || total <= 0 || step >= total || elapsed < 2.0) return std::string();
+  if (firstStep_ < 0 || step <= firstStep_ || total <= 0 || step >= total || elapsed < 2.0) return std::string();
   const double left = sinceFirst * double(total - step) / double(step - firstStep_);
   char text[48];
   if (left < 120.0) {

@@ -41,7 +41,7 @@ class Progress {
   std::string lastText_;
   int lastStep_ = 0, lastTotal_ = 0;
   int lastTenth_ = -1;  // plain lines: the last tenth of the way reported
-  int firstStep_ = -1;  // the first report's step and time: the pace is taken from there
+  int firstStep_ = -1;  // the first report's past step 0, and its time: the pace is taken from there
   std::chrono::steady_clock::time_point firstAt_;
 };
 

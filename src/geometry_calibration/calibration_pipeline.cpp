@@ -507,7 +507,6 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
     seamsBefore_ = measuringBefore.get();
     seams = seamsBefore_;
   };
-  if (options.steps.empty() || options.steps.front() == "neighbour") awaitSeamsBefore();
 
   std::list<std::wstring> active = listed_;  // modules still in the running
   // One progress bar for the whole run: each step has a span of `span`
@@ -527,6 +526,12 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
   const std::map<std::string, std::string> stepTexts = {
       {"match", "target matching"}, {"neighbour", "neighbour stitching"}, {"clip", "clipping"}, {"shader", "shader search"}};
   StepContext context{camera_, images_, options, active, forward, abort_, logger};
+  if (options.steps.empty() || options.steps.front() == "neighbour") {
+    // Drawing every module and finding its features takes a while: said
+    // before it is waited for.
+    if (callback_) callback_(0, total, "Measuring Seams", AdvStepInfo());
+    awaitSeamsBefore();
+  }
   std::set<std::wstring> matched;  // modules target matching placed
 
   for (const auto& stepName : options.steps) {
@@ -552,9 +557,14 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       // matching rescales modules, and then redraws them all anyway), so
       // that neighbour stitching, which draws at that size, finds them drawn.
       const cv::Size size = drawingSize(withPictures(camera_, images_));
+      // The drawings as the camera was before the step, kept for an undo
+      // (the meter keeps one drawing a module: the step's would replace them).
+      const auto meterBefore = std::make_shared<SeamMeter>(meter->panorama(), *meter);
       if (size != meter->panorama()) meter = std::make_shared<SeamMeter>(size, *meter);
+      if (callback_ && !abort_.load()) callback_(offset + span, total, stepTexts.at(stepName) + ": Measuring Seams", AdvStepInfo());
       step.seams = measureWith(*meter, withPictures(camera_, images_), listed_);
       undoIfWorse(context, before, seams, step);
+      if (!step.undone.empty()) meter = meterBefore;
       seams = step.seams;
     }
     if (stepName == "match") keepIfNeighboursConfirm(step);

@@ -494,3 +494,50 @@ TEST(CalibrationPipeline, AModuleTheTargetCannotPlaceIsKeptWhereItsNeighboursSho
     EXPECT_EQ(landed[0].x > 0.2, c.offPx == 0.0f) << "the second module's middle at " << landed[0].x;
   }
 }
+
+// A target that disagrees with the scene (its right part 8 px lower than
+// the rest) pulls the modules it shows there away from their neighbours:
+// target matching leaves the seams worse, and the step is undone. The
+// camera is put back bit for bit, every module the step placed is kept
+// with the reason, the step's seams are those before it, and the next step
+// goes on from there.
+TEST(CalibrationPipeline, AStepThatLeavesTheSeamsWorseIsUndone) {
+  PipelineRig rig = makeRig(true);
+  rig.camera = Synthetic::withMatrices(rig.camera, rig.scene.truth);
+  const cv::Mat& scene = rig.scene.picture;
+  cv::Mat target = scene.clone();
+  const int from = scene.cols / 2;
+  scene(cv::Rect(from, 0, scene.cols - from, scene.rows - 8)).copyTo(target(cv::Rect(from, 8, scene.cols - from, scene.rows - 8)));
+  const auto picture = Image::fromMat(target);
+  rig.camera.findModule(L"Target")->setImage(picture);
+  rig.images[L"Target"] = picture;
+
+  GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.steps = {"match", "clip"};
+  pipeline.run(options);
+  ASSERT_EQ(pipeline.steps().size(), 2u);
+  const auto& matched = pipeline.steps()[0];
+  EXPECT_NE(matched.undone.find("the step left the seams worse"), std::string::npos) << matched.undone;
+  int putBack = 0;
+  for (const auto& name : rig.scene.names) {
+    EXPECT_EQ(matched.camera.findModule(name)->matrixGeometry()->matrix(), rig.scene.truth.at(name))
+        << Utils::toUtf8(name);
+    // Left where they were by the matcher itself ("kept in place"), or
+    // placed by it and put back with the undo.
+    const auto& report = matched.modules.at(name);
+    EXPECT_EQ(report.status, ModuleStatus::kept) << Utils::toUtf8(name) << ": " << report.reason;
+    putBack += report.reason == matched.undone ? 1 : 0;
+    EXPECT_EQ(pipeline.verdicts().at(name).status, ModuleStatus::aligned) << Utils::toUtf8(name);
+    EXPECT_EQ(pipeline.steps()[1].modules.at(name).status, ModuleStatus::aligned) << Utils::toUtf8(name);
+  }
+  EXPECT_GE(putBack, 2) << "the modules the lowered part of the target shows";
+  const auto& before = pipeline.seamsBefore();
+  ASSERT_EQ(matched.seams.size(), before.size());
+  for (std::size_t k = 0; k < before.size(); ++k) {
+    EXPECT_TRUE(matched.seams[k].first == before[k].first && matched.seams[k].second == before[k].second);
+    EXPECT_EQ(matched.seams[k].px, before[k].px);
+    EXPECT_LT(before[k].px, 0.3) << "the rig placed true";
+  }
+}
