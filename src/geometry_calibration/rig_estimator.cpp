@@ -841,11 +841,31 @@ Utils::ReturnState<bool, std::string> RigEstimator::Impl::matchPictures(RigRun& 
   return true;
 }
 
+namespace {
+
+// Pictures of several sizes are linked as one lens's pictures of one size
+// (one focal length in pixels): where they do not link, that is said.
+std::string sizesNote(const std::vector<cv::Mat>& pictures) {
+  std::vector<std::string> sizes;
+  for (const cv::Mat& p : pictures) {
+    const std::string size = std::to_string(p.cols) + "x" + std::to_string(p.rows);
+    if (std::find(sizes.begin(), sizes.end(), size) == sizes.end()) sizes.push_back(size);
+  }
+  if (sizes.size() < 2) return std::string();
+  std::string listed;
+  for (std::size_t k = 0; k < sizes.size(); ++k) listed += (k == 0 ? "" : k + 1 == sizes.size() ? " and " : ", ") + sizes[k];
+  return "; the pictures differ in size (" + listed +
+         "), and are linked as pictures of one size through one kind of lens (pictures scaled to other sizes: scale them back)";
+}
+
+}  // namespace
+
 Utils::ReturnState<bool, std::string> RigEstimator::Impl::adjustRig(RigRun& run) {
   std::set<std::pair<int, int>> guidedTried;
   for (int round = 0;; ++round) {
     if (!run.firstGuess()) {
-      return Utils::failure("no two pictures overlap enough to be linked (too few matching features in every pair)");
+      return Utils::failure("no two pictures overlap enough to be linked (too few matching features in every pair)" +
+                            sizesNote(run.pictures));
     }
     const Rig::AdjustmentSummary adjusted = run.adjust();
     if (!adjusted.converged) logger->warn("The rig's adjustment did not converge: {}", adjusted.message);

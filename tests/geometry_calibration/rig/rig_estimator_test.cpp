@@ -239,6 +239,21 @@ TEST(RigEstimator, PictureOfSomethingElseIsLeftUnplacedWithItsReason) {
   EXPECT_LT(Synthetic::truthSeams(rig, result.camera).medianPx, 0.15);
 }
 
+// Two neighbours, one picture scaled to half its size: linked as one lens's
+// pictures of one size they do not turn into each other, and the error
+// says that the sizes differ.
+TEST(RigEstimator, PicturesOfTwoSizesThatDoNotLinkAreSaidToDifferInSize) {
+  Synthetic::SphereRigOptions options = smallRing(0.0, 2);
+  options.modules = 2;
+  Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), options);
+  cv::resize(rig.pictures[1], rig.pictures[1], cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+  RigEstimator estimator(cameraOf(rig), {});
+  const auto result = estimator.estimate();
+  ASSERT_FALSE(result);
+  EXPECT_NE(result.error().find("the pictures differ in size (640x480 and 320x240)"), std::string::npos)
+      << result.error();
+}
+
 TEST(RigEstimator, PipelineAfterTheRigKeepsItsSeamsAndClipsWithoutHoles) {
   const Synthetic::SphereRig rig = Synthetic::makeSphereRig(world(), smallRing(0.0, 5));
   const Estimated init = estimate(cameraOf(rig));
