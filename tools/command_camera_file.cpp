@@ -377,6 +377,18 @@ json reportModules(CameraDescription::Orbivane& camera, const GeometryCalibratio
   return modules;
 }
 
+// Whether two placed modules look the same way through the same lens
+// (within a tenth of a degree and 0.5 % of focal length): one picture
+// given twice, or two taken without turning.
+bool lookTheSameWay(const GeometryCalibration::RigReport& r, const std::wstring& first, const std::wstring& second) {
+  const auto a = r.modules.find(first), b = r.modules.find(second);
+  if (a == r.modules.end() || b == r.modules.end() || !a->second.placed || !b->second.placed) return false;
+  const auto near = [](double x, double y) { return std::fabs(std::remainder(x - y, 360.0)) < 0.1; };
+  return near(a->second.yaw, b->second.yaw) && near(a->second.pitch, b->second.pitch) &&
+         near(a->second.roll, b->second.roll) &&
+         std::fabs(a->second.focalPx - b->second.focalPx) <= 0.005 * std::max(a->second.focalPx, b->second.focalPx);
+}
+
 // Prints each linked pair and returns their records.
 json reportPairs(const CameraDescription::Orbivane& camera, const GeometryCalibration::RigReport& r) {
   json pairs = json::array();
@@ -391,11 +403,14 @@ json reportPairs(const CameraDescription::Orbivane& camera, const GeometryCalibr
     // between them, and calibrate cannot measure one.
     const bool acrossBorder = !drawingsMeet(camera, p.first, p.second);
     if (acrossBorder) std::cout << "; they meet across the panorama's left and right border, where no seam is drawn";
+    const bool sameView = lookTheSameWay(r, p.first, p.second);
+    if (sameView) std::cout << "; the two look the same way, so one adds nothing (the same picture twice?)";
     std::cout << "\n";
     json pair = {{"first", Utils::toUtf8(p.first)}, {"second", Utils::toUtf8(p.second)}, {"matches", p.matches},
                  {"confidence", p.confidence}, {"medianPx", p.medianPx}, {"p90Px", p.p90Px}};
     pair["exposureEv"] = std::isfinite(p.exposureEv) ? json(p.exposureEv) : json(nullptr);
     pair["acrossBorder"] = acrossBorder;
+    pair["sameView"] = sameView;
     pairs.push_back(pair);
   }
   return pairs;

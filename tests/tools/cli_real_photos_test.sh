@@ -176,6 +176,15 @@ for n in 82 83 84 85 86; do
     fail "P10603$n not aligned with the target: $(grep "^P10603$n:" "$work/target-cal.txt")"
 done
 
+# 5c. One photograph given twice: the pair of it and its copy is said to
+#     look the same way, and no other pair is.
+"$tool" camera init "$photos/P1060382.jpg" "$photos/P1060383.jpg" "$photos/P1060382.jpg" --out "$work/twice.json" \
+  --json >"$work/twice.txt" 2>"$work/twice.err"
+expect_eq "$?" "0" "camera init with a photograph given twice"
+same=$(tail -n 1 "$work/twice.txt" | /usr/bin/python3 -c \
+  "import json,sys; print(' '.join(p['first'] + '/' + p['second'] for p in json.load(sys.stdin)['rig']['pairs'] if p['sameView']))")
+expect_eq "$same" "P1060382/P1060382-2" "pairs said to look the same way"
+
 # 6. Another five of the upper ring, mostly sky over near roofs: the seams
 #    the rotation model leaves apart there (parallax of up to 30 px in two
 #    overlaps) must be held, by the tool's word and the oracle's.
