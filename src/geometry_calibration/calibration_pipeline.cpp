@@ -567,8 +567,8 @@ CameraDescription::Orbivane CalibrationPipeline::run(const PipelineOptions& opti
       if (!step.undone.empty()) meter = meterBefore;
       seams = step.seams;
     }
-    if (stepName == "match") keepIfNeighboursConfirm(step);
     if (stepName == "match") {
+      keepIfNeighboursConfirm(step);
       for (const auto& [name, report] : step.modules)
         if (report.status == ModuleStatus::aligned) matched.insert(name);
     }

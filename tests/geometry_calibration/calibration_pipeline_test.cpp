@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include <limits>
+#include <memory>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -415,6 +416,23 @@ TEST(CalibrationPipeline, AModuleNoSeamTiesInFailsAndTheClipLeavesItOut) {
 
 namespace {
 
+// The rig's target module shows `picture` instead of the scene.
+void showOnTarget(PipelineRig& rig, const cv::Mat& picture) {
+  const auto image = Image::fromMat(picture);
+  rig.camera.findModule(L"Target")->setImage(image);
+  rig.images[L"Target"] = image;
+}
+
+// Target matching, then the clip, on the rig's modules.
+std::unique_ptr<GeometryCalibration::CalibrationPipeline> matchThenClip(const PipelineRig& rig) {
+  auto pipeline = std::make_unique<GeometryCalibration::CalibrationPipeline>(rig.camera, rig.images);
+  GeometryCalibration::PipelineOptions options;
+  options.target = L"Target";
+  options.steps = {"match", "clip"};
+  pipeline->run(options);
+  return pipeline;
+}
+
 // The rig placed as it truly is, with the target blacked out where its
 // first `hidden` modules land (the target does not show them), and the
 // first module moved `offPx` panorama pixels to the left.
@@ -435,9 +453,7 @@ PipelineRig rigTheTargetHidesPartOf(int hidden, float offPx) {
                            int(std::lround(p.y * rig.scene.panorama.height)));
     cv::fillConvexPoly(target, outline, cv::Scalar::all(0));
   }
-  const auto picture = Image::fromMat(target);
-  rig.camera.findModule(L"Target")->setImage(picture);
-  rig.images[L"Target"] = picture;
+  showOnTarget(rig, target);
   return rig;
 }
 
@@ -458,11 +474,8 @@ TEST(CalibrationPipeline, AModuleTheTargetCannotPlaceIsKeptWhereItsNeighboursSho
     SCOPED_TRACE(testing::Message() << c.hidden << " hidden, " << c.offPx << " px off");
     const PipelineRig rig = rigTheTargetHidesPartOf(c.hidden, c.offPx);
     const auto& names = rig.scene.names;
-    GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
-    GeometryCalibration::PipelineOptions options;
-    options.target = L"Target";
-    options.steps = {"match", "clip"};
-    pipeline.run(options);
+    const auto run = matchThenClip(rig);
+    const GeometryCalibration::CalibrationPipeline& pipeline = *run;
     ASSERT_EQ(pipeline.steps().size(), 2u);
     const auto verdicts = pipeline.verdicts();
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -508,15 +521,10 @@ TEST(CalibrationPipeline, AStepThatLeavesTheSeamsWorseIsUndone) {
   cv::Mat target = scene.clone();
   const int from = scene.cols / 2;
   scene(cv::Rect(from, 0, scene.cols - from, scene.rows - 8)).copyTo(target(cv::Rect(from, 8, scene.cols - from, scene.rows - 8)));
-  const auto picture = Image::fromMat(target);
-  rig.camera.findModule(L"Target")->setImage(picture);
-  rig.images[L"Target"] = picture;
+  showOnTarget(rig, target);
 
-  GeometryCalibration::CalibrationPipeline pipeline(rig.camera, rig.images);
-  GeometryCalibration::PipelineOptions options;
-  options.target = L"Target";
-  options.steps = {"match", "clip"};
-  pipeline.run(options);
+  const auto run = matchThenClip(rig);
+  const GeometryCalibration::CalibrationPipeline& pipeline = *run;
   ASSERT_EQ(pipeline.steps().size(), 2u);
   const auto& matched = pipeline.steps()[0];
   EXPECT_NE(matched.undone.find("the step left the seams worse"), std::string::npos) << matched.undone;
